@@ -1,0 +1,99 @@
+#include "cli/verbs.h"
+
+#include "cli/copy.h"
+#include "cli/text.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include <CLI/App.hpp>
+
+namespace cli {
+namespace {
+
+void AddCopyVerb(CLI::App& app, CONTEXT& context, const char* lpszName, const char* lpszSummary,
+                 const char* lpszPathHelp, const char* lpszHelp,
+                 void (*lpRun)(CONTEXT&, std::vector<std::string>)) {
+    CLI::App* const pVerb = app.add_subcommand(lpszName, lpszSummary);
+    AddOutputOptions(*pVerb, context);
+    pVerb->footer(lpszHelp);
+    const auto pPaths = std::make_shared<std::vector<std::string>>();
+    // Source and destination are one list, for a list takes every word that is left.
+    pVerb->add_option("SRC", *pPaths, lpszPathHelp)
+        ->required()
+        ->expected(2, CLI::detail::expected_max_vector_size)
+        ->option_text("... DEST");
+    pVerb->callback([&context, pPaths, lpRun] { lpRun(context, *pPaths); });
+}
+
+} // namespace
+
+void AddCopyVerbs(CLI::App& app, CONTEXT& context) {
+    AddCopyVerb(
+        app, context, "push", "Copy files and folders to the device",
+        "files and folders of this computer, then a folder of the device",
+        "A folder is copied with all that is in it; FOLDER/. stands for what is in it. Folders\n"
+        "are made on the device as files need them; empty ones are not copied. What a copy cannot\n"
+        "carry is named, and the rest is copied: links inside folders, special files, names that\n"
+        "are not UTF-8 or contain a backslash, files of 4 GiB and more, paths of 260 bytes and\n"
+        "more. Sources from several folders are copied folder by folder.\n\n"
+        "Examples:\n"
+        "  dak push notes.txt /Docs           gives \\Docs\\notes.txt\n"
+        "  dak push photos notes.txt /        gives \\photos\\... and \\notes.txt\n"
+        "  dak push photos/. /Pictures        gives \\Pictures\\... without a folder \"photos\"\n"
+        "  dak push --json *.txt /Docs        tells a program what became of it\n",
+        RunPush);
+    AddCopyVerb(
+        app, context, "pull", "Copy files and folders from the device",
+        "files and folders of the device, then a folder of this computer",
+        "A folder is copied with all files in it. DEST is made if it is missing. A file that is\n"
+        "already there is replaced when the new one is whole. What the device does not have is\n"
+        "named, and the rest is copied.\n\n"
+        "Examples:\n"
+        "  dak pull /Docs/notes.txt .         gives ./notes.txt\n"
+        "  dak pull /Docs /Pictures backup    gives backup/Docs/... and backup/Pictures/...\n"
+        "  dak pull '\\Docs\\notes.txt' .       backslashes work too, in quotes\n",
+        RunPull);
+}
+
+void EndSession(CONTEXT& context, std::unique_ptr<COPYSESSION> session, const JOBOUTCOME& outcome) {
+    if (outcome.bAbandoned) {
+        context.bAbandoned = true;
+        // The worker still reads it.
+        static_cast<void>(session.release());
+    }
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+    const std::chrono::duration<double> span = std::chrono::steady_clock::now() - start;
+    return std::round(span.count() * 10) / 10;
+}
+
+std::string FormatAmount(std::size_t nFiles, std::uint64_t qwBytes, double dSeconds) {
+    std::array<char, 32> szSeconds{};
+    std::snprintf(szSeconds.data(), szSeconds.size(), "%.1f s", dSeconds);
+    std::string strAmount =
+        Count(nFiles, "file") + " (" + FormatBytes(qwBytes) + ") in " + szSeconds.data();
+    if (qwBytes > 0 && dSeconds > 0) {
+        const double dRate = static_cast<double>(qwBytes) / dSeconds;
+        strAmount += " (" + FormatBytes(static_cast<std::uint64_t>(dRate)) + "/s)";
+    }
+    return strAmount;
+}
+
+std::string FormatSome(const std::vector<std::string>& names) {
+    constexpr std::size_t nMost = 5;
+    std::string strText;
+    for (std::size_t i = 0; i < names.size() && i < nMost; ++i) {
+        strText += (i == 0 ? "" : ", ") + names[i];
+    }
+    return names.size() > nMost ? strText + " and " + std::to_string(names.size() - nMost) + " more"
+                                : strText;
+}
+
+void SayCancelling(const CONTEXT& context) {
+    Complain(context, "cancelling; press Ctrl-C again to end at once");
+}
+
+} // namespace cli

@@ -1,0 +1,92 @@
+#include "cli/job.h"
+
+#include "cli/console.h"
+#include "cli/text.h"
+
+#include "platform/message_window.h"
+
+#include <array>
+#include <stdexcept>
+
+namespace cli {
+namespace {
+
+constexpr DWORD POLL_MS = 100;
+
+// How long a job that has been cut short may take to end in order. Its worker may be waiting for a
+// device that hangs, and would go on waiting.
+constexpr DWORD CANCEL_WAIT_MS = 10000;
+
+// The end-of-job message, from its queue.
+class CEndMessage {
+  public:
+    CEndMessage() : m_hWnd(platform::CreateMessageWindow()) {}
+    ~CEndMessage() {
+        if (m_hWnd != nullptr) {
+            platform::DestroyMessageWindow(m_hWnd);
+        }
+    }
+    CEndMessage(const CEndMessage&) = delete;
+    CEndMessage& operator=(const CEndMessage&) = delete;
+
+    HWND Window() const { return m_hWnd; }
+
+    bool Wait(DWORD dwTimeoutMs) const {
+        platform::WINDOWMESSAGE message = {};
+        return platform::WaitWindowMessage(m_hWnd, dwTimeoutMs, &message) &&
+               message.message == WM_DAK_TRANSFER_END;
+    }
+
+  private:
+    HWND m_hWnd;
+};
+
+COPYSTATUS Look(CDAKVorn& dak, const COPYSTATUS& before) {
+    std::array<char, MAX_PATH> szSource{};
+    std::array<char, MAX_PATH> szDest{};
+    DWORD dwTotal = 0;
+    DWORD dwCopied = 0;
+    int nPercent = 0;
+    dak.GetCopyStatus(szSource.data(), szDest.data(), dwTotal, dwCopied, nPercent);
+    if (szSource[0] == '\0') {
+        return before;
+    }
+    COPYSTATUS now{szSource.data(), szDest.data(), dwTotal, dwCopied, false};
+    now.bSettled = now.strSource == before.strSource && now.strDest == before.strDest;
+    return now;
+}
+
+} // namespace
+
+JOBOUTCOME RunCopyJob(CDAKVorn& dak, COPYJOB& job,
+                      const std::function<void(const COPYSTATUS&)>& onStatus,
+                      const std::function<void()>& onCancel) {
+    JOBOUTCOME outcome;
+    const CEndMessage end;
+    if (end.Window() == nullptr) {
+        throw std::runtime_error("the system has no room for a message queue: end some programs");
+    }
+    outcome.dwState =
+        dak.DAKTransmitFiles(job.nDirection, Utf8ToWide(job.strSource)->c_str(),
+                             Utf8ToWide(job.strDest)->c_str(), &job.list, end.Window());
+    if (outcome.dwState != DAKERROR_NONE) {
+        return outcome;
+    }
+    outcome.bStarted = true;
+    bool bEnded = false;
+    while (!bEnded && !console::CInterrupts::Requested()) {
+        outcome.last = Look(dak, outcome.last);
+        onStatus(outcome.last);
+        bEnded = end.Wait(POLL_MS);
+    }
+    if (!bEnded) {
+        outcome.bCancelled = true;
+        onCancel();
+        dak.TerminateTransfer();
+        outcome.bAbandoned = !end.Wait(CANCEL_WAIT_MS);
+    }
+    outcome.dwState = dak.GetLastError();
+    return outcome;
+}
+
+} // namespace cli

@@ -1,0 +1,84 @@
+#include "cli/text.h"
+#include "cli/verbs.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+
+namespace {
+
+// The line of use, with the positionals of a verb in their order.
+class CHelpFormatter : public CLI::Formatter {
+  public:
+    std::string make_usage(const CLI::App* pApp, std::string strName) const override {
+        std::string strUsage = "\nUsage: " + strName;
+        if (!pApp->get_subcommands([](const CLI::App*) { return true; }).empty()) {
+            return strUsage + " VERB ...\n";
+        }
+        strUsage += " [OPTIONS]";
+        for (const CLI::Option* pOption :
+             pApp->get_options([](const CLI::Option* p) { return p->get_positional(); })) {
+            const std::string strText = pOption->get_option_text();
+            strUsage += " " + pOption->get_name(true) + (strText == " " ? "" : strText);
+        }
+        return strUsage + "\n";
+    }
+};
+
+int ParseAndRun(int argc, char** argv, cli::CONTEXT& context) {
+    CLI::App app{"dak works on a handheld device attached by USB: it copies files to the device\n"
+                 "and back, and works on the files there.",
+                 "dak"};
+    app.formatter(std::make_shared<CHelpFormatter>());
+    app.allow_windows_style_options(false); // "/Docs" is a path
+    app.require_subcommand(1);
+    app.footer("\nPaths of the device start at its root and take / or \\ between folders; in a\n"
+               "shell, / spares the quotes. \"dak VERB --help\" shows each verb by example.\n\n"
+               "Examples:\n"
+               "  dak status                   is a device there?\n"
+               "  dak push photos /Pictures    copy a folder to the device\n"
+               "  dak pull /Pictures backup    copy it back\n"
+               "  dak rm /Pictures/old.jpg     delete a file there\n\n" +
+               std::string(cli::g_lpszExitStatusHelp));
+    app.failure_message([](const CLI::App* pApp, const CLI::Error& error) {
+        const auto verbs = pApp->get_subcommands();
+        const std::string strVerb = verbs.empty() ? "" : " " + verbs.front()->get_name();
+        return "dak: " + cli::Printable(error.what()) + "\n\"dak" + strVerb +
+               " --help\" shows how it is used.\n";
+    });
+    cli::AddStatusVerb(app, context);
+    cli::AddCopyVerbs(app, context);
+    cli::AddPathVerbs(app, context);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? cli::EXIT_DONE : cli::EXIT_USAGE;
+    }
+    return context.nExit;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    cli::CONTEXT context;
+    int nExit = cli::EXIT_HOST;
+    try {
+        nExit = ParseAndRun(argc, argv, context);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "dak: %s\n", error.what());
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        std::fprintf(stderr, "dak: the output could not be written\n");
+        nExit = nExit == cli::EXIT_DONE ? int{cli::EXIT_HOST} : nExit;
+    }
+    if (context.bAbandoned) {
+        std::_Exit(nExit);
+    }
+    return nExit;
+}

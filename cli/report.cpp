@@ -1,0 +1,60 @@
+#include "cli/report.h"
+
+#include "cli/text.h"
+
+#include <cstdio>
+
+#include <CLI/App.hpp>
+#include <nlohmann/json.hpp>
+
+namespace cli {
+
+void AddOutputOptions(CLI::App& app, CONTEXT& context) {
+    app.add_flag("-q,--quiet", context.output.bQuiet, "Print errors alone");
+    app.add_flag("--json", context.output.bJson, "Print one JSON object at the end, nothing else");
+}
+
+void Say(const CONTEXT& context, const std::string& strSentence) {
+    if (!context.output.bQuiet && !context.output.bJson) {
+        std::printf("%s\n", Printable(strSentence).c_str());
+    }
+}
+
+void Complain(const CONTEXT& context, const std::string& strSentence) {
+    if (!context.output.bJson) {
+        std::fprintf(stderr, "dak: %s\n", Printable(strSentence).c_str());
+    }
+}
+
+void Complain(const CONTEXT& context, const std::vector<LEFTOUT>& leftOut) {
+    for (const LEFTOUT& entry : leftOut) {
+        Complain(context, "left out " + entry.strPath + ": " + entry.strReason);
+    }
+}
+
+nlohmann::json LeftOutJson(const std::vector<LEFTOUT>& leftOut) {
+    nlohmann::json array = nlohmann::json::array();
+    for (const LEFTOUT& entry : leftOut) {
+        array.push_back({{"path", entry.strPath}, {"reason", entry.strReason}});
+    }
+    return array;
+}
+
+void Finish(CONTEXT& context, const char* lpszVerb, const MEANING& meaning, nlohmann::json object) {
+    context.nExit = meaning.nExit;
+    if (context.output.bJson) {
+        object["verb"] = lpszVerb;
+        object["result"] = meaning.lpszKey;
+        object["exit"] = meaning.nExit;
+        object["message"] = meaning.strSentence;
+        // A host name need not be UTF-8, JSON text must.
+        std::printf("%s\n",
+                    object.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+    } else if (meaning.nExit == EXIT_DONE) {
+        Say(context, meaning.strSentence);
+    } else {
+        Complain(context, meaning.strSentence);
+    }
+}
+
+} // namespace cli

@@ -1,0 +1,33 @@
+#include "cli/verbs.h"
+
+#include "link/dak_vorn.h"
+
+#include <CLI/App.hpp>
+#include <nlohmann/json.hpp>
+
+namespace cli {
+namespace {
+
+void RunStatus(CONTEXT& context) {
+    CDAKVorn dak;
+    DWORD dwVersion1 = 0;
+    DWORD dwVersion2 = 0;
+    dak.DAKGetVersionNumber(&dwVersion1, &dwVersion2);
+    const DWORD dwResult = dak.ConnectDevice();
+    Finish(context, "status", Explain(Action::Status, Stage::Opening, dwResult),
+           {{"library_version", {dwVersion1, dwVersion2}}});
+}
+
+} // namespace
+
+void AddStatusVerb(CLI::App& app, CONTEXT& context) {
+    CLI::App* const pStatus = app.add_subcommand("status", "Tell whether a device is attached");
+    AddOutputOptions(*pStatus, context);
+    pStatus->footer("Shakes hands with the device and lets it go again.\n\n"
+                    "Examples:\n"
+                    "  dak status                 say it in a sentence\n"
+                    "  dak status -q && echo yes  by the exit status: 0 when it answers\n");
+    pStatus->callback([&context] { RunStatus(context); });
+}
+
+} // namespace cli

@@ -1,0 +1,61 @@
+// Copies the files of a host folder, and of all folders below it, to a folder of the device.
+//
+//   copy_folder pictures '\Pictures'
+#include "link/dak_vorn.h"
+#include "platform/message_window.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+namespace fs = std::filesystem;
+
+static int Fail(const char* lpszWhat, DWORD dwResult) {
+    std::fprintf(stderr, "%s: result 0x%X (link/result.h)\n", lpszWhat, dwResult);
+    return 1;
+}
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: copy_folder HOST_FOLDER DEVICE_FOLDER\n");
+        return 2;
+    }
+    const fs::path source = argv[1];
+    const std::basic_string<WCHAR> strSource = source.string<WCHAR>();
+    const std::basic_string<WCHAR> strDest = fs::path(argv[2]).string<WCHAR>();
+
+    // Every entry is the source folder, a separator, and the name on the device, whose folders are
+    // separated by backslashes. The list stays as it is until the job has ended.
+    CStringArray list;
+    for (const auto& entry : fs::recursive_directory_iterator(source)) {
+        if (entry.is_regular_file()) {
+            std::string strName = fs::relative(entry.path(), source).string();
+            std::replace(strName.begin(), strName.end(), '/', '\\');
+            list.Add((source.string() + "/" + strName).c_str());
+        }
+    }
+
+    // The device is found, and the job begins, in this call; it goes on while the program does
+    // what it likes. Its end is a message in this queue.
+    const HWND hWnd = platform::CreateMessageWindow();
+    CDAKVorn dak;
+    if (const DWORD dwResult =
+            dak.DAKTransmitFiles(DAK_TO_DEVICE, strSource.c_str(), strDest.c_str(), &list, hWnd)) {
+        return Fail("the copy did not start", dwResult);
+    }
+    platform::WINDOWMESSAGE message = {};
+    while (!platform::WaitWindowMessage(hWnd, 500, &message)) {
+        char szSource[260] = "";
+        char szDest[260] = "";
+        DWORD dwTotal = 0, dwCopied = 0;
+        int nPercent = 0;
+        dak.GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
+        std::printf("%3d%%  %s\n", nPercent, szDest);
+    }
+    platform::DestroyMessageWindow(hWnd);
+    if (const DWORD dwResult = dak.GetLastError()) {
+        return Fail("the copy broke off", dwResult);
+    }
+    std::printf("copied %d files\n", list.GetSize());
+}
