@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace sim {
 
@@ -61,6 +62,8 @@ CWorld::CWorld() {
     }
     auto pThread = MakeThread({});
     pThread->eState = CThread::EState::Running;
+    m_carriers.push_back(std::make_unique<CCarrier>());
+    pThread->pCarrier = m_carriers[0].get();
     m_threads.push_back(pThread);
     t_pThread = pThread.get();
     t_dwError = 0;
@@ -74,7 +77,16 @@ CWorld::~CWorld() {
     while (m_threads.size() > 1) {
         Block(&m_threads, {}, "the end of all threads", 0, true);
     }
-    ReapEnded();
+    for (const auto& pCarrier : m_carriers) {
+        {
+            const std::lock_guard hold(m_mutex);
+            pCarrier->bEnd = true;
+            pCarrier->condition.notify_one();
+        }
+        if (pCarrier->thread.joinable()) {
+            pCarrier->thread.join();
+        }
+    }
     if (::testing::Test::HasFailure()) {
         const std::size_t dwFirst = m_trace.size() - std::min(m_trace.size(), EVENTS_SHOWN);
         std::fprintf(stderr, "The simulated host at %llu ms, its last %zu of %zu events:\n",
@@ -99,17 +111,16 @@ void CWorld::At(std::uint64_t qwMs, std::function<void()> action) {
 // The baton.
 
 void CWorld::GiveBaton(CThread& thread) {
-    // Notified under the mutex of the world: once it is free nothing of this thread touches the
-    // other's record, which may then end and go.
     const std::lock_guard hold(m_mutex);
-    thread.bBaton = true;
-    thread.condition.notify_one();
+    thread.pCarrier->bBaton = true;
+    thread.pCarrier->condition.notify_one();
 }
 
-void CWorld::AwaitBaton(CThread& self) {
+// False: the world ends, and nothing is left to carry.
+bool CWorld::AwaitBaton(CCarrier& carrier) {
     std::unique_lock hold(m_mutex);
-    self.condition.wait(hold, [&self] { return self.bBaton; });
-    self.bBaton = false;
+    carrier.condition.wait(hold, [&] { return carrier.bBaton || carrier.bEnd; });
+    return std::exchange(carrier.bBaton, false);
 }
 
 void CWorld::HandOver(CThread& self) {
@@ -117,7 +128,7 @@ void CWorld::HandOver(CThread& self) {
     next.eState = CThread::EState::Running;
     if (&next != &self) {
         GiveBaton(next);
-        AwaitBaton(self);
+        AwaitBaton(*self.pCarrier);
     }
 }
 
@@ -269,36 +280,37 @@ std::shared_ptr<CThread> CWorld::MakeThread(std::function<DWORD()> entry) {
 }
 
 void CWorld::Start(const std::shared_ptr<CThread>& pThread) {
-    ReapEnded();
+    if (m_idle.empty()) {
+        CCarrier& carrier = *m_carriers.emplace_back(std::make_unique<CCarrier>());
+        carrier.thread = std::thread([this, &carrier] { Carry(carrier); });
+        m_idle.push_back(&carrier);
+    }
+    pThread->pCarrier = m_idle.back();
+    pThread->pCarrier->pThread = pThread.get();
+    m_idle.pop_back();
     pThread->eState = CThread::EState::Ready;
     m_ready.push_back(pThread.get());
-    pThread->thread = std::thread([this, pThread] { Run(*pThread); });
 }
 
-void CWorld::Run(CThread& thread) {
-    t_pThread = &thread;
-    AwaitBaton(thread);
-    thread.entry();
-    thread.entry = nullptr;
-    thread.eState = CThread::EState::Ended;
-    const auto it = std::find_if(m_threads.begin(), m_threads.end(),
-                                 [&](const auto& pThread) { return pThread.get() == &thread; });
-    m_ended.push_back(std::move(*it));
-    m_threads.erase(it);
-    WakeAll(&thread);
-    WakeAll(&m_threads);
-    CThread& next = PickNext();
-    next.eState = CThread::EState::Running;
-    GiveBaton(next);
-}
-
-void CWorld::ReapEnded() {
-    for (const auto& pThread : m_ended) {
-        if (pThread->thread.joinable()) {
-            pThread->thread.join();
-        }
+void CWorld::Carry(CCarrier& carrier) {
+    while (AwaitBaton(carrier)) {
+        CThread& thread = *carrier.pThread;
+        t_pThread = &thread;
+        t_dwError = 0;
+        thread.entry();
+        thread.entry = nullptr;
+        thread.eState = CThread::EState::Ended;
+        WakeAll(&thread);
+        WakeAll(&m_threads);
+        // Kept until the baton is gone: it is still the one that picks the next.
+        const auto it = std::ranges::find(m_threads, &thread, &std::shared_ptr<CThread>::get);
+        const auto pEnded = *it;
+        m_threads.erase(it);
+        m_idle.push_back(&carrier);
+        CThread& next = PickNext();
+        next.eState = CThread::EState::Running;
+        GiveBaton(next);
     }
-    m_ended.clear();
 }
 
 void CWorld::Stop(CThread& thread) {

@@ -162,6 +162,17 @@ class CObject {
 
 enum class EWake { Woken, TimedOut, Stopped };
 
+class CThread;
+
+// A real thread, which carries one simulated thread after another.
+struct CCarrier {
+    CThread* pThread = nullptr;
+    bool bBaton = false;
+    bool bEnd = false;
+    std::condition_variable condition;
+    std::thread thread;
+};
+
 class CThread : public CObject {
   public:
     enum class EState { Suspended, Ready, Running, Waiting, Ended };
@@ -179,9 +190,7 @@ class CThread : public CObject {
     const char* lpszWaitsFor = "";
     std::uint64_t qwWaitArgument = 0;
     EWake eWake = EWake::Woken;
-    bool bBaton = false;
-    std::condition_variable condition;
-    std::thread thread;
+    CCarrier* pCarrier = nullptr;
 };
 
 class CWorld {
@@ -345,9 +354,9 @@ class CWorld {
         std::string strText;
     };
     std::shared_ptr<CThread> MakeThread(std::function<DWORD()> entry);
-    void Run(CThread& thread);
+    void Carry(CCarrier& carrier);
     void HandOver(CThread& self);
-    void AwaitBaton(CThread& self);
+    bool AwaitBaton(CCarrier& carrier);
     void GiveBaton(CThread& thread);
     CThread& PickNext();
     void Advance();
@@ -355,15 +364,15 @@ class CWorld {
     void StopAll();
     void Fail(const std::string& strWhy);
     void Refuse(CThread& self);
-    void ReapEnded();
 
     std::uint64_t m_qwNowMs = 0;
     std::uint64_t m_qwWaits = 0;
     std::uint64_t m_qwPeerToldMs = ~0ull;
     std::multimap<std::uint64_t, std::function<void()>> m_actions;
-    std::mutex m_mutex;                              // of the baton's flags, and of nothing else
+    std::mutex m_mutex; // of what the carriers look at, and of nothing else
+    std::vector<std::unique_ptr<CCarrier>> m_carriers;
+    std::vector<CCarrier*> m_idle;
     std::vector<std::shared_ptr<CThread>> m_threads; // not ended, thread 1 first
-    std::vector<std::shared_ptr<CThread>> m_ended;   // to be joined
     std::vector<CThread*> m_ready;
     int m_nThreads = 0;
     bool m_bFailed = false;
