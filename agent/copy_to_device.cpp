@@ -1,0 +1,213 @@
+// Copy to the device: the stream holds a count and then so many file records. A record may be cut
+// anywhere, so it is read by a parser that takes whatever bytes there are.
+#include <algorithm>
+#include <array>
+
+#include "agent/copy_files.h"
+#include "agent/device.h"
+#include "agent/stream_receiver.h"
+
+namespace agent {
+
+namespace {
+
+class CFileSink final : public CStreamSink {
+  public:
+    CFileSink(CDevice& device, const std::u16string& strDest)
+        : m_device(device), m_dest(CDevicePath::Parse(strDest)) {}
+
+    ~CFileSink() override { Close(); }
+
+    void Apply(std::span<const std::uint8_t> data) override;
+    std::int32_t End() override;
+    std::int32_t GiveUp(std::int32_t nResult) override;
+
+  private:
+    enum class EField { COUNT, HEAD, NAME, CONTENTS, NOTHING };
+
+    void TakeFields(std::span<const std::uint8_t> field);
+    void TakeName(std::span<const std::uint8_t>& data);
+    void TakeContents(std::span<const std::uint8_t>& data);
+    void BeginFile();
+    void EndFile();
+    void NextRecord();
+    void Fail(EResult eResult, const std::string& strWhy);
+    void Close();
+
+    CDevice& m_device;
+    const std::optional<CDevicePath> m_dest;
+    std::int32_t m_nResult = 1;
+
+    EField m_eField = EField::COUNT;
+    std::array<std::uint8_t, RECORD_HEAD_SIZE> m_fixed{}; // a field of fixed size, so far
+    std::size_t m_dwFixed = 0;
+    std::u16string m_strName;
+    bool m_bHalfUnit = false; // m_fixed[0] holds the low byte of a character
+    std::uint32_t m_dwFilesLeft = 0;
+
+    std::uint64_t m_qwSize = 0;
+    std::uint64_t m_qwLeft = 0;
+    CFileTimes m_times;
+    std::unique_ptr<CPartFile> m_pPart;
+};
+
+void CFileSink::Close() {
+    m_pPart.reset();
+    m_device.Folder().EndParts();
+}
+
+void CFileSink::Fail(EResult eResult, const std::string& strWhy) {
+    if (m_nResult < 0) {
+        return;
+    }
+    m_nResult = eResult == EResult::NO_SPACE ? DAK_RESULT_NO_SPACE : DAK_RESULT_REFUSED;
+    m_device.Log("copy to the device: " + strWhy + " (" + std::to_string(m_nResult) + ")");
+    Close();
+}
+
+void CFileSink::Apply(std::span<const std::uint8_t> data) {
+    while (!data.empty() && m_nResult > 0) {
+        switch (m_eField) {
+        case EField::COUNT:
+        case EField::HEAD: {
+            const std::size_t dwWanted = m_eField == EField::COUNT ? 4 : RECORD_HEAD_SIZE;
+            const std::size_t dwCount = std::min(dwWanted - m_dwFixed, data.size());
+            std::copy_n(data.begin(), dwCount,
+                        m_fixed.begin() + static_cast<std::ptrdiff_t>(m_dwFixed));
+            data = data.subspan(dwCount);
+            m_dwFixed += dwCount;
+            if (m_dwFixed == dwWanted) {
+                m_dwFixed = 0;
+                TakeFields(m_fixed);
+            }
+            break;
+        }
+        case EField::NAME:
+            TakeName(data);
+            break;
+        case EField::CONTENTS:
+            TakeContents(data);
+            break;
+        case EField::NOTHING:
+            Fail(EResult::REFUSED, "more data than announced");
+            break;
+        }
+    }
+}
+
+void CFileSink::TakeFields(std::span<const std::uint8_t> field) {
+    if (m_eField == EField::COUNT) {
+        m_dwFilesLeft = DakGetU32(field.data());
+        NextRecord();
+        return;
+    }
+    m_qwSize = DakGetU64(field.data());
+    m_times = {DakGetU64(field.data() + 8), DakGetU64(field.data() + 16)};
+    m_strName.clear();
+    m_eField = EField::NAME;
+}
+
+void CFileSink::TakeName(std::span<const std::uint8_t>& data) {
+    while (!data.empty()) {
+        const std::uint8_t byNext = data[0];
+        data = data.subspan(1);
+        if (!m_bHalfUnit) {
+            m_fixed[0] = byNext;
+            m_bHalfUnit = true;
+            continue;
+        }
+        m_bHalfUnit = false;
+        const auto unit = static_cast<char16_t>(m_fixed[0] | (byNext << 8));
+        if (unit == 0) {
+            BeginFile();
+            return;
+        }
+        m_strName.push_back(unit);
+        if (m_strName.size() == DAK_MAX_NAME) {
+            Fail(EResult::REFUSED, "a name is too long");
+            return;
+        }
+    }
+}
+
+void CFileSink::BeginFile() {
+    const std::optional<CDevicePath> path =
+        m_dest ? m_dest->Below(m_strName) : std::optional<CDevicePath>();
+    if (!path || *path == *m_dest) {
+        Fail(EResult::REFUSED, "a path that is not allowed");
+        return;
+    }
+    if (m_qwSize > UINT32_MAX) {
+        Fail(EResult::REFUSED, path->Text() + ": 4 GiB or more");
+        return;
+    }
+    const EResult eResult = m_device.Folder().BeginPart(*path, m_qwSize, m_pPart);
+    if (eResult != EResult::SUCCESS) {
+        Fail(eResult, path->Text() + ": cannot be made");
+        return;
+    }
+    m_qwLeft = m_qwSize;
+    m_eField = EField::CONTENTS;
+    if (m_qwLeft == 0) {
+        EndFile();
+    }
+}
+
+void CFileSink::TakeContents(std::span<const std::uint8_t>& data) {
+    const auto dwCount = static_cast<std::size_t>(std::min<std::uint64_t>(m_qwLeft, data.size()));
+    const EResult eResult = m_pPart->Write(data.first(dwCount));
+    if (eResult != EResult::SUCCESS) {
+        Fail(eResult, "a file cannot be written");
+        return;
+    }
+    data = data.subspan(dwCount);
+    m_qwLeft -= dwCount;
+    if (m_qwLeft == 0) {
+        EndFile();
+    }
+}
+
+void CFileSink::EndFile() {
+    const EResult eResult = m_pPart->Complete(m_times);
+    m_pPart.reset();
+    if (eResult != EResult::SUCCESS) {
+        Fail(eResult, "a file cannot take its name");
+        return;
+    }
+    --m_dwFilesLeft;
+    NextRecord();
+}
+
+void CFileSink::NextRecord() {
+    m_eField = m_dwFilesLeft == 0 ? EField::NOTHING : EField::HEAD;
+}
+
+// The host leaves out files that it cannot open, so that a stream may end ahead of its count, but
+// only between two records.
+std::int32_t CFileSink::End() {
+    const bool bBetween =
+        (m_eField == EField::HEAD && m_dwFixed == 0) || m_eField == EField::NOTHING;
+    if (!bBetween) {
+        Fail(EResult::REFUSED, "the stream ends within a record");
+    }
+    Close();
+    return m_nResult;
+}
+
+std::int32_t CFileSink::GiveUp(std::int32_t nResult) {
+    if (m_nResult > 0) {
+        m_nResult = nResult;
+        m_device.Log("copy to the device: cut short");
+    }
+    Close();
+    return m_nResult;
+}
+
+} // namespace
+
+std::unique_ptr<CExchange> OpenCopyToDevice(CDevice& device, const std::u16string& strDest) {
+    return std::make_unique<CStreamReceiver>(DAK_FUNC_TRANSMIT_FILES,
+                                             std::make_unique<CFileSink>(device, strDest));
+}
+
+} // namespace agent

@@ -1,0 +1,42 @@
+// The device's own things, which the operations work on and the core only passes on.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/device_folder.h"
+
+namespace agent {
+
+struct CStorageOption {
+    std::string strName;   // one component
+    std::string strFolder; // a folder of the system
+};
+
+struct CDeviceOptions {
+    std::string strRoot;
+    std::vector<CStorageOption> storages;
+    std::optional<std::uint64_t> qwQuota;          // bytes
+    std::function<void(const std::string&)> lpLog; // one line each, without its end; may be empty
+};
+
+class CDevice {
+  public:
+    // Null, and the reason in strError, when the options cannot be met.
+    static std::unique_ptr<CDevice> Open(const CDeviceOptions& options, std::string& strError);
+
+    CDeviceFolder& Folder() { return *m_pFolder; }
+    void Log(const std::string& strLine) const;
+
+  private:
+    CDevice() = default;
+
+    std::unique_ptr<CDeviceFolder> m_pFolder;
+    std::function<void(const std::string&)> m_lpLog;
+};
+
+} // namespace agent

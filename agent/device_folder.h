@@ -1,0 +1,120 @@
+// The folder that the agent serves as the device's file system. This header is the contract; the
+// implementation is decided where the program is linked.
+//
+// No path leads out of the folder, also not through a symbolic link: a link that stays inside is
+// followed, any other is as if it were not there to be opened. Names are compared as the file
+// system below compares them. A storage is a folder elsewhere on the system that is seen as a
+// folder of its name in the root, in front of whatever the root holds under that name; it can be
+// neither deleted nor replaced. All calls come from one thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "agent/device_path.h"
+
+namespace agent {
+
+enum class EResult {
+    SUCCESS,
+    NO_SPACE, // the disk is full, or the quota is used up
+    REFUSED,  // anything else: not there, not allowed, in the way, a broken disk
+};
+
+// FILETIME values, 100 ns since 1601; 0: not known.
+struct CFileTimes {
+    std::uint64_t ftCreation = 0;
+    std::uint64_t ftLastWrite = 0;
+};
+
+struct CEntryInfo {
+    bool bFolder = false; // neither folder nor file is never reported
+    std::uint64_t qwSize = 0;
+    CFileTimes times;
+};
+
+// A file that arrives under a name of the agent's own, beside its target.
+class CPartFile {
+  public:
+    CPartFile() = default;
+    // Not completed: nothing is left of it, and the target is as it was.
+    virtual ~CPartFile() = default;
+    CPartFile(const CPartFile&) = delete;
+    CPartFile& operator=(const CPartFile&) = delete;
+
+    virtual EResult Write(std::span<const std::uint8_t> data) = 0;
+
+    // Sets the times and gives the file its target's name in one step. A file that is replaced
+    // hands on its permissions.
+    virtual EResult Complete(const CFileTimes& times) = 0;
+};
+
+// A file open for reading from its first byte to its last.
+class CSourceFile {
+  public:
+    CSourceFile() = default;
+    virtual ~CSourceFile() = default;
+    CSourceFile(const CSourceFile&) = delete;
+    CSourceFile& operator=(const CSourceFile&) = delete;
+
+    // The next bytes; fewer than data holds only at the end of the file or on an error.
+    virtual std::size_t Read(std::span<std::uint8_t> data) = 0;
+
+    // Differs for another file, and for one whose content has been written since.
+    virtual std::uint64_t Identity() const = 0;
+};
+
+class CDeviceFolder {
+  public:
+    // lpLog may be empty. Null, and the reason in strError, when the folder cannot be served.
+    static std::unique_ptr<CDeviceFolder> Open(const std::string& strRoot,
+                                               std::function<void(const std::string&)> lpLog,
+                                               std::string& strError);
+
+    virtual ~CDeviceFolder() = default;
+
+    // False, and the reason in strError, when the folder cannot be served.
+    virtual bool AddStorage(const std::string& strName, const std::string& strFolder,
+                            std::string& strError) = 0;
+
+    // Removes what killed agents left of their part files. Called once, behind AddStorage.
+    virtual void RemoveLeftovers() = 0;
+
+    // Files below the root and the storages together may not grow over this many bytes. Counts
+    // what is there; from then on only what passes through this object is counted.
+    virtual void SetQuota(std::uint64_t qwBytes) = 0;
+
+    // Nothing when there is no such file or folder, or it may not be read.
+    virtual std::optional<CEntryInfo> Find(const CDevicePath& path) = 0;
+
+    // Names of what a folder holds, sorted by their bytes, without what the host cannot be told;
+    // links to folders are left out, because they can lead round in circles. At most nMost names:
+    // nothing when there are more, or the folder cannot be read.
+    virtual std::optional<std::vector<std::string>> List(const CDevicePath& path,
+                                                         std::size_t nMost) = 0;
+
+    // Null when the file cannot be opened.
+    virtual std::unique_ptr<CSourceFile> OpenSource(const CDevicePath& path) = 0;
+
+    // Begins a file that is to become path, and makes the folders on the way that are missing. One
+    // part file is open at a time. Refused at once: a target that is a folder or read-only, and
+    // qwSize bytes that the quota has no room for.
+    virtual EResult BeginPart(const CDevicePath& path, std::uint64_t qwSize,
+                              std::unique_ptr<CPartFile>& pPart) = 0;
+
+    // No part file is open, and none will be for a while.
+    virtual void EndParts() = 0;
+
+    // One level; an entry that exists is refused.
+    virtual EResult MakeFolder(const CDevicePath& path) = 0;
+
+    // A file that is not read-only, a link itself, or an empty folder.
+    virtual EResult Remove(const CDevicePath& path) = 0;
+};
+
+} // namespace agent

@@ -1,0 +1,22 @@
+#include "agent/operations.h"
+
+#include "link/wire.h"
+
+namespace agent {
+
+static constexpr COperation s_operations[] = {
+    {DAK_FUNC_DELETE_FILE, OpenDeleteFile},
+    {DAK_FUNC_TRANSMIT_FILES, OpenTransmitFiles},
+    {DAK_FUNC_CREATE_DIRECTORY, OpenCreateDirectory},
+};
+
+const COperation* FindOperation(std::uint16_t codeFunc) {
+    for (const COperation& operation : s_operations) {
+        if (operation.codeFunc == codeFunc) {
+            return &operation;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace agent

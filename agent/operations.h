@@ -1,0 +1,33 @@
+// The operations of the device, by function code. Each group stands in a file of its own and is
+// entered in the table of operation_table.cpp; the core knows the table and nothing else of them.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "agent/exchange.h"
+#include "agent/payload.h"
+
+namespace agent {
+
+class CDevice;
+
+struct COperation {
+    std::uint16_t codeFunc;
+
+    // Takes the fields of the command and opens its exchange. Null when the fields are not those
+    // of the command: the host then gets silence.
+    std::unique_ptr<CExchange> (*lpOpen)(CDevice& device, CPayload payload);
+};
+
+// Null when the device does not know the function code.
+const COperation* FindOperation(std::uint16_t codeFunc);
+
+// path_operations.cpp
+std::unique_ptr<CExchange> OpenDeleteFile(CDevice& device, CPayload payload);
+std::unique_ptr<CExchange> OpenCreateDirectory(CDevice& device, CPayload payload);
+
+// copy_files.cpp
+std::unique_ptr<CExchange> OpenTransmitFiles(CDevice& device, CPayload payload);
+
+} // namespace agent

@@ -1,0 +1,363 @@
+// The device's folder on a POSIX file system.
+#include "agent/device_folder.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "agent/posix/part_file.h"
+#include "agent/posix/part_journal.h"
+#include "agent/posix/quota.h"
+#include "agent/posix/system_file.h"
+
+namespace agent {
+
+namespace {
+
+class CPosixSourceFile final : public CSourceFile {
+  public:
+    CPosixSourceFile(CFd fd, const struct stat& status) : m_fd(std::move(fd)) {
+        const std::array<std::uint64_t, 4> parts = {
+            static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino),
+            static_cast<std::uint64_t>(status.st_mtim.tv_sec),
+            static_cast<std::uint64_t>(status.st_mtim.tv_nsec)};
+        m_qwIdentity = 1;
+        for (const std::uint64_t qwPart : parts) {
+            m_qwIdentity = (m_qwIdentity ^ qwPart) * 0x9E3779B97F4A7C15ULL;
+            m_qwIdentity ^= m_qwIdentity >> 29;
+        }
+        m_qwIdentity |= 1; // 0 stands for none
+    }
+
+    std::size_t Read(std::span<std::uint8_t> data) override {
+        std::size_t dwDone = 0;
+        while (dwDone < data.size()) {
+            const ssize_t nRead = ::read(m_fd.Get(), data.data() + dwDone, data.size() - dwDone);
+            if (nRead < 0 && errno == EINTR) {
+                continue;
+            }
+            if (nRead <= 0) {
+                break;
+            }
+            dwDone += static_cast<std::size_t>(nRead);
+        }
+        return dwDone;
+    }
+
+    std::uint64_t Identity() const override { return m_qwIdentity; }
+
+  private:
+    CFd m_fd;
+    std::uint64_t m_qwIdentity;
+};
+
+class CDirectory {
+  public:
+    explicit CDirectory(CFd fd) : m_pDir(fd ? ::fdopendir(fd.Get()) : nullptr) {
+        if (m_pDir) {
+            fd.Release();
+        }
+    }
+    ~CDirectory() {
+        if (m_pDir) {
+            ::closedir(m_pDir);
+        }
+    }
+    CDirectory(const CDirectory&) = delete;
+    CDirectory& operator=(const CDirectory&) = delete;
+
+    bool Open() const { return m_pDir != nullptr; }
+    int Fd() const { return ::dirfd(m_pDir); }
+
+    // Null at the end.
+    const dirent* Next() {
+        while (const dirent* pEntry = ::readdir(m_pDir)) {
+            if (std::strcmp(pEntry->d_name, ".") != 0 && std::strcmp(pEntry->d_name, "..") != 0) {
+                return pEntry;
+            }
+        }
+        return nullptr;
+    }
+
+  private:
+    DIR* m_pDir;
+};
+
+// Opening for reading without waiting for the other end of a pipe or becoming a terminal's owner.
+constexpr int s_nReadFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
+
+class CPosixFolder final : public CDeviceFolder {
+  public:
+    CPosixFolder(CFd fdRoot, std::function<void(const std::string&)> lpLog)
+        : m_fdRoot(std::move(fdRoot)), m_lpLog(std::move(lpLog)), m_journal(m_fdRoot.Get()) {}
+
+    bool AddStorage(const std::string& strName, const std::string& strFolder,
+                    std::string& strError) override;
+    void SetQuota(std::uint64_t qwBytes) override;
+    std::optional<CEntryInfo> Find(const CDevicePath& path) override;
+    std::optional<std::vector<std::string>> List(const CDevicePath& path,
+                                                 std::size_t nMost) override;
+    std::unique_ptr<CSourceFile> OpenSource(const CDevicePath& path) override;
+    EResult BeginPart(const CDevicePath& path, std::uint64_t qwSize,
+                      std::unique_ptr<CPartFile>& pPart) override;
+    void EndParts() override { m_journal.Clear(); }
+    EResult MakeFolder(const CDevicePath& path) override;
+    EResult Remove(const CDevicePath& path) override;
+    void RemoveLeftovers() override;
+
+  private:
+    struct CStorage {
+        std::string strName;
+        CFd fd;
+    };
+
+    bool IsFixed(const CDevicePath& path) const;
+    CFd Open(const CDevicePath& path, int nFlags) const;
+    CFd OpenMaking(const CDevicePath& folder);
+    static std::uint64_t CountBytes(CFd fdFolder);
+
+    CFd m_fdRoot;
+    std::function<void(const std::string&)> m_lpLog;
+    std::vector<CStorage> m_storages;
+    CQuota m_quota;
+    CPartJournal m_journal;
+};
+
+// The root and the storages themselves.
+bool CPosixFolder::IsFixed(const CDevicePath& path) const {
+    return path.IsRoot() ||
+           (path.Parent().IsRoot() &&
+            std::any_of(m_storages.begin(), m_storages.end(),
+                        [&](const CStorage& s) { return s.strName == path.Leaf(); }));
+}
+
+CFd CPosixFolder::Open(const CDevicePath& path, int nFlags) const {
+    const std::string_view strFirst = path.FirstComponent();
+    for (const CStorage& storage : m_storages) {
+        if (storage.strName == strFirst) {
+            const std::size_t dwRest = std::min(path.Text().size(), strFirst.size() + 1);
+            return OpenBelow(storage.fd.Get(), path.Text().substr(dwRest), nFlags);
+        }
+    }
+    return OpenBelow(m_fdRoot.Get(), path.Text(), nFlags);
+}
+
+// The folder, made with all that is missing ahead of it. The depth is bounded by the length that
+// the system allows a path, which the first try meets.
+CFd CPosixFolder::OpenMaking(const CDevicePath& folder) {
+    CFd fd = Open(folder, O_PATH | O_DIRECTORY);
+    if (fd || errno != ENOENT || folder.IsRoot()) {
+        return fd;
+    }
+    const CFd fdParent = OpenMaking(folder.Parent());
+    if (!fdParent) {
+        return CFd();
+    }
+    if (::mkdirat(fdParent.Get(), std::string(folder.Leaf()).c_str(), 0777) != 0 &&
+        errno != EEXIST) {
+        return CFd();
+    }
+    return Open(folder, O_PATH | O_DIRECTORY);
+}
+
+bool CPosixFolder::AddStorage(const std::string& strName, const std::string& strFolder,
+                              std::string& strError) {
+    const std::optional<std::u16string> strWide = ToUtf16(strName);
+    const std::optional<CDevicePath> path =
+        strWide ? CDevicePath::Parse(*strWide) : std::optional<CDevicePath>();
+    if (!path || path->Text() != strName || strName.find('/') != std::string::npos ||
+        strName.empty() || IsFixed(*path)) {
+        strError = "\"" + strName + "\" cannot be the name of a storage";
+        return false;
+    }
+    CFd fd(::open(strFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!fd) {
+        strError = strFolder + ": " + std::strerror(errno);
+        return false;
+    }
+    m_storages.push_back({strName, std::move(fd)});
+    return true;
+}
+
+std::uint64_t CPosixFolder::CountBytes(CFd fdFolder) {
+    std::uint64_t qwBytes = 0;
+    CDirectory directory(std::move(fdFolder));
+    if (!directory.Open()) {
+        return 0;
+    }
+    while (const dirent* pEntry = directory.Next()) {
+        struct stat status {};
+        if (::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            continue;
+        }
+        if (S_ISREG(status.st_mode)) {
+            qwBytes += static_cast<std::uint64_t>(status.st_size);
+        } else if (S_ISDIR(status.st_mode)) {
+            qwBytes += CountBytes(CFd(::openat(directory.Fd(), pEntry->d_name,
+                                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+        }
+    }
+    return qwBytes;
+}
+
+void CPosixFolder::SetQuota(std::uint64_t qwBytes) {
+    std::uint64_t qwUsed = CountBytes(OpenBelow(m_fdRoot.Get(), "", O_RDONLY | O_DIRECTORY));
+    for (const CStorage& storage : m_storages) {
+        qwUsed += CountBytes(OpenBelow(storage.fd.Get(), "", O_RDONLY | O_DIRECTORY));
+    }
+    m_quota.Set(qwBytes, qwUsed);
+}
+
+std::optional<CEntryInfo> CPosixFolder::Find(const CDevicePath& path) {
+    const CFd fd = Open(path, s_nReadFlags);
+    struct stat status {};
+    if (!fd || ::fstat(fd.Get(), &status) != 0 ||
+        (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode))) {
+        return std::nullopt;
+    }
+    CEntryInfo info;
+    info.bFolder = S_ISDIR(status.st_mode);
+    info.qwSize = info.bFolder ? 0 : static_cast<std::uint64_t>(status.st_size);
+    info.times = TimesOf(fd.Get(), status);
+    return info;
+}
+
+std::optional<std::vector<std::string>> CPosixFolder::List(const CDevicePath& path,
+                                                           std::size_t nMost) {
+    CDirectory directory(Open(path, O_RDONLY | O_DIRECTORY));
+    if (!directory.Open()) {
+        return std::nullopt;
+    }
+    std::vector<std::string> names;
+    while (const dirent* pEntry = directory.Next()) {
+        struct stat status {};
+        const bool bLink =
+            (pEntry->d_type == DT_LNK || pEntry->d_type == DT_UNKNOWN) &&
+            ::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISLNK(status.st_mode);
+        if (!IsNameForHost(pEntry->d_name) ||
+            (bLink && Open(path.Entry(pEntry->d_name), O_PATH | O_DIRECTORY))) {
+            continue;
+        }
+        if (names.size() == nMost) {
+            return std::nullopt;
+        }
+        names.emplace_back(pEntry->d_name);
+    }
+    if (path.IsRoot()) {
+        for (const CStorage& storage : m_storages) {
+            names.push_back(storage.strName);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}
+
+std::unique_ptr<CSourceFile> CPosixFolder::OpenSource(const CDevicePath& path) {
+    CFd fd = Open(path, s_nReadFlags);
+    struct stat status {};
+    if (!fd || ::fstat(fd.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return nullptr;
+    }
+    return std::make_unique<CPosixSourceFile>(std::move(fd), status);
+}
+
+EResult CPosixFolder::BeginPart(const CDevicePath& path, std::uint64_t qwSize,
+                                std::unique_ptr<CPartFile>& pPart) {
+    if (IsFixed(path)) {
+        return EResult::REFUSED;
+    }
+    if (!m_quota.HasRoom(qwSize)) {
+        return EResult::NO_SPACE;
+    }
+    const CDevicePath folder = path.Parent();
+    CFd fdFolder = OpenMaking(folder);
+    struct stat status {};
+    if (!fdFolder || ::fstat(fdFolder.Get(), &status) != 0) {
+        return ResultOf(errno);
+    }
+    const std::string strTarget(path.Leaf());
+    if (IsReadOnly(status) || JudgeTarget(fdFolder.Get(), strTarget) != EResult::SUCCESS) {
+        return EResult::REFUSED;
+    }
+    if (!m_journal.Enter(folder.Text())) {
+        return ResultOf(errno);
+    }
+    auto pFile = std::make_unique<CPosixPartFile>(std::move(fdFolder), m_journal.PartName(),
+                                                  strTarget, m_quota);
+    if (!pFile->Open()) {
+        return ResultOf(errno);
+    }
+    pPart = std::move(pFile);
+    return EResult::SUCCESS;
+}
+
+EResult CPosixFolder::MakeFolder(const CDevicePath& path) {
+    if (IsFixed(path)) {
+        return EResult::REFUSED;
+    }
+    const CFd fdParent = Open(path.Parent(), O_PATH | O_DIRECTORY);
+    if (!fdParent || ::mkdirat(fdParent.Get(), std::string(path.Leaf()).c_str(), 0777) != 0) {
+        return ResultOf(errno);
+    }
+    return EResult::SUCCESS;
+}
+
+EResult CPosixFolder::Remove(const CDevicePath& path) {
+    if (IsFixed(path)) {
+        return EResult::REFUSED;
+    }
+    const std::string strLeaf(path.Leaf());
+    const CFd fdParent = Open(path.Parent(), O_PATH | O_DIRECTORY);
+    struct stat status {};
+    if (!fdParent ||
+        ::fstatat(fdParent.Get(), strLeaf.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return EResult::REFUSED;
+    }
+    if (S_ISREG(status.st_mode) && IsReadOnly(status)) {
+        return EResult::REFUSED;
+    }
+    if (::unlinkat(fdParent.Get(), strLeaf.c_str(), S_ISDIR(status.st_mode) ? AT_REMOVEDIR : 0) !=
+        0) {
+        return EResult::REFUSED;
+    }
+    if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
+        m_quota.Remove(static_cast<std::uint64_t>(status.st_size));
+    }
+    return EResult::SUCCESS;
+}
+
+void CPosixFolder::RemoveLeftovers() {
+    CPartJournal::CleanUp(
+        m_fdRoot.Get(), [this](const std::string& strFolder, const std::string& strPart) {
+            const std::optional<std::u16string> strWide = ToUtf16(strFolder);
+            const std::optional<CDevicePath> folder =
+                strWide ? CDevicePath::Parse(*strWide) : std::optional<CDevicePath>();
+            const CFd fd = folder ? Open(*folder, O_PATH | O_DIRECTORY) : CFd();
+            if (fd && ::unlinkat(fd.Get(), strPart.c_str(), 0) == 0 && m_lpLog) {
+                m_lpLog("removed a part file that a killed agent left in \\" + strFolder);
+            }
+        });
+}
+
+} // namespace
+
+std::unique_ptr<CDeviceFolder> CDeviceFolder::Open(const std::string& strRoot,
+                                                   std::function<void(const std::string&)> lpLog,
+                                                   std::string& strError) {
+    CFd fd(::open(strRoot.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!fd) {
+        strError = strRoot + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    return std::make_unique<CPosixFolder>(std::move(fd), std::move(lpLog));
+}
+
+} // namespace agent

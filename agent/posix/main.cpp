@@ -1,0 +1,121 @@
+// dak-agent: serves a folder as the file system of an attached device.
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <sys/signalfd.h>
+
+#include <CLI/CLI.hpp>
+
+#include "agent/agent_core.h"
+#include "agent/device.h"
+#include "agent/posix/attachment.h"
+#include "agent/posix/usbip_server.h"
+
+namespace {
+
+constexpr int s_nExitFailed = 1;
+constexpr int s_nExitUsage = 2;
+
+struct CArguments {
+    agent::CDeviceOptions device;
+    std::vector<std::string> storages; // NAME=DIR
+    std::string strName = "device";
+    std::uint64_t qwQuota = 0;
+    bool bVerbose = false;
+};
+
+void DeclareOptions(CLI::App& app, CArguments& arguments) {
+    app.add_option("--root", arguments.device.strRoot,
+                   "Folder to serve as the device's file system")
+        ->required()
+        ->type_name("DIR");
+    app.add_option("--name", arguments.strName, "Name of the device")
+        ->capture_default_str()
+        ->type_name("NAME");
+    app.add_option("--storage", arguments.storages,
+                   "A storage: DIR is seen as the folder NAME of the root; may be repeated")
+        ->type_name("NAME=DIR")
+        ->allow_extra_args(false);
+    app.add_option("--quota", arguments.qwQuota,
+                   "Bytes that the device's files may grow to, those that are there included")
+        ->type_name("BYTES");
+    app.add_flag("--verbose", arguments.bVerbose, "Say on standard error what the device does");
+    app.set_version_flag("--version", "dak-agent " DAK_AGENT_VERSION);
+    app.footer("The device is attached until the agent is stopped (Ctrl-C). Hosts find it in the\n"
+               "folder $DAK_DEVICE_DIR, else $XDG_RUNTIME_DIR/dak, else /tmp/dak-UID.\n\n"
+               "Example: dak-agent --root ~/device --storage \"Storage Card=$HOME/card\"");
+}
+
+void LogLine(const std::string& strLine) {
+    std::fprintf(stderr, "dak-agent: %s\n", strLine.c_str());
+}
+
+int Complain(const std::string& strWhy, int nExit) {
+    LogLine(strWhy);
+    return nExit;
+}
+
+// Signals that end the agent become readable here.
+agent::CFd OpenStopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    if (sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) {
+        return agent::CFd();
+    }
+    return agent::CFd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+int Serve(const CArguments& arguments) {
+    std::string strError;
+    const agent::CFd fdStop = OpenStopSignals();
+    const std::unique_ptr<agent::CDevice> pDevice =
+        agent::CDevice::Open(arguments.device, strError);
+    if (!pDevice) {
+        return Complain(strError, s_nExitUsage);
+    }
+    agent::CAgentCore core(*pDevice);
+    const std::unique_ptr<agent::CAttachment> pAttachment =
+        agent::CAttachment::Attach(arguments.strName, strError);
+    if (!pAttachment || !fdStop) {
+        return Complain(pAttachment ? "no signals" : strError, s_nExitFailed);
+    }
+    agent::CUsbipServer server(core, pAttachment->Socket(), arguments.device.lpLog);
+    std::printf("dak-agent: %s is attached as %s (%s)\n", arguments.device.strRoot.c_str(),
+                arguments.strName.c_str(), pAttachment->Path().c_str());
+    if (std::fflush(stdout) != 0) {
+        return Complain("standard output is closed", s_nExitFailed);
+    }
+    return server.Run(fdStop.Get()) ? 0 : s_nExitFailed;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Serves a folder as the file system of an attached device.", "dak-agent");
+    CArguments arguments;
+    DeclareOptions(app, arguments);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : s_nExitUsage;
+    }
+    for (const std::string& strStorage : arguments.storages) {
+        const std::size_t dwEquals = strStorage.find('=');
+        if (dwEquals == std::string::npos) {
+            return Complain("--storage " + strStorage + ": NAME=DIR is wanted", s_nExitUsage);
+        }
+        arguments.device.storages.push_back(
+            {strStorage.substr(0, dwEquals), strStorage.substr(dwEquals + 1)});
+    }
+    if (app.count("--quota") > 0) {
+        arguments.device.qwQuota = arguments.qwQuota;
+    }
+    if (arguments.bVerbose) {
+        arguments.device.lpLog = LogLine;
+    }
+    return Serve(arguments);
+}

@@ -1,0 +1,35 @@
+// A part file in an open folder of the file system.
+#pragma once
+
+#include <string>
+
+#include "agent/posix/part_journal.h"
+#include "agent/posix/quota.h"
+#include "agent/posix/system_file.h"
+
+namespace agent {
+
+class CPosixPartFile final : public CPartFile {
+  public:
+    // Makes the part file in fdFolder. Not Open() on failure, errno says why. quota outlives it.
+    CPosixPartFile(CFd fdFolder, std::string strPart, std::string strTarget, CQuota& quota);
+    ~CPosixPartFile() override;
+
+    bool Open() const { return static_cast<bool>(m_fd); }
+
+    EResult Write(std::span<const std::uint8_t> data) override;
+    EResult Complete(const CFileTimes& times) override;
+
+  private:
+    CFd m_fdFolder;
+    const std::string m_strPart;
+    const std::string m_strTarget;
+    CQuota& m_quota;
+    CFd m_fd;
+    std::uint64_t m_qwWritten = 0;
+};
+
+// Whether a file may take the name: SUCCESS when there is none or one that may be replaced.
+EResult JudgeTarget(int fdFolder, const std::string& strTarget);
+
+} // namespace agent

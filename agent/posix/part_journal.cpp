@@ -1,0 +1,129 @@
+#include "agent/posix/part_journal.h"
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <string_view>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+namespace agent {
+
+static constexpr std::string_view s_strJournal = ".journal";
+static constexpr std::string_view s_strPart = ".part";
+
+static bool LockWhole(int fd) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return ::fcntl(fd, F_OFD_SETLK, &lock) == 0;
+}
+
+CPartJournal::CPartJournal(int fdRoot) : m_fdRoot(fdRoot) {
+    std::array<std::uint8_t, 8> random{};
+    if (::getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
+        // Unique enough: the journal is made with O_EXCL.
+        const auto dwPid = static_cast<std::uint32_t>(::getpid());
+        timespec time{};
+        ::clock_gettime(CLOCK_REALTIME, &time);
+        for (std::size_t i = 0; i < 4; ++i) {
+            random[i] = static_cast<std::uint8_t>(dwPid >> (8 * i));
+            random[4 + i] = static_cast<std::uint8_t>(time.tv_nsec >> (8 * i));
+        }
+    }
+    std::string strIdentity(RESERVED_PREFIX);
+    for (const std::uint8_t byNext : random) {
+        static constexpr char s_szDigits[] = "0123456789abcdef";
+        strIdentity.push_back(s_szDigits[byNext >> 4]);
+        strIdentity.push_back(s_szDigits[byNext & 15]);
+    }
+    m_strName = strIdentity + std::string(s_strJournal);
+    m_strPartName = strIdentity + std::string(s_strPart);
+}
+
+// Another agent that starts just now may take the fresh file for one that is left over, until the
+// lock is on it: the file must still have its name behind the lock.
+bool CPartJournal::Make() {
+    for (int nTry = 0; nTry < 10; ++nTry) {
+        CFd fd(::openat(m_fdRoot, m_strName.c_str(),
+                        O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!fd) {
+            return false;
+        }
+        struct stat status {};
+        if (LockWhole(fd.Get()) && ::fstat(fd.Get(), &status) == 0 && status.st_nlink > 0) {
+            m_fd = std::move(fd);
+            m_strFolder.clear();
+            return true;
+        }
+    }
+    errno = EBUSY;
+    return false;
+}
+
+// One write, so that a kill finds the old folder or the new one; the zero ends it.
+bool CPartJournal::Enter(const std::string& strFolder) {
+    const bool bFresh = !m_fd;
+    if (bFresh && !Make()) {
+        return false;
+    }
+    if (!bFresh && strFolder == m_strFolder) {
+        return true;
+    }
+    const std::size_t dwBytes = strFolder.size() + 1;
+    const ssize_t nWritten = ::pwrite(m_fd.Get(), strFolder.c_str(), dwBytes, 0);
+    if (nWritten != static_cast<ssize_t>(dwBytes)) {
+        errno = nWritten < 0 ? errno : ENOSPC;
+        return false;
+    }
+    m_strFolder = strFolder;
+    return true;
+}
+
+void CPartJournal::Clear() {
+    if (m_fd) {
+        ::unlinkat(m_fdRoot, m_strName.c_str(), 0);
+        m_fd.Close();
+    }
+}
+
+static std::vector<std::string> JournalsIn(int fdRoot) {
+    std::vector<std::string> names;
+    CFd fd(::openat(fdRoot, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    DIR* pDir = fd ? ::fdopendir(fd.Get()) : nullptr;
+    if (!pDir) {
+        return names;
+    }
+    fd.Release();
+    while (const dirent* pEntry = ::readdir(pDir)) {
+        const std::string_view strName = pEntry->d_name;
+        if (strName.starts_with(RESERVED_PREFIX) && strName.ends_with(s_strJournal)) {
+            names.emplace_back(strName);
+        }
+    }
+    ::closedir(pDir);
+    return names;
+}
+
+void CPartJournal::CleanUp(
+    int fdRoot, const std::function<void(const std::string&, const std::string&)>& remove) {
+    for (const std::string& strName : JournalsIn(fdRoot)) {
+        CFd fd(::openat(fdRoot, strName.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        if (!fd || !LockWhole(fd.Get())) {
+            continue;
+        }
+        std::array<char, PATH_MAX> content{};
+        if (::pread(fd.Get(), content.data(), content.size() - 1, 0) >= 0) {
+            const std::string strIdentity = strName.substr(0, strName.size() - s_strJournal.size());
+            remove(content.data(), strIdentity + std::string(s_strPart));
+        }
+        ::unlinkat(fdRoot, strName.c_str(), 0);
+    }
+}
+
+} // namespace agent

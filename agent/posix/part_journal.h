@@ -1,0 +1,47 @@
+// Notes, in a hidden file of the root, the folder in which a part file lies, so that the next
+// agent can remove what a killed one leaves without looking through the whole tree.
+//
+// The file exists only while parts are in work, and its owner holds a lock on it: a journal that
+// can be locked belongs to nobody any more. Its name carries an identity drawn for each agent, and
+// the one part file that an agent has open at a time carries the same.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "agent/posix/system_file.h"
+
+namespace agent {
+
+class CPartJournal {
+  public:
+    // fdRoot must stay open for as long as the journal lives.
+    explicit CPartJournal(int fdRoot);
+    ~CPartJournal() { Clear(); }
+    CPartJournal(const CPartJournal&) = delete;
+    CPartJournal& operator=(const CPartJournal&) = delete;
+
+    const std::string& PartName() const { return m_strPartName; }
+
+    // The part file is about to be made in strFolder. False with errno set.
+    bool Enter(const std::string& strFolder);
+
+    // No part file is left.
+    void Clear();
+
+    // Calls remove(folder, name of the part file) for each journal that nobody holds, and removes
+    // the journal.
+    static void CleanUp(int fdRoot,
+                        const std::function<void(const std::string&, const std::string&)>& remove);
+
+  private:
+    bool Make();
+
+    int m_fdRoot;
+    std::string m_strName;
+    std::string m_strPartName;
+    std::string m_strFolder;
+    CFd m_fd;
+};
+
+} // namespace agent
