@@ -135,6 +135,9 @@ class DAK_API CDAKVorn {
 
   private:
     friend class CExchange;
+    friend class CCopyToDevice;
+    friend class CCopyFromDevice;
+    friend class CFolderReader;
     friend struct CDAKVornTestAccess;
 
     // Device connection: link/device_connection.cpp. All results are true or false.
@@ -157,14 +160,33 @@ class DAK_API CDAKVorn {
 
     // The operation frame: link/operation_frame.h.
     template <class TCommit>
-    DWORD RunOperation(OperationFrame eFrame, TCommit&& commit);
-    DWORD EnterLink();
-    DWORD RefuseArguments();
+    DWORD RunOperation(OperationFrame eFrame, bool bArgumentsPass, TCommit&& commit);
+    DWORD BringLinkUp();
+    DWORD LeaveOperation(OperationFrame eFrame, bool bDone);
     DWORD SucceedAtOnce();
+    void TakeSettings(const CDAKVorn& other);
+    void EndWhatIsOpen();
 
     // Bulk stream: stream/. 1 done, 0 failed with m_dwErrCode saying why.
     int SendDataPackage(BYTE* lpPackage, DWORD dwBytes, int bLast);
+    void KeepForResend(const BYTE* lpPackage);
+    int AbortSending();
+    int AwaitConfirmation(BYTE* lpPackage, DWORD dwBytes);
+    DWORD AwaitAnswer(BYTE* lpPackage, DWORD dwBytes, const char* lpszTrace);
+    int ResendWindow();
+    int ResendSlot(DWORD dwSlot);
+    int JudgeAnswer(DWORD wAnswer, int nTry);
     int ReceiveDataPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEnd, WORD codeFunc);
+    int DrainAndAbort();
+    int FailByPresence();
+    int ReadFirstPackage(BYTE* lpBuffer);
+    int RecoverPackage(BYTE* lpBuffer);
+    int SkipRepeatedPackage(BYTE* lpBuffer);
+    int ReadHeadWhilePresent(BYTE* lpBuffer, bool& bHead);
+    int AcceptPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEnd);
+    int WriteControl(DWORD wCommand);
+    int FetchPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEnd, WORD codeFunc);
+    int FieldOverrunsPackage();
     int AddBuffData(BYTE* lpBuffer, const BYTE* lpData, DWORD nDataBytes, DWORD& packageLength,
                     DWORD nBufferSize, WORD codeFunc);
     int GetBuffData(BYTE* lpBuffer, BYTE* lpData, DWORD nDataBytes, DWORD& dwOffset,
@@ -174,12 +196,18 @@ class DAK_API CDAKVorn {
 
     // The private halves of the operations: the wire exchange, under the lock. They return the
     // device's result word, or 0 for failure.
+    void DrainPipe(int nReadsAtLeast, DWORD dwPauseMs);
     int CommitCopyMultiFiles(UINT nDirection, const WCHAR* lpSource, const WCHAR* lpDest,
                              CStringArray* pFileList);
+    DWORD StartJob(UINT nDirection, const WCHAR* lpSource, const WCHAR* lpDest,
+                   CStringArray* pFileList);
+    void EndJob(bool bDrain);
+    void SwallowAndAbort();
     int CommitCreateFile(const WCHAR* lpFileName, DWORD dwOpenWord1, DWORD dwOpenWord2,
                          DWORD dwOpenWord3, void** lphFile);
     int CommitReadFile(void* hFile, void* lpBuffer, DWORD nBytesToRead, DWORD* lpdwBytesRead);
     int CommitWriteFile(void* hFile, void* lpBuffer, DWORD nBytesToWrite, DWORD* lpdwBytesWritten);
+    int SendFileBytes(const BYTE* lpBytes, DWORD dwLeft, DWORD* lpdwBytesWritten);
     int CommitSetFilePointer(void* hFile, LONG lDistance, DWORD dwMoveMethod, DWORD* lpdwNewPos);
     int CommitCloseFile(void* hFile);
     int CommitCreateDirectory(const WCHAR* lpPathName, _SECURITY_ATTRIBUTES* lpSecurityAttributes);

@@ -29,6 +29,18 @@ class CWordLock {
             platform::WaitOnAddress(&m_dwState, 2, INFINITE);
         }
     }
+    // The same for a thread that somebody may stop (platform::TerminateThread): false, without the
+    // lock, when that happens during the wait.
+    bool EnterUnlessStopped() {
+        while (!TryEnter()) {
+            DWORD dwHeld = 1;
+            std::atomic_ref<DWORD>(m_dwState).compare_exchange_strong(dwHeld, 2);
+            if (platform::WaitOnAddress(&m_dwState, 2, INFINITE) == FALSE) {
+                return false;
+            }
+        }
+        return true;
+    }
     bool TryEnter() {
         DWORD dwFree = 0;
         return std::atomic_ref<DWORD>(m_dwState).compare_exchange_strong(dwFree, 1);

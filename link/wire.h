@@ -72,6 +72,7 @@ inline constexpr std::size_t DAK_OFFSET_COMMAND = 0;
 inline constexpr std::size_t DAK_OFFSET_LENGTH = 4;
 inline constexpr std::size_t DAK_OFFSET_CODE = 8;        // u16, command and response
 inline constexpr std::size_t DAK_OFFSET_RESULT = 10;     // i32, response
+inline constexpr std::size_t DAK_RESPONSE_FIELDS = 14;   // what an operation adds behind it
 inline constexpr std::size_t DAK_OFFSET_CHECKSUM = 8;    // u32, data package
 inline constexpr std::size_t DAK_OFFSET_DATA_CODE = 12;  // u16, data package
 inline constexpr std::size_t DAK_OFFSET_LINK_CODE = 8;   // u32, handshake

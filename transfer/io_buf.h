@@ -45,10 +45,14 @@ class DAK_API CIoBuf {
 
   private:
     void FillBuffers();
+    void FillBuffer(int nIndex);
     void StopFill();
     void CloseFile();
     void FreeBuffer(int nIndex);
-    bool WaitReady();
+    bool IsBroken() const;
+    bool WaitReady() const;
+    bool RequestRefill();
+    int TakeBytes(BYTE* lpBuf, int nBytes);
 
     // Shared between the consumer and the fill thread, and so read and written as atomics: the fill
     // counts, the flags, the mask and the error. A fill thread touches only the members of a buffer
@@ -71,10 +75,6 @@ class DAK_API CIoBuf {
     char m_szFileName[260];
 };
 
-// The one read-ahead buffer of the process, used by the transfer worker. ReleaseIoBuf is how the
-// library tears it down.
+// The one read-ahead buffer of the process, used by the transfer worker. Only the holder of the
+// operation gate (link/device_connection.h) touches it.
 extern DAK_API CIoBuf g_IoBuf;
-
-// DeinitIoBuf on g_IoBuf, by one thread at a time: the worker, a failing sender and a cancelling
-// caller may all come here.
-void ReleaseIoBuf();
