@@ -220,4 +220,79 @@ TEST(SimulatedHost, FaultsAreMetAtTheirNumber) {
     EXPECT_EQ(world.Open(), std::vector<std::string>{"file C:/f"});
 }
 
+TEST(SimulatedHost, ASweepFailsEveryCallOnce) {
+    std::set<std::array<BOOL, 3>> results;
+    const std::uint64_t nFaults = sim::Sweep([&](sim::CWorld& world) {
+        const HANDLE hFile = platform::CreateFileA("f", GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                                   FILE_ATTRIBUTE_NORMAL, nullptr);
+        DWORD dwCount = 0;
+        const BOOL bWritten = platform::WriteFile(hFile, "a", 1, &dwCount);
+        const BOOL bClosed = platform::CloseHandle(hFile);
+        results.insert({bClosed, bWritten, platform::DeleteFileA("f")});
+        EXPECT_TRUE(world.Open().empty());
+    });
+    EXPECT_EQ(nFaults, 3u);
+    EXPECT_EQ(results, (std::set<std::array<BOOL, 3>>{{0, 0, 0}, {1, 0, 1}, {1, 1, 0}, {1, 1, 1}}));
+}
+
+// A thread that looks again after every refused wait must neither keep others from running nor
+// time from passing.
+TEST(SimulatedHost, AStoppedThreadThatInsistsIsWaitedFor) {
+    sim::CWorld world;
+    DWORD dwWord = 1;
+    world.Spawn([&] {
+        platform::Sleep(50);
+        dwWord = 0;
+    });
+    const HANDLE hThread = world.Spawn([&] {
+        while (dwWord != 0) {
+            EXPECT_EQ(platform::WaitOnAddress(&dwWord, 1, INFINITE), FALSE);
+        }
+    });
+    platform::Sleep(1);
+    EXPECT_TRUE(platform::TerminateThread(hThread, 0));
+    EXPECT_EQ(dwWord, 0u);
+    EXPECT_EQ(world.NowMs(), 50u);
+}
+
+TEST(SimulatedHost, TheHostIsAsTheTestSetsIt) {
+    sim::CWorld world;
+    sim::CScriptedDevice device(world);
+    world.UnplugAtQuestion(2);
+    platform::CloseHandle(OpenNode());
+    EXPECT_EQ(OpenNode(), INVALID_HANDLE_VALUE);
+    world.Plug(device);
+    world.bNodeOpens = false;
+    EXPECT_EQ(OpenNode(), INVALID_HANDLE_VALUE);
+
+    // A lock that another process has open exists, and can be held there.
+    world.OtherProcessOpensLock("lock", true);
+    const HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, "lock");
+    EXPECT_EQ(platform::GetLastError(), DWORD{ERROR_ALREADY_EXISTS});
+    world.At(70, [&] { world.OtherProcessClosesLock("lock"); });
+    EXPECT_EQ(platform::WaitForSingleObject(hLock, INFINITE), DWORD{WAIT_OBJECT_0});
+    EXPECT_EQ(world.NowMs(), 70u);
+    platform::CloseHandle(hLock);
+    platform::CloseHandle(platform::CreateMutexA(nullptr, FALSE, "lock"));
+    EXPECT_EQ(platform::GetLastError(), DWORD{ERROR_SUCCESS});
+
+    // A file that tells another size than it has, and a read that the test cuts and slows.
+    world.WriteHostFile("D:/a/b/c", sim::Pattern(1000), {1, 2}, {3, 4});
+    world.HostFile("D:\\a\\b\\c")->qwReportedSize = 5'000'000'000;
+    world.onFileRead = [](sim::CFileRead& read) {
+        platform::Sleep(30);
+        read.dwBytes = 10;
+    };
+    const HANDLE hFile = platform::CreateFileA("D:/a/../a/b\\c", GENERIC_READ, FILE_SHARE_READ,
+                                               nullptr, OPEN_EXISTING, 0, nullptr);
+    DWORD dwHigh = 0;
+    EXPECT_EQ(platform::GetFileSize(hFile, &dwHigh), DWORD{5'000'000'000 & 0xFFFFFFFF});
+    EXPECT_EQ(dwHigh, 1u);
+    EXPECT_EQ(Read(hFile, 1000), sim::Pattern(10));
+    EXPECT_EQ(world.NowMs(), 100u);
+    EXPECT_EQ(world.HostFiles("D:/a"), std::vector<std::string>{"b/c"});
+    platform::CloseHandle(hFile);
+    EXPECT_TRUE(world.Open().empty());
+}
+
 } // namespace

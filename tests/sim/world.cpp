@@ -532,6 +532,25 @@ class CLockHandle : public CObject {
 
 } // namespace
 
+std::uint64_t Sweep(const std::function<void(CWorld&)>& scenario, std::optional<ECall> eCall,
+                    std::uint64_t nTimes, std::uint64_t nOnly) {
+    for (std::uint64_t n = nOnly != 0 ? nOnly : 1;; ++n) {
+        const ::testing::ScopedTrace trace(__FILE__, __LINE__,
+                                           std::string(eCall ? CallName(*eCall) : "any call") +
+                                               " fails, number " + std::to_string(n));
+        CWorld world;
+        if (eCall) {
+            world.FailCall(*eCall, n, 0, nTimes);
+        } else {
+            world.FailAnyCall(n, nTimes);
+        }
+        scenario(world);
+        if (world.FaultsMet() == 0 || nOnly != 0 || ::testing::Test::HasFailure()) {
+            return n - 1;
+        }
+    }
+}
+
 } // namespace sim
 
 namespace platform {

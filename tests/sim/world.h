@@ -400,4 +400,11 @@ inline BOOL FailWith(DWORD dwError) {
     return FALSE;
 }
 
+// Runs a scenario in a world of its own with call number 1 failing, then number 2 and so on, until
+// a run meets no fault: once every call of that kind (none: of all that can fail) has failed. With
+// nTimes the calls behind it fail too. Returns how many faults there were. Failures of the test
+// name the number, and Sweep(scenario, eCall, nTimes, number) repeats that run alone.
+std::uint64_t Sweep(const std::function<void(CWorld&)>& scenario, std::optional<ECall> eCall = {},
+                    std::uint64_t nTimes = 1, std::uint64_t nOnly = 0);
+
 } // namespace sim
