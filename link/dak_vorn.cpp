@@ -3,10 +3,10 @@
 #include "link/dak_vorn.h"
 
 #include "link/device_connection.h"
+#include "link/path_text.h"
 #include "link/shared_word.h"
 #include "platform/file.h"
 #include "platform/memory.h"
-#include "transfer/copy_job.h"
 
 #include <cstring>
 

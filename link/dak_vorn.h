@@ -230,7 +230,7 @@ class DAK_API CDAKVorn {
     int CommitFormatPartition(const WCHAR* lpPartitionName);
 
     // The members, in their fixed order. Those that a job's worker and its caller share are
-    // accessed through link/shared_word.h, the path texts under g_PathLock (transfer/copy_job.h).
+    // accessed through link/shared_word.h, the path texts under g_PathLock (link/path_text.h).
     DWORD m_dwRecvPackages;       // data packages received in this stream
     DWORD m_dwWindowPackages;     // packages per acknowledgement window
     DWORD m_dwSentPackages;       // data packages sent in this stream, the request counted

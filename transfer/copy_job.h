@@ -2,7 +2,7 @@
 #pragma once
 
 #include "link/dak_vorn.h"
-#include "link/shared_word.h"
+#include "link/path_text.h"
 #include "platform/export.h"
 
 // The job record, allocated by DAKTransmitFiles and freed by the worker.
@@ -29,15 +29,6 @@ struct _tagCommitParam {
 // Set when a copy from the device was cut short before its stream could tell the device; the end of
 // the job then swallows what is in flight and sends the abort.
 extern DAK_API BOOL g_bAbortPending;
-
-// Guards the path texts of all objects: a worker writes them while GetCopyStatus and
-// TerminateTransfer read them. Held for a copy of 260 bytes and no longer.
-extern CWordLock g_PathLock;
-
-// Sets a path text; what does not fit is cut.
-void SetPathText(char (&szTarget)[260], const char* lpszText);
-// Copies a path text out; lpszTarget has 260 bytes.
-void GetPathText(char* lpszTarget, const char (&szSource)[260]);
 
 // Wide text as narrow text. bExact tells whether every character could be kept.
 CString NarrowText(const WCHAR* lpszText, bool& bExact);

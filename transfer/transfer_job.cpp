@@ -17,7 +17,6 @@
 #include <vector>
 
 BOOL g_bAbortPending = FALSE;
-CWordLock g_PathLock;
 
 namespace {
 
@@ -75,17 +74,6 @@ _tagCommitParam* MakeJob(CDAKVorn* pOwner, UINT nDirection, const WCHAR* lpSourc
 }
 
 } // namespace
-
-void SetPathText(char (&szTarget)[260], const char* lpszText) {
-    const CWordLockHold hold(g_PathLock);
-    std::strncpy(szTarget, lpszText, sizeof(szTarget) - 1);
-    szTarget[sizeof(szTarget) - 1] = '\0';
-}
-
-void GetPathText(char* lpszTarget, const char (&szSource)[260]) {
-    const CWordLockHold hold(g_PathLock);
-    std::strcpy(lpszTarget, szSource);
-}
 
 SIZE_T WideLength(const WCHAR* lpszText) {
     SIZE_T dwLength = 0;
