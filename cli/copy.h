@@ -25,7 +25,7 @@ void EndSession(CONTEXT& context, std::unique_ptr<COPYSESSION> session, const JO
 // Seconds since then, to a tenth.
 double SecondsSince(std::chrono::steady_clock::time_point start);
 
-// "3 files (1.2 MB) in 2.5 s (480.0 kB/s)"; without the rate for no bytes.
+// "3 files (1.2 MB) in 2.5 s (480.0 kB/s)"; without the rate for little data.
 std::string FormatAmount(std::size_t nFiles, std::uint64_t qwBytes, double dSeconds);
 
 // Names the first of many, and tells the number of the others: "a, b, c and 4 more".
@@ -34,6 +34,7 @@ std::string FormatSome(const std::vector<std::string>& names);
 // What is said on Ctrl-C, while the library cuts the job short.
 void SayCancelling(const CONTEXT& context);
 
+// paths: at least one source, then the destination.
 void RunPush(CONTEXT& context, std::vector<std::string> paths);
 void RunPull(CONTEXT& context, std::vector<std::string> paths);
 

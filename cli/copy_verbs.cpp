@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include <CLI/App.hpp>
+#include <nlohmann/json.hpp>
 
 namespace cli {
 namespace {
@@ -15,16 +16,20 @@ namespace {
 void AddCopyVerb(CLI::App& app, CONTEXT& context, const char* lpszName, const char* lpszSummary,
                  const char* lpszPathHelp, const char* lpszHelp,
                  void (*lpRun)(CONTEXT&, std::vector<std::string>)) {
-    CLI::App* const pVerb = app.add_subcommand(lpszName, lpszSummary);
-    AddOutputOptions(*pVerb, context);
-    pVerb->footer(lpszHelp);
+    CLI::App* const pVerb = AddVerb(app, context, lpszName, lpszSummary, lpszHelp);
     const auto pPaths = std::make_shared<std::vector<std::string>>();
     // Source and destination are one list, for a list takes every word that is left.
     pVerb->add_option("SRC", *pPaths, lpszPathHelp)
         ->required()
-        ->expected(2, CLI::detail::expected_max_vector_size)
+        ->expected(1, CLI::detail::expected_max_vector_size)
         ->option_text("... DEST");
-    pVerb->callback([&context, pPaths, lpRun] { lpRun(context, *pPaths); });
+    pVerb->callback([&context, pPaths, lpRun, lpszName] {
+        if (pPaths->size() < 2) {
+            Finish(context, lpszName, {EXIT_USAGE, "usage", "give a source and a destination"}, {});
+            return;
+        }
+        lpRun(context, *pPaths);
+    });
 }
 
 } // namespace
@@ -75,7 +80,9 @@ std::string FormatAmount(std::size_t nFiles, std::uint64_t qwBytes, double dSeco
     std::snprintf(szSeconds.data(), szSeconds.size(), "%.1f s", dSeconds);
     std::string strAmount =
         Count(nFiles, "file") + " (" + FormatBytes(qwBytes) + ") in " + szSeconds.data();
-    if (qwBytes > 0 && dSeconds > 0) {
+    // For little data it is the fixed cost of a job that would show.
+    constexpr std::uint64_t qwRateBytes = 100'000;
+    if (qwBytes >= qwRateBytes && dSeconds > 0) {
         const double dRate = static_cast<double>(qwBytes) / dSeconds;
         strAmount += " (" + FormatBytes(static_cast<std::uint64_t>(dRate)) + "/s)";
     }

@@ -230,7 +230,7 @@ HOSTTREE CollectForPush(const std::vector<std::string>& sources,
 }
 
 std::string HostPath(const std::string& strEntry) {
-    std::string strPath = strEntry;
+    std::string strPath = strEntry.starts_with("./") ? strEntry.substr(2) : strEntry;
     if (BACKSLASH_IN_NAMES) {
         std::replace(strPath.begin(), strPath.end(), '\\', '/');
     }

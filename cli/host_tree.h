@@ -56,7 +56,7 @@ struct CHANGED {
 };
 std::vector<CHANGED> ChangedSince(const PUSHGROUP& group);
 
-// The entry's path as the host's own programs write it.
+// An entry's path, or its name, as the host's own programs write it.
 std::string HostPath(const std::string& strEntry);
 
 // How many files of a group, from its first on, the device has confirmed with certainty when

@@ -1,10 +1,13 @@
 #include "cli/text.h"
 #include "cli/verbs.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <span>
 #include <string>
 
 #include <CLI/App.hpp>
@@ -31,6 +34,23 @@ class CHelpFormatter : public CLI::Formatter {
     }
 };
 
+// Says what is wrong with the command line.
+int Refuse(const CLI::App& app, int argc, char** argv, const CLI::ParseError& error) {
+    const auto verbs = app.get_subcommands();
+    const std::string strVerb = verbs.empty() ? "" : " " + verbs.front()->get_name();
+    std::string strFault = error.what();
+    if (verbs.empty() && error.get_name() == "RequiredError") {
+        const auto args = std::span(argv, static_cast<std::size_t>(argc)).subspan(1);
+        const auto itWord = std::find_if(args.begin(), args.end(),
+                                         [](const char* lpszWord) { return *lpszWord != '-'; });
+        strFault = itWord == args.end() ? "say what to do: give a verb"
+                                        : "there is no verb " + std::string(*itWord);
+    }
+    std::fprintf(stderr, "dak: %s\n\"dak%s --help\" shows how it is used\n",
+                 cli::Printable(strFault).c_str(), strVerb.c_str());
+    return cli::EXIT_USAGE;
+}
+
 int ParseAndRun(int argc, char** argv, cli::CONTEXT& context) {
     CLI::App app{"dak works on a handheld device attached by USB: it copies files to the device\n"
                  "and back, and works on the files there.",
@@ -38,7 +58,7 @@ int ParseAndRun(int argc, char** argv, cli::CONTEXT& context) {
     app.formatter(std::make_shared<CHelpFormatter>());
     app.allow_windows_style_options(false); // "/Docs" is a path
     app.require_subcommand(1);
-    app.footer("\nPaths of the device start at its root and take / or \\ between folders; in a\n"
+    app.footer("Paths of the device start at its root and take / or \\ between folders; in a\n"
                "shell, / spares the quotes. \"dak VERB --help\" shows each verb by example.\n\n"
                "Examples:\n"
                "  dak status                   is a device there?\n"
@@ -46,19 +66,14 @@ int ParseAndRun(int argc, char** argv, cli::CONTEXT& context) {
                "  dak pull /Pictures backup    copy it back\n"
                "  dak rm /Pictures/old.jpg     delete a file there\n\n" +
                std::string(cli::g_lpszExitStatusHelp));
-    app.failure_message([](const CLI::App* pApp, const CLI::Error& error) {
-        const auto verbs = pApp->get_subcommands();
-        const std::string strVerb = verbs.empty() ? "" : " " + verbs.front()->get_name();
-        return "dak: " + cli::Printable(error.what()) + "\n\"dak" + strVerb +
-               " --help\" shows how it is used.\n";
-    });
+    cli::AddOutputOptions(app, context);
     cli::AddStatusVerb(app, context);
     cli::AddCopyVerbs(app, context);
     cli::AddPathVerbs(app, context);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? cli::EXIT_DONE : cli::EXIT_USAGE;
+        return error.get_exit_code() == 0 ? app.exit(error) : Refuse(app, argc, argv, error);
     }
     return context.nExit;
 }

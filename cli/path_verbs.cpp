@@ -42,9 +42,7 @@ void RunPathVerb(CONTEXT& context, const PATHVERB& verb, const std::string& strA
 }
 
 void AddPathVerb(CLI::App& app, CONTEXT& context, PATHVERB verb) {
-    CLI::App* const pVerb = app.add_subcommand(verb.lpszName, verb.lpszSummary);
-    AddOutputOptions(*pVerb, context);
-    pVerb->footer(verb.lpszHelp);
+    CLI::App* const pVerb = AddVerb(app, context, verb.lpszName, verb.lpszSummary, verb.lpszHelp);
     const auto pPath = std::make_shared<std::string>();
     pVerb->add_option("PATH", *pPath, verb.lpszPathHelp)->required()->option_text(" ");
     pVerb->callback(
@@ -57,9 +55,9 @@ void AddPathVerbs(CLI::App& app, CONTEXT& context) {
     AddPathVerb(app, context,
                 {"rm", "Delete a file or an empty folder on the device", "a path of the device",
                  "Examples:\n"
-                 "  dak rm /Docs/old.txt   delete a file\n"
-                 "  dak rm '\\Docs\\old.txt' the same; a shell wants backslashes in quotes\n"
-                 "  dak rm /Docs/empty     delete a folder that has nothing in it\n",
+                 "  dak rm /Docs/old.txt     delete a file\n"
+                 "  dak rm '\\Docs\\old.txt'   the same; a shell wants backslashes in quotes\n"
+                 "  dak rm /Docs/empty       delete a folder that has nothing in it\n",
                  Action::RemoveFile, "deleted",
                  [](CDAKVorn& dak, const WCHAR* lpPath) { return dak.DAKDeleteFile(lpPath); }});
     AddPathVerb(app, context,

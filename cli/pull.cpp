@@ -79,7 +79,7 @@ class CPull {
   private:
     JOBOUTCOME RunGroup(COPYSESSION& session, const PULLGROUP& group);
     void ShowStatus(const COPYSTATUS& status);
-    void ShowUnseen(const std::vector<ARRIVAL>& arrived);
+    void ShowUnseen(const PULLGROUP& group, const std::vector<ARRIVAL>& arrived);
     void Report(const JOBOUTCOME& outcome, double dSeconds);
 
     CONTEXT& m_context;
@@ -122,12 +122,12 @@ void CPull::ShowStatus(const COPYSTATUS& status) {
 }
 
 // Files that came and went between two looks.
-void CPull::ShowUnseen(const std::vector<ARRIVAL>& arrived) {
+void CPull::ShowUnseen(const PULLGROUP& group, const std::vector<ARRIVAL>& arrived) {
     for (const ARRIVAL& file : arrived) {
         if (m_shown.insert(file.strPath).second) {
-            const std::string strBelow =
-                fs::path(file.strPath).lexically_relative(m_strDest).string();
-            m_display.BeginFile(strBelow, file.strPath);
+            std::string strBelow = fs::path(file.strPath).lexically_relative(m_strDest).string();
+            std::replace(strBelow.begin(), strBelow.end(), '/', '\\');
+            m_display.BeginFile(JoinDevicePath(group.strFolder, strBelow), file.strPath);
         }
     }
 }
@@ -149,7 +149,7 @@ JOBOUTCOME CPull::RunGroup(COPYSESSION& session, const PULLGROUP& group) {
             SayCancelling(m_context);
         });
     const std::vector<ARRIVAL> arrived = arrivals.Arrived();
-    ShowUnseen(arrived);
+    ShowUnseen(group, arrived);
     m_arrived.insert(m_arrived.end(), arrived.begin(), arrived.end());
     for (const std::string& strName : arrivals.Missing()) {
         m_missing.push_back(JoinDevicePath(group.strFolder, strName));

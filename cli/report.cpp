@@ -4,15 +4,9 @@
 
 #include <cstdio>
 
-#include <CLI/App.hpp>
 #include <nlohmann/json.hpp>
 
 namespace cli {
-
-void AddOutputOptions(CLI::App& app, CONTEXT& context) {
-    app.add_flag("-q,--quiet", context.output.bQuiet, "Print errors alone");
-    app.add_flag("--json", context.output.bJson, "Print one JSON object at the end, nothing else");
-}
 
 void Say(const CONTEXT& context, const std::string& strSentence) {
     if (!context.output.bQuiet && !context.output.bJson) {

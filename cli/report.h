@@ -9,10 +9,6 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-namespace CLI {
-class App;
-}
-
 namespace cli {
 
 struct OUTPUT {
@@ -28,9 +24,6 @@ struct CONTEXT {
     // waiting for it.
     bool bAbandoned = false;
 };
-
-// Adds --quiet and --json.
-void AddOutputOptions(CLI::App& app, CONTEXT& context);
 
 // A sentence on standard output; nothing under --quiet and --json.
 void Say(const CONTEXT& context, const std::string& strSentence);

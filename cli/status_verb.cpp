@@ -21,12 +21,12 @@ void RunStatus(CONTEXT& context) {
 } // namespace
 
 void AddStatusVerb(CLI::App& app, CONTEXT& context) {
-    CLI::App* const pStatus = app.add_subcommand("status", "Tell whether a device is attached");
-    AddOutputOptions(*pStatus, context);
-    pStatus->footer("Shakes hands with the device and lets it go again.\n\n"
-                    "Examples:\n"
-                    "  dak status                 say it in a sentence\n"
-                    "  dak status -q && echo yes  by the exit status: 0 when it answers\n");
+    CLI::App* const pStatus =
+        AddVerb(app, context, "status", "Tell whether a device is attached",
+                "Shakes hands with the device and lets it go again.\n\n"
+                "Examples:\n"
+                "  dak status                   say it in a sentence\n"
+                "  dak status -q && echo yes    by the exit status: 0 when it answers\n");
     pStatus->callback([&context] { RunStatus(context); });
 }
 
