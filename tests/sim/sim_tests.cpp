@@ -193,6 +193,12 @@ TEST(SimulatedHost, TheScriptChecksBytesAndTimes) {
         },
         "differ at byte 2");
     EXPECT_NONFATAL_FAILURE(Write(OpenNode(), {1}), "no step waits");
+    EXPECT_NONFATAL_FAILURE(
+        {
+            device.Expect({1}).At(7);
+            Write(OpenNode(), {1});
+        },
+        "came at 200 ms and not at 7 ms");
     EXPECT_NONFATAL_FAILURE(device.Expect({1}).Finish(), "1 steps of the script are left");
 }
 
