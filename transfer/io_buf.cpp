@@ -161,13 +161,15 @@ void CIoBuf::FillBuffer(int nIndex) {
     StoreShared(m_bReady[nIndex], TRUE);
 }
 
-// Returns with no fill running. A pass that was late and then replaced has no handle any more; its
-// end shows in the lock.
+// Returns with no fill running. A pass that was late has no handle any more, whether another could
+// be started behind it or not; its end shows in the lock.
 void CIoBuf::StopFill() {
     if (m_hFillThread != nullptr) {
         platform::TerminateThread(m_hFillThread, 0);
         platform::CloseHandle(m_hFillThread);
         m_hFillThread = nullptr;
+    }
+    if (m_hFile != nullptr) {
         const CWordLockHold hold(g_FillLock);
     }
 }
