@@ -44,6 +44,8 @@ int CIoBuf::InitIoBuf(int nBufSize, const char* lpszFileName) {
     if (nBufSize != m_nBufferSize) {
         FreeBuffer(0);
         FreeBuffer(1);
+        // Should the open fail, what it leaves must not pass for buffers of the size before.
+        m_nBufferSize = 0;
     }
     for (BYTE*& lpBuffer : m_lpBuffer) {
         if (lpBuffer == nullptr && nBufSize > 0) {

@@ -60,7 +60,7 @@ class DAK_API CIoBuf {
     HANDLE m_hFile;         // 0 when none
     HANDLE m_hFillThread;   // the latest fill thread; 0 when none
     DWORD m_dwFillCount[2]; // bytes that the latest read delivered
-    int m_nBufferSize;      // of each buffer, as accepted by the latest successful open
+    int m_nBufferSize;      // of each buffer, as accepted by a successful open; else 0
     int m_nBytesLeft[2];    // not yet taken by the consumer
     BYTE* m_lpBuffer[2];    // owned
     BOOL m_bFilling[2];     // 1 while ReadFile runs for the buffer; informative only
