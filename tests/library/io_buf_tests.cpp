@@ -1,0 +1,417 @@
+// The read-ahead file buffer on the simulated host: bytes, threads and times at every size, and its
+// errors.
+
+#include "platform/memory.h"
+#include "platform/thread.h"
+#include "tests/sim/packages.h"
+#include "tests/sim/world.h"
+#include "transfer/io_buf.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <random>
+
+namespace {
+
+using sim::Bytes;
+using sim::CWorld;
+using sim::ECall;
+
+constexpr char FILE_NAME[] = "C:/s/a.bin";
+constexpr char OTHER_NAME[] = "C:/s/b.bin";
+constexpr int N = 16; // bytes of a buffer
+
+// What one call delivers, and what it costs, when a file comes in fills of the given sizes.
+struct CModel {
+    std::deque<std::size_t> fills; // those not yet begun to drain, the current one's rest in front
+    std::size_t dwSize = 0;
+    std::size_t dwPos = 0;
+    std::uint64_t qwMs = 0; // what the calls have slept
+    std::uint64_t nThreads = 1;
+
+    CModel(std::size_t dwFileBytes, std::deque<std::size_t> begin)
+        : fills(std::move(begin)), dwSize(dwFileBytes) {}
+
+    std::size_t Take(std::size_t dwWanted) {
+        const std::size_t dwTaken = std::min(dwWanted, fills.empty() ? 0 : fills.front());
+        if (dwTaken != 0) {
+            fills.front() -= dwTaken;
+            dwPos += dwTaken;
+        }
+        return dwTaken;
+    }
+    std::size_t Read(std::size_t dwWanted) {
+        if (dwPos >= dwSize) {
+            return 0;
+        }
+        if (qwMs == 0) {
+            qwMs = 10; // the first buffer is not there yet
+        }
+        const bool bCrosses = fills.empty() || dwWanted > fills.front();
+        const std::size_t dwFirst = Take(dwWanted);
+        if (!bCrosses || dwPos >= dwSize) {
+            return dwFirst;
+        }
+        if (!fills.empty()) {
+            fills.pop_front();
+        }
+        qwMs += 10;
+        ++nThreads;
+        return dwFirst + Take(dwWanted - dwFirst);
+    }
+};
+
+std::deque<std::size_t> WholeFills(std::size_t dwBytes) {
+    std::deque<std::size_t> fills;
+    for (; dwBytes != 0; dwBytes -= fills.back()) {
+        fills.push_back(std::min<std::size_t>(dwBytes, N));
+    }
+    return fills;
+}
+
+class IoBufTest : public ::testing::Test {
+  protected:
+    // Reads in requests of dwRequest until a call brings nothing.
+    Bytes ReadAll(int nRequest) {
+        Bytes all;
+        Bytes part(static_cast<std::size_t>(nRequest));
+        for (int nRead = 1; nRead > 0;) {
+            nRead = buf.ReadIoBuf(part.data(), nRequest);
+            all.insert(all.end(), part.begin(), part.begin() + nRead);
+        }
+        return all;
+    }
+    std::uint64_t Threads() const { return world.CallCount(ECall::CreateThread); }
+    DWORD FileSize() {
+        DWORD dwHigh = 0;
+        return buf.IoGetFileSize(&dwHigh);
+    }
+    void ExpectNothingOpen() {
+        EXPECT_EQ(world.Open(), std::vector<std::string>{});
+        EXPECT_EQ(world.LiveThreads(), 0);
+    }
+
+    CWorld world;
+    CIoBuf buf;
+};
+
+// Every size around the buffers with every relation of a request to what is left.
+TEST_F(IoBufTest, SizesAndRequests) {
+    for (const int nSize :
+         {0, 1, N - 1, N, N + 1, 2 * N - 1, 2 * N, 2 * N + 1, 3 * N, 3 * N + 1, 7 * N, 7 * N + 5}) {
+        for (const int nRequest : {1, 5, N - 1, N, N + 1, N + 8, 2 * N, 2 * N + 1, 100}) {
+            const auto dwSize = static_cast<std::size_t>(nSize);
+            SCOPED_TRACE(std::to_string(dwSize) + " bytes by " + std::to_string(nRequest));
+            const Bytes content = sim::Pattern(dwSize);
+            world.WriteHostFile(FILE_NAME, content);
+            const std::uint64_t qwBegin = world.NowMs();
+            const std::uint64_t nThreads = Threads();
+            CModel model(dwSize, WholeFills(dwSize));
+            ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+            EXPECT_EQ(FileSize(), dwSize);
+            Bytes all;
+            Bytes part(static_cast<std::size_t>(nRequest) + 1, 0xEE);
+            for (std::size_t dwExpected = 1; dwExpected != 0;) {
+                dwExpected = model.Read(static_cast<std::size_t>(nRequest));
+                const int nRead = buf.ReadIoBuf(part.data(), nRequest);
+                ASSERT_EQ(static_cast<std::size_t>(nRead), dwExpected) << "at " << all.size();
+                ASSERT_EQ(world.NowMs() - qwBegin, model.qwMs) << "at " << all.size();
+                all.insert(all.end(), part.begin(), part.begin() + nRead);
+            }
+            EXPECT_EQ(part.back(), 0xEE);
+            EXPECT_EQ(all, content);
+            EXPECT_EQ(Threads() - nThreads, model.nThreads);
+            buf.DeinitIoBuf();
+            ExpectNothingOpen();
+        }
+    }
+}
+
+// A request for exactly the rest does not switch; the next one finds nothing left and does.
+TEST_F(IoBufTest, RestOfABufferTakesNoSwitch) {
+    world.WriteHostFile(FILE_NAME, sim::Pattern(3 * N));
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    Bytes part(100);
+    EXPECT_EQ(buf.ReadIoBuf(part.data(), N), N);
+    EXPECT_EQ(Threads(), 1u);
+    EXPECT_EQ(buf.ReadIoBuf(part.data(), 4), 4);
+    EXPECT_EQ(Threads(), 2u);
+    EXPECT_EQ(buf.ReadIoBuf(part.data(), 100), N - 4 + N); // the remainder and one buffer
+    EXPECT_EQ(Threads(), 3u);
+    EXPECT_EQ(buf.ReadIoBuf(part.data(), 1), 0); // and that was all
+    EXPECT_EQ(Threads(), 3u);
+}
+
+// Random sizes, requests and short reads against a plain copy.
+TEST_F(IoBufTest, RandomReads) {
+    for (unsigned uSeed = 1; uSeed <= 300; ++uSeed) {
+        SCOPED_TRACE("seed " + std::to_string(uSeed));
+        std::mt19937 random(uSeed);
+        const auto below = [&](std::size_t dwLimit) { return random() % dwLimit; };
+        const std::size_t dwSize = below(10 * N);
+        const Bytes content = sim::Pattern(dwSize, uSeed);
+        world.WriteHostFile(FILE_NAME, content);
+        world.onFileRead = [&](sim::CFileRead& read) {
+            if (below(3) == 0) {
+                read.dwBytes = static_cast<DWORD>(1 + below(read.dwBytes));
+            }
+            if (below(4) == 0) {
+                platform::Sleep(static_cast<DWORD>(below(100)));
+            }
+        };
+        ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+        Bytes all;
+        Bytes part(3 * N);
+        while (all.size() < dwSize) {
+            const int nWanted = static_cast<int>(1 + below(3 * N));
+            const int nRead = buf.ReadIoBuf(part.data(), nWanted);
+            ASSERT_GT(nRead, 0);
+            ASSERT_LE(nRead, nWanted);
+            all.insert(all.end(), part.begin(), part.begin() + nRead);
+        }
+        EXPECT_EQ(all, content);
+        EXPECT_EQ(buf.ReadIoBuf(part.data(), 1), 0);
+    }
+    world.onFileRead = nullptr;
+    buf.DeinitIoBuf();
+    ExpectNothingOpen();
+}
+
+// A read error at the n-th fill: what had been copied comes, then nothing more, until the next
+// open.
+TEST_F(IoBufTest, ReadErrors) {
+    const Bytes content = sim::Pattern(5 * N);
+    world.WriteHostFile(FILE_NAME, content);
+    // The first thread fills both buffers before the consumer looks.
+    const std::size_t delivered[] = {0, 0, N, 2 * N, 3 * N};
+    for (std::uint64_t nFill = 1; nFill <= std::size(delivered); ++nFill) {
+        SCOPED_TRACE("fill " + std::to_string(nFill));
+        world.FailCall(ECall::ReadFile, nFill);
+        ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+        const Bytes all = ReadAll(10);
+        EXPECT_EQ(all, Bytes(content.begin(),
+                             content.begin() + static_cast<std::ptrdiff_t>(delivered[nFill - 1])));
+        EXPECT_EQ(ReadAll(10), Bytes{});
+        world.ClearFaults();
+        ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+        EXPECT_EQ(ReadAll(10), content);
+    }
+    // One that comes while the consumer waits ends the wait.
+    world.onFileRead = [&](sim::CFileRead& read) {
+        platform::Sleep(95);
+        read.bFail = true;
+    };
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    const std::uint64_t qwBegin = world.NowMs();
+    EXPECT_EQ(ReadAll(10), Bytes{});
+    EXPECT_EQ(world.NowMs() - qwBegin, 100u);
+}
+
+TEST_F(IoBufTest, NoThread) {
+    const Bytes content = sim::Pattern(4 * N);
+    world.WriteHostFile(FILE_NAME, content);
+    world.FailCall(ECall::CreateThread, 1);
+    EXPECT_EQ(buf.InitIoBuf(N, FILE_NAME), 0);
+    EXPECT_EQ(world.HostFile(FILE_NAME)->nHandles, 1); // stays open
+    // The caller's own thread can make the pass in its place.
+    EXPECT_EQ(buf.ReadFileData(), 1);
+    Bytes part(2 * N);
+    EXPECT_EQ(buf.ReadIoBuf(part.data(), N), N);
+    EXPECT_EQ(world.NowMs(), 0u);
+    // None for a refill: what was copied comes, then nothing.
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    EXPECT_EQ(ReadAll(12), content);
+    world.FailCall(ECall::CreateThread, 2);
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    EXPECT_EQ(ReadAll(12), Bytes(content.begin(), content.begin() + N));
+    EXPECT_EQ(CIoBuf::ReadDataToBufferThread(nullptr), 1u);
+    buf.DeinitIoBuf();
+    ExpectNothingOpen();
+}
+
+TEST_F(IoBufTest, BuffersAreKeptAndReplaced) {
+    const Bytes content = sim::Pattern(5 * N);
+    world.WriteHostFile(FILE_NAME, content);
+    const std::string strBlock = "memory block of 16 bytes";
+    const struct {
+        const char* lpszFile;
+        std::uint64_t nFailingAllocation;
+        std::vector<std::string> open;
+    } cases[] = {
+        {FILE_NAME, 1, {}},
+        {FILE_NAME, 2, {strBlock}},
+        {"C:/s/missing", 0, {strBlock, strBlock}},
+    };
+    for (const auto& row : cases) {
+        if (row.nFailingAllocation != 0) {
+            world.FailCall(ECall::LocalAlloc, row.nFailingAllocation);
+        }
+        EXPECT_EQ(buf.InitIoBuf(N, row.lpszFile), 0);
+        EXPECT_EQ(world.Open(), row.open);
+        EXPECT_EQ(FileSize(), 0u);
+        world.ClearFaults();
+        ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+        EXPECT_EQ(ReadAll(7), content);
+        buf.DeinitIoBuf();
+        ExpectNothingOpen();
+    }
+    // The same size again takes no memory, another size does.
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    const std::uint64_t nAllocations = world.CallCount(ECall::LocalAlloc);
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    EXPECT_EQ(world.CallCount(ECall::LocalAlloc), nAllocations);
+    ASSERT_EQ(buf.InitIoBuf(N + 1, FILE_NAME), 1);
+    EXPECT_EQ(world.CallCount(ECall::LocalAlloc), nAllocations + 2);
+    EXPECT_EQ(ReadAll(7), content);
+}
+
+// Smaller buffers that a failed open left behind are not taken for those of the size before.
+TEST_F(IoBufTest, BuffersOfAFailedOpenAreNotTakenForOthers) {
+    const Bytes content = sim::Pattern(1000);
+    world.WriteHostFile(FILE_NAME, content);
+    ASSERT_EQ(buf.InitIoBuf(400, FILE_NAME), 1);
+    EXPECT_EQ(ReadAll(100), content);
+    EXPECT_EQ(buf.InitIoBuf(N, "C:/s/missing"), 0);
+    ASSERT_EQ(buf.InitIoBuf(400, FILE_NAME), 1);
+    ASSERT_EQ(std::ranges::count(world.Open(), "memory block of 400 bytes"), 2);
+    EXPECT_EQ(ReadAll(100), content);
+}
+
+// Opening another file, or closing, in the middle of a fill stops it at once.
+TEST_F(IoBufTest, RunningFillIsStopped) {
+    const Bytes other = sim::Pattern(50, 2);
+    world.WriteHostFile(FILE_NAME, sim::Pattern(5 * N));
+    world.WriteHostFile(OTHER_NAME, other);
+    world.onFileRead = [&](sim::CFileRead& read) {
+        if (read.strPath == FILE_NAME) {
+            platform::Sleep(5000);
+        }
+    };
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    platform::Sleep(100);
+    ASSERT_EQ(buf.InitIoBuf(N, OTHER_NAME), 1);
+    EXPECT_EQ(world.NowMs(), 100u);
+    EXPECT_EQ(world.HostFile(FILE_NAME)->nHandles, 0);
+    EXPECT_EQ(FileSize(), other.size());
+    EXPECT_EQ(ReadAll(9), other);
+
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    platform::Sleep(100);
+    const std::uint64_t qwBegin = world.NowMs();
+    buf.DeinitIoBuf();
+    EXPECT_EQ(world.NowMs(), qwBegin);
+    ExpectNothingOpen();
+}
+
+// A fill that is late by more than 1000 looks: the consumer asks for the next one all the same, and
+// the two follow one another.
+TEST_F(IoBufTest, LateFill) {
+    const Bytes content = sim::Pattern(5 * N + 3);
+    world.WriteHostFile(FILE_NAME, content);
+    world.onFileRead = [&](sim::CFileRead& read) {
+        if (read.qwPosition == N) {
+            platform::Sleep(25'000);
+        }
+    };
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    Bytes part(N);
+    EXPECT_EQ(buf.ReadIoBuf(part.data(), N), N);
+    EXPECT_EQ(world.NowMs(), 10u);
+    world.At(10'009, [&] { EXPECT_EQ(Threads(), 1u); });
+    world.At(10'011, [&] { EXPECT_EQ(Threads(), 2u); });
+    EXPECT_EQ(buf.ReadIoBuf(part.data(), N), N);
+    EXPECT_EQ(world.NowMs(), 25'000u);
+    EXPECT_EQ(part, Bytes(content.begin() + N, content.begin() + 2 * N));
+    EXPECT_EQ(ReadAll(N), Bytes(content.begin() + 2 * N, content.end()));
+}
+
+// No thread can be had while the late fill is still at work: it is waited for before its buffer
+// goes.
+TEST_F(IoBufTest, LateFillOutlivesItsHandle) {
+    world.WriteHostFile(FILE_NAME, sim::Pattern(5 * N));
+    for (const bool bReopen : {false, true}) {
+        std::uint64_t qwFilled = 0;
+        world.onFileRead = [&](sim::CFileRead& read) {
+            if (read.qwPosition == N) {
+                platform::Sleep(15'000);
+                qwFilled = world.NowMs();
+            }
+        };
+        ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+        world.FailCall(ECall::CreateThread, 1);
+        EXPECT_EQ(ReadAll(N).size(), std::size_t{N});
+        EXPECT_EQ(qwFilled, 0u);
+        if (bReopen) {
+            world.WriteHostFile(OTHER_NAME, sim::Pattern(3 * N, 2));
+            ASSERT_EQ(buf.InitIoBuf(N, OTHER_NAME), 1);
+            EXPECT_NE(qwFilled, 0u);
+            world.onFileRead = nullptr;
+            EXPECT_EQ(ReadAll(N), sim::Pattern(3 * N, 2));
+        }
+        buf.DeinitIoBuf();
+        EXPECT_NE(qwFilled, 0u);
+        ExpectNothingOpen();
+    }
+}
+
+// The size is the one taken at open; a file that has become shorter brings what it has.
+TEST_F(IoBufTest, ShrunkenFile) {
+    const Bytes content = sim::Pattern(N + 4);
+    world.WriteHostFile(FILE_NAME, content);
+    world.HostFile(FILE_NAME)->qwReportedSize = 5ull * N;
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    EXPECT_EQ(ReadAll(N), content);
+    const std::uint64_t qwBegin = world.NowMs();
+    Bytes part(N);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(buf.ReadIoBuf(part.data(), N), 0);
+    }
+    EXPECT_LE(world.NowMs() - qwBegin, 100u);
+}
+
+TEST_F(IoBufTest, SizeAndTimes) {
+    FILETIME ftCreation{1, 2};
+    FILETIME ftWrite{3, 4};
+    buf.IoGetFileTime(&ftCreation, &ftWrite); // nothing is open
+    EXPECT_EQ(ftCreation.dwLowDateTime, 0u);
+    EXPECT_EQ(ftCreation.dwHighDateTime, 2u);
+    EXPECT_EQ(ftWrite.dwLowDateTime, 0u);
+    EXPECT_EQ(ftWrite.dwHighDateTime, 4u);
+
+    world.WriteHostFile(FILE_NAME, sim::Pattern(N), {11, 12}, {13, 14});
+    world.HostFile(FILE_NAME)->qwReportedSize = 0x7'0000'0009;
+    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
+    DWORD dwHigh = 0;
+    EXPECT_EQ(buf.IoGetFileSize(&dwHigh), 9u);
+    EXPECT_EQ(dwHigh, 7u);
+    buf.IoGetFileTime(&ftCreation, &ftWrite);
+    EXPECT_EQ(ftCreation.dwLowDateTime, 11u);
+    EXPECT_EQ(ftCreation.dwHighDateTime, 12u);
+    EXPECT_EQ(ftWrite.dwLowDateTime, 13u);
+    EXPECT_EQ(ftWrite.dwHighDateTime, 14u);
+
+    for (int i = 0; i < 2; ++i) { // the second finds nothing to do
+        buf.DeinitIoBuf();
+        EXPECT_EQ(buf.IoGetFileSize(&dwHigh), 0u);
+        EXPECT_EQ(dwHigh, 0u);
+        EXPECT_EQ(buf.ReadIoBuf(nullptr, 1), 0);
+        ExpectNothingOpen();
+    }
+    EXPECT_EQ(buf.InitIoBuf(N, ("C:/s/" + std::string(300, 'x')).c_str()), 0); // no overrun
+}
+
+TEST_F(IoBufTest, EndOfTheObject) {
+    world.WriteHostFile(FILE_NAME, sim::Pattern(5 * N));
+    world.onFileRead = [](sim::CFileRead&) { platform::Sleep(5000); };
+    {
+        CIoBuf local;
+        ASSERT_EQ(local.InitIoBuf(N, FILE_NAME), 1);
+        platform::Sleep(1);
+    }
+    EXPECT_EQ(world.NowMs(), 1u);
+    ExpectNothingOpen();
+}
+
+} // namespace
