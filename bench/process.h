@@ -1,0 +1,42 @@
+// A temporary device for the benchmarks: an agent process on a folder of its own, and programs run
+// against it.
+#pragma once
+
+#include <string>
+#include <sys/resource.h>
+#include <sys/types.h>
+#include <vector>
+
+namespace bench {
+
+// The folder that the running program stands in, with its trailing slash.
+std::string ProgramFolder();
+
+// An agent, from construction to destruction; all that it needs lies below a temporary folder, and
+// DAK_DEVICE_DIR of this process leads there. Ends the program with a message when it does not
+// start.
+class CDeviceForBench {
+  public:
+    CDeviceForBench();
+    ~CDeviceForBench();
+    CDeviceForBench(const CDeviceForBench&) = delete;
+    CDeviceForBench& operator=(const CDeviceForBench&) = delete;
+
+    const std::string& Folder() const { return m_strFolder; }  // temporary, for whatever is needed
+    std::string Root() const { return m_strFolder + "/root"; } // the device's files
+
+  private:
+    std::string m_strFolder;
+    pid_t m_nAgent = -1;
+};
+
+struct RunResult {
+    int nExitCode; // -1 when it did not end by itself
+    double fWallSeconds;
+    double fCpuSeconds; // user and system
+};
+
+// Runs a program to its end, its output thrown away.
+RunResult Run(const std::vector<std::string>& arguments);
+
+} // namespace bench
