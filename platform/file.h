@@ -57,8 +57,8 @@ BOOL DeleteFileA(const char* lpFileName);
 BOOL MoveFileA(const char* lpExistingFileName, const char* lpNewFileName);
 
 // The same with dwFlags MOVEFILE_REPLACE_EXISTING: a file that has the new name is replaced in one
-// step, so that at every moment the name leads to the whole old file or the whole new one. On
-// failure both stay as they were.
+// step, so that at every moment the name leads to the whole old file or the whole new one. A target
+// that is a folder or read-only is refused. On failure both stay as they were.
 BOOL MoveFileExA(const char* lpExistingFileName, const char* lpNewFileName, DWORD dwFlags);
 
 // FILE_ATTRIBUTE_NORMAL makes a file writable again, FILE_ATTRIBUTE_READONLY read-only.
