@@ -1,4 +1,5 @@
 #include "cli/device_path.h"
+#include "cli/patience.h"
 #include "cli/text.h"
 #include "cli/verbs.h"
 
@@ -34,7 +35,11 @@ void RunPathVerb(CONTEXT& context, const PATHVERB& verb, const std::string& strA
         return;
     }
     CDAKVorn dak;
-    const DWORD dwResult = verb.operation(dak, Utf8ToWide(*strPath)->c_str());
+    DWORD dwResult = DAKERROR_NONE;
+    {
+        const CPatience patience(context);
+        dwResult = verb.operation(dak, Utf8ToWide(*strPath)->c_str());
+    }
     MEANING meaning = ExplainOperation(verb.action, dwResult, dak.GetLastError());
     meaning.strSentence = meaning.nExit == EXIT_DONE ? verb.lpszDone + (" " + *strPath)
                                                      : *strPath + ": " + meaning.strSentence;

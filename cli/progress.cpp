@@ -120,7 +120,9 @@ void CProgressDisplay::Show(PROGRESS progress, std::uint64_t qwMoved) {
 
 void CProgressDisplay::Clear() {
     if (m_nColumnsDrawn > 0) {
-        std::fprintf(stderr, "\r%*s\r", m_nColumnsDrawn, "");
+        // A terminal shows Ctrl-C as two characters behind the bar.
+        const int nColumns = std::min(m_nColumnsDrawn + 2, console::Width() - 1);
+        std::fprintf(stderr, "\r%*s\r", nColumns, "");
         std::fflush(stderr);
         m_nColumnsDrawn = 0;
     }

@@ -182,14 +182,17 @@ void CPull::Report(const JOBOUTCOME& outcome, double dSeconds) {
         if (!m_missing.empty() || !m_plan.leftOut.empty()) {
             meaning.nExit = EXIT_PARTIAL;
             meaning.lpszKey = "partial";
-            meaning.strSentence +=
-                "; missing: " + std::to_string(m_missing.size() + m_plan.leftOut.size());
+            if (!m_missing.empty()) {
+                meaning.strSentence += "; missing: " + std::to_string(m_missing.size());
+            }
+            if (!m_plan.leftOut.empty()) {
+                meaning.strSentence += "; left out: " + std::to_string(m_plan.leftOut.size());
+            }
         }
     } else if (outcome.bStarted || !m_arrived.empty()) {
-        meaning.strSentence += ". Arrived whole: " + Count(m_arrived.size(), "file") +
+        meaning.strSentence += ". " + Count(m_arrived.size(), "file") + " arrived whole" +
                                (m_arrived.empty() ? "" : " (" + FormatSome(paths) + ")") +
-                               (m_missing.empty() ? ", of other files an unknown number did not"
-                                                  : "; nothing came of " + FormatSome(m_missing));
+                               "; the rest did not arrive";
     }
     Finish(m_context, "pull", meaning,
            {{"destination", m_strDest},
@@ -240,7 +243,8 @@ PULLPLAN PlanPull(const std::vector<std::string>& sources, const std::string& st
         if (!strPath) {
             plan.leftOut.push_back({strSource, "it is empty or not valid UTF-8"});
         } else if (path.strName.empty() || path.strName == "..") {
-            plan.leftOut.push_back({*strPath, "it names no file or folder in a folder"});
+            plan.leftOut.push_back(
+                {*strPath, "it stands for no file or folder with a name: name what is in it"});
         } else if (strPath->size() >= MAX_PATH ||
                    strDest.size() + 1 + path.strName.size() >= MAX_PATH) {
             plan.leftOut.push_back({*strPath, "its path, there or here, is 260 bytes or longer"});

@@ -162,13 +162,14 @@ void CPush::Report(const JOBOUTCOME& outcome, double dSeconds) {
             meaning.strSentence += "; left out: " + std::to_string(m_tree.leftOut.size());
         }
     } else if (outcome.bStarted || m_nArrived > 0) {
-        meaning.strSentence += m_bArrivalsUnknown
-                                   ? ". Which files it kept is not known"
-                                   : ". The device had confirmed " + std::to_string(m_nArrived) +
-                                         " of " + Count(nFiles, "file") +
-                                         (m_unconfirmed.empty() ? ""
-                                                                : "; not, or not for certain: " +
-                                                                      FormatSome(m_unconfirmed));
+        meaning.strSentence +=
+            m_bArrivalsUnknown
+                ? ". Which files it kept is not known"
+                : ". The device had confirmed " + std::to_string(m_nArrived) + " of " +
+                      Count(nFiles, "file") +
+                      (m_unconfirmed.empty()
+                           ? ""
+                           : "; not there, or not for certain: " + FormatSome(m_unconfirmed));
     }
     nlohmann::json object = {{"destination", m_strDest},
                              {"files", nFiles},
