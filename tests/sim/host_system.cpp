@@ -162,7 +162,7 @@ using sim::Enter;
 using sim::FailWith;
 using sim::SetError;
 
-// Memory. It is given back also behind the end of a world, for the library's own statics.
+// Memory. A block lives on past the end of its world, for the library's own statics.
 
 void* LocalAlloc(UINT uFlags, SIZE_T uBytes) {
     CWorld* pWorld = CWorld::Current();
@@ -448,7 +448,8 @@ HWND CreateMessageWindow() {
     if (pWorld == nullptr) {
         return nullptr;
     }
-    const HWND hWnd = reinterpret_cast<HWND>(pWorld->qwNextWindow += 2);
+    static std::uintptr_t qwLast = 0x10000;
+    const HWND hWnd = reinterpret_cast<HWND>(qwLast += 2);
     pWorld->windows[hWnd] = {};
     return hWnd;
 }

@@ -97,9 +97,6 @@ CWorld::~CWorld() {
                          m_trace[i].strText.c_str());
         }
     }
-    for (const auto& [lpBlock, dwBytes] : blocks) {
-        std::free(lpBlock);
-    }
     t_pThread = nullptr;
     g_pWorld = nullptr;
 }
@@ -453,7 +450,10 @@ std::vector<std::string> CWorld::Open() const {
 }
 
 HANDLE CWorld::Add(std::shared_ptr<CObject> pObject) {
-    const HANDLE hObject = reinterpret_cast<HANDLE>(m_qwNextHandle += 4);
+    // Never given out twice, across worlds too: what a static of the library still holds from an
+    // earlier world must not name something of this one.
+    static std::uintptr_t qwLast = 0x100;
+    const HANDLE hObject = reinterpret_cast<HANDLE>(qwLast += 4);
     m_handles.emplace(hObject, std::move(pObject));
     return hObject;
 }

@@ -340,7 +340,6 @@ class CWorld {
     std::map<void*, SIZE_T> blocks;
     std::uint64_t qwPlugNumber = 0; // a node opened under another number is stale
     DWORD dwTempNames = 0;
-    std::uintptr_t qwNextWindow = 0x10000;
 
   private:
     struct CFault {
@@ -384,7 +383,6 @@ class CWorld {
     int m_nFaultsMet = 0;
     std::vector<CEvent> m_trace;
     std::map<HANDLE, std::shared_ptr<CObject>> m_handles;
-    std::uintptr_t m_qwNextHandle = 0x100;
     IPeer* m_pPeer = nullptr;
     std::uint64_t m_qwQuestions = 0;
     std::uint64_t m_qwUnplugAt = 0;
