@@ -123,7 +123,7 @@ int CDAKVorn::CommitGetStorageInfo(CArray<_tagStorageInfo, _tagStorageInfo>* pSt
     DWORD dwOffset = 0;
     for (int i = 0; i < nRecords && dwBytes - dwOffset >= sizeof(_tagStorageInfo); ++i) {
         if (pStorageList->Add(TakeStorage(records.Get() + dwOffset)) < 0) {
-            return 0;
+            break;
         }
         dwOffset += static_cast<DWORD>(sizeof(_tagStorageInfo));
     }

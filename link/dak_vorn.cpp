@@ -69,7 +69,8 @@ void CDAKVorn::TakeSettings(const CDAKVorn& other) {
     const CWordLockHold hold(g_PathLock);
     std::memcpy(m_szSourcePath, other.m_szSourcePath, sizeof(m_szSourcePath));
     std::memcpy(m_szDestPath, other.m_szDestPath, sizeof(m_szDestPath));
-    std::memcpy(m_szPartPath, other.m_szPartPath, sizeof(m_szPartPath));
+    // A part file belongs to the job that writes it.
+    m_szPartPath[0] = '\0';
 }
 
 // Ends a worker and closes the link, so that nothing uses the object afterwards.

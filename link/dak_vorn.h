@@ -5,14 +5,15 @@
 // DWORD return 0 for success or one of the results of link/result.h; GetLastError says more.
 //
 // Threads: operations run on the caller's thread. Those of one process that overlap, on any object
-// and any thread, wait for one another and for a running job. While a job runs these may be called
-// from any thread without a wait: GetCopyStatus, IsTransmitting, TerminateTransfer, GetLastError,
-// DAKGetVersionNumber, ClearFileList, ClearStorageList; and DAKTransmitFiles returns DAKERROR_BUSY.
-// No object is destroyed or assigned while another thread uses it.
+// and any thread, wait for one another and for a running job, also where they then refuse their
+// arguments. While a job runs these may be called from any thread without waiting for it:
+// GetCopyStatus, IsTransmitting, TerminateTransfer (which itself waits up to 2 seconds),
+// GetLastError, DAKGetVersionNumber, ClearFileList, ClearStorageList; and DAKTransmitFiles returns
+// DAKERROR_BUSY. No object is destroyed or assigned while another thread uses it.
 //
 // Paths of the device are wide text, separated by backslashes; a path argument must be neither
-// null nor empty unless stated, otherwise the operation returns DAKERROR_FAIL at once. Paths of
-// the host are narrow text in the ANSI code page (UTF-8 where the system has none), with at most
+// null nor empty unless stated, otherwise the operation returns DAKERROR_FAIL without a link. Paths
+// of the host are narrow text in the ANSI code page (UTF-8 where the system has none), with at most
 // 260 characters, terminator included.
 #pragma once
 
@@ -24,7 +25,6 @@
 #include "platform/types.h"
 #include "remote_files/file_info.h"
 
-struct _tagExchangeRow;
 enum class OperationFrame : int;
 
 class DAK_API CDAKVorn {
@@ -64,11 +64,12 @@ class DAK_API CDAKVorn {
                            CStringArray* pFileList, HWND hNotifyWnd);
 
     // The current file: its two paths into buffers of at least 260 bytes, the low halves of its
-    // size and of the bytes copied, and the per cent copied. Writes nothing when no job runs.
+    // size and of the bytes copied, and the per cent copied. Writes nothing unless IsTransmitting.
     void GetCopyStatus(char* lpszSource, char* lpszDest, DWORD& dwTotal, DWORD& dwCopied,
                        int& nPercent);
 
-    // Whether a job, DAKReadFile or DAKWriteFile runs.
+    // Whether a job, DAKReadFile or DAKWriteFile runs, or a job without a window has ended and
+    // TerminateTransfer has not been called.
     BOOL IsTransmitting();
 
     // Cuts the running job, read or write short. Waits up to 2 seconds for a job to end; a worker
@@ -112,7 +113,8 @@ class DAK_API CDAKVorn {
     // With lpdwResult, waits for the program's end and stores its value. A null command line is an
     // empty one. DAKERROR_NO_DEVICE when the device vanished during the exchange.
     DWORD DAKCreateProcess(const WCHAR* lpszImage, const WCHAR* lpszCommandLine, DWORD* lpdwResult);
-    // Without an output buffer the result is DAKERROR_FAIL although the device took the command.
+    // Without an output buffer the result is DAKERROR_FAIL although the device took the command. So
+    // it is, with nothing sent, when the two buffers and the command exceed 1 MiB together.
     DWORD DAKKernelIoControl(DWORD dwIoControlCode, void* lpIn, DWORD nInSize, void* lpOut,
                              DWORD nOutSize, DWORD* lpdwBytesReturned);
     DWORD DAKRegisterWindowMessage(const WCHAR* lpszMessage, DWORD* lpdwMessage);

@@ -4,7 +4,7 @@
 
 #include "platform/types.h"
 
-// Takes one line ending in "\n".
+// Takes one line, which ends in "\n" unless it was cut.
 void DebugTrace(const char* lpszLine);
 
 // Formats as printf does and hands the line to DebugTrace. A line longer than the buffer of 260

@@ -145,6 +145,7 @@ void CloseDeviceLock() {
 void COperationGate::BeginJob(CDAKVorn* lpOwner) {
     StoreShared(m_lpJobOwner, lpOwner);
     StoreShared(m_dwJobState, DWORD{JOB_RUNNING});
+    m_Lock.AskAgain();
 }
 
 void COperationGate::CancelJob() {
@@ -157,10 +158,14 @@ void COperationGate::CloseJob() {
 }
 
 void COperationGate::EndJob(CDAKVorn* lpOwner) {
-    if (lpOwner != nullptr && IsJobOwner(lpOwner)) {
-        CancelJob();
-        Leave();
+    if (lpOwner == nullptr || LoadShared(m_lpJobOwner) != lpOwner) {
+        return;
     }
+    // The object's destructor looks for its worker until the gate is free.
+    StoreShared(m_lpLeaving, lpOwner);
+    CancelJob();
+    Leave();
+    std::atomic_ref<CDAKVorn*>(m_lpLeaving).compare_exchange_strong(lpOwner, nullptr);
 }
 
 DWORD CDAKVorn::ConnectDevice() {

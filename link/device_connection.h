@@ -33,6 +33,11 @@ class COperationGate {
     bool TryEnter() { return m_Lock.TryEnter(); }
     void Leave() { m_Lock.Leave(); }
 
+    // For the start of a job: false, without the gate, as soon as a job runs.
+    bool EnterUnlessJobRuns() {
+        return m_Lock.EnterUnless([this] { return IsJobRunning(); });
+    }
+
     // The holder's gate passes to a job of lpOwner.
     void BeginJob(CDAKVorn* lpOwner);
     // The job did not come about: the gate stays with the holder.
@@ -44,7 +49,10 @@ class COperationGate {
     void EndJob(CDAKVorn* lpOwner);
 
     bool IsJobRunning() const { return LoadShared(m_dwJobState) == JOB_RUNNING; }
-    bool IsJobOwner(const CDAKVorn* lpOwner) const { return LoadShared(m_lpJobOwner) == lpOwner; }
+    // Whether a worker of lpOwner still uses the object or is just leaving the gate.
+    bool IsJobOwner(const CDAKVorn* lpOwner) const {
+        return LoadShared(m_lpJobOwner) == lpOwner || LoadShared(m_lpLeaving) == lpOwner;
+    }
 
   private:
     enum : DWORD { JOB_NONE = 0, JOB_RUNNING = 1, JOB_CLOSING = 2 };
@@ -52,6 +60,7 @@ class COperationGate {
     CWordLock m_Lock;
     DWORD m_dwJobState = JOB_NONE;
     CDAKVorn* m_lpJobOwner = nullptr;
+    CDAKVorn* m_lpLeaving = nullptr;
 };
 
 extern COperationGate g_OperationGate;

@@ -41,6 +41,24 @@ class CWordLock {
         }
         return true;
     }
+    // The same unless refuse, which is asked ahead of every wait, says true: then false, without
+    // the lock. Whoever holds the lock and changes refuse's answer calls AskAgain.
+    template <class TRefuse>
+    bool EnterUnless(TRefuse&& refuse) {
+        while (!TryEnter()) {
+            DWORD dwHeld = 1;
+            std::atomic_ref<DWORD>(m_dwState).compare_exchange_strong(dwHeld, 2);
+            if (refuse()) {
+                return false;
+            }
+            platform::WaitOnAddress(&m_dwState, 2, INFINITE);
+        }
+        return true;
+    }
+    void AskAgain() {
+        std::atomic_ref<DWORD>(m_dwState).store(1);
+        platform::WakeByAddressAll(&m_dwState);
+    }
     bool TryEnter() {
         DWORD dwFree = 0;
         return std::atomic_ref<DWORD>(m_dwState).compare_exchange_strong(dwFree, 1);

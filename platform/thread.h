@@ -53,7 +53,7 @@ HANDLE CreateMutexA(_SECURITY_ATTRIBUTES* lpMutexAttributes, BOOL bInitialOwner,
 // Gives up the hold. Without a hold it has no effect and returns FALSE.
 BOOL ReleaseMutex(HANDLE hMutex);
 
-// Closes a handle of any kind that this header or platform/file.h gave out. A hold that the lock
+// Closes a handle of any kind that the seam gave out. A hold that the lock
 // handle's process still has ends with the last handle. FALSE for anything that is not open.
 BOOL CloseHandle(HANDLE hObject);
 

@@ -55,10 +55,10 @@ DWORD CDAKVorn::DAKWriteFile(void* hFile, void* lpBuffer, DWORD nBytesToWrite,
 
 DWORD CDAKVorn::DAKSetFilePointer(void* hFile, LONG lDistance, DWORD dwMoveMethod,
                                   DWORD* lpdwNewPos) {
-    const bool bPass = IsDeviceFileHandle(hFile) && lpdwNewPos != nullptr;
-    if (bPass) {
+    if (lpdwNewPos != nullptr) {
         *lpdwNewPos = NO_POSITION;
     }
+    const bool bPass = IsDeviceFileHandle(hFile) && lpdwNewPos != nullptr;
     return RunOperation(OperationFrame::Common, bPass, [&] {
         return CommitSetFilePointer(hFile, lDistance, dwMoveMethod, lpdwNewPos);
     });
@@ -129,6 +129,14 @@ int CDAKVorn::CommitReadFile(void* hFile, void* lpBuffer, DWORD nBytesToRead,
         bBroken = !FetchPackage(package.Get(), dwPackageBytes, bEnd, DAK_FUNC_READ_FILE);
         dwOffset = DAK_DATA_OFFSET;
         dwRest = PackageRest(dwOffset, dwPackageBytes);
+        if (!bBroken && dwRest == 0 && LoadShared(m_bCopying) != 0) {
+            // A device that goes on without sending bytes would hold the caller for ever.
+            StoreShared(m_dwErrCode, DAKERROR_PROTOCOL);
+            if (bEnd == 0) {
+                WriteControl(DAK_ABORT);
+            }
+            bBroken = true;
+        }
     }
     if (!bBroken) {
         std::memcpy(lpTarget, package.Get() + dwOffset, dwLeft);
@@ -139,6 +147,9 @@ int CDAKVorn::CommitReadFile(void* hFile, void* lpBuffer, DWORD nBytesToRead,
 
 int CDAKVorn::CommitWriteFile(void* hFile, void* lpBuffer, DWORD nBytesToWrite,
                               DWORD* lpdwBytesWritten) {
+    if (m_lpResendBuf == nullptr) {
+        return 0;
+    }
     CExchange exchange(*this, DAK_FUNC_WRITE_FILE, 2 * sizeof(DWORD));
     exchange.PutU32(HandleWord(hFile));
     exchange.PutU32(nBytesToWrite);

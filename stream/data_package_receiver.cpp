@@ -6,6 +6,7 @@
 #include "link/shared_word.h"
 #include "platform/memory.h"
 #include "platform/thread.h"
+#include "stream/package_cursor.h"
 
 #include <cstring>
 
@@ -21,8 +22,9 @@ bool IsLengthInRange(DWORD packageLength) {
     return packageLength >= MIN_LENGTH && packageLength <= DAK_MAXPACKAGELENGTH;
 }
 
-// Whether the package in lpBuffer, its body included, is what the stream expects next.
-bool IsGoodPackage(const BYTE* lpBuffer, WORD codeFunc) {
+} // namespace
+
+bool IsSoundDataPackage(const BYTE* lpBuffer, WORD codeFunc) {
     const DAKHEADER header = DakGetHeader(lpBuffer);
     return (header.wCommand == DAK_REPLY_PACKAGE || header.wCommand == DAK_LAST_REPLY) &&
            IsLengthInRange(header.packageLength) &&
@@ -30,8 +32,6 @@ bool IsGoodPackage(const BYTE* lpBuffer, WORD codeFunc) {
            DakGetU32(lpBuffer + DAK_OFFSET_CHECKSUM) ==
                DakChecksum(lpBuffer, DAK_HEADER_SIZE + header.packageLength);
 }
-
-} // namespace
 
 int CDAKVorn::ReceiveDataPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEnd, WORD codeFunc) {
     if (LoadShared(m_dwErrCode) == DAKERROR_NO_SPACE) {
@@ -42,7 +42,8 @@ int CDAKVorn::ReceiveDataPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEn
     }
     // Once the caller has cut the stream short, a bad package is delivered as it is: nothing will
     // be made of it, and the next acknowledgement tells the device.
-    for (int nBad = 0; !IsGoodPackage(lpBuffer, codeFunc) && LoadShared(m_bCopying) != 0; ++nBad) {
+    for (int nBad = 0; !IsSoundDataPackage(lpBuffer, codeFunc) && LoadShared(m_bCopying) != 0;
+         ++nBad) {
         if (DakGetHeader(lpBuffer).wCommand == DAK_DISCONNECT) {
             StoreShared(m_dwErrCode, DAKERROR_NO_DEVICE);
             return 0;

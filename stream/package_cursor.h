@@ -1,7 +1,11 @@
-// Where a reader stands in the package in hand.
+// What a reader asks of the package in hand.
 #pragma once
 
 #include "platform/types.h"
+
+// Whether the package in lpBuffer, of 12288 bytes, is a whole data package of a stream from the
+// device that carries codeFunc: command word, length, function code, checksum.
+bool IsSoundDataPackage(const BYTE* lpBuffer, WORD codeFunc);
 
 // The bytes behind the cursor that are the stream's. None where the package is shorter than its own
 // head, as the empty one that a cancelled recovery delivers.

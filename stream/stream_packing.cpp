@@ -115,10 +115,19 @@ int CDAKVorn::GetBuffString(BYTE* lpBuffer, WCHAR* lpszString, DWORD& dwOffset,
     return 1;
 }
 
-// The next package of the stream into lpBuffer.
+// The next package of the stream into lpBuffer. A bad package that was delivered only because the
+// caller has cut the stream short is not passed on: nobody may take its bytes for the file's.
 int CDAKVorn::FetchPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEnd, WORD codeFunc) {
     m_nResendCount = static_cast<int>(m_dwRecvPackages);
-    return ReceiveDataPackage(lpBuffer, dwPackageBytes, bEnd, codeFunc);
+    if (!ReceiveDataPackage(lpBuffer, dwPackageBytes, bEnd, codeFunc)) {
+        return 0;
+    }
+    if (LoadShared(m_bCopying) != 0 || IsSoundDataPackage(lpBuffer, codeFunc)) {
+        return 1;
+    }
+    WriteControl(DAK_ABORT);
+    StoreShared(m_dwErrCode, DAKERROR_CANCELLED);
+    return 0;
 }
 
 // A package was delivered, but the field's rest is not in it.

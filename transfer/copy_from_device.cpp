@@ -66,6 +66,11 @@ bool StaysBelowFolder(const CString& strName) {
     }
 }
 
+// The sum, or the greatest number where it would wrap around.
+std::uint64_t Sum(std::uint64_t qwLeft, std::uint64_t qwRight) {
+    return qwLeft > UINT64_MAX - qwRight ? UINT64_MAX : qwLeft + qwRight;
+}
+
 // The size of a file that is already there; 0 when it cannot be opened.
 DWORD OldSize(const char* lpszTarget) {
     const HANDLE hFile = platform::CreateFileA(lpszTarget, GENERIC_READ, FILE_SHARE_READ, nullptr,
@@ -254,7 +259,7 @@ bool CCopyFromDevice::TakeFile() {
         StoreShared(m_owner.m_dwErrCode, DAKERROR_PROTOCOL);
         return false;
     }
-    FileRecord record{};
+    FileRecord record;
     if (!TakeRecord(record) || !TakeName(record)) {
         return false;
     }
@@ -338,9 +343,9 @@ void CCopyFromDevice::CheckRoom(const FileRecord& record) {
     std::uint64_t qwFree = 0;
     std::uint64_t qwRoom = 0;
     if (platform::GetDiskFreeSpaceExA(record.strFolder, &qwFree, nullptr, nullptr) != FALSE) {
-        qwRoom = qwFree + dwOldSize;
+        qwRoom = Sum(qwFree, dwOldSize);
     }
-    const std::uint64_t qwNeeded = record.qwSize + SPARE_ROOM;
+    const std::uint64_t qwNeeded = Sum(record.qwSize, SPARE_ROOM);
     if (qwRoom < qwNeeded) {
         StoreShared(m_owner.m_dwErrCode, DAKERROR_NO_SPACE);
     } else if (qwFree < qwNeeded) {
@@ -349,7 +354,7 @@ void CCopyFromDevice::CheckRoom(const FileRecord& record) {
 }
 
 // The file's bytes into the part file, straight out of the package.
-bool CCopyFromDevice::ReceiveContents(const FileRecord& record) {
+bool CCopyFromDevice::ReceiveContents(FileRecord& record) {
     UINT nOpenFlags = CFile::modeCreate | CFile::modeWrite | CFile::typeBinary;
     CFile part;
     if (!part.Open(record.strPart, nOpenFlags)) {
@@ -368,7 +373,7 @@ bool CCopyFromDevice::ReceiveContents(const FileRecord& record) {
         if (!m_owner.FetchPackage(m_package.Get(), m_dwPackageBytes, m_bEnd,
                                   DAK_FUNC_TRANSMIT_FILES)) {
             part.Close();
-            platform::DeleteFileA(record.strPart);
+            record.DropPart();
             return false;
         }
         m_dwOffset = DAK_DATA_OFFSET;
@@ -380,7 +385,7 @@ bool CCopyFromDevice::ReceiveContents(const FileRecord& record) {
 
 // What is left of the file lies in the package in hand. The part file must then be whole: a
 // cancelling caller may have deleted it under us.
-bool CCopyFromDevice::WriteRest(const FileRecord& record, UINT nOpenFlags, DWORD dwLeft) {
+bool CCopyFromDevice::WriteRest(FileRecord& record, UINT nOpenFlags, DWORD dwLeft) {
     CFile part;
     const bool bWritten = part.Open(record.strPart, nOpenFlags) && part.SeekToEnd() &&
                           part.Write(m_package.Get() + m_dwOffset, dwLeft);
@@ -389,20 +394,17 @@ bool CCopyFromDevice::WriteRest(const FileRecord& record, UINT nOpenFlags, DWORD
     part.Close();
     m_dwOffset += dwLeft;
     std::atomic_ref<std::uint64_t>(m_owner.m_dwSizeCopied).fetch_add(dwLeft);
-    if (bWhole) {
-        return true;
-    }
-    const bool bCancelled = LoadShared(m_owner.m_bCopying) == 0;
-    return GiveUpFile(record, bCancelled ? DAKERROR_CANCELLED : dwHostFailure);
+    return bWhole || GiveUpFile(record, dwHostFailure);
 }
 
 // The whole new file takes its place in one step, also over a read-only one.
-bool CCopyFromDevice::TakeTargetName(const FileRecord& record) {
+bool CCopyFromDevice::TakeTargetName(FileRecord& record) {
     platform::SetFileAttributesA(record.strTarget, FILE_ATTRIBUTE_NORMAL);
     if (platform::MoveFileExA(record.strPart, record.strTarget, MOVEFILE_REPLACE_EXISTING) ==
         FALSE) {
         return GiveUpFile(record, HostFailure());
     }
+    record.strPart.Empty();
     return true;
 }
 
@@ -418,10 +420,8 @@ void CCopyFromDevice::SetTimes(const FileRecord& record) {
 
 // The host cannot take this file: no part of it stays, and the device is told to stop. Always
 // false.
-bool CCopyFromDevice::GiveUpFile(const FileRecord& record, DWORD dwErrCode) {
-    if (!record.strPart.IsEmpty()) {
-        platform::DeleteFileA(record.strPart);
-    }
+bool CCopyFromDevice::GiveUpFile(FileRecord& record, DWORD dwErrCode) {
+    record.DropPart();
     if (LoadShared(m_owner.m_dwErrCode) == DAKERROR_NO_SPACE) {
         dwErrCode = DAKERROR_NO_SPACE;
     }
@@ -429,9 +429,20 @@ bool CCopyFromDevice::GiveUpFile(const FileRecord& record, DWORD dwErrCode) {
     return false;
 }
 
-// What a failed call on a host file means for the job.
-DWORD CCopyFromDevice::HostFailure() {
-    return platform::GetLastError() == ERROR_DISK_FULL ? DAKERROR_NO_SPACE : DAKERROR_FAIL;
+void CCopyFromDevice::FileRecord::DropPart() {
+    if (!strPart.IsEmpty()) {
+        platform::DeleteFileA(strPart);
+        strPart.Empty();
+    }
+}
+
+// What a failed call on a host file means for the job. A cancelling caller deletes the part file,
+// and then it is the cancel that counts.
+DWORD CCopyFromDevice::HostFailure() const {
+    if (platform::GetLastError() == ERROR_DISK_FULL) {
+        return DAKERROR_NO_SPACE;
+    }
+    return LoadShared(m_owner.m_bCopying) == 0 ? DAKERROR_CANCELLED : DAKERROR_FAIL;
 }
 
 // Ends the stream as for lack of room, unless all of it has arrived, and leaves dwErrCode.

@@ -24,13 +24,19 @@ class CCopyFromDevice {
   private:
     // One file of the stream.
     struct FileRecord {
-        std::uint64_t qwSize;
-        FILETIME ftCreation;
-        FILETIME ftLastWrite;
+        FileRecord() = default;
+        FileRecord(const FileRecord&) = delete;
+        FileRecord& operator=(const FileRecord&) = delete;
+        ~FileRecord() { DropPart(); }
+        void DropPart();
+
+        std::uint64_t qwSize = 0;
+        FILETIME ftCreation{};
+        FILETIME ftLastWrite{};
         CString strName;   // relative, backslashes between its components
         CString strTarget; // the full host path
         CString strFolder; // the target's folder
-        CString strPart;   // the file that grows beside the target
+        CString strPart;   // the file that grows beside the target, deleted with the record
     };
 
     // Request.
@@ -53,12 +59,12 @@ class CCopyFromDevice {
     void MakeFolders(FileRecord& record) const;
     bool MakePartFile(FileRecord& record);
     void CheckRoom(const FileRecord& record);
-    bool ReceiveContents(const FileRecord& record);
-    bool WriteRest(const FileRecord& record, UINT nOpenFlags, DWORD dwLeft);
-    bool TakeTargetName(const FileRecord& record);
+    bool ReceiveContents(FileRecord& record);
+    bool WriteRest(FileRecord& record, UINT nOpenFlags, DWORD dwLeft);
+    bool TakeTargetName(FileRecord& record);
     static void SetTimes(const FileRecord& record);
-    bool GiveUpFile(const FileRecord& record, DWORD dwErrCode);
-    static DWORD HostFailure();
+    bool GiveUpFile(FileRecord& record, DWORD dwErrCode);
+    DWORD HostFailure() const;
     void StopStream(DWORD dwErrCode);
 
     CDAKVorn& m_owner;

@@ -9,6 +9,7 @@
 #include "transfer/copy_job.h"
 #include "transfer/io_buf.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -158,8 +159,11 @@ CCopyToDevice::FileOutcome CCopyToDevice::SendContents() {
         return FileOutcome::LinkLost;
     }
     while (m_qwLeft != 0) {
-        const DWORD dwRead = static_cast<DWORD>(
-            g_IoBuf.ReadIoBuf(data.Get(), static_cast<int>(DAK_PACKAGE_SIZE - m_dwCursor)));
+        // What a file has gained since it was opened stays behind: its size has gone out already.
+        const DWORD dwRead = static_cast<DWORD>(std::min<std::uint64_t>(
+            static_cast<DWORD>(
+                g_IoBuf.ReadIoBuf(data.Get(), static_cast<int>(DAK_PACKAGE_SIZE - m_dwCursor))),
+            m_qwLeft));
         if (!AddField(data.Get(), dwRead)) {
             if (dwRead == 0) {
                 // A read error, or the file has become shorter since it was opened.
@@ -168,7 +172,7 @@ CCopyToDevice::FileOutcome CCopyToDevice::SendContents() {
             return FileOutcome::LinkLost;
         }
         std::atomic_ref<std::uint64_t>(m_owner.m_dwSizeCopied).fetch_add(dwRead);
-        m_qwLeft = m_qwLeft > dwRead ? m_qwLeft - dwRead : 0;
+        m_qwLeft -= dwRead;
     }
     return FileOutcome::Done;
 }

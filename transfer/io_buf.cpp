@@ -1,5 +1,6 @@
 #include "transfer/io_buf.h"
 
+#include "link/device_connection.h"
 #include "link/shared_word.h"
 #include "platform/file.h"
 #include "platform/memory.h"
@@ -30,6 +31,11 @@ CIoBuf::CIoBuf()
       m_dwFillMask(0), m_nCurrent(0), m_szFileName{} {}
 
 CIoBuf::~CIoBuf() {
+    // At the process's end a job may still read from the process's own buffer; then the system
+    // takes back what it holds.
+    if (this == &g_IoBuf && !g_OperationGate.TryEnter()) {
+        return;
+    }
     StopFill();
     CloseFile();
     FreeBuffer(0);

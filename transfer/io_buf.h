@@ -54,9 +54,10 @@ class DAK_API CIoBuf {
     bool RequestRefill();
     int TakeBytes(BYTE* lpBuf, int nBytes);
 
-    // Shared between the consumer and the fill thread, and so read and written as atomics: the fill
-    // counts, the flags, the mask and the error. A fill thread touches only the members of a buffer
-    // whose bit is set in m_dwFillMask and whose m_bReady is 0.
+    // Shared between the consumer and the fill thread, and so read and written as atomics: the
+    // flags, the mask and the error. m_bReady hands the counts and bytes of a buffer over. A fill
+    // thread touches only the members of a buffer whose bit is set in m_dwFillMask and whose
+    // m_bReady is 0.
     HANDLE m_hFile;         // 0 when none
     HANDLE m_hFillThread;   // the latest fill thread; 0 when none
     DWORD m_dwFillCount[2]; // bytes that the latest read delivered

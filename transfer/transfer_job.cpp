@@ -14,6 +14,7 @@
 #include "transfer/io_buf.h"
 
 #include <cstring>
+#include <new>
 #include <vector>
 
 BOOL g_bAbortPending = FALSE;
@@ -95,10 +96,9 @@ CString NarrowText(const WCHAR* lpszText, bool& bExact) {
 
 DWORD CDAKVorn::DAKTransmitFiles(UINT nDirection, const WCHAR* lpSource, const WCHAR* lpDest,
                                  CStringArray* pFileList, HWND hNotifyWnd) {
-    if (g_OperationGate.IsJobRunning()) {
+    if (!g_OperationGate.EnterUnlessJobRuns()) {
         return DAKERROR_BUSY;
     }
-    g_OperationGate.Enter();
     KeepDebugLogShort();
     StoreShared(m_dwErrCode, DAKERROR_FAIL);
     DWORD dwResult = DAKERROR_FAIL;
@@ -175,14 +175,19 @@ int CDAKVorn::CommitCopyMultiFiles(UINT nDirection, const WCHAR* lpSource, const
     int bRet = 0;
     bool bDrain = true;
     StoreShared(m_dwErrCode, DAKERROR_NONE);
-    if (nDirection == DAK_TO_DEVICE) {
-        CCopyToDevice copy(*this, lpSource, lpDest, *pFileList);
-        bDrain = copy.Run();
-        bRet = copy.Result();
-    } else {
-        CCopyFromDevice copy(*this, lpSource, lpDest, *pFileList);
-        copy.Run();
-        bRet = copy.Result();
+    try {
+        if (nDirection == DAK_TO_DEVICE) {
+            CCopyToDevice copy(*this, lpSource, lpDest, *pFileList);
+            bDrain = copy.Run();
+            bRet = copy.Result();
+        } else {
+            CCopyFromDevice copy(*this, lpSource, lpDest, *pFileList);
+            copy.Run();
+            bRet = copy.Result();
+        }
+    } catch (const std::bad_alloc&) {
+        // No memory for a path. The closing handshake ends the stream on the device.
+        StoreShared(m_dwErrCode, DAKERROR_FAIL);
     }
     EndJob(bDrain);
     return bRet;
