@@ -1,0 +1,522 @@
+// The copy from the device: the request, what becomes of the stream on the host's disk, and what a
+// job ends with.
+
+#include "tests/library/transfer_support.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr std::uint64_t SETTLE_MS = 500;
+constexpr std::uint64_t PACKAGE_MS = 2 * READ_MS;
+constexpr std::uint64_t ACKNOWLEDGED_MS = 500;
+constexpr std::uint64_t OPEN_MS = LINK_UP_MS + READ_MS + SETTLE_MS; // the stream begins
+constexpr std::uint64_t FAILED_HEAD_TRY_MS = FAILED_HEAD_MS + 500;
+constexpr std::uint64_t SPARE_ROOM = 102'400;
+
+const Bytes OLD = {'o', 'l', 'd'};
+
+class CopyFromDevice : public TransferTest {
+  protected:
+    CopyFromDevice() { world.MakeHostFolder("C:/s"); }
+
+    // A job for which the device has that stream, and takes the answer behind the last package.
+    void PullStream(const Bytes& stream) {
+        ExpectPull().Reply(Ack());
+        GiveStream(stream);
+        EXPECT_EQ(Pull(), DAKERROR_NONE);
+    }
+    // The same, but the host is to stop the stream ahead of its last package.
+    void PullStoppedStream(const Bytes& stream) {
+        ExpectPull().Reply(Ack());
+        for (const Bytes& package : Packages(stream)) {
+            device.Reply(package);
+        }
+        device.Expect(sim::Control(DAK_ABORT));
+        EXPECT_EQ(Pull(), DAKERROR_NONE);
+    }
+    static std::vector<Bytes> Packages(const Bytes& stream) {
+        return sim::StreamPackages(8, stream, DAK_REPLY_PACKAGE, DAK_LAST_REPLY, false);
+    }
+    void ExpectFile(const std::string& strPath, const Bytes& contents) {
+        ASSERT_TRUE(world.HostFileExists(strPath)) << strPath;
+        EXPECT_EQ(world.HostFile(strPath)->bytes, contents) << strPath;
+        EXPECT_EQ(Ticks(world.HostFile(strPath)->ftCreation), CREATED);
+        EXPECT_EQ(Ticks(world.HostFile(strPath)->ftWrite), WRITTEN);
+    }
+    // A target that was there is there, and nothing beside it.
+    void ExpectOldFile() {
+        EXPECT_EQ(world.HostFiles("C:/s"), std::vector<std::string>{"a.bin"});
+        EXPECT_EQ(world.ReadHostFile("C:/s/a.bin"), OLD);
+    }
+};
+
+TEST_F(CopyFromDevice, AWholeCopyInBytes) {
+    list.Add("a.txt");
+    const Bytes request = {0x21, 0xE0, 0, 0,    35, 0,    0, 0,    8, 0, 0, 0x5C, 0, 0x64, 0, 0,
+                           0,    0x43, 0, 0x3A, 0,  0x5C, 0, 0x73, 0, 0, 0, 1,    0, 0,    0, 0x61,
+                           0,    0x2E, 0, 0x74, 0,  0x78, 0, 0x74, 0, 0, 0};
+    ASSERT_EQ(request.size(), 43u);
+    device.Expect(request).At(LINK_UP_MS).Reply(Ack());
+    GiveStream(Stream(Record(u"a.txt", {'h', 'e', 'l', 'l', 'o'})));
+    EXPECT_EQ(Pull(), DAKERROR_NONE);
+    ExpectEnd(DAKERROR_NONE, OPEN_MS + PACKAGE_MS + ACKNOWLEDGED_MS + DRAIN_MS);
+    ExpectFile("C:/s/a.txt", {'h', 'e', 'l', 'l', 'o'});
+    EXPECT_STREQ(Access::m_szSourcePath(*dak), "\\d\\a.txt");
+    EXPECT_STREQ(Access::m_szDestPath(*dak), "C:\\s\\a.txt");
+    list.RemoveAll();
+    PullStream(Stream()); // a device that has nothing
+    ExpectEnd(DAKERROR_NONE);
+}
+
+TEST_F(CopyFromDevice, FoldersAreMadeAndFilesReplaced) {
+    const Bytes exact = sim::Pattern(DAK_DATA_SIZE - 8 - Record(u"a\\b\\exact", {}).size());
+    const Bytes large = sim::Pattern(30'000);
+    const Bytes stream =
+        Stream(Record(u"a\\b\\exact", exact), Record(u"a\\c/empty", {}), Record(u"large", large),
+               Record(u"..\u00FC..\\\u65E5", {1}), Record(u"locked", {2}));
+    world.MakeHostFolder("D:/x/a");
+    world.WriteHostFile("D:/x/large", OLD);
+    world.WriteHostFile("D:/x/locked", OLD);
+    world.HostFile("D:/x/locked")->bReadOnly = true;
+    device
+        .ExpectCommand(8, Bytes{0}, Text(u"\\d\\"), Text(u"D:\\x\\\\"), U32(0)) // as it was given
+        .Reply(Ack());
+    GiveStream(stream);
+    EXPECT_EQ(dak->DAKTransmitFiles(DAK_FROM_DEVICE, u"\\d\\", u"D:\\x\\\\", &list, window), 0u);
+    ExpectEnd(DAKERROR_NONE);
+    ExpectFile("D:/x/a/b/exact", exact);
+    ExpectFile("D:/x/a/c/empty", {});
+    ExpectFile("D:/x/large", large);
+    ExpectFile("D:/x/..\xC3\xBC../\xE6\x97\xA5", {1});
+    ExpectFile("D:/x/locked", {2});
+    EXPECT_EQ(world.HostFiles("D:/x").size(), 5u);
+    EXPECT_STREQ(Access::m_szSourcePath(*dak), "\\d\\locked");
+    EXPECT_TRUE(world.Trace({"file delete"}).empty()); // each was replaced in one step
+}
+
+// The pieces of a chained request, cut inside a short name and wherever else they end. A run of
+// names begins at an odd byte, so a cut always parts a character, and no piece is ever just full.
+TEST_F(CopyFromDevice, ALongRequestIsCutAnywhere) {
+    for (const std::size_t dwCut : {1u, 3u, 5u, 7u}) {
+        SCOPED_TRACE(dwCut);
+        Bytes run = Join(Bytes{0}, Text(u"\\d"), Text(u"C:\\s"), U32(49));
+        const auto add = [&](std::size_t dwChars) {
+            list.Add(std::string(dwChars, 'n').c_str());
+            run = Join(run, Text(std::u16string(dwChars, u'n')));
+        };
+        list.RemoveAll();
+        for (int i = 0; i < 23; ++i) {
+            add(259);
+        }
+        add((DAK_PACKAGE_SIZE - 10 - run.size() - dwCut) / 2 - 1);
+        EXPECT_EQ(10 + run.size(), DAK_PACKAGE_SIZE - dwCut);
+        add(2);
+        for (int i = 0; i < 24; ++i) {
+            add(259);
+        }
+        std::size_t dwAt = 0;
+        for (const std::size_t dwBytes :
+             {std::size_t{12'278}, std::size_t{12'278}, run.size() - 2 * 12'278}) {
+            const auto begin = run.begin() + static_cast<std::ptrdiff_t>(dwAt);
+            dwAt += dwBytes;
+            device
+                .Expect(sim::Package(
+                    dwAt < run.size() ? DAK_PACKAGE : DAK_LAST_PACKAGE,
+                    Join(sim::U16(8), Bytes(begin, begin + static_cast<std::ptrdiff_t>(dwBytes)))))
+                .Reply(Ack());
+        }
+        GiveStream(Stream());
+        const std::uint64_t qwBegin = world.NowMs();
+        EXPECT_EQ(Pull(), DAKERROR_NONE);
+        ExpectEnd(DAKERROR_NONE,
+                  qwBegin + OPEN_MS + 2 * READ_MS + PACKAGE_MS + ACKNOWLEDGED_MS + DRAIN_MS);
+    }
+}
+
+TEST_F(CopyFromDevice, ARequestThatFailsEndsTheJob) {
+    const auto piece = [this](DWORD wCommand) -> sim::CScriptedDevice& {
+        return device.ExpectThat(
+            [=](const Bytes& got) { EXPECT_EQ(DakGetU32(got.data()), wCommand); });
+    };
+    const auto refused = sim::Control(DAK_ABORT);
+    const struct {
+        const char* lpszWhat;
+        int nNames; // 25 need two pieces
+        std::function<void()> play;
+        DWORD dwErrCode;
+        std::uint64_t qwMs; // from the request to the drain
+    } cases[] = {
+        {"no memory", 1, [&] { world.dwFailAllocationsOf = 12'288; }, DAKERROR_NONE, 0},
+        {"name too long", 26, [] {}, DAKERROR_FAIL, 0},
+        {"write hangs", 0, [&] { device.ExpectHandshake(DAK_CONNECT).DoNotTake(); },
+         DAKERROR_NO_DEVICE, 31 + 500},
+        {"silence", 0, [&] { piece(DAK_LAST_PACKAGE); }, DAKERROR_NO_DEVICE,
+         READS_AT_MOST * FAILED_TRY_MS},
+        {"short", 0,
+         [&] {
+             piece(DAK_LAST_PACKAGE).Reply({0, 0xE0, 0, 0});
+         },
+         DAKERROR_FAIL, READ_MS},
+        {"other word", 0, [&] { piece(DAK_LAST_PACKAGE).Reply(refused); }, DAKERROR_FAIL, READ_MS},
+        {"first piece hangs", 25,
+         [&] {
+             device.ExpectHandshake(DAK_CONNECT).DoNotTake();
+             piece(DAK_LAST_PACKAGE);
+         },
+         DAKERROR_NO_DEVICE, 12'788},
+        {"first piece refused", 25,
+         [&] { piece(DAK_PACKAGE).Reply(refused), piece(DAK_LAST_PACKAGE); }, DAKERROR_NO_DEVICE,
+         READ_MS},
+        // One count of failed reads for all the waits; each makes at least one read.
+        {"first piece silent", 25, [&] { piece(DAK_PACKAGE), piece(DAK_LAST_PACKAGE); },
+         DAKERROR_NO_DEVICE, READS_AT_MOST * FAILED_TRY_MS},
+        {"late, then silence", 25,
+         [&] {
+             piece(DAK_PACKAGE).ReplyAfter(600 * FAILED_TRY_MS + 15, Ack());
+             piece(DAK_LAST_PACKAGE);
+         },
+         DAKERROR_NO_DEVICE, READS_AT_MOST * FAILED_TRY_MS + 15},
+        {"latest, then silence", 25,
+         [&] {
+             piece(DAK_PACKAGE).ReplyAfter(1200 * FAILED_TRY_MS + 15, Ack());
+             piece(DAK_LAST_PACKAGE);
+         },
+         DAKERROR_NO_DEVICE, READS_AT_MOST * FAILED_TRY_MS + 15},
+        {"gone", 25, [&] { piece(DAK_PACKAGE).Vanish(); }, DAKERROR_NO_DEVICE,
+         READ_MS + 500 - 4 * 508},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.lpszWhat);
+        const std::uint64_t qwBegin = world.NowMs();
+        list.RemoveAll();
+        for (int i = 0; i < one.nNames; ++i) {
+            list.Add(std::string(i < 25 ? 259 : 260, 'x').c_str());
+        }
+        one.play();
+        EXPECT_EQ(Pull(), DAKERROR_NONE);
+        ExpectEnd(one.dwErrCode, qwBegin + LINK_UP_MS + one.qwMs + DRAIN_MS);
+        world.dwFailAllocationsOf = 0;
+        device.Finish();
+    }
+}
+
+TEST_F(CopyFromDevice, AStreamThatBreaksLeavesTheOldFile) {
+    constexpr std::uint64_t SILENCE = READS_AT_MOST * FAILED_HEAD_TRY_MS;
+    constexpr std::uint64_t GONE = FAILED_HEAD_TRY_MS - 514 - 4 * 508; // all reads fail at once
+    const Bytes record = Record(u"a.bin", sim::Pattern(30'000));
+    const auto packages = Packages(Stream(record));
+    const auto last = [](const Bytes& data) { return sim::DataPackage(DAK_LAST_REPLY, 8, data); };
+    const auto give = [&](Bytes package) { device.Reply(std::move(package)); };
+    const auto unplug = [&](std::uint64_t qwMs) {
+        world.At(world.NowMs() + qwMs, [this] { world.Unplug(); });
+    };
+    const struct {
+        const char* lpszWhat;
+        std::function<void()> play;
+        DWORD dwErrCode;
+        std::uint64_t qwMs; // of the stream
+    } cases[] = {
+        {"no head", [] {}, DAKERROR_PROTOCOL, SILENCE},
+        {"gone ahead of it", [&] { unplug(OPEN_MS + 5); }, DAKERROR_NO_DEVICE, GONE},
+        {"no contents", [&] { give(packages[0]); }, DAKERROR_PROTOCOL, PACKAGE_MS + SILENCE},
+        {"gone in contents", [&] { give(packages[0]), unplug(OPEN_MS + PACKAGE_MS + 5); },
+         DAKERROR_NO_DEVICE, PACKAGE_MS + GONE},
+        {"aborted", [&] { give(packages[0]), give(sim::Control(DAK_ABORT)); }, DAKERROR_PROTOCOL,
+         PACKAGE_MS + READ_MS},
+        {"left", [&] { give(packages[0]), give(sim::Handshake(DAK_DISCONNECT)); },
+         DAKERROR_NO_DEVICE, 2 * PACKAGE_MS},
+        {"over in contents",
+         [&] {
+             give(packages[0]), give(last({1, 2, 3}));
+             device.Expect(Ack());
+         },
+         DAKERROR_PROTOCOL, 2 * PACKAGE_MS + ACKNOWLEDGED_MS + SILENCE},
+        {"over in a record",
+         [&] {
+             give(last(Join(U32(1), U32(1), Bytes(record.begin(), record.begin() + 30))));
+             device.Expect(Ack());
+         },
+         DAKERROR_PROTOCOL, PACKAGE_MS + ACKNOWLEDGED_MS + SILENCE},
+        {"over ahead of a record",
+         [&] {
+             give(last(Join(U32(1), U32(1))));
+             device.Expect(Ack());
+         },
+         DAKERROR_PROTOCOL, PACKAGE_MS + ACKNOWLEDGED_MS},
+    };
+    world.WriteHostFile("C:/s/a.bin", OLD);
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.lpszWhat);
+        const std::uint64_t qwBegin = world.NowMs();
+        ExpectPull().Reply(Ack());
+        one.play();
+        EXPECT_EQ(Pull(), DAKERROR_NONE);
+        ExpectEnd(one.dwErrCode, qwBegin + OPEN_MS + one.qwMs + DRAIN_MS);
+        ExpectOldFile();
+        device.Finish();
+        world.Plug(device);
+    }
+}
+
+TEST_F(CopyFromDevice, AHostThatFailsLeavesTheOldFile) {
+    using enum sim::ECall;
+    const struct {
+        const char* lpszWhat;
+        sim::ECall eCall;
+        std::uint64_t nNumber;
+        DWORD dwError;
+        bool bStops; // the stream is not over yet
+        DWORD dwErrCode;
+    } cases[] = {
+        {"no part file", GetTempFileNameA, 1, 0, true, DAKERROR_FAIL},
+        {"no part file for lack of room", GetTempFileNameA, 1, ERROR_DISK_FULL, true,
+         DAKERROR_NO_SPACE},
+        {"part file not opened", CreateFileA, 3, 0, true, DAKERROR_FAIL},
+        {"first write", WriteFile, 1, 0, true, DAKERROR_FAIL},
+        {"second write", WriteFile, 2, ERROR_DISK_FULL, true, DAKERROR_NO_SPACE},
+        {"part file not opened again", CreateFileA, 4, 0, false, DAKERROR_FAIL},
+        {"no seek", SetFilePointer, 1, 0, false, DAKERROR_FAIL},
+        {"last write", WriteFile, 3, ERROR_DISK_FULL, false, DAKERROR_NO_SPACE},
+        {"move", MoveFileExA, 1, 0, false, DAKERROR_FAIL},
+    };
+    const Bytes stream = Stream(Record(u"a.bin", sim::Pattern(30'000)));
+    world.WriteHostFile("C:/s/a.bin", OLD);
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.lpszWhat);
+        world.FailCall(one.eCall, one.nNumber, one.dwError);
+        one.bStops ? PullStoppedStream(stream) : PullStream(stream);
+        ExpectEnd(one.dwErrCode);
+        ExpectOldFile();
+        world.ClearFaults();
+        device.Finish();
+    }
+    // A destination that is not there, and one that the host's code page does not have.
+    for (const WCHAR* lpDest : {u"C:\\t", u"C:\\\xD800"}) {
+        device.ExpectCommand(8, Bytes{0}, Text(u"\\d"), Text(lpDest), U32(0)).Reply(Ack());
+        GiveStream(Stream(Record(u"a.bin", {1})));
+        EXPECT_EQ(dak->DAKTransmitFiles(DAK_FROM_DEVICE, u"\\d", lpDest, &list, window), 0u);
+        ExpectEnd(DAKERROR_FAIL);
+    }
+    ExpectOldFile();
+    EXPECT_EQ(world.files.size(), 1u);
+}
+
+TEST_F(CopyFromDevice, RoomIsAskedForEachFile) {
+    constexpr std::uint64_t LARGE = 20'000; // two packages
+    constexpr std::uint64_t SMALL = 100;
+    constexpr std::uint64_t PLENTY = 1ull << 40;
+    const struct {
+        std::uint64_t qwSize;
+        std::uint64_t qwOldSize;
+        std::uint64_t qwFree;
+        bool bAsks; // otherwise the host cannot tell its room
+        bool bEnough;
+        bool bOldGoesFirst;
+    } cases[] = {
+        {LARGE, 0, LARGE + SPARE_ROOM, true, true, false},
+        {LARGE, 0, LARGE + SPARE_ROOM - 1, true, false, false},
+        {LARGE, 5000, LARGE + SPARE_ROOM, true, true, false},
+        {LARGE, 5000, LARGE + SPARE_ROOM - 1, true, true, true},
+        {LARGE, 5000, LARGE + SPARE_ROOM - 5000, true, true, true},
+        {LARGE, 5000, LARGE + SPARE_ROOM - 5001, true, false, false},
+        {LARGE, 5000, PLENTY, false, false, false},
+        {SMALL, 5000, SMALL, true, false, false},
+        {1ull << 40, 0, PLENTY, true, false, false},
+        {~0ull, 5000, PLENTY, true, false, false},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(std::to_string(one.qwSize) + " over " + std::to_string(one.qwOldSize) +
+                     " with " + std::to_string(one.qwFree));
+        const Bytes contents = sim::Pattern(std::min(one.qwSize, LARGE));
+        const Bytes stream = Stream(Record(u"a.bin", contents, one.qwSize));
+        const std::size_t dwDeleted = world.Trace({"file delete C:/s/a.bin"}).size();
+        world.files.clear();
+        if (one.qwOldSize != 0) {
+            world.WriteHostFile("C:/s/a.bin", Bytes(one.qwOldSize));
+        }
+        world.qwFreeBytes = one.qwFree;
+        if (!one.bAsks) {
+            world.FailCall(sim::ECall::GetDiskFreeSpaceExA, 1);
+        }
+        // What lies in the package in hand whole is written all the same.
+        const bool bWritten = one.bEnough || one.qwSize == SMALL;
+        bWritten ? PullStream(stream) : PullStoppedStream(stream);
+        ExpectEnd(one.bEnough ? DAKERROR_NONE : DAKERROR_NO_SPACE);
+        EXPECT_EQ(world.Trace({"file delete C:/s/a.bin"}).size() - dwDeleted,
+                  one.bOldGoesFirst ? 1u : 0u);
+        if (bWritten) {
+            ExpectFile("C:/s/a.bin", contents);
+        }
+        EXPECT_EQ(world.HostFiles("C:/s").size(), bWritten || one.qwOldSize != 0 ? 1u : 0u);
+        device.Finish();
+    }
+}
+
+TEST_F(CopyFromDevice, ANameStaysBelowTheFolder) {
+    world.WriteHostFile("C:/s/a.bin", OLD);
+    const std::u16string strLong(255, u'x');
+    const std::u16string strLongest(259, u'x');
+    const struct {
+        std::u16string_view name;
+        DWORD dwErrCode;
+    } cases[] = {
+        {u"..", DAKERROR_PROTOCOL},       {u"..\\x", DAKERROR_PROTOCOL},
+        {u"../x", DAKERROR_PROTOCOL},     {u"b\\..\\..\\x", DAKERROR_PROTOCOL},
+        {u"b\\../x", DAKERROR_PROTOCOL},  {u"b\\..", DAKERROR_PROTOCOL},
+        {u"\\x", DAKERROR_PROTOCOL},      {u"/x", DAKERROR_PROTOCOL},
+        {u"C:\\x", DAKERROR_PROTOCOL},    {u"c:x", DAKERROR_PROTOCOL},
+        {u"b\\\\x", DAKERROR_PROTOCOL},   {u"b\\", DAKERROR_PROTOCOL},
+        {u".\\x", DAKERROR_PROTOCOL},     {u"", DAKERROR_PROTOCOL},
+        {u"x\xD800y", DAKERROR_PROTOCOL}, {strLong, DAKERROR_FAIL},
+        {strLongest, DAKERROR_FAIL},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(::testing::PrintToString(one.name));
+        const auto folders = world.folders;
+        PullStoppedStream(Stream(Record(one.name, sim::Pattern(20'000))));
+        ExpectEnd(one.dwErrCode);
+        EXPECT_EQ(world.folders, folders);
+        EXPECT_EQ(world.files.size(), 1u);
+        device.Finish();
+    }
+    // The longest there can be: 259 characters in all. What came ahead of a bad name stays.
+    PullStream(Stream(Record(strLong.substr(1), {1}), Record(u"..\\x", {2}), Record(u"c", {3})));
+    ExpectEnd(DAKERROR_PROTOCOL);
+    ExpectFile("C:/s/" + std::string(254, 'x'), {1});
+    EXPECT_EQ(world.files.size(), 2u);
+}
+
+// A cancel is seen where the worker looks, and nowhere else.
+TEST_F(CopyFromDevice, ACancelAtEachOfItsPlaces) {
+    const auto packages = Packages(Stream(Record(u"a.bin", sim::Pattern(30'000))));
+    const Bytes abort = sim::Control(DAK_ABORT);
+    constexpr std::uint64_t SWALLOW_MS = READ_MS + 5000;
+    constexpr std::uint64_t HEAD_MS = OPEN_MS + FAILED_HEAD_TRY_MS;
+    const auto pull = [this]() -> sim::CScriptedDevice& { return ExpectPull(); };
+    const struct {
+        const char* lpszWhat;
+        std::uint64_t qwCancelMs;
+        std::function<void()> play;
+        DWORD dwErrCode;
+        std::uint64_t qwEndMs; // where the drain begins
+    } cases[] = {
+        {"request", LINK_UP_MS + 100, [&] { pull().Expect(abort); }, DAKERROR_CANCELLED,
+         LINK_UP_MS + FAILED_TRY_MS + SWALLOW_MS},
+        {"request, and the device does not take the abort", LINK_UP_MS + 100,
+         [&] { pull().DoNotTake(); }, DAKERROR_NO_DEVICE,
+         LINK_UP_MS + FAILED_TRY_MS + SWALLOW_MS + 508},
+        {"stream head", OPEN_MS + 100, [&] { pull().Reply(Ack()).Expect(abort); },
+         DAKERROR_CANCELLED, HEAD_MS + SWALLOW_MS},
+        {"header wait", OPEN_MS + 100, [&] { pull().Reply(Ack()).Reply(packages[0]); },
+         DAKERROR_PROTOCOL, HEAD_MS + PACKAGE_MS},
+        {"acknowledgement", OPEN_MS + 100,
+         [&] {
+             pull().Reply(Ack()).Reply(packages[0]).Reply(packages[1]);
+             device.ReplyAfter(1000, packages[2]).Expect(abort);
+         },
+         DAKERROR_CANCELLED, LINK_UP_MS + 1000 + READ_MS + ACKNOWLEDGED_MS},
+    };
+    world.WriteHostFile("C:/s/a.bin", OLD);
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.lpszWhat);
+        // The link that the case before has left open is closed first.
+        dak.emplace();
+        const std::uint64_t qwBegin = world.NowMs();
+        one.play();
+        CancelAt(qwBegin + one.qwCancelMs);
+        EXPECT_EQ(Pull(), DAKERROR_NONE);
+        ExpectEnd(one.dwErrCode, qwBegin + one.qwEndMs + DRAIN_MS);
+        ExpectOldFile();
+        device.Finish();
+    }
+}
+
+// The caller gives up and deletes the part file under the worker, which goes on with the rest of
+// the file. Where open files cannot be deleted the file becomes whole.
+TEST_F(CopyFromDevice, ATerminatedCopyLeavesNoTornFile) {
+    const Bytes first = sim::Pattern(20'000);
+    const auto packages =
+        Packages(Stream(Record(u"a.bin", first), Record(u"b.bin", sim::Pattern(15'000, 2))));
+    const auto body = packages[1].begin() + 14;
+    for (const bool bHeldFast : {false, true}) {
+        SCOPED_TRACE(bHeldFast);
+        world.WriteHostFile("C:/s/a.bin", OLD);
+        world.bOpenFilesCannotBeDeleted = bHeldFast;
+        ExpectPull().Reply(Ack()).Reply(packages[0]).Reply(Bytes(packages[1].begin(), body));
+        device.ReplyAfter(6000, Bytes(body, packages[1].end())).Reply(packages[2]);
+        device.Expect(sim::Control(DAK_ABORT));
+        EXPECT_EQ(Pull(), DAKERROR_NONE);
+        platform::Sleep(1000);
+        EXPECT_EQ(world.HostFiles("C:/s").size(), 2u);
+        dak->TerminateTransfer();
+        EXPECT_EQ(dak->GetLastError(), DAKERROR_CANCELLED);
+        EXPECT_EQ(world.HostFiles("C:/s").size(), bHeldFast ? 2u : 1u);
+        ExpectEnd(DAKERROR_CANCELLED);
+        if (bHeldFast) {
+            ExpectFile("C:/s/a.bin", first);
+            EXPECT_EQ(world.HostFiles("C:/s"), std::vector<std::string>{"a.bin"});
+        } else {
+            ExpectOldFile();
+        }
+        device.Finish();
+        dak.emplace();
+    }
+}
+
+TEST_F(CopyFromDevice, ALargeCopyTakesTheSumOfItsWaits) {
+    const Bytes large = sim::Pattern(3'000'000);
+    // The stream's last package is one that an acknowledgement is due for anyway.
+    const std::size_t dwRest =
+        250 * DAK_DATA_SIZE - Stream(Record(u"a", large), Record(u"b", {})).size();
+    const Bytes rest = sim::Pattern(dwRest, 2);
+    PullStream(Stream(Record(u"a", large), Record(u"b", rest)));
+    ExpectEnd(DAKERROR_NONE, OPEN_MS + 250 * PACKAGE_MS + 5 * ACKNOWLEDGED_MS + DRAIN_MS);
+    ExpectFile("C:/s/a", large);
+    ExpectFile("C:/s/b", rest);
+}
+
+// Calls of the platform that fail, one of them or all from one on: the file is the old or the new
+// one, the new one where the job says so, and what a lone failure leaves is clean.
+TEST(CopyFromDeviceSweep, NoFailingCallTearsAFile) {
+    const Bytes contents = sim::Pattern(30'000);
+    const Bytes stream = Join(U32(1), U32(1), Record(u"b\\a.bin", contents));
+    for (const std::uint64_t nTimes : {1ull, 1'000'000ull}) {
+        const std::uint64_t nFaults = sim::Sweep(
+            [&](sim::CWorld& world) {
+                sim::CScriptedDevice device(world);
+                bool bAsked = false;
+                device.onPackage = [&](const Bytes& got) {
+                    if (DakGetU32(got.data()) == DAK_LAST_PACKAGE) {
+                        bAsked = true;
+                        device.Give(Ack());
+                        for (const Bytes& package : sim::StreamPackages(
+                                 8, stream, DAK_REPLY_PACKAGE, DAK_LAST_REPLY, false)) {
+                            device.Give(package);
+                        }
+                    }
+                };
+                world.WriteHostFile("C:/s/b/a.bin", OLD);
+                CStringArray list;
+                {
+                    CDAKVorn dak;
+                    const bool bStarted = dak.DAKTransmitFiles(DAK_FROM_DEVICE, u"\\d", u"C:\\s",
+                                                               &list, nullptr) == 0;
+                    while (world.LiveThreads() > 0) {
+                        platform::Sleep(1000);
+                    }
+                    const Bytes file = world.ReadHostFile("C:/s/b/a.bin").value_or(Bytes{});
+                    const bool bDone = bStarted && bAsked && dak.GetLastError() == DAKERROR_NONE;
+                    EXPECT_TRUE(file == contents || (file == OLD && !bDone));
+                }
+                if (nTimes == 1) {
+                    EXPECT_EQ(world.HostFiles("C:/s"), std::vector<std::string>{"b/a.bin"});
+                    EXPECT_EQ(world.Open(), std::vector<std::string>{});
+                }
+            },
+            {}, nTimes);
+        EXPECT_GT(nFaults, 50u);
+    }
+}
+
+} // namespace

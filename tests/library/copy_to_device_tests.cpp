@@ -1,0 +1,437 @@
+// The copy to the device: what goes over the wire, byte for byte, and what a job ends with.
+
+#include "tests/library/transfer_support.h"
+
+#include "transfer/copy_to_device.h"
+
+namespace {
+
+constexpr std::uint64_t OPEN_MS = LINK_UP_MS + READ_MS + RETRY_BASE_MS; // the stream begins
+constexpr std::uint64_t VERDICT_MS = READ_MS + RETRY_BASE_MS;
+constexpr std::uint64_t REPLY_MS = 2 * READ_MS;
+constexpr std::uint64_t FILL_MS = 10; // a look at a read-ahead buffer that is not filled yet
+
+class CopyToDevice : public TransferTest {
+  protected:
+    void ExpectAborts(int nPackages) {
+        for (; nPackages > 0; --nPackages) {
+            device.ExpectThat([](const Bytes& got) {
+                EXPECT_EQ(got.size(), DAK_PACKAGE_SIZE);
+                EXPECT_EQ(DakGetU32(got.data()), DAK_ABORT);
+                EXPECT_EQ(DakGetU32(got.data() + 4), 0u);
+            });
+        }
+    }
+};
+
+TEST_F(CopyToDevice, AWholeCopyInBytes) {
+    AddFile("C:\\s\\a.txt", {'h', 'e', 'l', 'l', 'o'});
+    device
+        .Expect({0x21, 0xE0, 0, 0,    0x13, 0, 0, 0,    0x08, 0,    0x01, 0x43, 0, 0x3A,
+                 0,    0x5C, 0, 0x73, 0,    0, 0, 0x5C, 0,    0x64, 0,    0,    0})
+        .At(LINK_UP_MS)
+        .Reply(Ack())
+        .Expect({0x21, 0xE0, 0,    0,    0x33, 0,    0,    0,    0xD9, 0x04, 0,    0,
+                 0x08, 0,    0x01, 0,    0,    0,    0x05, 0,    0,    0,    0,    0,
+                 0,    0,    0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x11, 0x12,
+                 0x13, 0x14, 0x15, 0x16, 0x17, 0x18, 0x61, 0,    0x2E, 0,    0x74, 0,
+                 0x78, 0,    0x74, 0,    0,    0,    0x68, 0x65, 0x6C, 0x6C, 0x6F})
+        .At(OPEN_MS + FILL_MS)
+        .Reply(Ack())
+        .Reply({0x22, 0xE0, 0, 0, 6, 0, 0, 0, 8, 0, 1, 0, 0, 0});
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    ExpectEnd(DAKERROR_NONE, OPEN_MS + FILL_MS + VERDICT_MS + REPLY_MS + DRAIN_MS);
+}
+
+// Several files in one stream, among them empty ones and such that cannot be opened; they have been
+// counted all the same.
+TEST_F(CopyToDevice, FilesFollowOneAnother) {
+    const Bytes contents = sim::Pattern(40'000);
+    AddFile("C:\\s\\a.bin", contents);
+    list.Add("C:\\s\\missing");
+    list.Add(("C:\\s\\" + std::string(255, 'x')).c_str()); // 260 characters
+    AddFile("C:\\s\\b\\\xC3\xBC\xE6\x97\xA5", {});
+    AddFile("C:\\s\\z", {7});
+    ExpectWholePush(Join(U32(5), Record(u"a.bin", contents), Record(u"b\\\u00FC\u65E5", {}),
+                         Record(u"z", {7})));
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    ExpectEnd(DAKERROR_NONE);
+
+    // A list of which nothing can be opened, and the entry that is the source folder itself.
+    list.RemoveAll();
+    list.Add("C:\\missing");
+    ExpectWholePush(U32(1));
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    ExpectEnd(DAKERROR_NONE);
+
+    list.RemoveAll();
+    AddFile("C:\\f", {5});
+    device.ExpectCommand(8, Bytes{1}, Text(u"C:\\f"), Text(u"\\d\\\\")).Reply(Ack());
+    ExpectStream(Join(U32(1), Record(u"", {5})));
+    device.Do([this] { EXPECT_STREQ(Access::m_szDestPath(*dak), "\\d\\"); }); // trimmed here alone
+    device.Reply(sim::Response(8, 1));
+    EXPECT_EQ(dak->DAKTransmitFiles(DAK_TO_DEVICE, u"C:\\f", u"\\d\\\\", &list, window), 0u);
+    ExpectEnd(DAKERROR_NONE);
+}
+
+// A first file of such a size that the package ends dwCut bytes into the next record: ahead of it,
+// in each of its fields, in its contents and behind them.
+TEST_F(CopyToDevice, ARecordIsCutAnywhere) {
+    const Bytes next = Record(u"\u00E4\\\u65E5.x", sim::Pattern(9, 3));
+    const std::size_t dwAhead = 4 + Record(u"a", {}).size();
+    list.Add("C:\\s\\a");
+    list.Add("C:\\s\\\xC3\xA4\\\xE6\x97\xA5.x");
+    world.WriteHostFile(list[1].operator const char*(), sim::Pattern(9, 3), Time(CREATED),
+                        Time(WRITTEN));
+    for (std::size_t dwCut = 0; dwCut <= next.size(); ++dwCut) {
+        SCOPED_TRACE(dwCut);
+        const Bytes contents = sim::Pattern(DAK_DATA_SIZE - dwAhead - dwCut);
+        world.WriteHostFile("C:/s/a", contents, Time(CREATED), Time(WRITTEN));
+        ExpectWholePush(Join(U32(2), Record(u"a", contents), next));
+        EXPECT_EQ(Push(), DAKERROR_NONE);
+        ExpectEnd(DAKERROR_NONE);
+    }
+    // The package with the 14 bytes of an empty end has gone over the wire, too.
+    EXPECT_EQ(device.Packages().back().bytes,
+              (Bytes{0x21, 0xE0, 0, 0, 6, 0, 0, 0, 8, 0, 0, 0, 8, 0}));
+}
+
+TEST_F(CopyToDevice, ARequestThatFailsEndsTheJob) {
+    const auto reply = [this](Bytes package) { ExpectPush().Reply(std::move(package)); };
+    const struct {
+        const char* lpszWhat;
+        std::function<void()> play;
+        DWORD dwErrCode;
+        std::uint64_t qwMs; // from the request to the drain
+    } cases[] = {
+        {"no memory", [&] { world.dwFailAllocationsOf = 27; }, DAKERROR_NONE, 0},
+        {"write hangs", [&] { device.ExpectHandshake(DAK_CONNECT).DoNotTake(); },
+         DAKERROR_NO_DEVICE, 27 + 500},
+        {"silence", [&] { ExpectPush(); }, DAKERROR_FAIL, FAILED_READ_MS},
+        {"short",
+         [&] {
+             reply({0, 0xE0, 0, 0});
+         },
+         DAKERROR_FAIL, READ_MS},
+        {"other word", [&] { reply(sim::Control(DAK_RETRANSMIT)); }, DAKERROR_FAIL, READ_MS},
+        // The reads of the drain fail at once, too.
+        {"gone", [&] { ExpectPush().Vanish(); }, DAKERROR_FAIL,
+         READ_MS - 4 * (FAILED_READ_MS - READ_MS)},
+    };
+    AddFile("C:\\s\\a", {1});
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.lpszWhat);
+        const std::uint64_t qwBegin = world.NowMs();
+        one.play();
+        EXPECT_EQ(Push(), DAKERROR_NONE);
+        ExpectEnd(one.dwErrCode, qwBegin + LINK_UP_MS + one.qwMs + DRAIN_MS);
+        world.dwFailAllocationsOf = 0;
+        device.Finish();
+    }
+    world.Plug(device);
+
+    // An object that has no buffer for a resend sends nothing.
+    world.dwFailAllocationsOf = DAK_WINDOW_SIZE;
+    dak.emplace();
+    world.dwFailAllocationsOf = 0;
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    ExpectEnd(DAKERROR_NONE);
+}
+
+// Of an empty list, whose one package has been confirmed.
+TEST_F(CopyToDevice, TheFinalReplyDecides) {
+    constexpr std::uint64_t NOTHING = READS_AT_MOST * FAILED_TRY_MS;
+    const auto reply = [](std::int32_t nResult) { return sim::Response(8, nResult); };
+    const auto aborted = [&](std::int32_t nResult) {
+        return Join(sim::Control(DAK_ABORT), reply(nResult));
+    };
+    const struct {
+        Bytes reply;
+        DWORD dwErrCode;
+        int nCopyResult; // 1 at the start of a job
+        int bRet;
+        std::uint64_t qwMs;
+    } cases[] = {
+        {reply(1), DAKERROR_NONE, 1, 1, REPLY_MS},
+        {reply(0), DAKERROR_NONE, 0, 0, REPLY_MS},
+        {reply(-1), DAKERROR_NO_SPACE, -1, 0, REPLY_MS},
+        {reply(-2), DAKERROR_DEVICE_REFUSED, -2, 0, REPLY_MS},
+        {sim::Response(17, -2), DAKERROR_DEVICE_REFUSED, -2, 0, REPLY_MS}, // any code
+        {aborted(1), DAKERROR_NONE, 1, 0, REPLY_MS},
+        {aborted(0), DAKERROR_NONE, 0, 0, REPLY_MS},
+        {aborted(-1), DAKERROR_NONE, -1, 0, REPLY_MS},
+        {aborted(-2), DAKERROR_DEVICE_REFUSED, -2, 0, REPLY_MS},
+        {Ack(), DAKERROR_NONE, 1, 0, READ_MS},
+        {{0x22, 0xE0, 0, 0}, DAKERROR_NONE, 1, 0, READ_MS},
+        {{}, DAKERROR_NONE, 1, 0, NOTHING},
+        {Join(sim::Control(DAK_LAST_REPLY), Bytes{8, 0, 0xFE, 0xFF}), DAKERROR_NONE, 1, 0,
+         REPLY_MS},
+        {sim::Control(DAK_LAST_REPLY), DAKERROR_NONE, 1, 0,
+         READ_MS + READS_AT_MOST * (FAILED_TRY_MS - 2)},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(::testing::PrintToString(one.reply));
+        for (const bool bDirectly : {false, true}) {
+            const std::uint64_t qwBegin = world.NowMs();
+            ExpectPush().Reply(Ack());
+            ExpectStream(U32(0));
+            if (!one.reply.empty()) {
+                device.Reply(one.reply);
+            }
+            if (!bDirectly) {
+                EXPECT_EQ(Push(), DAKERROR_NONE);
+                ExpectEnd(one.dwErrCode, qwBegin + OPEN_MS + VERDICT_MS + one.qwMs + DRAIN_MS);
+                EXPECT_EQ(Access::m_nCopyResult(*dak), one.nCopyResult);
+                continue;
+            }
+            EXPECT_TRUE(Access::Initial(*dak) && Access::IsDeviceConnected(*dak));
+            Access::m_bCopying(*dak) = 1;
+            CCopyToDevice copy(*dak, u"C:\\s", u"\\d", list);
+            EXPECT_TRUE(copy.Run());
+            EXPECT_EQ(copy.Result(), one.bRet);
+            Access::m_bCopying(*dak) = 0;
+            Access::DeInitial(*dak);
+        }
+    }
+    // The reply comes with the last of the tries; a try later nobody reads it.
+    for (const bool bLate : {false, true}) {
+        ExpectPush().Reply(Ack());
+        ExpectStream(U32(0));
+        device.ReplyAfter(VERDICT_MS + (READS_AT_MOST - (bLate ? 0 : 1)) * FAILED_TRY_MS + READ_MS +
+                              1,
+                          sim::Response(8, -1));
+        EXPECT_EQ(Push(), DAKERROR_NONE);
+        ExpectEnd(bLate ? DAKERROR_NONE : DAKERROR_NO_SPACE);
+    }
+}
+
+// A send that fails in the contents: no final package, no reply, no drain, but a fresh node.
+TEST_F(CopyToDevice, ASendThatFailsInContentsReplacesTheNode) {
+    const Bytes contents = sim::Pattern(30'000);
+    AddFile("C:\\s\\a", contents);
+    const auto packages = sim::StreamPackages(8, Join(U32(1), Record(u"a", contents)), DAK_PACKAGE,
+                                              DAK_LAST_PACKAGE, true);
+    constexpr std::uint64_t FIRST_MS = OPEN_MS + FILL_MS;
+    constexpr std::uint64_t WRITE_TIMEOUT_MS = DAK_PACKAGE_SIZE + 500;
+    const auto expectFirst = [&]() -> sim::CScriptedDevice& {
+        return ExpectPush().Reply(Ack()).Expect(packages[0]);
+    };
+    const struct {
+        const char* lpszWhat;
+        std::function<void()> play;
+        DWORD dwErrCode;
+        std::uint64_t qwMs;
+        int nOpens;
+    } cases[] = {
+        {"first write hangs", [&] { ExpectPush().Reply(Ack()).DoNotTake(); }, DAKERROR_NO_DEVICE,
+         FIRST_MS + WRITE_TIMEOUT_MS, 2},
+        {"later write hangs", [&] { expectFirst().Reply(Ack()).DoNotTake(); }, DAKERROR_NO_DEVICE,
+         FIRST_MS + VERDICT_MS + WRITE_TIMEOUT_MS, 2},
+        {"abort", [&] { expectFirst().Reply(sim::Control(DAK_ABORT)); }, DAKERROR_PROTOCOL,
+         FIRST_MS + READ_MS, 2},
+        {"gone", [&] { expectFirst().Vanish(); }, DAKERROR_NO_DEVICE, FIRST_MS + READ_MS + 500, 1},
+        {"ten resends",
+         [&] {
+             expectFirst().Reply(sim::Control(DAK_RETRANSMIT));
+             for (int i = 0; i < 9; ++i) {
+                 device.Expect(packages[0]).Reply(sim::Control(DAK_RETRANSMIT));
+             }
+             device.Expect(packages[0]).Reply(Ack());
+         },
+         DAKERROR_PROTOCOL, FIRST_MS + READ_MS + 10 * VERDICT_MS + 20 * 55, 2},
+        {"no memory",
+         [&] {
+             ExpectPush().Reply(Ack());
+             world.dwFailAllocationsOf = 12280;
+         },
+         DAKERROR_FAIL, OPEN_MS, 2},
+        {"read error",
+         [&] {
+             ExpectPush().Reply(Ack());
+             world.onFileRead = [](sim::CFileRead& read) { read.bFail = true; };
+         },
+         DAKERROR_FAIL, FIRST_MS, 2},
+        // Nothing says where a read that comes up short has left the rest.
+        {"shrunk",
+         [&] {
+             expectFirst().Reply(Ack()).Expect(packages[1]);
+             world.onFileRead = nullptr;
+             world.HostFile("C:/s/a")->qwReportedSize = 30'000;
+             world.HostFile("C:/s/a")->bytes.resize(25'000);
+         },
+         DAKERROR_FAIL, FIRST_MS + VERDICT_MS + 2 * FILL_MS, 2},
+        {"4 GiB",
+         [&] {
+             ExpectPush().Reply(Ack());
+             world.HostFile("C:/s/a")->qwReportedSize = 1ull << 32;
+         },
+         DAKERROR_FAIL, OPEN_MS, 2},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.lpszWhat);
+        const std::uint64_t qwBegin = world.NowMs();
+        const int nOpens = device.Opens();
+        one.play();
+        EXPECT_EQ(Push(), DAKERROR_NONE);
+        ExpectEnd(one.dwErrCode, qwBegin + one.qwMs);
+        EXPECT_EQ(device.Opens() - nOpens, one.nOpens);
+        device.Finish();
+        world.dwFailAllocationsOf = 0;
+        if (!world.IsPlugged()) {
+            world.Plug(device);
+        }
+    }
+}
+
+// A send that fails in a record: the final package goes out all the same, and unless that one meets
+// a dead device the reply is awaited.
+TEST_F(CopyToDevice, ASendThatFailsInARecordClosesTheStream) {
+    constexpr std::size_t AHEAD = 4 + 28;
+    AddFile("C:\\s\\a",
+            sim::Pattern(DAK_DATA_SIZE - AHEAD - 10)); // the next record's times are cut
+    AddFile("C:\\s\\b", {1});
+    const Bytes stream =
+        Join(U32(2), Record(u"a", sim::Pattern(DAK_DATA_SIZE - AHEAD - 10)), Record(u"b", {1}));
+    const Bytes first = sim::StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true)[0];
+    const auto isLast = [](const Bytes& got) {
+        EXPECT_EQ(DakGetU32(got.data()), DAK_LAST_PACKAGE);
+        EXPECT_EQ(DakGetU32(got.data() + 4) + 8, got.size());
+    };
+    const struct {
+        const char* lpszWhat;
+        std::function<void()> play;
+        DWORD dwErrCode;
+    } cases[] = {
+        {"write hangs twice", [&] { device.DoNotTake().DoNotTake(); }, DAKERROR_NO_DEVICE},
+        {"write hangs once",
+         [&] { device.DoNotTake().ExpectThat(isLast).Reply(Ack()).Reply(sim::Response(8, -2)); },
+         DAKERROR_DEVICE_REFUSED},
+        {"aborted twice",
+         [&] {
+             device.Expect(first).Reply(sim::Control(DAK_ABORT)).ExpectThat(isLast);
+             device.Reply(sim::Control(DAK_ABORT)).Reply(Ack());
+         },
+         DAKERROR_PROTOCOL},
+        {"gone", [&] { device.Expect(first).Vanish(); }, DAKERROR_NO_DEVICE},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.lpszWhat);
+        ExpectPush().Reply(Ack());
+        one.play();
+        EXPECT_EQ(Push(), DAKERROR_NONE);
+        ExpectEnd(one.dwErrCode);
+        device.Finish();
+        world.Plug(device);
+    }
+}
+
+// The cancel comes while the device thinks about the first package; the next full one is not sent.
+TEST_F(CopyToDevice, ACancelInContents) {
+    const Bytes contents = sim::Pattern(60'000);
+    AddFile("C:\\s\\a", contents);
+    const auto packages = sim::StreamPackages(8, Join(U32(1), Record(u"a", contents)), DAK_PACKAGE,
+                                              DAK_LAST_PACKAGE, true);
+    ExpectPush().Reply(Ack()).Expect(packages[0]).ReplyAfter(600, Ack());
+    ExpectAborts(50); // packages 2 to 51
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    platform::Sleep(500);
+    dak->TerminateTransfer();
+    const std::uint64_t qwEnd = OPEN_MS + FILL_MS + 600 + RETRY_BASE_MS;
+    EXPECT_EQ(world.NowMs(), qwEnd); // the worker ends at once: no reply, no drain
+    EXPECT_EQ(device.Opens(), 2);
+    ExpectEnd(DAKERROR_CANCELLED, qwEnd);
+    EXPECT_EQ(device.Handshakes().size(), 1u);
+    // The cancelled job's leftovers are no matter of the next one.
+    ExpectWholePush(Join(U32(1), Record(u"a", contents)));
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    ExpectEnd(DAKERROR_NONE);
+}
+
+// As above, but what fills the package is a record: the final package is aborted as well, and the
+// reply awaited.
+TEST_F(CopyToDevice, ACancelInARecord) {
+    constexpr std::size_t SIZE = 2 * DAK_DATA_SIZE - 32 - 10;
+    AddFile("C:\\s\\a", sim::Pattern(SIZE));
+    AddFile("C:\\s\\b", {1});
+    const auto packages =
+        sim::StreamPackages(8, Join(U32(2), Record(u"a", sim::Pattern(SIZE)), Record(u"b", {1})),
+                            DAK_PACKAGE, DAK_LAST_PACKAGE, true);
+    ExpectPush().Reply(Ack()).Expect(packages[0]).ReplyAfter(600, Ack());
+    ExpectAborts(2 * 50);
+    device.ReplyAfter(5000, Join(sim::Control(DAK_ABORT), sim::Response(8, 1)));
+    CancelAt(500);
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    // Behind the aborts the reply wait: five tries that fail, and the one that brings it.
+    const std::uint64_t qwAborted = OPEN_MS + FILL_MS + 600 + RETRY_BASE_MS;
+    ExpectEnd(DAKERROR_CANCELLED);
+    EXPECT_EQ(device.Opens(), 1);
+    EXPECT_EQ(device.Packages().back().qwMs, qwAborted);
+    EXPECT_EQ(Access::m_nCopyResult(*dak), 1);
+}
+
+TEST_F(CopyToDevice, ALargeCopyTakesTheSumOfItsWaits) {
+    constexpr std::size_t BUFFER = 1'310'720;
+    const Bytes large = sim::Pattern(3 * BUFFER + 5);
+    const Bytes exact = sim::Pattern(2 * BUFFER, 2);
+    AddFile("C:\\s\\large", large);
+    AddFile("C:\\s\\empty", {});
+    AddFile("C:\\s\\exact", exact);
+    const Bytes stream =
+        Join(U32(3), Record(u"large", large), Record(u"empty", {}), Record(u"exact", exact));
+    ExpectWholePush(stream);
+    const std::uint64_t qwPackages = stream.size() / DAK_DATA_SIZE + 1;
+    const std::uint64_t qwVerdicts = (qwPackages - 2) / 50 + 2; // behind 1, 51, ... and the last
+    // The refills behind the first, second and third buffer of the one, and the first of the other.
+    const std::uint64_t qwFills = (1 + 3) + (1 + 1);
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    ExpectEnd(DAKERROR_NONE,
+              OPEN_MS + qwFills * FILL_MS + qwVerdicts * VERDICT_MS + REPLY_MS + DRAIN_MS);
+    EXPECT_EQ(device.Packages().size(), 1 + qwPackages);
+}
+
+// Any single call of the platform that fails: the job ends, and it does not end well unless the
+// device got every byte.
+TEST(CopyToDeviceSweep, NoFailingCallIsReportedAsSuccess) {
+    const Bytes contents = sim::Pattern(30'000);
+    const Bytes whole = Join(U32(1), U64(contents.size()), U64(0), U64(0), Text(u"a"), contents);
+    const std::uint64_t nFaults = sim::Sweep([&](sim::CWorld& world) {
+        sim::CScriptedDevice device(world);
+        Bytes stream;
+        device.onPackage = [&](const Bytes& got) {
+            const bool bLast = DakGetU32(got.data()) == DAK_LAST_PACKAGE;
+            const bool bCommand = bLast && got.size() == 27;
+            if (!bCommand) {
+                stream.insert(stream.end(), got.begin() + 14, got.end());
+            }
+            if (bCommand || bLast || got.size() + stream.size() == 12288 + 12274) {
+                device.Give(Ack());
+            }
+            if (bLast && !bCommand) {
+                device.Give(sim::Response(8, 1));
+            }
+        };
+        world.WriteHostFile("C:/s/a", contents, Time(CREATED), Time(WRITTEN));
+        CStringArray list;
+        list.Add("C:\\s\\a");
+        const HWND hWnd = platform::CreateMessageWindow();
+        {
+            CDAKVorn dak;
+            const bool bStarted =
+                dak.DAKTransmitFiles(DAK_TO_DEVICE, u"C:\\s", u"\\d", &list, hWnd) == 0;
+            while (world.LiveThreads() > 0) {
+                platform::Sleep(1000);
+            }
+            EXPECT_EQ(dak.IsTransmitting(), FALSE);
+            if (bStarted && dak.GetLastError() == DAKERROR_NONE && !stream.empty() &&
+                stream.size() > 4) {
+                // The times may be missing.
+                std::fill(stream.begin() + 12, stream.begin() + 28, std::uint8_t{0});
+                EXPECT_EQ(stream, whole);
+            }
+        }
+        EXPECT_EQ(world.Open(), std::vector<std::string>{});
+    });
+    EXPECT_GT(nFaults, 50u);
+}
+
+} // namespace

@@ -1,0 +1,413 @@
+// The job around a copy: start, watching, cutting short, end.
+
+#include "tests/library/transfer_support.h"
+
+#include "link/device_connection.h"
+
+#include <algorithm>
+
+namespace {
+
+// A push of an empty list: request and acknowledgement, final package and verdict, the reply's two
+// reads.
+constexpr std::uint64_t PUSHED_MS =
+    LINK_UP_MS + READ_MS + RETRY_BASE_MS + READ_MS + RETRY_BASE_MS + 2 * READ_MS;
+constexpr std::uint64_t MESSAGE_MS = PUSHED_MS + DRAIN_MS;
+
+class TransferJob : public TransferTest {
+  protected:
+    void ExpectEmptyPush() { ExpectWholePush(U32(0)); }
+    // A push that is over at once: the device does not take the command.
+    void ExpectRefusedPush() { ExpectPush().Reply(sim::Control(DAK_ABORT)); }
+};
+
+TEST_F(TransferJob, BadArgumentsTouchNothing) {
+    const std::u16string strLong(260, u'x');
+    const std::u16string strLongest(259, u'x');
+    const struct {
+        const char* lpszWhat;
+        UINT nDirection;
+        const WCHAR* lpSource;
+        const WCHAR* lpDest;
+        CStringArray* pList;
+    } cases[] = {
+        {"direction", 2, u"C:\\s", u"\\d", &list},
+        {"source", 1, nullptr, u"\\d", &list},
+        {"destination", 0, u"\\d", nullptr, &list},
+        {"list", 1, u"C:\\s", u"\\d", nullptr},
+        {"long source", 1, strLong.c_str(), u"\\d", &list},
+        {"long destination", 0, u"\\d", strLong.c_str(), &list},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.lpszWhat);
+        Access::m_dwErrCode(*dak) = 0;
+        EXPECT_EQ(
+            dak->DAKTransmitFiles(one.nDirection, one.lpSource, one.lpDest, one.pList, window),
+            DAKERROR_FAIL);
+        EXPECT_EQ(dak->GetLastError(), DAKERROR_FAIL);
+        EXPECT_EQ(dak->IsTransmitting(), FALSE);
+    }
+    EXPECT_EQ(device.Opens(), 0);
+    EXPECT_EQ(world.CallCount(sim::ECall::CreateMutexA), 0u);
+    EXPECT_EQ(world.NowMs(), 0u);
+
+    for (const auto& strFolder : {strLongest, std::u16string()}) {
+        device.ExpectCommand(8, Bytes{DAK_TO_DEVICE}, Text(strFolder), Text(strFolder))
+            .Reply(sim::Control(DAK_ABORT));
+        EXPECT_EQ(dak->DAKTransmitFiles(DAK_TO_DEVICE, strFolder.c_str(), strFolder.c_str(), &list,
+                                        window),
+                  DAKERROR_NONE);
+        ExpectEnd(DAKERROR_FAIL);
+    }
+}
+
+TEST_F(TransferJob, ALongDebugLogIsDeletedAheadOfEverythingElse) {
+    const struct {
+        std::uint64_t qwSize;
+        bool bStays;
+    } cases[] = {{5'242'880, true}, {5'242'881, false}, {(1ull << 32) + 7, true}};
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.qwSize);
+        world.WriteHostFile("C:/DAKDebug.txt", {});
+        world.HostFile("C:/DAKDebug.txt")->qwReportedSize = one.qwSize;
+        dak->DAKTransmitFiles(DAK_TO_DEVICE, u"C:\\s", nullptr, &list, window);
+        EXPECT_EQ(world.HostFileExists("C:/DAKDebug.txt"), one.bStays);
+    }
+    EXPECT_EQ(device.Opens(), 0);
+}
+
+TEST_F(TransferJob, WithoutALinkNothingStaysOpen) {
+    world.OtherProcessOpensLock("NadoxUSBAPI");
+    EXPECT_EQ(Push(), DAKERROR_BUSY);
+    EXPECT_EQ(dak->GetLastError(), DAKERROR_BUSY);
+    world.OtherProcessClosesLock("NadoxUSBAPI");
+    world.Unplug();
+    EXPECT_EQ(Push(), DAKERROR_NO_DEVICE);
+    EXPECT_EQ(dak->GetLastError(), DAKERROR_NO_DEVICE);
+    EXPECT_EQ(world.NowMs(), 300u);
+    EXPECT_EQ(dak->IsTransmitting(), FALSE);
+    EXPECT_EQ(world.CallCount(sim::ECall::CreateMutexA), 2u);
+    world.Plug(device);
+    ExpectEmptyPush();
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    ExpectEnd(DAKERROR_NONE, 300 + MESSAGE_MS);
+}
+
+TEST_F(TransferJob, AWorkerThatCannotBeMadeLeavesNoLink) {
+    for (const bool bMemory : {true, false}) {
+        world.dwFailAllocationsOf = bMemory ? sizeof(_tagCommitParam) : 0;
+        if (!bMemory) {
+            world.FailCall(sim::ECall::CreateThread, 3); // behind the handshake's two
+        }
+        EXPECT_EQ(Push(), DAKERROR_FAIL);
+        EXPECT_EQ(dak->GetLastError(), DAKERROR_FAIL);
+        EXPECT_EQ(dak->IsTransmitting(), FALSE);
+        EXPECT_EQ(device.OpenNow(), 0);
+        EXPECT_EQ(world.LiveThreads(), 0);
+        EXPECT_FALSE(IsHandleOpen(g_hDeviceMutex));
+    }
+    EXPECT_TRUE(world.posted.empty());
+    ExpectEmptyPush();
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    ExpectEnd(DAKERROR_NONE);
+}
+
+TEST_F(TransferJob, TheMessageComesOnceAheadOfTheClosing) {
+    ExpectEmptyPush();
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    EXPECT_EQ(world.NowMs(), LINK_UP_MS);
+    EXPECT_EQ(dak->GetLastError(), DAKERROR_FAIL); // until the worker's first step
+    EXPECT_EQ(dak->IsTransmitting(), TRUE);
+    EXPECT_EQ(Access::m_nCopyResult(*dak), 1);
+    ExpectEnd(DAKERROR_NONE, MESSAGE_MS);
+    ASSERT_EQ(device.Handshakes().size(), 2u);
+    EXPECT_EQ(device.Handshakes()[1].qwMs, MESSAGE_MS);
+    EXPECT_EQ(world.NowMs(), MESSAGE_MS + READ_MS);
+    EXPECT_EQ(CDAKVorn::Commit_Thread(nullptr), static_cast<DWORD>(-1));
+    _tagCommitParam param{DAK_COPY_FILES, nullptr, nullptr, 0};
+    EXPECT_EQ(CDAKVorn::Commit_Thread(&param), static_cast<DWORD>(-1));
+}
+
+TEST_F(TransferJob, WithoutAWindowTheStateStaysUntilItIsEnded) {
+    window = nullptr;
+    AddFile("C:\\s\\a.txt", {1, 2, 3});
+    ExpectWholePush(Join(U32(1), Record(u"a.txt", {1, 2, 3})));
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    AwaitEnd();
+    EXPECT_EQ(device.OpenNow(), 0);
+    for (const BOOL bRuns : {TRUE, FALSE}) {
+        EXPECT_EQ(dak->IsTransmitting(), bRuns);
+        EXPECT_EQ(dak->GetLastError(), DAKERROR_NONE);
+        char szSource[260] = "";
+        char szDest[260] = "";
+        DWORD dwTotal = 0;
+        DWORD dwCopied = 0;
+        int nPercent = 0;
+        dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
+        EXPECT_STREQ(szSource, bRuns ? "C:\\s\\a.txt" : "");
+        EXPECT_STREQ(szDest, bRuns ? "\\d\\a.txt" : "");
+        EXPECT_EQ(dwTotal, bRuns ? 3u : 0u);
+        EXPECT_EQ(dwCopied, bRuns ? 3u : 0u);
+        EXPECT_EQ(nPercent, bRuns ? 100 : 0);
+        dak->TerminateTransfer();
+    }
+    EXPECT_STREQ(Access::m_szSourcePath(*dak), "");
+    EXPECT_STREQ(Access::m_szDestPath(*dak), "");
+    EXPECT_EQ(Access::m_dwSizeTotal(*dak), 0u);
+    EXPECT_EQ(Access::m_hCommitThread(*dak), nullptr);
+
+    // A window that is no longer alive is as good as any.
+    window = platform::CreateMessageWindow();
+    platform::DestroyMessageWindow(window);
+    ExpectRefusedPush();
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    AwaitEnd();
+    EXPECT_EQ(dak->IsTransmitting(), FALSE);
+    EXPECT_TRUE(world.posted.empty());
+}
+
+TEST_F(TransferJob, CopyStatusShowsTheCurrentFile) {
+    const struct {
+        std::uint64_t qwTotal;
+        std::uint64_t qwCopied;
+        int nPercent;
+    } cases[] = {{100, 29, 28},
+                 {0, 0, 0},
+                 {100, 101, 0},
+                 {100, 100, 100},
+                 {0xFFFFFFFF, 0xC0000000, 75},
+                 {0xAFFFFFFFF, 0xB00000001, 0}};
+    char szSource[260] = "x";
+    char szDest[260] = "y";
+    DWORD dwTotal = 5;
+    DWORD dwCopied = 6;
+    int nPercent = 7;
+    for (const auto& one : cases) {
+        Access::m_bCopying(*dak) = 1;
+        Access::m_dwSizeTotal(*dak) = one.qwTotal;
+        Access::m_dwSizeCopied(*dak) = one.qwCopied;
+        dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
+        EXPECT_EQ(dwTotal, static_cast<DWORD>(one.qwTotal));
+        EXPECT_EQ(dwCopied, static_cast<DWORD>(one.qwCopied));
+        EXPECT_EQ(nPercent, one.nPercent) << one.qwCopied << " of " << one.qwTotal;
+    }
+    std::strcpy(szSource, "x");
+    Access::m_bCopying(*dak) = 0;
+    Access::m_dwSizeTotal(*dak) = 1;
+    nPercent = 7;
+    dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
+    EXPECT_STREQ(szSource, "x");
+    EXPECT_EQ(dwTotal, 0xFFFFFFFF);
+    EXPECT_EQ(nPercent, 7);
+
+    // While a job waits for the first verdict: what went into the package counts as copied.
+    const Bytes contents = sim::Pattern(20'000);
+    AddFile("C:\\s\\b\\a.bin", contents);
+    ExpectPush().Reply(Ack());
+    const auto packages = sim::StreamPackages(8, Join(U32(1), Record(u"b\\a.bin", contents)),
+                                              DAK_PACKAGE, DAK_LAST_PACKAGE, true);
+    device.Expect(packages[0]).ReplyAfter(400, Ack()).Expect(packages[1]).Reply(Ack());
+    device.Reply(sim::Response(8, 1));
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    platform::Sleep(300);
+    dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
+    EXPECT_STREQ(szSource, "C:\\s\\b\\a.bin");
+    EXPECT_STREQ(szDest, "\\d\\b\\a.bin");
+    EXPECT_EQ(dwTotal, 20'000u);
+    EXPECT_EQ(nPercent, 0); // bytes count once their package has gone out whole
+    platform::Sleep(300);
+    dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
+    EXPECT_EQ(dwCopied, 20'000u);
+    ExpectEnd(DAKERROR_NONE);
+}
+
+TEST_F(TransferJob, TerminatingAnIdleObjectChangesNothing) {
+    Access::m_dwErrCode(*dak) = 77;
+    Access::m_dwSizeTotal(*dak) = 5;
+    world.WriteHostFile("C:/s/part", {1});
+    std::strcpy(Access::m_szPartPath(*dak), "C:\\s\\part");
+    dak->TerminateTransfer();
+    EXPECT_EQ(dak->GetLastError(), 77u);
+    EXPECT_EQ(Access::m_dwSizeTotal(*dak), 5u);
+    EXPECT_TRUE(world.HostFileExists("C:/s/part"));
+    EXPECT_EQ(world.NowMs(), 0u);
+}
+
+// A cancel during the drain: the exchange is over, so only the wait of the caller decides.
+TEST_F(TransferJob, TerminatingWaitsTwoSecondsForTheWorker) {
+    ExpectEmptyPush();
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    platform::Sleep(static_cast<DWORD>(MESSAGE_MS + READ_MS - 1999 - LINK_UP_MS));
+    dak->TerminateTransfer();
+    EXPECT_EQ(world.NowMs(), MESSAGE_MS + READ_MS); // with the worker's closing
+    ExpectEnd(DAKERROR_NONE, MESSAGE_MS);
+
+    const std::uint64_t qwBegin = world.NowMs();
+    ExpectEmptyPush();
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    platform::Sleep(static_cast<DWORD>(MESSAGE_MS - 2001 - LINK_UP_MS));
+    dak->TerminateTransfer();
+    EXPECT_EQ(world.NowMs(), qwBegin + MESSAGE_MS - 1);
+    EXPECT_EQ(dak->GetLastError(), DAKERROR_CANCELLED);
+    EXPECT_EQ(dak->IsTransmitting(), FALSE);
+    EXPECT_TRUE(world.posted.empty());
+    ExpectEnd(DAKERROR_CANCELLED, qwBegin + MESSAGE_MS);
+    EXPECT_EQ(device.Handshakes().size(), 3u); // the second job did not disconnect
+}
+
+// The read-ahead buffer belongs to a worker that reads from it, also when the caller has given up.
+TEST_F(TransferJob, TerminatingLeavesTheBufferToAWorkerThatReads) {
+    const auto hasReadAhead = [this] {
+        return std::ranges::count(world.Open(), "memory block of 1310720 bytes") == 2;
+    };
+    for (const bool bDestroy : {false, true}) {
+        SCOPED_TRACE(bDestroy);
+        list.RemoveAll();
+        AddFile("C:\\s\\a.bin", sim::Pattern(20'000));
+        world.onFileRead = [](sim::CFileRead&) { platform::Sleep(5000); };
+        ExpectPush().Reply(Ack());
+        device.ExpectThat([](const Bytes& got) { // instead of the first package
+            EXPECT_EQ(got.size(), DAK_PACKAGE_SIZE);
+            EXPECT_EQ(DakGetU32(got.data()), DAK_ABORT);
+        });
+        EXPECT_EQ(Push(), DAKERROR_NONE);
+        platform::Sleep(1000);
+        EXPECT_TRUE(hasReadAhead());
+        if (bDestroy) {
+            const std::uint64_t qwBegin = world.NowMs();
+            dak.reset();
+            EXPECT_EQ(world.LiveThreads(), 0);
+            EXPECT_GT(world.NowMs(), qwBegin + 2000);
+            EXPECT_EQ(world.posted.size(), 1u);
+            EXPECT_EQ(device.OpenNow(), 0);
+        } else {
+            dak->TerminateTransfer();
+            EXPECT_EQ(dak->GetLastError(), DAKERROR_CANCELLED);
+            EXPECT_TRUE(hasReadAhead());
+            ExpectEnd(DAKERROR_CANCELLED);
+            EXPECT_FALSE(hasReadAhead());
+        }
+    }
+}
+
+TEST_F(TransferJob, AnOperationThatAnswersTheMessageWaitsForTheClosing) {
+    for (const bool bJob : {false, true}) {
+        SCOPED_TRACE(bJob);
+        const std::uint64_t qwBegin = world.NowMs();
+        ExpectEmptyPush();
+        EXPECT_EQ(Push(), DAKERROR_NONE);
+        platform::WINDOWMESSAGE message{};
+        EXPECT_TRUE(platform::WaitWindowMessage(window, INFINITE, &message));
+        EXPECT_EQ(world.NowMs(), qwBegin + MESSAGE_MS);
+        const std::size_t dwConnect = device.Handshakes().size() + 1;
+        if (bJob) {
+            ExpectEmptyPush();
+            EXPECT_EQ(Push(), DAKERROR_NONE);
+            world.posted.clear();
+            ExpectEnd(DAKERROR_NONE, qwBegin + 2 * MESSAGE_MS + READ_MS);
+        } else {
+            EXPECT_EQ(dak->ConnectDevice(), DAKERROR_NONE);
+            world.posted.clear();
+        }
+        ASSERT_GT(device.Handshakes().size(), dwConnect);
+        EXPECT_EQ(DakGetU32(device.Handshakes()[dwConnect].bytes.data()), DAK_CONNECT);
+        EXPECT_EQ(device.Handshakes()[dwConnect].qwMs, qwBegin + MESSAGE_MS + READ_MS);
+    }
+}
+
+TEST_F(TransferJob, ObjectsShareTheLinkAndNothingElse) {
+    CDAKVorn other;
+    const HWND hOther = platform::CreateMessageWindow();
+    ExpectEmptyPush();
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    // A further job is refused without a trace, whatever its arguments.
+    world.WriteHostFile("C:/DAKDebug.txt", Bytes(5'242'881));
+    const std::uint64_t qwCalls = world.CallCount();
+    for (CDAKVorn* pDak : {&*dak, &other}) {
+        const DWORD dwErrCode = pDak->GetLastError();
+        EXPECT_EQ(pDak->DAKTransmitFiles(DAK_FROM_DEVICE, u"", u"", &list, hOther), DAKERROR_BUSY);
+        EXPECT_EQ(pDak->DAKTransmitFiles(7, nullptr, u"", nullptr, hOther), DAKERROR_BUSY);
+        EXPECT_EQ(pDak->GetLastError(), dwErrCode);
+    }
+    EXPECT_EQ(world.CallCount(), qwCalls);
+    EXPECT_EQ(world.NowMs(), LINK_UP_MS);
+    EXPECT_EQ(Access::m_hNotifyWnd(*dak), window);
+    EXPECT_EQ(other.IsTransmitting(), FALSE);
+    other.TerminateTransfer();
+    EXPECT_EQ(dak->IsTransmitting(), TRUE);
+    { const CDAKVorn third(other); }
+    // Any other operation waits for the worker's end.
+    EXPECT_EQ(other.ConnectDevice(), DAKERROR_NONE);
+    EXPECT_EQ(world.NowMs(), MESSAGE_MS + READ_MS + LINK_UP_MS + READ_MS);
+    ExpectEnd(DAKERROR_NONE, MESSAGE_MS);
+}
+
+TEST_F(TransferJob, TheDrainEndsWithAFailedReadAndNotBeforeTheFourth) {
+    const struct {
+        std::size_t dwJunk; // bytes behind the reply
+        std::uint64_t qwMs;
+    } cases[] = {{0, DRAIN_MS},
+                 {8, READ_MS + 3 * FAILED_READ_MS + 2 * 300},
+                 {20, 3 * READ_MS + FAILED_READ_MS},
+                 {800, 100 * READ_MS + FAILED_READ_MS}};
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.dwJunk);
+        const std::uint64_t qwBegin = world.NowMs();
+        ExpectEmptyPush();
+        if (one.dwJunk != 0) {
+            device.Reply(Bytes(one.dwJunk));
+        }
+        EXPECT_EQ(Push(), DAKERROR_NONE);
+        ExpectEnd(DAKERROR_NONE, qwBegin + PUSHED_MS + one.qwMs);
+    }
+}
+
+// What a cancelled job leaves, and who takes it over.
+TEST_F(TransferJob, TheNextOperationTakesTheLinkOver) {
+    const auto cancelled = [this] {
+        ExpectPush().Reply(Ack()).Expect(
+            sim::DataPackage(DAK_LAST_PACKAGE, 8, U32(0))); // and no verdict for a while
+        device.ReplyAfter(600, Ack()).Reply(sim::Response(8, 0));
+        EXPECT_EQ(Push(), DAKERROR_NONE);
+        platform::Sleep(200);
+        dak->TerminateTransfer();
+        ExpectEnd(DAKERROR_CANCELLED);
+        EXPECT_TRUE(IsHandleOpen(Access::m_hDevice(*dak)));
+        EXPECT_TRUE(IsHandleOpen(g_hDeviceMutex));
+    };
+    const auto words = [this](std::size_t dwFrom) {
+        std::vector<std::uint32_t> seen;
+        for (; dwFrom < device.Handshakes().size(); ++dwFrom) {
+            seen.push_back(DakGetU32(device.Handshakes()[dwFrom].bytes.data()));
+        }
+        return seen;
+    };
+    cancelled();
+    const std::uint64_t qwBegin = world.NowMs();
+    EXPECT_EQ(dak->ConnectDevice(), DAKERROR_NONE);
+    EXPECT_EQ(words(0), (std::vector{DAK_CONNECT, DAK_DISCONNECT, DAK_CONNECT, DAK_DISCONNECT}));
+    EXPECT_EQ(device.Opens(), 1); // the node stayed open
+    EXPECT_EQ(world.NowMs(), qwBegin + READ_MS + LINK_UP_MS + READ_MS);
+    EXPECT_EQ(device.OpenNow(), 0);
+
+    // An object made in between starts afresh; the first one still has its node.
+    cancelled();
+    {
+        CDAKVorn other;
+        EXPECT_FALSE(IsHandleOpen(g_hDeviceMutex));
+        EXPECT_EQ(other.ConnectDevice(), DAKERROR_NONE);
+        EXPECT_EQ(device.OpenNow(), 1);
+    }
+    EXPECT_EQ(dak->ConnectDevice(), DAKERROR_NONE);
+    EXPECT_EQ(device.OpenNow(), 0);
+
+    // The destructor closes what is open.
+    cancelled();
+    const std::size_t dwHandshakes = device.Handshakes().size();
+    dak.reset();
+    EXPECT_EQ(words(dwHandshakes), std::vector{DAK_DISCONNECT});
+    EXPECT_EQ(device.OpenNow(), 0);
+    EXPECT_FALSE(IsHandleOpen(g_hDeviceMutex));
+}
+
+} // namespace
