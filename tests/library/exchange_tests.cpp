@@ -1,0 +1,471 @@
+// Every function code's exchange under the same set of devices, and the frames around it.
+
+#include "tests/library/test_access.h"
+#include "tests/sim/scripted_device.h"
+
+#include "link/device_connection.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using sim::Bytes;
+using sim::ECall;
+using sim::Text;
+using sim::U32;
+
+constexpr std::uint64_t WRITTEN_MS = 310; // a command goes out behind handshake and pause
+constexpr std::uint64_t CLOSING_MS = 10;
+
+enum EShape { POLLED, UNBOUNDED, FIRST_READ, SINGLE, COMPLETED, NO_RESPONSE };
+
+void* const FILE_HANDLE = reinterpret_cast<void*>(std::uintptr_t{0x11223344});
+
+// What an operation may store into.
+struct COutputs {
+    DWORD dwFirst = 0;
+    DWORD dwSecond = 0;
+    std::uint64_t qwValue = 0;
+    void* hFile = nullptr;
+    _tagFileInfo info{};
+    CArray<_tagFileInfo, _tagFileInfo> files;
+    CArray<_tagStorageInfo, _tagStorageInfo> storages;
+    BYTE bytes[4] = {1, 2, 3, 4};
+};
+
+struct COperation {
+    const char* lpszName;
+    std::uint16_t code;
+    std::function<DWORD(CDAKVorn&, COutputs&)> call;
+    Bytes payload;
+    EShape eShape;
+    DWORD dwBound;
+    Bytes fields; // of the response, behind the result
+    bool bReplyEnds = false;
+    std::uint64_t qwSettleMs = 0;
+    std::uint64_t qwDrainMs = 0;
+    std::uint64_t qwAckPauseMs = 0;
+    bool bPolledAck = false;
+    bool bAvailability = false;
+
+    Bytes Request() const { return sim::Command(code, payload); }
+    Bytes Reply(int nResult = 1) const { return sim::Response(code, nResult, fields); }
+    std::uint64_t R() const { return Reply().size(); }
+    // One try that brings nothing.
+    std::uint64_t TryMs() const { return 10 + R() + 500 + 500; }
+    std::uint64_t WrittenMs() const { return WRITTEN_MS + qwDrainMs; }
+    // From the command's write to the first read for the response.
+    std::uint64_t AckMs() const { return qwAckPauseMs + 10 + qwSettleMs + (code == 17 ? 70 : 0); }
+    bool Polls() const { return eShape == POLLED || eShape == UNBOUNDED; }
+    DWORD Gone() const { return bAvailability ? DAKERROR_NO_DEVICE : DAKERROR_FAIL; }
+    // A device that takes the command and, for the write, its one package.
+    void TakeCommand(sim::CScriptedDevice& device) const {
+        device.Expect(Request()).At(WrittenMs()).Reply(sim::Ack());
+        if (code == 17) {
+            device.ExpectDataPackage(DAK_LAST_PACKAGE, 17, {1, 2, 3, 4}).Reply(sim::Ack());
+        }
+    }
+};
+
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage)
+#define CALL(...) [](CDAKVorn& dak, [[maybe_unused]] COutputs& out) { return dak.__VA_ARGS__; }
+
+std::vector<COperation> Operations() {
+    const Bytes none;
+    const Bytes path = Text(u"\\a");
+    const Bytes two = sim::Join(Text(u"\\a"), Text(u"\\bc"));
+    const Bytes handle = U32(0x11223344);
+    const Bytes stream = sim::Join(handle, U32(4));
+    const Bytes space = sim::U64(5);
+    const Bytes zero = U32(0);
+    const Bytes process = sim::Join(two, U32(1));
+    const Bytes start = sim::Join(path, Text(u""), zero);
+    const Bytes control = sim::Join(U32(7), U32(1), Bytes(1, 1), U32(4), U32(0x04030201));
+    const Bytes create = sim::Join(path, U32(1), U32(2), U32(3));
+    const Bytes seek = sim::Join(handle, U32(0xFFFFFFFE), U32(1));
+    const Bytes copy = sim::Join(two, U32(0xFFFFFFFB));
+    const Bytes broadcast = sim::Join(U32(1), U32(2), U32(0xFFFFFFFD));
+    std::vector<COperation> all = {
+        {"Move", 1, CALL(DAKMoveFile(u"\\a", u"\\bc")), two, POLLED, 121, none, true},
+        {"Delete", 2, CALL(DAKDeleteFile(u"\\a")), path, UNBOUNDED, 0, none},
+        {"DeviceFreeSpace", 6, CALL(DAKGetDeviceFreeSpace(&out.dwFirst, &out.dwSecond)), none,
+         POLLED, 1201, space},
+        {"FolderContent", 7, CALL(DAKGetFolderContent(u"\\a", &out.files)), path, POLLED, 121, zero,
+         true, 500, 518, 100},
+        {"CreateDirectory", 10, CALL(DAKCreateDirectory(u"\\a", nullptr)), path, POLLED, 1201,
+         none},
+        {"CreateProcess", 12, CALL(DAKCreateProcess(u"\\a", u"\\bc", &out.dwFirst)), process,
+         UNBOUNDED, 0, zero},
+        {"StartProcess", 12, CALL(DAKCreateProcess(u"\\a", nullptr, nullptr)), start, SINGLE, 1,
+         zero, false, 500},
+        {"KernelIoControl", 13, CALL(DAKKernelIoControl(7, out.bytes, 1, out.bytes, 4, nullptr)),
+         control, POLLED, 1201, zero},
+        {"GetFileInfo", 14, CALL(DAKGetFileInfo(u"\\a", &out.info)), path, SINGLE, 1,
+         Bytes(1236, 1)},
+        {"CreateFile", 15, CALL(DAKCreateFile(u"\\a", 1, 2, 3, &out.hFile)), create, POLLED, 1201,
+         handle},
+        {"ReadFile", 16, CALL(DAKReadFile(FILE_HANDLE, out.bytes, 4, &out.dwFirst)), stream,
+         NO_RESPONSE, 0, none},
+        {"WriteFile", 17, CALL(DAKWriteFile(FILE_HANDLE, out.bytes, 4, &out.dwFirst)), stream,
+         FIRST_READ, 1201, none},
+        {"SetFilePointer", 18, CALL(DAKSetFilePointer(FILE_HANDLE, -2, 1, &out.dwFirst)), seek,
+         COMPLETED, 1, none},
+        {"CloseFile", 19, CALL(DAKCloseFile(FILE_HANDLE)), handle, COMPLETED, 1, none},
+        {"CopyFile", 20, CALL(DAKCopyFile(u"\\a", u"\\bc", -5)), copy, POLLED, 1201, none},
+        {"RegisterWindowMessage", 21, CALL(DAKRegisterWindowMessage(u"\\a", &out.dwFirst)), path,
+         COMPLETED, 1, none},
+        {"BroadCastMessage", 22, CALL(DAKBroadCastMessage(1, 2, -3)), broadcast, COMPLETED, 1,
+         none},
+        {"StorageInfo", 23, CALL(DAKGetStorageInfo(&out.storages)), none, UNBOUNDED, 0, zero, true},
+        {"FormatPartition", 24, CALL(DAKFormatPartition(u"\\a")), path, SINGLE, 1, none},
+        {"FolderFreeSpace", 25, CALL(DAKGetFolderFreeSpace(u"\\a", &out.qwValue)), path, POLLED,
+         361, space, true}};
+    for (COperation& op : all) {
+        op.bPolledAck = op.code == 7 || op.code == 16 || op.code == 17;
+        op.bAvailability = op.code == 2 || op.code == 12;
+    }
+    return all;
+}
+
+struct CRun {
+    sim::CWorld world;
+    sim::CScriptedDevice device{world};
+    CDAKVorn dak;
+    COutputs out;
+};
+
+// What an operation is to return and to leave in GetLastError; qwMs is when its exchange is over,
+// ahead of the closing.
+struct COutcome {
+    std::uint64_t qwMs;
+    DWORD dwResult;
+    DWORD dwError;
+    COutcome(std::uint64_t ms, DWORD result) : COutcome(ms, result, result) {}
+    COutcome(std::uint64_t ms, DWORD result, DWORD error)
+        : qwMs(ms), dwResult(result), dwError(error) {}
+};
+// Sets a device up for an operation; nothing means that it is not for this one.
+using Play = std::function<std::optional<COutcome>(const COperation&, CRun&)>;
+
+void ForEveryOperation(const Play& play) {
+    for (const COperation& op : Operations()) {
+        SCOPED_TRACE(op.lpszName);
+        CRun run;
+        run.world.bTrace = false;
+        const auto expected = play(op, run);
+        if (!expected) {
+            run.device.Finish();
+            continue;
+        }
+        EXPECT_EQ(op.call(run.dak, run.out), expected->dwResult);
+        EXPECT_EQ(run.dak.GetLastError(), expected->dwError);
+        // The closing handshake of a device that has gone fails at once.
+        EXPECT_EQ(run.world.NowMs(), expected->qwMs + (run.world.IsPlugged() ? CLOSING_MS : 0));
+        EXPECT_FALSE(IsHandleOpen(g_hDeviceMutex));
+        EXPECT_EQ(run.device.OpenNow(), 0);
+        EXPECT_FALSE(run.dak.IsTransmitting());
+        EXPECT_LE(run.world.Open().size(), 3u) << "resend buffer, and the arrays' at most";
+    }
+}
+
+// A failed closing response of a write leaves what the stream left.
+DWORD ErrorOf(const COperation& op, DWORD dwOther) {
+    return op.code == 17 ? DAKERROR_NONE : dwOther;
+}
+
+TEST(Exchange, GoodAnswer) {
+    ForEveryOperation([](const COperation& op, CRun& run) -> std::optional<COutcome> {
+        if (op.eShape == NO_RESPONSE) {
+            return {};
+        }
+        op.TakeCommand(run.device);
+        run.device.Reply(op.Reply());
+        return COutcome(op.WrittenMs() + op.AckMs() + 10, 0);
+    });
+}
+
+TEST(Exchange, AcknowledgementThatIsNone) {
+    struct {
+        const char* lpszName;
+        Bytes bytes;
+        bool bGood;
+    } const rows[] = {{"short", Bytes{0, 0xE0, 0, 0, 0, 0, 0}, false},
+                      {"wrong word", sim::Control(DAK_RETRANSMIT), false},
+                      {"high half", sim::Control(DAK_SUCCESS | 0x10000), false},
+                      {"with a length", sim::Join(U32(DAK_SUCCESS), U32(77)), true}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.lpszName);
+        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
+            if (row.bGood && (op.eShape == NO_RESPONSE || op.code == 17)) {
+                return {};
+            }
+            run.device.Expect(op.Request()).At(op.WrittenMs()).Reply(row.bytes).Reply(op.Reply());
+            const std::uint64_t qwTaken = op.WrittenMs() + op.qwAckPauseMs + 10;
+            return row.bGood ? COutcome(op.WrittenMs() + op.AckMs() + 10, 0)
+                             : COutcome(qwTaken, DAKERROR_FAIL);
+        });
+    }
+}
+
+TEST(Exchange, NoAcknowledgement) {
+    for (const bool bGone : {false, true}) {
+        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
+            run.device.Expect(op.Request()).At(op.WrittenMs());
+            if (bGone) {
+                run.device.VanishAfter(200);
+                const std::uint64_t qwPause = op.bPolledAck ? 500 : 0;
+                return COutcome(op.WrittenMs() + 200 + qwPause, op.Gone(),
+                                op.code == 17 ? DAKERROR_NO_DEVICE : op.Gone());
+            }
+            const std::uint64_t qwWait =
+                op.bPolledAck ? 1201 * (op.qwAckPauseMs + 1018) : std::uint64_t{518};
+            return COutcome(op.WrittenMs() + qwWait, DAKERROR_FAIL);
+        });
+    }
+}
+
+TEST(Exchange, CommandNotTaken) {
+    ForEveryOperation([](const COperation& op, CRun& run) -> std::optional<COutcome> {
+        run.device.ExpectHandshake(DAK_CONNECT);
+        run.device.DoNotTake().At(op.WrittenMs() + op.Request().size() + 500);
+        const bool bSays = op.code == 17 || op.code == 25;
+        return COutcome(op.WrittenMs() + op.Request().size() + 500,
+                        op.code == 25 ? DAKERROR_NO_DEVICE : DAKERROR_FAIL,
+                        bSays ? DAKERROR_NO_DEVICE : DAKERROR_FAIL);
+    });
+}
+
+TEST(Exchange, SilenceUpToTheBound) {
+    ForEveryOperation([](const COperation& op, CRun& run) -> std::optional<COutcome> {
+        if (op.eShape == NO_RESPONSE) {
+            return {};
+        }
+        op.TakeCommand(run.device);
+        const std::uint64_t qwFrom = op.WrittenMs() + op.AckMs();
+        if (op.eShape == UNBOUNDED) {
+            // Longer than any bound; the read in which the device goes is the last.
+            const std::uint64_t qwGone = qwFrom + 3000 * op.TryMs() + 200;
+            run.world.At(qwGone, [&world = run.world] { world.Unplug(); });
+            return COutcome(qwGone + 500, op.Gone());
+        }
+        const bool bOnce = op.eShape == SINGLE || op.eShape == COMPLETED;
+        const std::uint64_t qwWait = bOnce ? 10 + op.R() + 500 : op.dwBound * op.TryMs();
+        return COutcome(qwFrom + qwWait, DAKERROR_FAIL, ErrorOf(op, DAKERROR_FAIL));
+    });
+}
+
+TEST(Exchange, TheLastTryCountsAndNoneBehindIt) {
+    for (const std::uint64_t qwLate : {0u, 1u}) {
+        SCOPED_TRACE(qwLate);
+        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
+            if (op.eShape == NO_RESPONSE || op.eShape == UNBOUNDED) {
+                return {};
+            }
+            op.TakeCommand(run.device);
+            const std::uint64_t qwFrom = op.WrittenMs() + op.AckMs();
+            const std::uint64_t qwEnd = qwFrom + (op.dwBound - 1) * op.TryMs() + 10 + op.R() + 500;
+            run.world.At(qwEnd + qwLate, [&, reply = op.Reply()] { run.device.Give(reply); });
+            const bool bOnce = op.eShape == SINGLE || op.eShape == COMPLETED;
+            return qwLate == 0 ? COutcome(qwEnd, 0)
+                               : COutcome(qwEnd + (bOnce ? 0 : 500), DAKERROR_FAIL,
+                                          ErrorOf(op, DAKERROR_FAIL));
+        });
+    }
+}
+
+// What comes ahead of the right response. A wait that goes on takes 10 ms for each piece.
+TEST(Exchange, OtherPackagesAheadOfTheResponse) {
+    const auto ahead = [](const std::function<std::vector<Bytes>(const COperation&)>& packages,
+                          const std::function<bool(const COperation&)>& isEnd) {
+        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
+            if (op.eShape == NO_RESPONSE) {
+                return {};
+            }
+            op.TakeCommand(run.device);
+            const auto first = packages(op);
+            for (const Bytes& package : first) {
+                run.device.Reply(package);
+            }
+            run.device.Reply(op.Reply());
+            const std::uint64_t qwFrom = op.WrittenMs() + op.AckMs();
+            // A listing under the word for more is as good as one under the word for the last.
+            const bool bListing = op.code == 7 && isEnd(op);
+            if (!op.Polls() || isEnd(op)) {
+                return COutcome(qwFrom + 10, bListing ? DAKERROR_NONE : DAKERROR_FAIL,
+                                bListing ? DAKERROR_NONE : ErrorOf(op, DAKERROR_FAIL));
+            }
+            return COutcome(qwFrom + 10 * (first.size() + 1), 0);
+        });
+    };
+    const auto never = [](const COperation&) { return false; };
+    const auto reply = [](const COperation& op, std::uint32_t dwWord, std::uint16_t code) {
+        Bytes package = sim::Response(code, 1, op.fields);
+        DakPutU32(package.data(), dwWord);
+        return std::vector<Bytes>{package};
+    };
+    ahead([&](auto& op) { return reply(op, DAK_LAST_REPLY, 99); }, never);
+    ahead([&](auto& op) { return reply(op, DAK_LAST_REPLY | 0x10000, op.code); }, never);
+    ahead([&](auto& op) { return reply(op, DAK_REPLY_PACKAGE, 99); }, never);
+    ahead([&](auto& op) { return reply(op, DAK_REPLY_PACKAGE, op.code); },
+          [](auto& op) { return op.bReplyEnds; });
+}
+
+TEST(Exchange, ResponseInPieces) {
+    for (const int nPieces : {2, 3}) {
+        SCOPED_TRACE(nPieces);
+        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
+            if (op.eShape == NO_RESPONSE) {
+                return {};
+            }
+            op.TakeCommand(run.device);
+            const Bytes whole = op.Reply();
+            const auto cut = [&](int nFrom, int nTo) {
+                run.device.Reply(Bytes(whole.begin() + nFrom, whole.begin() + nTo));
+            };
+            const int nSize = static_cast<int>(whole.size());
+            cut(0, 6);
+            cut(6, nPieces == 2 ? nSize : 10);
+            if (nPieces == 3) {
+                cut(10, nSize);
+            }
+            const std::uint64_t qwFrom = op.WrittenMs() + op.AckMs();
+            if (op.Polls()) { // dropped without a pause, and the wait goes on
+                run.device.Reply(whole);
+                return COutcome(qwFrom + 10u * static_cast<unsigned>(nPieces + 1), 0);
+            }
+            if (op.eShape == COMPLETED) {
+                return nPieces == 2 ? COutcome(qwFrom + 20, 0)
+                                    : COutcome(qwFrom + 20, DAKERROR_FAIL);
+            }
+            return COutcome(qwFrom + 10, DAKERROR_FAIL, ErrorOf(op, DAKERROR_FAIL));
+        });
+    }
+}
+
+TEST(Exchange, DeviceGoneInTheVeryTryOfItsAnswer) {
+    for (const int nResult : {1, 0}) {
+        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
+            if (op.eShape == NO_RESPONSE || op.eShape == SINGLE || op.eShape == COMPLETED) {
+                return {};
+            }
+            op.TakeCommand(run.device);
+            const std::uint64_t nEarlier = op.code == 17 ? 3 : op.bPolledAck ? 1 : 0;
+            run.device.VanishAtQuestion(nEarlier + 1).Reply(op.Reply(nResult));
+            const std::uint64_t qwMs = op.WrittenMs() + op.AckMs() + 10;
+            if (op.code == 7) { // the folder's end needs no more of the device
+                return COutcome(qwMs, 0);
+            }
+            const DWORD dwFolder = op.code == 25 ? DAKERROR_FOLDER_SPACE : op.Gone();
+            return nResult != 0 ? COutcome(qwMs, 0)
+                                : COutcome(qwMs, dwFolder, ErrorOf(op, dwFolder));
+        });
+    }
+}
+
+TEST(Exchange, Results) {
+    for (const int nResult : {0, 2, -1}) {
+        SCOPED_TRACE(nResult);
+        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
+            if (op.eShape == NO_RESPONSE || op.code == 7 || op.code == 17 || op.code == 18) {
+                return {};
+            }
+            op.TakeCommand(run.device);
+            run.device.Reply(op.Reply(nResult));
+            const DWORD dwRefused = op.code == 25 ? DAKERROR_FOLDER_SPACE : DAKERROR_FAIL;
+            return COutcome(op.WrittenMs() + op.AckMs() + 10, nResult != 0 ? 0 : dwRefused);
+        });
+    }
+}
+
+TEST(Frame, NoLockNoDeviceNoMemory) {
+    ForEveryOperation([](const COperation&, CRun& run) -> std::optional<COutcome> {
+        run.world.OtherProcessOpensLock("NadoxUSBAPI");
+        return COutcome(-CLOSING_MS, DAKERROR_BUSY);
+    });
+    ForEveryOperation([](const COperation&, CRun& run) -> std::optional<COutcome> {
+        run.world.Unplug();
+        return COutcome(300, DAKERROR_NO_DEVICE);
+    });
+    // The detail record is the first block, the request the second, a larger response the third.
+    for (const std::uint64_t nBlock : {2u, 3u}) {
+        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
+            if (nBlock == 2) {
+                run.world.FailCall(ECall::LocalAlloc, 2);
+                return COutcome(WRITTEN_MS, DAKERROR_FAIL);
+            }
+            if (op.Request().size() >= op.R() || op.code == 7) {
+                return {};
+            }
+            run.world.FailCall(ECall::LocalAlloc, 3);
+            op.TakeCommand(run.device);
+            return COutcome(op.WrittenMs() + op.AckMs(), DAKERROR_FAIL);
+        });
+    }
+}
+
+TEST(Frame, RefusedArgumentsTouchNothing) {
+    CRun run;
+    run.device.ServeHandshakes(false); // any package would fail the test
+    CDAKVorn& dak = run.dak;
+    COutputs& out = run.out;
+    const auto fails = [&](DWORD dwReturned) {
+        return dwReturned == DAKERROR_FAIL && dak.GetLastError() == DAKERROR_FAIL;
+    };
+    DWORD dw = 5;
+    void* hFile = &dw;
+    for (const WCHAR* lpsz : {static_cast<const WCHAR*>(nullptr), u""}) {
+        EXPECT_TRUE(fails(dak.DAKCreateDirectory(lpsz, nullptr)));
+        EXPECT_TRUE(fails(dak.DAKDeleteFile(lpsz)));
+        EXPECT_TRUE(fails(dak.DAKMoveFile(lpsz, u"b")));
+        EXPECT_TRUE(fails(dak.DAKMoveFile(u"a", lpsz)));
+        EXPECT_TRUE(fails(dak.DAKCopyFile(lpsz, u"b", 0)));
+        EXPECT_TRUE(fails(dak.DAKCopyFile(u"a", lpsz, 0)));
+        EXPECT_TRUE(fails(dak.DAKGetFileInfo(lpsz, &out.info)));
+        EXPECT_TRUE(fails(dak.DAKGetFolderContent(lpsz, &out.files)));
+        EXPECT_TRUE(fails(dak.DAKCreateFile(lpsz, 0, 0, 0, &hFile)));
+        EXPECT_TRUE(fails(dak.DAKCreateProcess(lpsz, u"", &dw)));
+        EXPECT_TRUE(fails(dak.DAKRegisterWindowMessage(lpsz, &dw)));
+        EXPECT_TRUE(fails(dak.DAKFormatPartition(lpsz)));
+    }
+    const std::uintptr_t handles[] = {0, 0xFFFFFFFF, UINTPTR_MAX, std::uintptr_t{1} << 32};
+    for (const std::uintptr_t handle : handles) {
+        void* h = reinterpret_cast<void*>(handle);
+        EXPECT_TRUE(fails(dak.DAKReadFile(h, nullptr, 0, &dw)));
+        EXPECT_TRUE(fails(dak.DAKWriteFile(h, nullptr, 0, &dw)));
+        EXPECT_TRUE(fails(dak.DAKSetFilePointer(h, 0, 0, &out.dwFirst)));
+        EXPECT_TRUE(fails(dak.DAKCloseFile(h)));
+    }
+    EXPECT_TRUE(fails(dak.DAKCreateFile(u"a", 0, 0, 0, nullptr)));
+    EXPECT_TRUE(fails(dak.DAKReadFile(FILE_HANDLE, out.bytes, 4, nullptr)));
+    EXPECT_TRUE(fails(dak.DAKWriteFile(FILE_HANDLE, out.bytes, 4, nullptr)));
+    EXPECT_TRUE(fails(dak.DAKSetFilePointer(FILE_HANDLE, 0, 0, nullptr)));
+    EXPECT_TRUE(fails(dak.DAKRegisterWindowMessage(u"a", nullptr)));
+    EXPECT_TRUE(fails(dak.DAKBroadCastMessage(0, 1, 2)));
+    EXPECT_TRUE(fails(dak.DAKGetStorageInfo(nullptr)));
+    EXPECT_TRUE(fails(dak.DAKKernelIoControl(0, nullptr, 0, &dw, 4, &dw)));
+    EXPECT_TRUE(fails(dak.DAKKernelIoControl(1, nullptr, 0, &dw, 1u << 20, &dw)));
+    EXPECT_TRUE(fails(dak.DAKKernelIoControl(1, &dw, 0xFFFFFFFF, &dw, 4, &dw)));
+    EXPECT_EQ(dw, 5u);
+    EXPECT_EQ(hFile, &dw);
+    out.qwValue = 9;
+    EXPECT_EQ(dak.DAKGetFolderFreeSpace(nullptr, &out.qwValue), DAKERROR_FOLDER_SPACE);
+    EXPECT_EQ(dak.GetLastError(), DAKERROR_FOLDER_SPACE);
+    EXPECT_EQ(out.qwValue, 0u);
+    // The counts are set once handle and pointer have passed. Nothing asked for is a success.
+    for (const auto& call : {&CDAKVorn::DAKReadFile, &CDAKVorn::DAKWriteFile}) {
+        for (const DWORD dwBytes : {0u, 1u}) {
+            dw = 5;
+            EXPECT_EQ((dak.*call)(FILE_HANDLE, nullptr, dwBytes, &dw), dwBytes * DAKERROR_FAIL);
+            EXPECT_EQ(dak.GetLastError(), dwBytes * DAKERROR_FAIL);
+            EXPECT_EQ(dw, 0u);
+        }
+    }
+    EXPECT_EQ(dak.DAKGetDeviceFreeSpace(nullptr, nullptr), 0u);
+    EXPECT_EQ(dak.GetLastError(), 0u);
+    EXPECT_EQ(run.world.NowMs(), 0u);
+    EXPECT_EQ(run.world.CallCount(ECall::RegOpenKeyExA), 0u);
+    EXPECT_EQ(run.world.CallCount(ECall::CreateMutexA), 0u);
+    EXPECT_EQ(run.world.Questions(), 0u);
+}
+
+} // namespace

@@ -1,0 +1,537 @@
+// The link: handshake, pipe, bringing up and taking down, the lock, the object, the trace.
+
+#include "tests/library/test_access.h"
+#include "tests/sim/scripted_device.h"
+
+#include "link/debug_trace.h"
+#include "link/device_connection.h"
+#include "platform/thread.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace {
+
+using Access = CDAKVornTestAccess;
+using sim::Bytes;
+using sim::ECall;
+
+constexpr char LOCK[] = "NadoxUSBAPI";
+
+bool IsLockHeld(sim::CWorld& world) {
+    return world.locks.contains(LOCK) && world.locks[LOCK]->bHeld;
+}
+
+struct CRun {
+    sim::CWorld world;
+    sim::CScriptedDevice device{world};
+    CDAKVorn dak;
+    // The object's own memory is all that may be open between operations.
+    void ExpectIdle() {
+        EXPECT_EQ(Access::m_hDevice(dak), INVALID_HANDLE_VALUE);
+        EXPECT_FALSE(IsHandleOpen(g_hDeviceMutex));
+        EXPECT_EQ(world.Open().size(), 1u);
+        EXPECT_EQ(world.LiveThreads(), 0);
+    }
+    void LeaveOpen() {
+        EXPECT_TRUE(Access::Initial(dak));
+        EXPECT_TRUE(Access::OpenDevice(dak));
+    }
+};
+
+TEST(Object, AFreshOneHasItsMembersInOrder) {
+    sim::CWorld world;
+    CDAKVorn dak;
+    std::ptrdiff_t nLatest = 0;
+    const auto expect = [&](const auto& member, auto value) {
+        EXPECT_EQ(member, value);
+        const auto nAt =
+            reinterpret_cast<const char*>(&member) - reinterpret_cast<const char*>(&dak);
+        EXPECT_GT(nAt, nLatest);
+        nLatest = nAt;
+    };
+    expect(Access::m_dwRecvPackages(dak), 0u);
+    expect(Access::m_dwWindowPackages(dak), 50u);
+    expect(Access::m_dwSentPackages(dak), 0u);
+    expect(Access::m_dwPackageSize(dak), 12288u);
+    EXPECT_EQ(world.blocks.at(Access::m_lpResendBuf(dak)), 614400u);
+    expect(Access::m_bSyncStopped(dak), 0u);
+    expect(Access::m_dwRetryStep(dak), 30);
+    expect(Access::m_dwRetryBase(dak), 100);
+    expect(Access::m_dwCpuMHz(dak), 847u);
+    const std::ptrdiff_t nMHz = nLatest;
+    expect(Access::m_hDevice(dak), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(nLatest - nMHz, sizeof(void*) == 8 ? 36 : 20) << "the worker's four are between";
+    expect(Access::m_dwErrCode(dak), 0u);
+    expect(Access::m_hNotifyWnd(dak), HWND{nullptr});
+    expect(Access::m_dwDeviceVersion(dak), 0u);
+    expect(Access::m_nCopyResult(dak), 1);
+    expect(Access::m_bCopying(dak), 0);
+    expect(Access::m_hCommitThread(dak), HANDLE{nullptr});
+    expect(Access::m_dwSizeCopied(dak), 0u);
+    expect(Access::m_dwSizeTotal(dak), 0u);
+    for (const char* lpszPath :
+         {Access::m_szSourcePath(dak), Access::m_szDestPath(dak), Access::m_szPartPath(dak)}) {
+        EXPECT_EQ(std::count(lpszPath, lpszPath + 260, '\0'), 260);
+    }
+    EXPECT_EQ(world.CallCount(ECall::WritePipe) + world.Questions() + world.NowMs(), 0u);
+}
+
+TEST(Object, VersionNumbers) {
+    sim::CWorld world;
+    CDAKVorn dak;
+    DWORD dwFirst = 7;
+    DWORD dwSecond = 8;
+    dak.DAKGetVersionNumber(&dwFirst, nullptr);
+    dak.DAKGetVersionNumber(nullptr, &dwSecond);
+    EXPECT_EQ(dwFirst, 7u);
+    EXPECT_EQ(dwSecond, 8u);
+    dak.DAKGetVersionNumber(&dwFirst, &dwSecond);
+    EXPECT_EQ(dwFirst, 26869961u);
+    EXPECT_EQ(dwSecond, 65541u);
+}
+
+TEST(Object, CopiesShareNothingThatIsOpen) {
+    sim::CWorld world;
+    world.dwCpuMHz = 1000;
+    sim::CScriptedDevice device(world);
+    {
+        CDAKVorn source;
+        ASSERT_EQ(source.ConnectDevice(), 0u);
+        Access::m_dwErrCode(source) = DAKERROR_NO_SPACE;
+        ASSERT_TRUE(Access::OpenDevice(source));
+        CDAKVorn copy(source);
+        CDAKVorn target;
+        ASSERT_TRUE(Access::OpenDevice(target));
+        const BYTE* lpTargetBuf = Access::m_lpResendBuf(target);
+        target = source;
+        EXPECT_EQ(device.OpenNow(), 1) << "the target's own node is closed, the source's is not";
+        EXPECT_EQ(Access::m_lpResendBuf(target), lpTargetBuf);
+        for (CDAKVorn* pDak : {&copy, &target}) {
+            EXPECT_EQ(pDak->GetLastError(), DAKERROR_NO_SPACE);
+            EXPECT_EQ(Access::m_dwRetryBase(*pDak), 80);
+            EXPECT_EQ(Access::m_dwDeviceVersion(*pDak), DAK_PROTOCOL_VERSION);
+            EXPECT_EQ(Access::m_hDevice(*pDak), INVALID_HANDLE_VALUE);
+            EXPECT_NE(Access::m_lpResendBuf(*pDak), Access::m_lpResendBuf(source));
+            EXPECT_EQ(world.blocks.at(Access::m_lpResendBuf(*pDak)), 614400u);
+        }
+        CDAKVorn& alias = source;
+        source = alias;
+        EXPECT_NE(Access::m_hDevice(source), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(copy.ConnectDevice(), 0u);
+    }
+    EXPECT_EQ(world.Open(), std::vector<std::string>());
+}
+
+TEST(Calibration, DelaysFollowTheProcessor) {
+    struct {
+        std::optional<DWORD> dwMHz;
+        int nBase;
+        int nStep;
+    } const rows[] = {{199, 1, 1},   {200, 1, 1},    {299, 1, 1},     {300, 10, 3},
+                      {847, 60, 20}, {1000, 80, 26}, {2400, 220, 73}, {std::nullopt, 60, 20},
+                      {0, 1, 1}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.dwMHz.value_or(0));
+        CRun run;
+        run.world.dwCpuMHz = row.dwMHz;
+        run.dak.ConnectDevice();
+        EXPECT_EQ(Access::m_dwRetryBase(run.dak), row.nBase);
+        EXPECT_EQ(Access::m_dwRetryStep(run.dak), row.nStep);
+        // What was read once stands where there is no answer any more.
+        run.world.bRegistryKeyExists = false;
+        run.dak.ConnectDevice();
+        EXPECT_EQ(Access::m_dwRetryBase(run.dak), row.nBase);
+        run.ExpectIdle();
+    }
+}
+
+TEST(Handshake, BytesAndReplies) {
+    const auto reply = [](DWORD wCommand, DWORD dwLength, DWORD dwLink, DWORD dwVersion,
+                          DWORD dwMax) {
+        return sim::Join(sim::U32(wCommand), sim::U32(dwLength), sim::U32(dwLink),
+                         sim::U32(dwVersion), sim::U32(dwMax));
+    };
+    EXPECT_EQ(sim::Handshake(DAK_CONNECT),
+              (Bytes{0x10, 0xE0, 0, 0, 12, 0, 0, 0, 10, 0, 0, 0, 0, 0, 3, 0, 0xF8, 0x2F, 0, 0}));
+    for (const bool bConnect : {true, false}) {
+        const DWORD w = bConnect ? DAK_CONNECT : DAK_DISCONNECT;
+        const std::uint64_t qwSilent = bConnect ? 310 : 530;
+        const Bytes silence;
+        const Bytes good = reply(w, 12, 10, 0x30000, 12280);
+        struct {
+            const char* lpszName;
+            Bytes bytes;
+            bool bPasses;
+            std::uint64_t qwMs;
+        } const rows[] = {
+            {"good", good, true, 10},
+            {"minor version", reply(w, 12, 10, 0x30002, 12280), true, 10},
+            {"major version", reply(w, 12, 10, 0x40000, 12280), !bConnect, 10},
+            {"length 0", reply(w, 0, 10, 0x30000, 12280), true, 10},
+            {"other word", reply(w ^ 0xEF, 12, 10, 0x30000, 12280), false, 10},
+            {"high half of the word", reply(w | 0x10000, 12, 10, 0x30000, 12280), false, 10},
+            {"link code", reply(w, 12, 11, 0x30000, 12280), false, 10},
+            {"size", reply(w, 12, 10, 0x30000, 12281), false, 10},
+            {"19 bytes", Bytes(good.begin(), good.end() - 1), false, 10},
+            {"silence", silence, false, qwSilent}};
+        for (const auto& row : rows) {
+            SCOPED_TRACE(row.lpszName);
+            CRun run;
+            run.LeaveOpen();
+            run.device.ExpectHandshake(w, row.bytes).At(0);
+            EXPECT_EQ(bConnect ? Access::Connect(run.dak) : Access::DisConnect(run.dak),
+                      row.bPasses);
+            EXPECT_EQ(run.world.NowMs(), row.qwMs);
+            EXPECT_EQ(Access::m_dwDeviceVersion(run.dak),
+                      row.bPasses ? DakGetU32(row.bytes.data() + DAK_OFFSET_VERSION) : 0);
+            EXPECT_FALSE(IsLockHeld(run.world));
+        }
+    }
+}
+
+TEST(ConnectDevice, EveryRoadInItsTime) {
+    static const Bytes silence;
+    static const Bytes wrong = sim::Handshake(DAK_CONNECT, 0x40000);
+    using D = sim::CScriptedDevice;
+    const auto fail = [](ECall eCall, std::uint64_t nNumber) {
+        return [=](CRun& run, D&) { run.world.FailCall(eCall, nNumber); };
+    };
+    struct {
+        const char* lpszName;
+        std::function<void(CRun&, D&)> prepare;
+        DWORD dwResult;
+        std::uint64_t qwMs;
+        int nOpens;
+    } const rows[] = {
+        {"answers",
+         [](CRun&, D& d) {
+             d.ExpectHandshake(DAK_CONNECT).At(0).ExpectHandshake(DAK_DISCONNECT).At(310);
+         },
+         0, 320, 1},
+        {"silent, then answers",
+         [](CRun&, D& d) {
+             d.ExpectHandshake(DAK_CONNECT, silence).At(0).ExpectHandshake(DAK_CONNECT).At(310);
+             d.ExpectHandshake(DAK_DISCONNECT).At(620);
+         },
+         0, 630, 2},
+        {"wrong, then right",
+         [](CRun&, D& d) {
+             d.ExpectHandshake(DAK_CONNECT, wrong).At(0).ExpectHandshake(DAK_CONNECT).At(10);
+         },
+         0, 330, 2},
+        {"silent throughout",
+         [](CRun&, D& d) {
+             d.ExpectHandshake(DAK_CONNECT, silence).At(0);
+             d.ExpectHandshake(DAK_CONNECT, silence).At(310);
+             d.ExpectHandshake(DAK_DISCONNECT, silence).At(920);
+         },
+         DAKERROR_NO_DEVICE, 1450, 2},
+        {"gone behind the first handshake",
+         [](CRun&, D& d) { d.ExpectHandshake(DAK_CONNECT, silence).VanishAfter(200); },
+         DAKERROR_NO_DEVICE, 500, 1},
+        {"does not take the handshake",
+         [](CRun&, D& d) { d.DoNotTake().At(520).ExpectHandshake(DAK_CONNECT).At(520); }, 0, 840,
+         2},
+        {"stale handle",
+         [](CRun& run, D& d) {
+             Access::OpenDevice(run.dak);
+             run.world.Unplug();
+             run.world.Plug(d);
+             d.ExpectHandshake(DAK_CONNECT).At(0);
+         },
+         0, 320, 2},
+        {"link left open by a job",
+         [](CRun& run, D& d) {
+             run.LeaveOpen();
+             d.ExpectHandshake(DAK_DISCONNECT).At(0).ExpectHandshake(DAK_CONNECT).At(10);
+             d.ExpectHandshake(DAK_DISCONNECT).At(320);
+         },
+         0, 330, 1},
+        {"no device", [](CRun& run, D&) { run.world.Unplug(); }, DAKERROR_NO_DEVICE, 300, 0},
+        {"node does not open", fail(ECall::OpenNode, 1), DAKERROR_NO_DEVICE, 300, 0},
+        {"lock in use", [](CRun& run, D&) { run.world.OtherProcessOpensLock(LOCK); }, DAKERROR_BUSY,
+         0, 0},
+        {"no lock to be had", fail(ECall::CreateMutexA, 1), DAKERROR_BUSY, 0, 0},
+        {"no snapshot", fail(ECall::CreateToolhelp32Snapshot, 1), 0, 320, 1},
+        {"no set", fail(ECall::SetupDiGetClassDevsA, 1), DAKERROR_NO_DEVICE, 300, 0},
+        {"no detail", fail(ECall::SetupDiGetDeviceInterfaceDetailA, 2), DAKERROR_NO_DEVICE, 300, 0},
+        {"no memory for it", fail(ECall::LocalAlloc, 1), DAKERROR_NO_DEVICE, 300, 0}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.lpszName);
+        CRun run;
+        row.prepare(run, run.device);
+        EXPECT_EQ(run.dak.ConnectDevice(), row.dwResult);
+        EXPECT_EQ(run.dak.GetLastError(), row.dwResult);
+        EXPECT_EQ(run.world.NowMs(), row.qwMs);
+        EXPECT_EQ(run.device.Opens(), row.nOpens);
+        run.ExpectIdle();
+        // Whatever it was, nothing of it is left.
+        run.world.OtherProcessClosesLock(LOCK);
+        run.world.Plug(run.device);
+        EXPECT_EQ(run.dak.ConnectDevice(), 0u);
+        EXPECT_EQ(run.world.NowMs(), row.qwMs + 320);
+    }
+}
+
+TEST(ConnectDevice, EndsTheSynchronisation) {
+    using Names = std::vector<std::string>;
+    struct {
+        Names processes; // with "!" ahead: cannot be opened
+        Names ended;
+        bool bFound;
+        std::uint64_t nCalls; // one more than entries where the walk reaches the end
+    } const rows[] = {
+        {Names{"a.exe", "WCESCOMM", "xWCESMgr.exe", "WCESMgr.exe\\x"}, Names(), false, 5},
+        {Names{"WCESCOMM.exe", "b"}, Names{"WCESCOMM.exe"}, true, 3},
+        {Names{"C:\\Program Files\\wcesMGR.EXE"}, Names{"C:\\Program Files\\wcesMGR.EXE"}, true, 2},
+        {Names{"a", "WCESMgr.exe", "WCESCOMM.EXE", "WCESCOMM.exe"},
+         Names{"WCESMgr.exe", "WCESCOMM.EXE"}, true, 3},
+        {Names{"!WCESMgr.exe", "WCESCOMM.exe", "WCESCOMM.exe"}, Names{"WCESCOMM.exe"}, true, 2}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.processes[0]);
+        CRun run;
+        run.world.processes.clear();
+        for (const std::string& str : row.processes) {
+            const bool bClosed = str.starts_with('!');
+            run.world.AddProcess(bClosed ? str.substr(1) : str, !bClosed);
+        }
+        ASSERT_TRUE(Access::OpenDevice(run.dak)); // a handle that the ended processes spoil
+        EXPECT_EQ(run.dak.ConnectDevice(), 0u);
+        EXPECT_EQ(run.world.NowMs(), 320u);
+        EXPECT_EQ(run.world.strEndedProcesses, row.ended);
+        EXPECT_EQ(run.device.Opens(), row.bFound ? 2 : 1);
+        EXPECT_EQ(run.world.CallCount(ECall::Process32First) +
+                      run.world.CallCount(ECall::Process32Next),
+                  row.nCalls);
+        run.ExpectIdle();
+        run.world.processes.clear();
+        run.dak.ConnectDevice();
+        EXPECT_EQ(Access::m_bSyncStopped(run.dak), row.bFound ? 1u : 0u) << "nothing clears it";
+    }
+}
+
+TEST(Lock, IsHeldUnderEveryPackageAndOverTheExchange) {
+    CRun run;
+    const auto held = [&](const Bytes&) { EXPECT_TRUE(IsLockHeld(run.world)); };
+    run.device.ServeHandshakes(false);
+    run.device.ExpectThat(held).Reply(sim::Handshake(DAK_CONNECT));
+    run.world.At(100, [&] { EXPECT_FALSE(IsLockHeld(run.world)) << "ahead of the exchange"; });
+    run.device.ExpectThat(held).At(310).Reply(sim::Ack());
+    run.world.At(600, [&] { EXPECT_TRUE(IsLockHeld(run.world)) << "awaiting the response"; });
+    run.device.ReplyAfter(5000, sim::Response(DAK_FUNC_DELETE_FILE, 1));
+    run.device.ExpectThat(held).Reply(sim::Handshake(DAK_DISCONNECT));
+    EXPECT_EQ(run.dak.DAKDeleteFile(u"\\a"), 0u);
+    run.ExpectIdle();
+    // Taking down what is not up touches nothing.
+    const auto calls = [&] {
+        return run.world.CallCount(ECall::CloseHandle) + run.world.CallCount(ECall::ReleaseMutex) +
+               run.world.CallCount(ECall::CreateThread);
+    };
+    const std::uint64_t nCalls = calls();
+    Access::DeInitial(run.dak);
+    EXPECT_EQ(calls(), nCalls);
+}
+
+TEST(Lock, NothingOfItOutlivesARefusalOrTheObject) {
+    sim::CWorld world;
+    sim::CScriptedDevice device(world);
+    {
+        CDAKVorn dak;
+        world.OtherProcessOpensLock(LOCK);
+        EXPECT_EQ(dak.DAKDeleteFile(u"\\a"), DAKERROR_BUSY);
+        EXPECT_EQ(world.locks[LOCK]->nHandles, 0) << "the other process would see it";
+        world.OtherProcessClosesLock(LOCK);
+        world.FailCall(ECall::CreateMutexA, 1);
+        EXPECT_EQ(dak.ConnectDevice(), DAKERROR_BUSY);
+        EXPECT_EQ(g_hDeviceMutex, nullptr);
+        // As a cancelled job leaves them.
+        EXPECT_TRUE(Access::Initial(dak));
+        EXPECT_TRUE(Access::OpenDevice(dak));
+        device.ExpectHandshake(DAK_DISCONNECT).At(0);
+    }
+    EXPECT_EQ(world.Open(), std::vector<std::string>());
+    EXPECT_EQ(device.OpenNow(), 0);
+}
+
+TEST(Lock, OperationsOfTwoThreadsWaitForOneAnother) {
+    CRun run;
+    CDAKVorn second;
+    const Bytes response = sim::Response(DAK_FUNC_DELETE_FILE, 1);
+    run.device.ExpectCommand(DAK_FUNC_DELETE_FILE, sim::Text(u"\\1")).At(310).Reply(sim::Ack());
+    run.device.ReplyAfter(400, response);
+    run.device.ExpectCommand(DAK_FUNC_DELETE_FILE, sim::Text(u"\\2")).At(1030).Reply(sim::Ack());
+    run.device.Reply(response);
+    const auto threads = {run.world.Spawn([&] { EXPECT_EQ(run.dak.DAKDeleteFile(u"\\1"), 0u); }),
+                          run.world.Spawn([&] { EXPECT_EQ(second.DAKDeleteFile(u"\\2"), 0u); }),
+                          run.world.Spawn([&] {
+                              platform::Sleep(500);
+                              EXPECT_EQ(run.dak.ConnectDevice(), 0u); // the first one's object
+                          })};
+    for (const HANDLE hThread : threads) {
+        run.world.Join(hThread);
+    }
+    EXPECT_EQ(run.world.NowMs(), 1380u);
+}
+
+// Transfers on an open pipe.
+class Pipe : public testing::Test, protected CRun {
+  protected:
+    Pipe() { Access::OpenDevice(dak); }
+    ~Pipe() override { Access::DeInitial(dak); }
+    void Check(int nResult, DWORD dwSize, DWORD dwExpected, std::uint64_t qwEndMs) {
+        EXPECT_EQ(nResult != 0, dwExpected > 0 || dwSize == 0);
+        EXPECT_EQ(dwCount, dwExpected);
+        EXPECT_EQ(world.NowMs(), qwEndMs);
+        EXPECT_EQ(world.LiveThreads(), 0);
+    }
+    void ExpectRead(DWORD dwSize, DWORD dwTimeout, DWORD dwExpected, std::uint64_t qwMs) {
+        buffer.assign(dwSize + 1, 0xEE);
+        dwCount = 77;
+        const std::uint64_t qwEndMs = world.NowMs() + qwMs;
+        Check(Access::ReadUSBData(dak, buffer.data(), dwSize, &dwCount, dwTimeout), dwSize,
+              dwExpected, qwEndMs);
+    }
+    void ExpectWrite(DWORD dwSize, DWORD dwExpected, std::uint64_t qwMs) {
+        buffer.assign(dwSize + 1, 0xEE);
+        dwCount = 77;
+        const std::uint64_t qwEndMs = world.NowMs() + qwMs;
+        Check(Access::WriteUSBData(dak, buffer.data(), dwSize, &dwCount), dwSize, dwExpected,
+              qwEndMs);
+    }
+    DWORD dwCount = 0;
+    Bytes buffer;
+};
+
+TEST_F(Pipe, TimeOuts) {
+    ExpectRead(20, 300, 0, 310);
+    ExpectRead(8, 0, 0, 518);
+    ExpectRead(1250, 0, 0, 1760);
+    ExpectRead(614400, 3000, 0, 3010);
+    for (const DWORD dwSize : {1u, 20u, 12288u}) {
+        device.DoNotTake();
+        ExpectWrite(dwSize, 0, dwSize + 500);
+    }
+    EXPECT_EQ(dak.GetLastError(), 0u);
+    EXPECT_NE(Access::m_hDevice(dak), INVALID_HANDLE_VALUE);
+}
+
+TEST_F(Pipe, TheLastMillisecondCountsAndAKilledReadLosesNothing) {
+    device.Give(Bytes(20, 1), 310);
+    ExpectRead(20, 300, 20, 310);
+    device.Give(Bytes(20, 2), 311);
+    ExpectRead(20, 300, 0, 310);
+    EXPECT_EQ(buffer[0], 0xEE);
+    ExpectRead(20, 300, 20, 10);
+    EXPECT_EQ(buffer[0], 2);
+    device.DoNotTake();
+    ExpectWrite(8, 0, 508);
+    device.Expect(Bytes(8, 0xEE));
+    ExpectWrite(8, 8, 0);
+}
+
+TEST_F(Pipe, ShortReadsAndPiecesOfAPackage) {
+    device.Give(sim::Ack());
+    ExpectRead(12288, 0, 8, 10);
+    const Bytes package = sim::Pattern(100);
+    device.Give(package);
+    device.Give(sim::Ack());
+    ExpectRead(14, 0, 14, 10);
+    EXPECT_TRUE(std::equal(package.begin(), package.begin() + 14, buffer.begin()));
+    ExpectRead(12274, 0, 86, 10);
+    EXPECT_TRUE(std::equal(package.begin() + 14, package.end(), buffer.begin()));
+    device.Drop();
+    device.Give({});
+    ExpectRead(8, 0, 0, 10); // a transfer of no bytes
+}
+
+TEST_F(Pipe, NothingAskedForNothingStarted) {
+    ExpectRead(0, 0, 0, 0);
+    ExpectWrite(0, 0, 0);
+    EXPECT_EQ(world.CallCount(ECall::CreateThread), 0u);
+}
+
+TEST_F(Pipe, FailedTransfers) {
+    device.Give(sim::Ack());
+    world.FailCall(ECall::CreateThread, 1, 0, 2);
+    ExpectRead(8, 0, 0, 10);
+    ExpectWrite(8, 0, 0);
+    world.FailCall(ECall::ReadPipe, 1);
+    ExpectRead(8, 0, 0, 10);
+    world.FailCall(ECall::WritePipe, 1);
+    ExpectWrite(8, 0, 0);
+    ExpectRead(8, 0, 8, 10);
+    world.At(world.NowMs() + 100, [&] { world.Unplug(); });
+    ExpectRead(8, 0, 0, 100); // the unplugged device ends the read
+    ExpectRead(8, 0, 0, 10);
+    ExpectWrite(8, 0, 0);
+    platform::CloseHandle(Access::m_hDevice(dak));
+    Access::m_hDevice(dak) = INVALID_HANDLE_VALUE;
+    ExpectRead(8, 0, 0, 10);
+    ExpectWrite(8, 0, 0);
+}
+
+std::string g_strTrace;
+
+TEST_F(Pipe, TraceLines) {
+    SetDebugTraceSink([](const char* lpszLine) { g_strTrace += lpszLine; });
+    const auto low = [](const void* lp) {
+        return std::to_string(static_cast<int>(reinterpret_cast<std::uintptr_t>(lp)));
+    };
+    BYTE bytes[8] = {};
+    DWORD dw = 0;
+    const auto read = [&] {
+        g_strTrace.clear();
+        Access::ReadUSBData(dak, bytes, DWORD{8}, &dw, DWORD{0});
+        return g_strTrace;
+    };
+    const auto write = [&] {
+        g_strTrace.clear();
+        Access::WriteUSBData(dak, bytes, DWORD{8}, &dw);
+        return g_strTrace;
+    };
+    const std::string strRead = "Succeed to ReadUSBThread CreateThread\n"
+                                "ReadUSBThread usbApi->m_lpReadBuf = " +
+                                low(bytes) + ",usbApi->m_dwSizeIn=8\n";
+    const std::string strWrite = "Succeed to WriteUSBData CreateThread\n"
+                                 "WriteUSBThread usbApi->m_lpWriteBuf = " +
+                                 low(bytes) + ",usbApi->m_dwSizeIn=8\n";
+    device.Give(sim::Ack());
+    EXPECT_EQ(read(), strRead + "Succeed read. read size = 8\n");
+    device.Expect(sim::Ack());
+    EXPECT_EQ(write(), strWrite + "Succeed write. write size = 8\n");
+    EXPECT_EQ(read().find(strRead + "ReadUSBData TerminateThread\n"), 0u);
+    device.DoNotTake();
+    EXPECT_EQ(write().find(strWrite + "WriteUSBData TerminateThread\n"), 0u);
+    world.FailCall(ECall::ReadPipe, 1, 31);
+    EXPECT_EQ(read(), strRead + "ReadUSBThread return 0;\nerror = 31, usbApi->m_lpdwSizeOut=" +
+                          low(&dw) + " \n");
+    world.FailCall(ECall::WritePipe, 1, 31);
+    EXPECT_EQ(write(), strWrite + "WriteUSBThread return 0;\nerror = 31, usbApi->m_lpdwSizeOut= " +
+                           low(&dw) + "\n");
+    world.FailCall(ECall::CreateThread, 1, 0, 2);
+    EXPECT_EQ(read(), "Fail to ReadUSBThread CreateThread\n");
+    EXPECT_EQ(write(), "Fail to WriteUSBData CreateThread\n");
+
+    // The lines of a command stand around those of its transfers.
+    SetDebugTraceSink([](const char* lpszLine) {
+        const std::string_view line = lpszLine;
+        if (line.starts_with("before") || line.starts_with("after") || line.starts_with("read ")) {
+            g_strTrace += line;
+        }
+    });
+    g_strTrace.clear();
+    device.ExpectCommand(DAK_FUNC_MOVE_FILE, sim::Text(u"\\a"), sim::Text(u"b"));
+    device.Reply(sim::Ack()).Reply(sim::Response(DAK_FUNC_MOVE_FILE, 1));
+    EXPECT_EQ(dak.DAKMoveFile(u"\\a", u"b"), 0u);
+    TraceLine("after %s\n", std::string(1000, 'x').c_str());
+    SetDebugTraceSink(nullptr);
+    TraceLine("after all, nowhere\n");
+    EXPECT_EQ(g_strTrace, "before send codeFunc=1, packageLength=20\n"
+                          "after send codeFunc=1, packageLength=20, dwReadBytes=20\n"
+                          "after read dwReadBytes=8\nread pass\nafter " +
+                              std::string(253, 'x'));
+}
+
+} // namespace
