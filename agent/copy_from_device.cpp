@@ -17,8 +17,8 @@ namespace {
 constexpr std::size_t s_nMostFiles = 500'000;
 constexpr std::size_t s_dwMostNames = std::size_t{64} << 20;
 
-// Entries that one slice of listing looks at.
-constexpr std::size_t s_nSlice = 512;
+// Entries that one slice of listing looks at: some ten milliseconds of work.
+constexpr std::size_t s_nSlice = 4096;
 
 // dwStreamResult of a stream that holds what it announces.
 constexpr std::uint32_t s_dwStreamResult = 1;

@@ -33,7 +33,7 @@ class CExchange {
     // Time has passed.
     virtual void Tick(COutbox&, std::uint64_t /*qwNowMs*/) {}
 
-    // When the next Tick is wanted. qwNowMs itself: at once, for a further slice of work.
+    // When the next Tick is wanted.
     virtual std::optional<std::uint64_t> DueMs(std::uint64_t /*qwNowMs*/) const { return {}; }
 
     // What lay in the outbox has been dropped by the pipe.

@@ -59,7 +59,7 @@ void CStreamSender::Tick(COutbox& outbox, std::uint64_t) {
 }
 
 std::optional<std::uint64_t> CStreamSender::DueMs(std::uint64_t qwNowMs) const {
-    return m_eState == EState::BEGINNING && !m_bEnded ? std::optional(qwNowMs) : std::nullopt;
+    return m_eState == EState::BEGINNING && !m_bEnded ? std::optional(qwNowMs + 1) : std::nullopt;
 }
 
 // The stream has a hole now; only a pass from its first package can mend that.

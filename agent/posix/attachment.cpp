@@ -73,19 +73,22 @@ static CFd OpenDeviceFolder(std::string& strPath, std::string& strError) {
     return fd;
 }
 
-static bool IsDeviceName(const std::string& strName) {
-    return !strName.empty() && strName.size() <= s_dwMaxName && strName.front() != '.' &&
-           !strName.ends_with(".lock") && std::all_of(strName.begin(), strName.end(), [](char c) {
-               return static_cast<unsigned char>(c) > 0x20 && c != 0x7F && c != '/' && c != '\\';
-           });
+bool CAttachment::JudgeName(const std::string& strName, std::string& strError) {
+    if (!strName.empty() && strName.size() <= s_dwMaxName && strName.front() != '.' &&
+        !strName.ends_with(".lock") && std::all_of(strName.begin(), strName.end(), [](char c) {
+            return static_cast<unsigned char>(c) > 0x20 && c != 0x7F && c != '/' && c != '\\';
+        })) {
+        return true;
+    }
+    strError = "\"" + strName + "\" is no name for a device: at most " +
+               std::to_string(s_dwMaxName) +
+               " characters, no blanks or separators, no dot ahead, not \".lock\" behind";
+    return false;
 }
 
 std::unique_ptr<CAttachment> CAttachment::Attach(const std::string& strName,
                                                  std::string& strError) {
-    if (!IsDeviceName(strName)) {
-        strError = "\"" + strName + "\" is no name for a device: at most " +
-                   std::to_string(s_dwMaxName) +
-                   " characters, no blanks or separators, no dot ahead, not \".lock\" behind";
+    if (!JudgeName(strName, strError)) {
         return nullptr;
     }
     std::unique_ptr<CAttachment> pAttachment(new CAttachment);

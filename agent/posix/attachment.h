@@ -12,6 +12,9 @@ namespace agent {
 
 class CAttachment {
   public:
+    // Whether a device can have this name; if not, strError says what a name is.
+    static bool JudgeName(const std::string& strName, std::string& strError);
+
     // Attaches under strName. Null, and the reason in strError, when the name is no name for a
     // device, another agent has it, or the device folder is not to be trusted.
     static std::unique_ptr<CAttachment> Attach(const std::string& strName, std::string& strError);

@@ -40,7 +40,13 @@ void DeclareOptions(CLI::App& app, CArguments& arguments) {
         ->allow_extra_args(false);
     app.add_option("--quota", arguments.qwQuota,
                    "Bytes that the device's files may grow to, those that are there included")
-        ->type_name("BYTES");
+        ->type_name("BYTES")
+        ->check(CLI::Validator(
+            [](const std::string& strValue) {
+                const bool bDigits = strValue.find_first_not_of("0123456789") == std::string::npos;
+                return bDigits ? std::string() : "\"" + strValue + "\" is no number of bytes";
+            },
+            ""));
     app.add_flag("--verbose", arguments.bVerbose, "Say on standard error what the device does");
     app.set_version_flag("--version", "dak-agent " DAK_AGENT_VERSION);
     app.footer("The device is attached until the agent is stopped (Ctrl-C). Hosts find it in the\n"
@@ -73,7 +79,9 @@ int Serve(const CArguments& arguments) {
     std::string strError;
     const agent::CFd fdStop = OpenStopSignals();
     const std::unique_ptr<agent::CDevice> pDevice =
-        agent::CDevice::Open(arguments.device, strError);
+        agent::CAttachment::JudgeName(arguments.strName, strError)
+            ? agent::CDevice::Open(arguments.device, strError)
+            : nullptr;
     if (!pDevice) {
         return Complain(strError, s_nExitUsage);
     }

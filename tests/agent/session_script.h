@@ -1,0 +1,10 @@
+// A host that does what a run of bytes tells it: whole packages and broken ones, good beginnings
+// and bad ends. Serves the seeded test and the fuzzer alike.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "agent/agent_core.h"
+
+void RunSessionScript(agent::CAgentCore& core, std::span<const std::uint8_t> script);
