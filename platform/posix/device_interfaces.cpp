@@ -31,7 +31,7 @@ HANDLE TakeInterfaces(const GUID& classGuid) {
         return nullptr;
     }
     for (std::string& strName : names) {
-        strName = std::string(DEVICE_PATH_MARK) + strFolder + "/" + strName;
+        strName.insert(0, 1, '/').insert(0, strFolder).insert(0, DEVICE_PATH_MARK);
     }
     return AddHandle(std::make_shared<CInterfaceSet>(std::move(names)));
 }

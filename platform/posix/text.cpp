@@ -185,7 +185,8 @@ char* lstrcpyA(char* lpString1, const char* lpString2) {
     if (lpString1 == nullptr || lpString2 == nullptr) {
         return nullptr;
     }
-    return std::strcpy(lpString1, lpString2);
+    std::memcpy(lpString1, lpString2, std::strlen(lpString2) + 1);
+    return lpString1;
 }
 
 } // namespace platform

@@ -54,7 +54,7 @@ inline constexpr UINT CP_ACP = 0;
 inline constexpr UINT WM_USER = 0x400;
 
 // All ones: no handle.
-inline const HANDLE INVALID_HANDLE_VALUE = reinterpret_cast<HANDLE>(~std::uintptr_t{0});
+inline void* const INVALID_HANDLE_VALUE = reinterpret_cast<HANDLE>(~std::uintptr_t{0});
 
 // Files.
 inline constexpr DWORD GENERIC_READ = 0x80000000;
@@ -87,7 +87,7 @@ inline constexpr UINT LPTR = 0x40;
 // Processes, registry, device interfaces.
 inline constexpr DWORD TH32CS_SNAPPROCESS = 0x2;
 inline constexpr DWORD PROCESS_TERMINATE = 0x1;
-inline const HKEY HKEY_LOCAL_MACHINE = reinterpret_cast<HKEY>(std::uintptr_t{0x80000002});
+inline HKEY__* const HKEY_LOCAL_MACHINE = reinterpret_cast<HKEY>(std::uintptr_t{0x80000002});
 inline constexpr DWORD KEY_READ = 0x20019;
 inline constexpr DWORD REG_DWORD = 4;
 inline constexpr DWORD DIGCF_PRESENT = 0x2;
