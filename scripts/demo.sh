@@ -78,7 +78,7 @@ fi
 name=$(basename "$source_folder")
 [[ $name != / ]] || die "give a folder, not the root"
 
-headline "Attaching a device: an agent with an empty file system"
+headline "Attaching a device: an agent that plays one, with an empty folder as its file system"
 export DAK_DEVICE_DIR=$work/devices
 mkdir "$work/device" "$work/back"
 "$DAK_HOME/build/dak-agent" --root "$work/device" --name demo >"$work/agent.log" 2>&1 &
@@ -86,12 +86,12 @@ agent=$!
 wait_for_device
 cat "$work/agent.log"
 
-headline "Copying to the device:  dak push $source_folder /"
-"$DAK_HOME/build/dak" push "$source_folder" / ||
+headline "Copying to the device:  dak push $name /"
+(cd "$(dirname "$source_folder")" && "$DAK_HOME/build/dak" push "./$name" /) ||
     die "not all of it could be copied; what was left out is named above"
 
-headline "Copying back:  dak pull /$name $work/back"
-"$DAK_HOME/build/dak" pull "/$name" "$work/back"
+headline "Copying back:  dak pull /$name back"
+(cd "$work" && "$DAK_HOME/build/dak" pull "/$name" back)
 
 headline "Comparing what came back with what was sent"
 list_files "$source_folder" >"$work/sent.list"
