@@ -4,6 +4,7 @@
 #include "tests/library/transfer_support.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -20,29 +21,30 @@ class CopyFromDevice : public TransferTest {
   protected:
     CopyFromDevice() { world.MakeHostFolder("C:/s"); }
 
-    // A job for which the device has that stream, and takes the answer behind the last package.
-    void PullStream(const Bytes& stream) {
+    // A job for which the device has that stream.
+    void RunStream(const Bytes& stream, DWORD dwErrCode, std::optional<std::uint64_t> qwMs = {}) {
         ExpectPull().Reply(Ack());
         GiveStream(stream);
-        EXPECT_EQ(Pull(), DAKERROR_NONE);
+        RunPull(dwErrCode, qwMs);
     }
     // The same, but the host is to stop the stream ahead of its last package.
-    void PullStoppedStream(const Bytes& stream) {
+    void RunStoppedStream(const Bytes& stream, DWORD dwErrCode) {
         ExpectPull().Reply(Ack());
         for (const Bytes& package : Packages(stream)) {
             device.Reply(package);
         }
         device.Expect(sim::Control(DAK_ABORT));
-        EXPECT_EQ(Pull(), DAKERROR_NONE);
+        RunPull(dwErrCode);
     }
     static std::vector<Bytes> Packages(const Bytes& stream) {
         return sim::StreamPackages(8, stream, DAK_REPLY_PACKAGE, DAK_LAST_REPLY, false);
     }
     void ExpectFile(const std::string& strPath, const Bytes& contents) {
-        ASSERT_TRUE(world.HostFileExists(strPath)) << strPath;
-        EXPECT_EQ(world.HostFile(strPath)->bytes, contents) << strPath;
-        EXPECT_EQ(Ticks(world.HostFile(strPath)->ftCreation), CREATED);
-        EXPECT_EQ(Ticks(world.HostFile(strPath)->ftWrite), WRITTEN);
+        const sim::CHostFile* pFile = world.HostFile(strPath);
+        ASSERT_NE(pFile, nullptr) << strPath;
+        EXPECT_EQ(pFile->bytes, contents) << strPath;
+        EXPECT_EQ(std::memcmp(&pFile->ftCreation, U64(CREATED).data(), 8), 0);
+        EXPECT_EQ(std::memcmp(&pFile->ftWrite, U64(WRITTEN).data(), 8), 0);
     }
     // A target that was there is there, and nothing beside it.
     void ExpectOldFile() {
@@ -59,14 +61,12 @@ TEST_F(CopyFromDevice, AWholeCopyInBytes) {
     ASSERT_EQ(request.size(), 43u);
     device.Expect(request).At(LINK_UP_MS).Reply(Ack());
     GiveStream(Stream(Record(u"a.txt", {'h', 'e', 'l', 'l', 'o'})));
-    EXPECT_EQ(Pull(), DAKERROR_NONE);
-    ExpectEnd(DAKERROR_NONE, OPEN_MS + PACKAGE_MS + ACKNOWLEDGED_MS + DRAIN_MS);
+    RunPull(DAKERROR_NONE, OPEN_MS + PACKAGE_MS + ACKNOWLEDGED_MS + DRAIN_MS);
     ExpectFile("C:/s/a.txt", {'h', 'e', 'l', 'l', 'o'});
     EXPECT_STREQ(Access::m_szSourcePath(*dak), "\\d\\a.txt");
     EXPECT_STREQ(Access::m_szDestPath(*dak), "C:\\s\\a.txt");
     list.RemoveAll();
-    PullStream(Stream()); // a device that has nothing
-    ExpectEnd(DAKERROR_NONE);
+    RunStream(Stream(), DAKERROR_NONE); // a device that has nothing
 }
 
 TEST_F(CopyFromDevice, FoldersAreMadeAndFilesReplaced) {
@@ -127,19 +127,24 @@ TEST_F(CopyFromDevice, ALongRequestIsCutAnywhere) {
                 .Reply(Ack());
         }
         GiveStream(Stream());
-        const std::uint64_t qwBegin = world.NowMs();
-        EXPECT_EQ(Pull(), DAKERROR_NONE);
-        ExpectEnd(DAKERROR_NONE,
-                  qwBegin + OPEN_MS + 2 * READ_MS + PACKAGE_MS + ACKNOWLEDGED_MS + DRAIN_MS);
+        RunPull(DAKERROR_NONE, OPEN_MS + 2 * READ_MS + PACKAGE_MS + ACKNOWLEDGED_MS + DRAIN_MS);
     }
 }
 
 TEST_F(CopyFromDevice, ARequestThatFailsEndsTheJob) {
-    const auto piece = [this](DWORD wCommand) -> sim::CScriptedDevice& {
+    const auto piece = [this](DWORD wCommand) -> auto& {
         return device.ExpectThat(
             [=](const Bytes& got) { EXPECT_EQ(DakGetU32(got.data()), wCommand); });
     };
+    const auto first = [&]() -> auto& {
+        return piece(DAK_PACKAGE);
+    };
+    const auto last = [&]() -> auto& {
+        return piece(DAK_LAST_PACKAGE);
+    };
+    const auto hang = [&] { device.ExpectHandshake(DAK_CONNECT).DoNotTake(); };
     const auto refused = sim::Control(DAK_ABORT);
+    constexpr std::uint64_t SILENCE = READS_AT_MOST * FAILED_TRY_MS;
     const struct {
         const char* lpszWhat;
         int nNames; // 25 need two pieces
@@ -149,64 +154,49 @@ TEST_F(CopyFromDevice, ARequestThatFailsEndsTheJob) {
     } cases[] = {
         {"no memory", 1, [&] { world.dwFailAllocationsOf = 12'288; }, DAKERROR_NONE, 0},
         {"name too long", 26, [] {}, DAKERROR_FAIL, 0},
-        {"write hangs", 0, [&] { device.ExpectHandshake(DAK_CONNECT).DoNotTake(); },
-         DAKERROR_NO_DEVICE, 31 + 500},
-        {"silence", 0, [&] { piece(DAK_LAST_PACKAGE); }, DAKERROR_NO_DEVICE,
-         READS_AT_MOST * FAILED_TRY_MS},
+        {"hangs", 0, hang, DAKERROR_NO_DEVICE, 31 + 500},
+        {"silence", 0, [&] { last(); }, DAKERROR_NO_DEVICE, SILENCE},
         {"short", 0,
          [&] {
-             piece(DAK_LAST_PACKAGE).Reply({0, 0xE0, 0, 0});
+             last().Reply({0, 0xE0, 0, 0});
          },
          DAKERROR_FAIL, READ_MS},
-        {"other word", 0, [&] { piece(DAK_LAST_PACKAGE).Reply(refused); }, DAKERROR_FAIL, READ_MS},
-        {"first piece hangs", 25,
-         [&] {
-             device.ExpectHandshake(DAK_CONNECT).DoNotTake();
-             piece(DAK_LAST_PACKAGE);
-         },
-         DAKERROR_NO_DEVICE, 12'788},
-        {"first piece refused", 25,
-         [&] { piece(DAK_PACKAGE).Reply(refused), piece(DAK_LAST_PACKAGE); }, DAKERROR_NO_DEVICE,
-         READ_MS},
-        // One count of failed reads for all the waits; each makes at least one read.
-        {"first piece silent", 25, [&] { piece(DAK_PACKAGE), piece(DAK_LAST_PACKAGE); },
-         DAKERROR_NO_DEVICE, READS_AT_MOST * FAILED_TRY_MS},
-        {"late, then silence", 25,
-         [&] {
-             piece(DAK_PACKAGE).ReplyAfter(600 * FAILED_TRY_MS + 15, Ack());
-             piece(DAK_LAST_PACKAGE);
-         },
-         DAKERROR_NO_DEVICE, READS_AT_MOST * FAILED_TRY_MS + 15},
-        {"latest, then silence", 25,
-         [&] {
-             piece(DAK_PACKAGE).ReplyAfter(1200 * FAILED_TRY_MS + 15, Ack());
-             piece(DAK_LAST_PACKAGE);
-         },
-         DAKERROR_NO_DEVICE, READS_AT_MOST * FAILED_TRY_MS + 15},
-        {"gone", 25, [&] { piece(DAK_PACKAGE).Vanish(); }, DAKERROR_NO_DEVICE,
-         READ_MS + 500 - 4 * 508},
+        {"other word", 0, [&] { last().Reply(refused); }, DAKERROR_FAIL, READ_MS},
+        {"first hangs", 25, [&] { hang(), last(); }, DAKERROR_NO_DEVICE, 12'788},
+        {"first refused", 25, [&] { first().Reply(refused), last(); }, DAKERROR_NO_DEVICE, READ_MS},
+        {"first silent", 25, [&] { first(), last(); }, DAKERROR_NO_DEVICE, SILENCE},
+        {"first gone", 25, [&] { first().Vanish(); }, DAKERROR_NO_DEVICE, READ_MS + 500 - 4 * 508},
     };
     for (const auto& one : cases) {
         SCOPED_TRACE(one.lpszWhat);
-        const std::uint64_t qwBegin = world.NowMs();
         list.RemoveAll();
         for (int i = 0; i < one.nNames; ++i) {
             list.Add(std::string(i < 25 ? 259 : 260, 'x').c_str());
         }
         one.play();
-        EXPECT_EQ(Pull(), DAKERROR_NONE);
-        ExpectEnd(one.dwErrCode, qwBegin + LINK_UP_MS + one.qwMs + DRAIN_MS);
-        world.dwFailAllocationsOf = 0;
-        device.Finish();
+        RunPull(one.dwErrCode, LINK_UP_MS + one.qwMs + DRAIN_MS);
+    }
+
+    // One count of failed reads for all the waits, of which each makes at least one read.
+    list.RemoveAll();
+    for (int i = 0; i < 25; ++i) {
+        list.Add(std::string(259, 'x').c_str());
+    }
+    for (const std::uint64_t nFailed : {600u, 1200u}) {
+        first().ReplyAfter(nFailed * FAILED_TRY_MS + 15, Ack());
+        last();
+        RunPull(DAKERROR_NO_DEVICE, LINK_UP_MS + 15 + SILENCE + DRAIN_MS);
     }
 }
 
 TEST_F(CopyFromDevice, AStreamThatBreaksLeavesTheOldFile) {
     constexpr std::uint64_t SILENCE = READS_AT_MOST * FAILED_HEAD_TRY_MS;
     constexpr std::uint64_t GONE = FAILED_HEAD_TRY_MS - 514 - 4 * 508; // all reads fail at once
-    const Bytes record = Record(u"a.bin", sim::Pattern(30'000));
-    const auto packages = Packages(Stream(record));
-    const auto last = [](const Bytes& data) { return sim::DataPackage(DAK_LAST_REPLY, 8, data); };
+    const Bytes stream = Stream(Record(u"a.bin", sim::Pattern(30'000)));
+    const auto packages = Packages(stream);
+    const auto end = [&](const Bytes& data) {
+        device.Reply(sim::DataPackage(DAK_LAST_REPLY, 8, data)).Expect(Ack());
+    };
     const auto give = [&](Bytes package) { device.Reply(std::move(package)); };
     const auto unplug = [&](std::uint64_t qwMs) {
         world.At(world.NowMs() + qwMs, [this] { world.Unplug(); });
@@ -228,34 +218,21 @@ TEST_F(CopyFromDevice, AStreamThatBreaksLeavesTheOldFile) {
          DAKERROR_NO_DEVICE, 2 * PACKAGE_MS},
         {"over in contents",
          [&] {
-             give(packages[0]), give(last({1, 2, 3}));
-             device.Expect(Ack());
+             give(packages[0]), end({1, 2, 3});
          },
          DAKERROR_PROTOCOL, 2 * PACKAGE_MS + ACKNOWLEDGED_MS + SILENCE},
-        {"over in a record",
-         [&] {
-             give(last(Join(U32(1), U32(1), Bytes(record.begin(), record.begin() + 30))));
-             device.Expect(Ack());
-         },
+        {"over in a record", [&] { end(Bytes(stream.begin(), stream.begin() + 30)); },
          DAKERROR_PROTOCOL, PACKAGE_MS + ACKNOWLEDGED_MS + SILENCE},
-        {"over ahead of a record",
-         [&] {
-             give(last(Join(U32(1), U32(1))));
-             device.Expect(Ack());
-         },
+        {"over ahead of a record", [&] { end(Bytes(stream.begin(), stream.begin() + 8)); },
          DAKERROR_PROTOCOL, PACKAGE_MS + ACKNOWLEDGED_MS},
     };
     world.WriteHostFile("C:/s/a.bin", OLD);
     for (const auto& one : cases) {
         SCOPED_TRACE(one.lpszWhat);
-        const std::uint64_t qwBegin = world.NowMs();
         ExpectPull().Reply(Ack());
         one.play();
-        EXPECT_EQ(Pull(), DAKERROR_NONE);
-        ExpectEnd(one.dwErrCode, qwBegin + OPEN_MS + one.qwMs + DRAIN_MS);
+        RunPull(one.dwErrCode, OPEN_MS + one.qwMs + DRAIN_MS);
         ExpectOldFile();
-        device.Finish();
-        world.Plug(device);
     }
 }
 
@@ -285,11 +262,8 @@ TEST_F(CopyFromDevice, AHostThatFailsLeavesTheOldFile) {
     for (const auto& one : cases) {
         SCOPED_TRACE(one.lpszWhat);
         world.FailCall(one.eCall, one.nNumber, one.dwError);
-        one.bStops ? PullStoppedStream(stream) : PullStream(stream);
-        ExpectEnd(one.dwErrCode);
+        one.bStops ? RunStoppedStream(stream, one.dwErrCode) : RunStream(stream, one.dwErrCode);
         ExpectOldFile();
-        world.ClearFaults();
-        device.Finish();
     }
     // A destination that is not there, and one that the host's code page does not have.
     for (const WCHAR* lpDest : {u"C:\\t", u"C:\\\xD800"}) {
@@ -341,15 +315,14 @@ TEST_F(CopyFromDevice, RoomIsAskedForEachFile) {
         }
         // What lies in the package in hand whole is written all the same.
         const bool bWritten = one.bEnough || one.qwSize == SMALL;
-        bWritten ? PullStream(stream) : PullStoppedStream(stream);
-        ExpectEnd(one.bEnough ? DAKERROR_NONE : DAKERROR_NO_SPACE);
+        const DWORD dwErrCode = one.bEnough ? DAKERROR_NONE : DAKERROR_NO_SPACE;
+        bWritten ? RunStream(stream, dwErrCode) : RunStoppedStream(stream, dwErrCode);
         EXPECT_EQ(world.Trace({"file delete C:/s/a.bin"}).size() - dwDeleted,
                   one.bOldGoesFirst ? 1u : 0u);
         if (bWritten) {
             ExpectFile("C:/s/a.bin", contents);
         }
         EXPECT_EQ(world.HostFiles("C:/s").size(), bWritten || one.qwOldSize != 0 ? 1u : 0u);
-        device.Finish();
     }
 }
 
@@ -357,32 +330,20 @@ TEST_F(CopyFromDevice, ANameStaysBelowTheFolder) {
     world.WriteHostFile("C:/s/a.bin", OLD);
     const std::u16string strLong(255, u'x');
     const std::u16string strLongest(259, u'x');
-    const struct {
-        std::u16string_view name;
-        DWORD dwErrCode;
-    } cases[] = {
-        {u"..", DAKERROR_PROTOCOL},       {u"..\\x", DAKERROR_PROTOCOL},
-        {u"../x", DAKERROR_PROTOCOL},     {u"b\\..\\..\\x", DAKERROR_PROTOCOL},
-        {u"b\\../x", DAKERROR_PROTOCOL},  {u"b\\..", DAKERROR_PROTOCOL},
-        {u"\\x", DAKERROR_PROTOCOL},      {u"/x", DAKERROR_PROTOCOL},
-        {u"C:\\x", DAKERROR_PROTOCOL},    {u"c:x", DAKERROR_PROTOCOL},
-        {u"b\\\\x", DAKERROR_PROTOCOL},   {u"b\\", DAKERROR_PROTOCOL},
-        {u".\\x", DAKERROR_PROTOCOL},     {u"", DAKERROR_PROTOCOL},
-        {u"x\xD800y", DAKERROR_PROTOCOL}, {strLong, DAKERROR_FAIL},
-        {strLongest, DAKERROR_FAIL},
-    };
-    for (const auto& one : cases) {
-        SCOPED_TRACE(::testing::PrintToString(one.name));
+    for (const std::u16string_view name :
+         {u"..", u"..\\x", u"../x", u"b\\..\\..\\x", u"b\\../x", u"b\\..", u"\\x", u"/x", u"C:\\x",
+          u"c:x", u"b\\\\x", u"b\\", u".\\x", u"", u"x\xD800y", strLong.c_str(),
+          strLongest.c_str()}) {
+        SCOPED_TRACE(::testing::PrintToString(name));
         const auto folders = world.folders;
-        PullStoppedStream(Stream(Record(one.name, sim::Pattern(20'000))));
-        ExpectEnd(one.dwErrCode);
+        RunStoppedStream(Stream(Record(name, sim::Pattern(20'000))),
+                         name.size() > 200 ? DAKERROR_FAIL : DAKERROR_PROTOCOL);
         EXPECT_EQ(world.folders, folders);
         EXPECT_EQ(world.files.size(), 1u);
-        device.Finish();
     }
     // The longest there can be: 259 characters in all. What came ahead of a bad name stays.
-    PullStream(Stream(Record(strLong.substr(1), {1}), Record(u"..\\x", {2}), Record(u"c", {3})));
-    ExpectEnd(DAKERROR_PROTOCOL);
+    RunStream(Stream(Record(strLong.substr(1), {1}), Record(u"..\\x", {2}), Record(u"c", {3})),
+              DAKERROR_PROTOCOL);
     ExpectFile("C:/s/" + std::string(254, 'x'), {1});
     EXPECT_EQ(world.files.size(), 2u);
 }
@@ -391,6 +352,8 @@ TEST_F(CopyFromDevice, ANameStaysBelowTheFolder) {
 TEST_F(CopyFromDevice, ACancelAtEachOfItsPlaces) {
     const auto packages = Packages(Stream(Record(u"a.bin", sim::Pattern(30'000))));
     const Bytes abort = sim::Control(DAK_ABORT);
+    Bytes bad = packages[1];
+    ++bad.back();
     constexpr std::uint64_t SWALLOW_MS = READ_MS + 5000;
     constexpr std::uint64_t HEAD_MS = OPEN_MS + FAILED_HEAD_TRY_MS;
     const auto pull = [this]() -> sim::CScriptedDevice& { return ExpectPull(); };
@@ -416,6 +379,12 @@ TEST_F(CopyFromDevice, ACancelAtEachOfItsPlaces) {
              device.ReplyAfter(1000, packages[2]).Expect(abort);
          },
          DAKERROR_CANCELLED, LINK_UP_MS + 1000 + READ_MS + ACKNOWLEDGED_MS},
+        {"bad package", OPEN_MS + 100,
+         [&] {
+             pull().Reply(Ack()).Reply(packages[0]);
+             device.ReplyAfter(1000, bad).Expect(abort);
+         },
+         DAKERROR_CANCELLED, LINK_UP_MS + 1000 + READ_MS},
     };
     world.WriteHostFile("C:/s/a.bin", OLD);
     for (const auto& one : cases) {
@@ -425,10 +394,8 @@ TEST_F(CopyFromDevice, ACancelAtEachOfItsPlaces) {
         const std::uint64_t qwBegin = world.NowMs();
         one.play();
         CancelAt(qwBegin + one.qwCancelMs);
-        EXPECT_EQ(Pull(), DAKERROR_NONE);
-        ExpectEnd(one.dwErrCode, qwBegin + one.qwEndMs + DRAIN_MS);
+        RunPull(one.dwErrCode, one.qwEndMs + DRAIN_MS);
         ExpectOldFile();
-        device.Finish();
     }
 }
 
@@ -459,7 +426,6 @@ TEST_F(CopyFromDevice, ATerminatedCopyLeavesNoTornFile) {
         } else {
             ExpectOldFile();
         }
-        device.Finish();
         dak.emplace();
     }
 }
@@ -470,8 +436,8 @@ TEST_F(CopyFromDevice, ALargeCopyTakesTheSumOfItsWaits) {
     const std::size_t dwRest =
         250 * DAK_DATA_SIZE - Stream(Record(u"a", large), Record(u"b", {})).size();
     const Bytes rest = sim::Pattern(dwRest, 2);
-    PullStream(Stream(Record(u"a", large), Record(u"b", rest)));
-    ExpectEnd(DAKERROR_NONE, OPEN_MS + 250 * PACKAGE_MS + 5 * ACKNOWLEDGED_MS + DRAIN_MS);
+    RunStream(Stream(Record(u"a", large), Record(u"b", rest)), DAKERROR_NONE,
+              OPEN_MS + 250 * PACKAGE_MS + 5 * ACKNOWLEDGED_MS + DRAIN_MS);
     ExpectFile("C:/s/a", large);
     ExpectFile("C:/s/b", rest);
 }

@@ -2,8 +2,6 @@
 
 #include "tests/library/transfer_support.h"
 
-#include "transfer/copy_to_device.h"
-
 namespace {
 
 constexpr std::uint64_t OPEN_MS = LINK_UP_MS + READ_MS + RETRY_BASE_MS; // the stream begins
@@ -13,6 +11,14 @@ constexpr std::uint64_t FILL_MS = 10; // a look at a read-ahead buffer that is n
 
 class CopyToDevice : public TransferTest {
   protected:
+    static std::vector<Bytes> Packages(const Bytes& stream) {
+        return sim::StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true);
+    }
+    // Changes the first file of the list behind the back of who asks for its size.
+    void Resize(std::size_t dwBytes, std::uint64_t qwReportedSize) {
+        world.HostFile(list[0].operator const char*())->bytes = sim::Pattern(dwBytes);
+        world.HostFile(list[0].operator const char*())->qwReportedSize = qwReportedSize;
+    }
     void ExpectAborts(int nPackages) {
         for (; nPackages > 0; --nPackages) {
             device.ExpectThat([](const Bytes& got) {
@@ -22,6 +28,7 @@ class CopyToDevice : public TransferTest {
             });
         }
     }
+    bool bReadsFail = false;
 };
 
 TEST_F(CopyToDevice, AWholeCopyInBytes) {
@@ -39,8 +46,7 @@ TEST_F(CopyToDevice, AWholeCopyInBytes) {
         .At(OPEN_MS + FILL_MS)
         .Reply(Ack())
         .Reply({0x22, 0xE0, 0, 0, 6, 0, 0, 0, 8, 0, 1, 0, 0, 0});
-    EXPECT_EQ(Push(), DAKERROR_NONE);
-    ExpectEnd(DAKERROR_NONE, OPEN_MS + FILL_MS + VERDICT_MS + REPLY_MS + DRAIN_MS);
+    RunPush(DAKERROR_NONE, OPEN_MS + FILL_MS + VERDICT_MS + REPLY_MS + DRAIN_MS);
 }
 
 // Several files in one stream, among them empty ones and such that cannot be opened; they have been
@@ -54,15 +60,13 @@ TEST_F(CopyToDevice, FilesFollowOneAnother) {
     AddFile("C:\\s\\z", {7});
     ExpectWholePush(Join(U32(5), Record(u"a.bin", contents), Record(u"b\\\u00FC\u65E5", {}),
                          Record(u"z", {7})));
-    EXPECT_EQ(Push(), DAKERROR_NONE);
-    ExpectEnd(DAKERROR_NONE);
+    RunPush(DAKERROR_NONE);
 
     // A list of which nothing can be opened, and the entry that is the source folder itself.
     list.RemoveAll();
     list.Add("C:\\missing");
     ExpectWholePush(U32(1));
-    EXPECT_EQ(Push(), DAKERROR_NONE);
-    ExpectEnd(DAKERROR_NONE);
+    RunPush(DAKERROR_NONE);
 
     list.RemoveAll();
     AddFile("C:\\f", {5});
@@ -88,8 +92,7 @@ TEST_F(CopyToDevice, ARecordIsCutAnywhere) {
         const Bytes contents = sim::Pattern(DAK_DATA_SIZE - dwAhead - dwCut);
         world.WriteHostFile("C:/s/a", contents, Time(CREATED), Time(WRITTEN));
         ExpectWholePush(Join(U32(2), Record(u"a", contents), next));
-        EXPECT_EQ(Push(), DAKERROR_NONE);
-        ExpectEnd(DAKERROR_NONE);
+        RunPush(DAKERROR_NONE);
     }
     // The package with the 14 bytes of an empty end has gone over the wire, too.
     EXPECT_EQ(device.Packages().back().bytes,
@@ -121,26 +124,19 @@ TEST_F(CopyToDevice, ARequestThatFailsEndsTheJob) {
     AddFile("C:\\s\\a", {1});
     for (const auto& one : cases) {
         SCOPED_TRACE(one.lpszWhat);
-        const std::uint64_t qwBegin = world.NowMs();
         one.play();
-        EXPECT_EQ(Push(), DAKERROR_NONE);
-        ExpectEnd(one.dwErrCode, qwBegin + LINK_UP_MS + one.qwMs + DRAIN_MS);
-        world.dwFailAllocationsOf = 0;
-        device.Finish();
+        RunPush(one.dwErrCode, LINK_UP_MS + one.qwMs + DRAIN_MS);
     }
-    world.Plug(device);
 
     // An object that has no buffer for a resend sends nothing.
     world.dwFailAllocationsOf = DAK_WINDOW_SIZE;
     dak.emplace();
     world.dwFailAllocationsOf = 0;
-    EXPECT_EQ(Push(), DAKERROR_NONE);
-    ExpectEnd(DAKERROR_NONE);
+    RunPush(DAKERROR_NONE);
 }
 
 // Of an empty list, whose one package has been confirmed.
 TEST_F(CopyToDevice, TheFinalReplyDecides) {
-    constexpr std::uint64_t NOTHING = READS_AT_MOST * FAILED_TRY_MS;
     const auto reply = [](std::int32_t nResult) { return sim::Response(8, nResult); };
     const auto aborted = [&](std::int32_t nResult) {
         return Join(sim::Control(DAK_ABORT), reply(nResult));
@@ -149,59 +145,30 @@ TEST_F(CopyToDevice, TheFinalReplyDecides) {
         Bytes reply;
         DWORD dwErrCode;
         int nCopyResult; // 1 at the start of a job
-        int bRet;
         std::uint64_t qwMs;
     } cases[] = {
-        {reply(1), DAKERROR_NONE, 1, 1, REPLY_MS},
-        {reply(0), DAKERROR_NONE, 0, 0, REPLY_MS},
-        {reply(-1), DAKERROR_NO_SPACE, -1, 0, REPLY_MS},
-        {reply(-2), DAKERROR_DEVICE_REFUSED, -2, 0, REPLY_MS},
-        {sim::Response(17, -2), DAKERROR_DEVICE_REFUSED, -2, 0, REPLY_MS}, // any code
-        {aborted(1), DAKERROR_NONE, 1, 0, REPLY_MS},
-        {aborted(0), DAKERROR_NONE, 0, 0, REPLY_MS},
-        {aborted(-1), DAKERROR_NONE, -1, 0, REPLY_MS},
-        {aborted(-2), DAKERROR_DEVICE_REFUSED, -2, 0, REPLY_MS},
-        {Ack(), DAKERROR_NONE, 1, 0, READ_MS},
-        {{0x22, 0xE0, 0, 0}, DAKERROR_NONE, 1, 0, READ_MS},
-        {{}, DAKERROR_NONE, 1, 0, NOTHING},
-        {Join(sim::Control(DAK_LAST_REPLY), Bytes{8, 0, 0xFE, 0xFF}), DAKERROR_NONE, 1, 0,
-         REPLY_MS},
-        {sim::Control(DAK_LAST_REPLY), DAKERROR_NONE, 1, 0,
-         READ_MS + READS_AT_MOST * (FAILED_TRY_MS - 2)},
+        {reply(1), DAKERROR_NONE, 1, REPLY_MS},
+        {reply(0), DAKERROR_NONE, 0, REPLY_MS},
+        {reply(-1), DAKERROR_NO_SPACE, -1, REPLY_MS},
+        {sim::Response(17, -2), DAKERROR_DEVICE_REFUSED, -2, REPLY_MS}, // any code
+        {aborted(1), DAKERROR_NONE, 1, REPLY_MS},
+        {aborted(0), DAKERROR_NONE, 0, REPLY_MS},
+        {aborted(-1), DAKERROR_NONE, -1, REPLY_MS},
+        {aborted(-2), DAKERROR_DEVICE_REFUSED, -2, REPLY_MS},
+        {Ack(), DAKERROR_NONE, 1, READ_MS},
+        {{0x22, 0xE0, 0, 0}, DAKERROR_NONE, 1, READ_MS},
+        {Join(sim::Control(DAK_LAST_REPLY), Bytes{8, 0, 0xFE, 0xFF}), DAKERROR_NONE, 1, REPLY_MS},
+        {{}, DAKERROR_NONE, 1, READS_AT_MOST * FAILED_TRY_MS},
     };
     for (const auto& one : cases) {
         SCOPED_TRACE(::testing::PrintToString(one.reply));
-        for (const bool bDirectly : {false, true}) {
-            const std::uint64_t qwBegin = world.NowMs();
-            ExpectPush().Reply(Ack());
-            ExpectStream(U32(0));
-            if (!one.reply.empty()) {
-                device.Reply(one.reply);
-            }
-            if (!bDirectly) {
-                EXPECT_EQ(Push(), DAKERROR_NONE);
-                ExpectEnd(one.dwErrCode, qwBegin + OPEN_MS + VERDICT_MS + one.qwMs + DRAIN_MS);
-                EXPECT_EQ(Access::m_nCopyResult(*dak), one.nCopyResult);
-                continue;
-            }
-            EXPECT_TRUE(Access::Initial(*dak) && Access::IsDeviceConnected(*dak));
-            Access::m_bCopying(*dak) = 1;
-            CCopyToDevice copy(*dak, u"C:\\s", u"\\d", list);
-            EXPECT_TRUE(copy.Run());
-            EXPECT_EQ(copy.Result(), one.bRet);
-            Access::m_bCopying(*dak) = 0;
-            Access::DeInitial(*dak);
-        }
-    }
-    // The reply comes with the last of the tries; a try later nobody reads it.
-    for (const bool bLate : {false, true}) {
         ExpectPush().Reply(Ack());
         ExpectStream(U32(0));
-        device.ReplyAfter(VERDICT_MS + (READS_AT_MOST - (bLate ? 0 : 1)) * FAILED_TRY_MS + READ_MS +
-                              1,
-                          sim::Response(8, -1));
-        EXPECT_EQ(Push(), DAKERROR_NONE);
-        ExpectEnd(bLate ? DAKERROR_NONE : DAKERROR_NO_SPACE);
+        if (!one.reply.empty()) {
+            device.Reply(one.reply);
+        }
+        RunPush(one.dwErrCode, OPEN_MS + VERDICT_MS + one.qwMs + DRAIN_MS);
+        EXPECT_EQ(Access::m_nCopyResult(*dak), one.nCopyResult);
     }
 }
 
@@ -209,78 +176,46 @@ TEST_F(CopyToDevice, TheFinalReplyDecides) {
 TEST_F(CopyToDevice, ASendThatFailsInContentsReplacesTheNode) {
     const Bytes contents = sim::Pattern(30'000);
     AddFile("C:\\s\\a", contents);
-    const auto packages = sim::StreamPackages(8, Join(U32(1), Record(u"a", contents)), DAK_PACKAGE,
-                                              DAK_LAST_PACKAGE, true);
+    const auto packages = Packages(Join(U32(1), Record(u"a", contents)));
     constexpr std::uint64_t FIRST_MS = OPEN_MS + FILL_MS;
-    constexpr std::uint64_t WRITE_TIMEOUT_MS = DAK_PACKAGE_SIZE + 500;
-    const auto expectFirst = [&]() -> sim::CScriptedDevice& {
-        return ExpectPush().Reply(Ack()).Expect(packages[0]);
+    const auto open = [&]() -> auto& {
+        return ExpectPush().Reply(Ack());
+    };
+    const auto first = [&]() -> auto& {
+        return open().Expect(packages[0]);
     };
     const struct {
         const char* lpszWhat;
         std::function<void()> play;
         DWORD dwErrCode;
         std::uint64_t qwMs;
-        int nOpens;
     } cases[] = {
-        {"first write hangs", [&] { ExpectPush().Reply(Ack()).DoNotTake(); }, DAKERROR_NO_DEVICE,
-         FIRST_MS + WRITE_TIMEOUT_MS, 2},
-        {"later write hangs", [&] { expectFirst().Reply(Ack()).DoNotTake(); }, DAKERROR_NO_DEVICE,
-         FIRST_MS + VERDICT_MS + WRITE_TIMEOUT_MS, 2},
-        {"abort", [&] { expectFirst().Reply(sim::Control(DAK_ABORT)); }, DAKERROR_PROTOCOL,
-         FIRST_MS + READ_MS, 2},
-        {"gone", [&] { expectFirst().Vanish(); }, DAKERROR_NO_DEVICE, FIRST_MS + READ_MS + 500, 1},
-        {"ten resends",
-         [&] {
-             expectFirst().Reply(sim::Control(DAK_RETRANSMIT));
-             for (int i = 0; i < 9; ++i) {
-                 device.Expect(packages[0]).Reply(sim::Control(DAK_RETRANSMIT));
-             }
-             device.Expect(packages[0]).Reply(Ack());
-         },
-         DAKERROR_PROTOCOL, FIRST_MS + READ_MS + 10 * VERDICT_MS + 20 * 55, 2},
-        {"no memory",
-         [&] {
-             ExpectPush().Reply(Ack());
-             world.dwFailAllocationsOf = 12280;
-         },
-         DAKERROR_FAIL, OPEN_MS, 2},
-        {"read error",
-         [&] {
-             ExpectPush().Reply(Ack());
-             world.onFileRead = [](sim::CFileRead& read) { read.bFail = true; };
-         },
-         DAKERROR_FAIL, FIRST_MS, 2},
-        // Nothing says where a read that comes up short has left the rest.
-        {"shrunk",
-         [&] {
-             expectFirst().Reply(Ack()).Expect(packages[1]);
-             world.onFileRead = nullptr;
-             world.HostFile("C:/s/a")->qwReportedSize = 30'000;
-             world.HostFile("C:/s/a")->bytes.resize(25'000);
-         },
-         DAKERROR_FAIL, FIRST_MS + VERDICT_MS + 2 * FILL_MS, 2},
-        {"4 GiB",
-         [&] {
-             ExpectPush().Reply(Ack());
-             world.HostFile("C:/s/a")->qwReportedSize = 1ull << 32;
-         },
-         DAKERROR_FAIL, OPEN_MS, 2},
+        {"hangs", [&] { first().Reply(Ack()).DoNotTake(); }, DAKERROR_NO_DEVICE,
+         FIRST_MS + VERDICT_MS + 12'788},
+        {"abort", [&] { first().Reply(sim::Control(DAK_ABORT)); }, DAKERROR_PROTOCOL,
+         FIRST_MS + READ_MS},
+        {"gone", [&] { first().Vanish(); }, DAKERROR_NO_DEVICE, FIRST_MS + READ_MS + 500},
+        {"no memory", [&] { open(), world.dwFailAllocationsOf = 12'280; }, DAKERROR_FAIL, OPEN_MS},
+        {"read error", [&] { open(), bReadsFail = true; }, DAKERROR_FAIL, FIRST_MS},
+        // The buffer that came short, and the one behind it that is empty.
+        {"shrunk", [&] { first().Reply(Ack()).Expect(packages[1]), Resize(25'000, 30'000); },
+         DAKERROR_FAIL, FIRST_MS + VERDICT_MS + 2 * FILL_MS},
+        {"4 GiB", [&] { open(), Resize(25'000, 1ull << 32); }, DAKERROR_FAIL, OPEN_MS},
     };
+    world.onFileRead = [this](sim::CFileRead& read) { read.bFail = bReadsFail; };
     for (const auto& one : cases) {
         SCOPED_TRACE(one.lpszWhat);
-        const std::uint64_t qwBegin = world.NowMs();
         const int nOpens = device.Opens();
         one.play();
-        EXPECT_EQ(Push(), DAKERROR_NONE);
-        ExpectEnd(one.dwErrCode, qwBegin + one.qwMs);
-        EXPECT_EQ(device.Opens() - nOpens, one.nOpens);
-        device.Finish();
-        world.dwFailAllocationsOf = 0;
-        if (!world.IsPlugged()) {
-            world.Plug(device);
-        }
+        RunPush(one.dwErrCode, one.qwMs);
+        EXPECT_EQ(device.Opens() - nOpens,
+                  one.dwErrCode == DAKERROR_NO_DEVICE && one.qwMs < 12'788 ? 1 : 2);
+        bReadsFail = false;
     }
+    // One that has grown goes out as it was when it was opened.
+    Resize(40'000, 30'000);
+    ExpectWholePush(Join(U32(1), Record(u"a", sim::Pattern(30'000))));
+    RunPush(DAKERROR_NONE);
 }
 
 // A send that fails in a record: the final package goes out all the same, and unless that one meets
@@ -292,7 +227,7 @@ TEST_F(CopyToDevice, ASendThatFailsInARecordClosesTheStream) {
     AddFile("C:\\s\\b", {1});
     const Bytes stream =
         Join(U32(2), Record(u"a", sim::Pattern(DAK_DATA_SIZE - AHEAD - 10)), Record(u"b", {1}));
-    const Bytes first = sim::StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true)[0];
+    const Bytes first = Packages(stream)[0];
     const auto isLast = [](const Bytes& got) {
         EXPECT_EQ(DakGetU32(got.data()), DAK_LAST_PACKAGE);
         EXPECT_EQ(DakGetU32(got.data() + 4) + 8, got.size());
@@ -302,7 +237,8 @@ TEST_F(CopyToDevice, ASendThatFailsInARecordClosesTheStream) {
         std::function<void()> play;
         DWORD dwErrCode;
     } cases[] = {
-        {"write hangs twice", [&] { device.DoNotTake().DoNotTake(); }, DAKERROR_NO_DEVICE},
+        {"write hangs twice", [&] { device.DoNotTake().DoNotTake().Reply(sim::Response(8, -2)); },
+         DAKERROR_NO_DEVICE},
         {"write hangs once",
          [&] { device.DoNotTake().ExpectThat(isLast).Reply(Ack()).Reply(sim::Response(8, -2)); },
          DAKERROR_DEVICE_REFUSED},
@@ -318,10 +254,7 @@ TEST_F(CopyToDevice, ASendThatFailsInARecordClosesTheStream) {
         SCOPED_TRACE(one.lpszWhat);
         ExpectPush().Reply(Ack());
         one.play();
-        EXPECT_EQ(Push(), DAKERROR_NONE);
-        ExpectEnd(one.dwErrCode);
-        device.Finish();
-        world.Plug(device);
+        RunPush(one.dwErrCode);
     }
 }
 
@@ -329,8 +262,7 @@ TEST_F(CopyToDevice, ASendThatFailsInARecordClosesTheStream) {
 TEST_F(CopyToDevice, ACancelInContents) {
     const Bytes contents = sim::Pattern(60'000);
     AddFile("C:\\s\\a", contents);
-    const auto packages = sim::StreamPackages(8, Join(U32(1), Record(u"a", contents)), DAK_PACKAGE,
-                                              DAK_LAST_PACKAGE, true);
+    const auto packages = Packages(Join(U32(1), Record(u"a", contents)));
     ExpectPush().Reply(Ack()).Expect(packages[0]).ReplyAfter(600, Ack());
     ExpectAborts(50); // packages 2 to 51
     EXPECT_EQ(Push(), DAKERROR_NONE);
@@ -343,8 +275,7 @@ TEST_F(CopyToDevice, ACancelInContents) {
     EXPECT_EQ(device.Handshakes().size(), 1u);
     // The cancelled job's leftovers are no matter of the next one.
     ExpectWholePush(Join(U32(1), Record(u"a", contents)));
-    EXPECT_EQ(Push(), DAKERROR_NONE);
-    ExpectEnd(DAKERROR_NONE);
+    RunPush(DAKERROR_NONE);
 }
 
 // As above, but what fills the package is a record: the final package is aborted as well, and the
@@ -383,9 +314,8 @@ TEST_F(CopyToDevice, ALargeCopyTakesTheSumOfItsWaits) {
     const std::uint64_t qwVerdicts = (qwPackages - 2) / 50 + 2; // behind 1, 51, ... and the last
     // The refills behind the first, second and third buffer of the one, and the first of the other.
     const std::uint64_t qwFills = (1 + 3) + (1 + 1);
-    EXPECT_EQ(Push(), DAKERROR_NONE);
-    ExpectEnd(DAKERROR_NONE,
-              OPEN_MS + qwFills * FILL_MS + qwVerdicts * VERDICT_MS + REPLY_MS + DRAIN_MS);
+    RunPush(DAKERROR_NONE,
+            OPEN_MS + qwFills * FILL_MS + qwVerdicts * VERDICT_MS + REPLY_MS + DRAIN_MS);
     EXPECT_EQ(device.Packages().size(), 1 + qwPackages);
 }
 

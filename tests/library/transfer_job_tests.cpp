@@ -5,6 +5,7 @@
 #include "link/device_connection.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -76,40 +77,35 @@ TEST_F(TransferJob, ALongDebugLogIsDeletedAheadOfEverythingElse) {
     EXPECT_EQ(device.Opens(), 0);
 }
 
-TEST_F(TransferJob, WithoutALinkNothingStaysOpen) {
-    world.OtherProcessOpensLock("NadoxUSBAPI");
-    EXPECT_EQ(Push(), DAKERROR_BUSY);
-    EXPECT_EQ(dak->GetLastError(), DAKERROR_BUSY);
-    world.OtherProcessClosesLock("NadoxUSBAPI");
-    world.Unplug();
-    EXPECT_EQ(Push(), DAKERROR_NO_DEVICE);
-    EXPECT_EQ(dak->GetLastError(), DAKERROR_NO_DEVICE);
-    EXPECT_EQ(world.NowMs(), 300u);
-    EXPECT_EQ(dak->IsTransmitting(), FALSE);
-    EXPECT_EQ(world.CallCount(sim::ECall::CreateMutexA), 2u);
-    world.Plug(device);
-    ExpectEmptyPush();
-    EXPECT_EQ(Push(), DAKERROR_NONE);
-    ExpectEnd(DAKERROR_NONE, 300 + MESSAGE_MS);
-}
-
-TEST_F(TransferJob, AWorkerThatCannotBeMadeLeavesNoLink) {
-    for (const bool bMemory : {true, false}) {
-        world.dwFailAllocationsOf = bMemory ? sizeof(_tagCommitParam) : 0;
-        if (!bMemory) {
-            world.FailCall(sim::ECall::CreateThread, 3); // behind the handshake's two
-        }
-        EXPECT_EQ(Push(), DAKERROR_FAIL);
-        EXPECT_EQ(dak->GetLastError(), DAKERROR_FAIL);
+TEST_F(TransferJob, AJobThatCannotStartLeavesNothingOpen) {
+    const struct {
+        std::function<void()> fail;
+        DWORD dwResult;
+    } cases[] = {
+        {[this] { world.OtherProcessOpensLock("NadoxUSBAPI"); }, DAKERROR_BUSY},
+        {[this] { world.Unplug(); }, DAKERROR_NO_DEVICE},
+        {[this] { world.dwFailAllocationsOf = sizeof(_tagCommitParam); }, DAKERROR_FAIL},
+        // The worker, behind the two threads of the handshake.
+        {[this] { world.FailCall(sim::ECall::CreateThread, 3); }, DAKERROR_FAIL},
+    };
+    for (const auto& one : cases) {
+        one.fail();
+        EXPECT_EQ(Push(), one.dwResult);
+        EXPECT_EQ(dak->GetLastError(), one.dwResult);
         EXPECT_EQ(dak->IsTransmitting(), FALSE);
         EXPECT_EQ(device.OpenNow(), 0);
         EXPECT_EQ(world.LiveThreads(), 0);
         EXPECT_FALSE(IsHandleOpen(g_hDeviceMutex));
+        world.OtherProcessClosesLock("NadoxUSBAPI");
+        world.dwFailAllocationsOf = 0;
+        if (!world.IsPlugged()) {
+            EXPECT_EQ(world.NowMs(), 300u);
+            world.Plug(device);
+        }
     }
     EXPECT_TRUE(world.posted.empty());
     ExpectEmptyPush();
-    EXPECT_EQ(Push(), DAKERROR_NONE);
-    ExpectEnd(DAKERROR_NONE);
+    RunPush(DAKERROR_NONE);
 }
 
 TEST_F(TransferJob, TheMessageComesOnceAheadOfTheClosing) {
@@ -200,24 +196,23 @@ TEST_F(TransferJob, CopyStatusShowsTheCurrentFile) {
     EXPECT_EQ(dwTotal, 0xFFFFFFFF);
     EXPECT_EQ(nPercent, 7);
 
-    // While a job waits for the first verdict: what went into the package counts as copied.
+    // While a job waits for the first verdict: bytes count once their package has gone out whole.
     const Bytes contents = sim::Pattern(20'000);
     AddFile("C:\\s\\b\\a.bin", contents);
     ExpectPush().Reply(Ack());
-    const auto packages = sim::StreamPackages(8, Join(U32(1), Record(u"b\\a.bin", contents)),
-                                              DAK_PACKAGE, DAK_LAST_PACKAGE, true);
+    const Bytes stream = Join(U32(1), Record(u"b\\a.bin", contents));
+    const auto packages = sim::StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true);
     device.Expect(packages[0]).ReplyAfter(400, Ack()).Expect(packages[1]).Reply(Ack());
     device.Reply(sim::Response(8, 1));
     EXPECT_EQ(Push(), DAKERROR_NONE);
-    platform::Sleep(300);
-    dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
-    EXPECT_STREQ(szSource, "C:\\s\\b\\a.bin");
-    EXPECT_STREQ(szDest, "\\d\\b\\a.bin");
-    EXPECT_EQ(dwTotal, 20'000u);
-    EXPECT_EQ(nPercent, 0); // bytes count once their package has gone out whole
-    platform::Sleep(300);
-    dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
-    EXPECT_EQ(dwCopied, 20'000u);
+    for (const DWORD dwWhen : {0u, 20'000u}) {
+        platform::Sleep(300);
+        dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
+        EXPECT_STREQ(szSource, "C:\\s\\b\\a.bin");
+        EXPECT_STREQ(szDest, "\\d\\b\\a.bin");
+        EXPECT_EQ(dwTotal, 20'000u);
+        EXPECT_EQ(dwCopied, dwWhen);
+    }
     ExpectEnd(DAKERROR_NONE);
 }
 
@@ -291,28 +286,24 @@ TEST_F(TransferJob, TerminatingLeavesTheBufferToAWorkerThatReads) {
 }
 
 TEST_F(TransferJob, AnOperationThatAnswersTheMessageWaitsForTheClosing) {
-    for (const bool bJob : {false, true}) {
-        SCOPED_TRACE(bJob);
-        const std::uint64_t qwBegin = world.NowMs();
-        ExpectEmptyPush();
-        EXPECT_EQ(Push(), DAKERROR_NONE);
+    ExpectEmptyPush();
+    EXPECT_EQ(Push(), DAKERROR_NONE);
+    for (const bool bJob : {true, false}) {
         platform::WINDOWMESSAGE message{};
         EXPECT_TRUE(platform::WaitWindowMessage(window, INFINITE, &message));
-        EXPECT_EQ(world.NowMs(), qwBegin + MESSAGE_MS);
-        const std::size_t dwConnect = device.Handshakes().size() + 1;
+        const std::uint64_t qwClosed = world.NowMs() + READ_MS;
         if (bJob) {
             ExpectEmptyPush();
             EXPECT_EQ(Push(), DAKERROR_NONE);
-            world.posted.clear();
-            ExpectEnd(DAKERROR_NONE, qwBegin + 2 * MESSAGE_MS + READ_MS);
         } else {
             EXPECT_EQ(dak->ConnectDevice(), DAKERROR_NONE);
-            world.posted.clear();
         }
-        ASSERT_GT(device.Handshakes().size(), dwConnect);
-        EXPECT_EQ(DakGetU32(device.Handshakes()[dwConnect].bytes.data()), DAK_CONNECT);
-        EXPECT_EQ(device.Handshakes()[dwConnect].qwMs, qwBegin + MESSAGE_MS + READ_MS);
+        const auto itConnect = device.Handshakes().end() - (bJob ? 1 : 2);
+        EXPECT_EQ(DakGetU32(itConnect->bytes.data()), DAK_CONNECT);
+        EXPECT_EQ(itConnect->qwMs, qwClosed);
     }
+    ASSERT_EQ(world.posted.size(), 2u);
+    EXPECT_EQ(world.posted[1].qwMs, 2 * MESSAGE_MS + READ_MS);
 }
 
 TEST_F(TransferJob, ObjectsShareTheLinkAndNothingElse) {
@@ -352,13 +343,11 @@ TEST_F(TransferJob, TheDrainEndsWithAFailedReadAndNotBeforeTheFourth) {
                  {800, 100 * READ_MS + FAILED_READ_MS}};
     for (const auto& one : cases) {
         SCOPED_TRACE(one.dwJunk);
-        const std::uint64_t qwBegin = world.NowMs();
         ExpectEmptyPush();
         if (one.dwJunk != 0) {
             device.Reply(Bytes(one.dwJunk));
         }
-        EXPECT_EQ(Push(), DAKERROR_NONE);
-        ExpectEnd(DAKERROR_NONE, qwBegin + PUSHED_MS + one.qwMs);
+        RunPush(DAKERROR_NONE, PUSHED_MS + one.qwMs);
     }
 }
 

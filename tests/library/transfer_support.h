@@ -37,11 +37,8 @@ inline constexpr std::uint64_t READS_AT_MOST = 1201;
 inline FILETIME Time(std::uint64_t qwTime) {
     return {static_cast<DWORD>(qwTime), static_cast<DWORD>(qwTime >> 32)};
 }
-inline std::uint64_t Ticks(const FILETIME& time) {
-    return (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
-}
 
-// The record of a file; its times follow from the number.
+// The record of a file; all files of the tests have these times.
 inline constexpr std::uint64_t CREATED = 0x0807060504030201;
 inline constexpr std::uint64_t WRITTEN = 0x1817161514131211;
 inline Bytes Record(std::u16string_view name, const Bytes& contents,
@@ -94,8 +91,31 @@ class TransferTest : public ::testing::Test {
         if (qwMs) {
             EXPECT_EQ(message.qwMs, *qwMs);
         }
+        EXPECT_EQ(Access::m_dwSizeCopied(*dak), Access::m_dwSizeTotal(*dak));
         // A job that was cut short leaves the link to the next operation.
         EXPECT_EQ(device.OpenNow(), dwErrCode == DAKERROR_CANCELLED && world.IsPlugged() ? 1 : 0);
+    }
+
+    // A job from start to end: the device's script is done, and what was made to fail works again.
+    // qwMs counts from here.
+    void RunPush(DWORD dwErrCode, std::optional<std::uint64_t> qwMs = {}) {
+        const std::uint64_t qwBegin = world.NowMs();
+        EXPECT_EQ(Push(), DAKERROR_NONE);
+        EndRun(dwErrCode, qwBegin, qwMs);
+    }
+    void RunPull(DWORD dwErrCode, std::optional<std::uint64_t> qwMs = {}) {
+        const std::uint64_t qwBegin = world.NowMs();
+        EXPECT_EQ(Pull(), DAKERROR_NONE);
+        EndRun(dwErrCode, qwBegin, qwMs);
+    }
+    void EndRun(DWORD dwErrCode, std::uint64_t qwBegin, std::optional<std::uint64_t> qwMs) {
+        ExpectEnd(dwErrCode, qwMs ? std::optional(qwBegin + *qwMs) : qwMs);
+        device.Finish();
+        world.dwFailAllocationsOf = 0;
+        world.ClearFaults();
+        if (!world.IsPlugged()) {
+            world.Plug(device);
+        }
     }
 
     // Clears the word that cancels, as TerminateTransfer does, and no more than that.
