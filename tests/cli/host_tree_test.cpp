@@ -169,6 +169,8 @@ TEST(HostTree, OnlyConfirmedWindowsCount) {
         EXPECT_EQ(ConfirmedFiles(group, row.nCurrent, row.qwCopied), row.nConfirmed)
             << row.nCurrent << " " << row.qwCopied;
     }
+    // One byte behind the confirmed package.
+    EXPECT_EQ(ConfirmedFiles({"s", {entry(qwFirst + 1)}}, 0, qwFirst + 1), 0U);
 }
 
 } // namespace
