@@ -36,7 +36,7 @@ bool CStreamReceiver::IsGood(std::span<const std::uint8_t> package) const {
 }
 
 void CStreamReceiver::Keep(std::span<const std::uint8_t> package) {
-    if (m_bAborted || m_bBad) {
+    if (m_bAborted || m_bBad || m_bRepeat) {
         return;
     }
     if (!IsGood(package)) {
@@ -55,10 +55,19 @@ void CStreamReceiver::NoteTaken(const COutbox& outbox) {
         m_bAskedAgain = false;
         m_bBad = false;
         m_bLast = false;
+        m_bMayRepeat = m_nConfirmed > 0 && (m_nHeld == 0 || m_bRepeat);
+        m_bRepeat = false;
         m_nHeld = 0;
         m_window.clear();
         m_bQuietKnown = false;
     }
+}
+
+void CStreamReceiver::NoteFirst(std::span<const std::uint8_t> package) {
+    m_first = {};
+    std::copy_n(package.begin(), std::min(package.size(), m_first.size()), m_first.begin());
+    m_bRepeat = m_bMayRepeat && m_first == m_confirmed;
+    m_bMayRepeat = false;
 }
 
 void CStreamReceiver::AskAgain(COutbox& outbox) {
@@ -99,7 +108,9 @@ void CStreamReceiver::Take(std::span<const std::uint8_t> package, COutbox& outbo
     }
 
     const std::uint32_t wCommand = CommandOf(package);
-    ++m_nHeld;
+    if (++m_nHeld == 1) {
+        NoteFirst(package);
+    }
     if (wCommand == DAK_ABORT && !m_bAborted) {
         m_bAborted = true;
         m_window.clear();
@@ -108,7 +119,8 @@ void CStreamReceiver::Take(std::span<const std::uint8_t> package, COutbox& outbo
     Keep(package);
 
     m_bLast = wCommand == DAK_LAST_PACKAGE;
-    const bool bPointKnown = m_nHeld == m_nExpected || m_nHeld >= m_nCapacity;
+    const std::uint32_t nMost = m_bRepeat ? m_nConfirmed : m_nCapacity;
+    const bool bPointKnown = m_nHeld == m_nExpected || m_nHeld >= nMost;
     const bool bShort = package.size() < DAK_PACKAGE_SIZE && wCommand != DAK_ABORT;
     if (!bPointKnown && !m_bLast && !bShort) {
         return;
@@ -137,6 +149,11 @@ void CStreamReceiver::Prepare(COutbox& outbox) {
     }
     m_window.clear();
     m_window.reserve(std::size_t{DAK_WINDOW_PACKAGES} * DAK_DATA_SIZE);
+    if (!m_bRepeat) {
+        m_confirmed = m_first;
+        m_nConfirmed = m_nHeld;
+    }
+    m_bRepeat = false;
     m_bWhole = false;
     m_nHeld = 0;
     m_nExpected = 0;

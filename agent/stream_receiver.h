@@ -11,8 +11,13 @@
 // DAK_RETRANSMIT is still lying there therefore says that the host had not come to the end of its
 // window. The verdict is then taken back and the count goes on, so that a cut or damaged package
 // can never shift what follows it.
+//
+// A verdict can be lost on its way. The host then waits for it, is asked by silence to send again,
+// and repeats a window that was confirmed: it is known by its first package, and confirmed once
+// more without reaching the sink a second time.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <vector>
 
@@ -59,6 +64,7 @@ class CStreamReceiver final : public CExchange {
     bool IsGood(std::span<const std::uint8_t> package) const;
     void Keep(std::span<const std::uint8_t> package);
     void NoteTaken(const COutbox& outbox);
+    void NoteFirst(std::span<const std::uint8_t> package);
     void AskAgain(COutbox& outbox);
     void EndAborted(COutbox& outbox);
 
@@ -74,6 +80,14 @@ class CStreamReceiver final : public CExchange {
     bool m_bAskedAgain = false;         // DAK_RETRANSMIT lies in the outbox, or was taken just now
     bool m_bAborted = false;
     bool m_bEnded = false;
+
+    using Head = std::array<std::uint8_t, DAK_DATA_OFFSET>;
+    Head m_first{};                 // of the window's first package
+    Head m_confirmed{};             // of the first package of the last window confirmed
+    std::uint32_t m_nConfirmed = 0; // packages of that window
+    bool m_bMayRepeat = false;      // the host, asked by silence, may repeat that window
+    bool m_bRepeat = false;         // it does
+
     std::uint64_t m_qwQuietSinceMs = 0;
     bool m_bQuietKnown = false;
 };
