@@ -57,6 +57,10 @@ struct COperation {
     // From the command's write to the first read for the response.
     std::uint64_t AckMs() const { return qwAckPauseMs + 10 + qwSettleMs + (code == 17 ? 70 : 0); }
     bool Polls() const { return eShape == POLLED || eShape == UNBOUNDED; }
+    bool IsOnce() const { return eShape == SINGLE || eShape == COMPLETED; }
+    DWORD Refused() const { return code == 25 ? DAKERROR_FOLDER_SPACE : DAKERROR_FAIL; }
+    // Behind a missing response: a write's is what the stream left.
+    DWORD Error() const { return code == 17 ? DAKERROR_NONE : DAKERROR_FAIL; }
     DWORD Gone() const { return bAvailability ? DAKERROR_NO_DEVICE : DAKERROR_FAIL; }
     // A device that takes the command and, for the write, its one package.
     void TakeCommand(sim::CScriptedDevice& device) const {
@@ -168,20 +172,30 @@ void ForEveryOperation(const Play& play) {
     }
 }
 
-// A failed closing response of a write leaves what the stream left.
-DWORD ErrorOf(const COperation& op, DWORD dwOther) {
-    return op.code == 17 ? DAKERROR_NONE : dwOther;
-}
-
-TEST(Exchange, GoodAnswer) {
-    ForEveryOperation([](const COperation& op, CRun& run) -> std::optional<COutcome> {
+// The same for those that await a response, from a device that has taken the command; qwFrom is
+// when the wait begins.
+void ForEveryResponse(
+    const std::function<COutcome(const COperation&, CRun&, std::uint64_t)>& play) {
+    ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
         if (op.eShape == NO_RESPONSE) {
             return {};
         }
         op.TakeCommand(run.device);
-        run.device.Reply(op.Reply());
-        return COutcome(op.WrittenMs() + op.AckMs() + 10, 0);
+        return play(op, run, op.WrittenMs() + op.AckMs());
     });
+}
+
+TEST(Exchange, GoodAnswersOfAllResults) {
+    for (const int nResult : {1, 0, 2, -1}) {
+        SCOPED_TRACE(nResult);
+        ForEveryResponse([&](const COperation& op, CRun& run, std::uint64_t qwFrom) {
+            // A write and a seek read more into it, a listing nothing.
+            const bool bOwnWay = op.code == 7 || op.code == 17 || op.code == 18;
+            const int nOwn = bOwnWay ? 1 : nResult;
+            run.device.Reply(op.Reply(nOwn));
+            return COutcome(qwFrom + 10, nOwn != 0 ? 0 : op.Refused());
+        });
+    }
 }
 
 TEST(Exchange, AcknowledgementThatIsNone) {
@@ -236,143 +250,95 @@ TEST(Exchange, CommandNotTaken) {
 }
 
 TEST(Exchange, SilenceUpToTheBound) {
-    ForEveryOperation([](const COperation& op, CRun& run) -> std::optional<COutcome> {
-        if (op.eShape == NO_RESPONSE) {
-            return {};
-        }
-        op.TakeCommand(run.device);
-        const std::uint64_t qwFrom = op.WrittenMs() + op.AckMs();
+    ForEveryResponse([](const COperation& op, CRun& run, std::uint64_t qwFrom) {
         if (op.eShape == UNBOUNDED) {
             // Longer than any bound; the read in which the device goes is the last.
             const std::uint64_t qwGone = qwFrom + 3000 * op.TryMs() + 200;
             run.world.At(qwGone, [&world = run.world] { world.Unplug(); });
             return COutcome(qwGone + 500, op.Gone());
         }
-        const bool bOnce = op.eShape == SINGLE || op.eShape == COMPLETED;
-        const std::uint64_t qwWait = bOnce ? 10 + op.R() + 500 : op.dwBound * op.TryMs();
-        return COutcome(qwFrom + qwWait, DAKERROR_FAIL, ErrorOf(op, DAKERROR_FAIL));
+        return COutcome(qwFrom + op.dwBound * op.TryMs() - (op.IsOnce() ? 500 : 0), DAKERROR_FAIL,
+                        op.Error());
     });
 }
 
 TEST(Exchange, TheLastTryCountsAndNoneBehindIt) {
     for (const std::uint64_t qwLate : {0u, 1u}) {
         SCOPED_TRACE(qwLate);
-        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
-            if (op.eShape == NO_RESPONSE || op.eShape == UNBOUNDED) {
-                return {};
+        ForEveryResponse([&](const COperation& op, CRun& run, std::uint64_t qwFrom) {
+            const DWORD dwLast = op.eShape == UNBOUNDED ? 2000 : op.dwBound;
+            const std::uint64_t qwEnd = qwFrom + dwLast * op.TryMs() - 500;
+            run.world.At(qwEnd + qwLate, [&] { run.device.Give(op.Reply()); });
+            if (qwLate == 0) {
+                return COutcome(qwEnd, 0);
             }
-            op.TakeCommand(run.device);
-            const std::uint64_t qwFrom = op.WrittenMs() + op.AckMs();
-            const std::uint64_t qwEnd = qwFrom + (op.dwBound - 1) * op.TryMs() + 10 + op.R() + 500;
-            run.world.At(qwEnd + qwLate, [&, reply = op.Reply()] { run.device.Give(reply); });
-            const bool bOnce = op.eShape == SINGLE || op.eShape == COMPLETED;
-            return qwLate == 0 ? COutcome(qwEnd, 0)
-                               : COutcome(qwEnd + (bOnce ? 0 : 500), DAKERROR_FAIL,
-                                          ErrorOf(op, DAKERROR_FAIL));
+            return op.eShape == UNBOUNDED
+                       ? COutcome(qwEnd + 500 + 10, 0)
+                       : COutcome(qwEnd + (op.IsOnce() ? 0 : 500), DAKERROR_FAIL, op.Error());
         });
     }
 }
 
-// What comes ahead of the right response. A wait that goes on takes 10 ms for each piece.
-TEST(Exchange, OtherPackagesAheadOfTheResponse) {
-    const auto ahead = [](const std::function<std::vector<Bytes>(const COperation&)>& packages,
-                          const std::function<bool(const COperation&)>& isEnd) {
-        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
-            if (op.eShape == NO_RESPONSE) {
-                return {};
+TEST(Exchange, AnotherPackageAheadOfTheResponse) {
+    struct {
+        std::uint32_t dwWord;
+        bool bOwnCode;
+    } const rows[] = {{DAK_LAST_REPLY, false},
+                      {DAK_LAST_REPLY | 0x10000, true},
+                      {DAK_REPLY_PACKAGE, false},
+                      {DAK_REPLY_PACKAGE, true}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.dwWord);
+        ForEveryResponse([&](const COperation& op, CRun& run, std::uint64_t qwFrom) {
+            Bytes package = sim::Response(row.bOwnCode ? op.code : 99, 1, op.fields);
+            DakPutU32(package.data(), row.dwWord);
+            run.device.Reply(package).Reply(op.Reply());
+            const bool bEnds = op.bReplyEnds && row.dwWord == DAK_REPLY_PACKAGE && row.bOwnCode;
+            if (op.Polls() && !bEnds) {
+                return COutcome(qwFrom + 20, 0); // dropped
             }
-            op.TakeCommand(run.device);
-            const auto first = packages(op);
-            for (const Bytes& package : first) {
-                run.device.Reply(package);
-            }
-            run.device.Reply(op.Reply());
-            const std::uint64_t qwFrom = op.WrittenMs() + op.AckMs();
-            // A listing under the word for more is as good as one under the word for the last.
-            const bool bListing = op.code == 7 && isEnd(op);
-            if (!op.Polls() || isEnd(op)) {
-                return COutcome(qwFrom + 10, bListing ? DAKERROR_NONE : DAKERROR_FAIL,
-                                bListing ? DAKERROR_NONE : ErrorOf(op, DAKERROR_FAIL));
-            }
-            return COutcome(qwFrom + 10 * (first.size() + 1), 0);
+            return op.code == 7 ? COutcome(qwFrom + 10, 0) // as good as the other word
+                                : COutcome(qwFrom + 10, DAKERROR_FAIL, op.Error());
         });
-    };
-    const auto never = [](const COperation&) { return false; };
-    const auto reply = [](const COperation& op, std::uint32_t dwWord, std::uint16_t code) {
-        Bytes package = sim::Response(code, 1, op.fields);
-        DakPutU32(package.data(), dwWord);
-        return std::vector<Bytes>{package};
-    };
-    ahead([&](auto& op) { return reply(op, DAK_LAST_REPLY, 99); }, never);
-    ahead([&](auto& op) { return reply(op, DAK_LAST_REPLY | 0x10000, op.code); }, never);
-    ahead([&](auto& op) { return reply(op, DAK_REPLY_PACKAGE, 99); }, never);
-    ahead([&](auto& op) { return reply(op, DAK_REPLY_PACKAGE, op.code); },
-          [](auto& op) { return op.bReplyEnds; });
+    }
 }
 
 TEST(Exchange, ResponseInPieces) {
     for (const int nPieces : {2, 3}) {
         SCOPED_TRACE(nPieces);
-        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
-            if (op.eShape == NO_RESPONSE) {
-                return {};
-            }
-            op.TakeCommand(run.device);
+        ForEveryResponse([&](const COperation& op, CRun& run, std::uint64_t qwFrom) {
             const Bytes whole = op.Reply();
-            const auto cut = [&](int nFrom, int nTo) {
-                run.device.Reply(Bytes(whole.begin() + nFrom, whole.begin() + nTo));
-            };
-            const int nSize = static_cast<int>(whole.size());
-            cut(0, 6);
-            cut(6, nPieces == 2 ? nSize : 10);
+            run.device.Reply(Bytes(whole.begin(), whole.begin() + 6));
             if (nPieces == 3) {
-                cut(10, nSize);
+                run.device.Reply(Bytes(whole.begin() + 6, whole.begin() + 10));
             }
-            const std::uint64_t qwFrom = op.WrittenMs() + op.AckMs();
+            run.device.Reply(Bytes(whole.begin() + (nPieces == 2 ? 6 : 10), whole.end()));
             if (op.Polls()) { // dropped without a pause, and the wait goes on
                 run.device.Reply(whole);
-                return COutcome(qwFrom + 10u * static_cast<unsigned>(nPieces + 1), 0);
+                return COutcome(qwFrom + (nPieces == 2 ? 30 : 40), 0);
             }
             if (op.eShape == COMPLETED) {
-                return nPieces == 2 ? COutcome(qwFrom + 20, 0)
-                                    : COutcome(qwFrom + 20, DAKERROR_FAIL);
+                return COutcome(qwFrom + 20, nPieces == 2 ? 0 : DAKERROR_FAIL);
             }
-            return COutcome(qwFrom + 10, DAKERROR_FAIL, ErrorOf(op, DAKERROR_FAIL));
+            return COutcome(qwFrom + 10, DAKERROR_FAIL, op.Error());
         });
     }
 }
 
 TEST(Exchange, DeviceGoneInTheVeryTryOfItsAnswer) {
     for (const int nResult : {1, 0}) {
-        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
-            if (op.eShape == NO_RESPONSE || op.eShape == SINGLE || op.eShape == COMPLETED) {
-                return {};
+        ForEveryResponse([&](const COperation& op, CRun& run, std::uint64_t qwFrom) {
+            if (op.IsOnce()) { // asks nobody
+                run.device.Reply(op.Reply());
+                return COutcome(qwFrom + 10, 0);
             }
-            op.TakeCommand(run.device);
             const std::uint64_t nEarlier = op.code == 17 ? 3 : op.bPolledAck ? 1 : 0;
             run.device.VanishAtQuestion(nEarlier + 1).Reply(op.Reply(nResult));
-            const std::uint64_t qwMs = op.WrittenMs() + op.AckMs() + 10;
-            if (op.code == 7) { // the folder's end needs no more of the device
-                return COutcome(qwMs, 0);
+            if (nResult != 0 || op.code == 7) {
+                return COutcome(qwFrom + 10, 0);
             }
-            const DWORD dwFolder = op.code == 25 ? DAKERROR_FOLDER_SPACE : op.Gone();
-            return nResult != 0 ? COutcome(qwMs, 0)
-                                : COutcome(qwMs, dwFolder, ErrorOf(op, dwFolder));
-        });
-    }
-}
-
-TEST(Exchange, Results) {
-    for (const int nResult : {0, 2, -1}) {
-        SCOPED_TRACE(nResult);
-        ForEveryOperation([&](const COperation& op, CRun& run) -> std::optional<COutcome> {
-            if (op.eShape == NO_RESPONSE || op.code == 7 || op.code == 17 || op.code == 18) {
-                return {};
-            }
-            op.TakeCommand(run.device);
-            run.device.Reply(op.Reply(nResult));
-            const DWORD dwRefused = op.code == 25 ? DAKERROR_FOLDER_SPACE : DAKERROR_FAIL;
-            return COutcome(op.WrittenMs() + op.AckMs() + 10, nResult != 0 ? 0 : dwRefused);
+            const DWORD dwResult = op.bAvailability ? DAKERROR_NO_DEVICE : op.Refused();
+            return COutcome(qwFrom + 10, dwResult, op.code == 17 ? op.Error() : dwResult);
         });
     }
 }
