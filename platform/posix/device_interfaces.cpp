@@ -30,6 +30,10 @@ HANDLE TakeInterfaces(const GUID& classGuid) {
         SetLastErrorFromErrno(errno);
         return nullptr;
     }
+    // A device that comes back while a node of its earlier attachment is open here counts as gone
+    // until that is closed: whoever waits on that node waits in vain.
+    std::erase_if(
+        names, [&](const std::string& strName) { return IsDeviceLost(strFolder + "/" + strName); });
     for (std::string& strName : names) {
         strName.insert(0, 1, '/').insert(0, strFolder).insert(0, DEVICE_PATH_MARK);
     }

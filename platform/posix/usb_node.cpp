@@ -14,9 +14,11 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 namespace platform::posix {
@@ -29,14 +31,18 @@ namespace {
 // inside the next transfer, ahead of anything new: so at most one transfer and one unlink are ever
 // open, and neither what is queued here nor what is kept can grow.
 //
-// The device is not trusted. Whatever it says against the protocol breaks the node for good: every
-// transfer fails until the node is opened anew.
+// The device is not trusted. Whatever it says against the protocol breaks the node for good, as the
+// end of the connection does: every transfer fails, and the device counts as gone for this process,
+// until the node is closed.
 class CUsbNode final : public CObject {
   public:
-    explicit CUsbNode(CDescriptor socket);
+    CUsbNode(CDescriptor socket, const char* lpszSocketPath);
 
     BOOL Read(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override;
     BOOL Write(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override;
+    bool HasLostDevice(const std::string& strPath) const noexcept override {
+        return m_bBroken && m_strPath == strPath;
+    }
 
   private:
     // What the device has been asked for and has not answered.
@@ -78,7 +84,8 @@ class CUsbNode final : public CObject {
     std::size_t InCount() const { return m_nInEnd - m_nInBegin; }
 
     CPrivateDescriptor m_socket;
-    bool m_bBroken = false;
+    const std::string m_strPath;
+    std::atomic<bool> m_bBroken = false;
     bool m_bImportOpen = true;
     DWORD m_dwLastSeqnum = 0;
     CTransfer m_transfer;
@@ -99,7 +106,8 @@ class CUsbNode final : public CObject {
     std::size_t m_nKeptTaken = 0;
 };
 
-CUsbNode::CUsbNode(CDescriptor socket) : m_socket(std::move(socket)) {
+CUsbNode::CUsbNode(CDescriptor socket, const char* lpszSocketPath)
+    : m_socket(std::move(socket)), m_strPath(lpszSocketPath) {
     BYTE request[usbip::OP_REQ_IMPORT_SIZE] = {};
     usbip::PutU16(request + usbip::OP_OFFSET_VERSION, usbip::VERSION);
     usbip::PutU16(request + usbip::OP_OFFSET_CODE, usbip::OP_REQ_IMPORT);
@@ -489,7 +497,7 @@ HANDLE OpenUsbNode(const char* lpszSocketPath) {
     // Room for the largest package as a whole, as far as the system allows.
     const int nBufferSize = 1 << 20;
     ::setsockopt(connection.Get(), SOL_SOCKET, SO_SNDBUF, &nBufferSize, sizeof(nBufferSize));
-    return AddHandle(std::make_shared<CUsbNode>(std::move(connection)));
+    return AddHandle(std::make_shared<CUsbNode>(std::move(connection), lpszSocketPath));
 }
 
 } // namespace platform::posix
