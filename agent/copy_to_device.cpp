@@ -44,6 +44,7 @@ class CFileSink final : public CStreamSink {
     std::u16string m_strName;
     bool m_bHalfUnit = false; // m_fixed[0] holds the low byte of a character
     std::uint32_t m_dwFilesLeft = 0;
+    std::uint32_t m_nFilesDone = 0;
 
     std::uint64_t m_qwSize = 0;
     std::uint64_t m_qwLeft = 0;
@@ -175,6 +176,7 @@ void CFileSink::EndFile() {
         return;
     }
     --m_dwFilesLeft;
+    ++m_nFilesDone;
     NextRecord();
 }
 
@@ -190,6 +192,7 @@ std::int32_t CFileSink::End() {
     if (!bBetween) {
         Fail(EResult::REFUSED, "the stream ends within a record");
     }
+    m_device.Log("copy to the device: " + std::to_string(m_nFilesDone) + " files");
     Close();
     return m_nResult;
 }

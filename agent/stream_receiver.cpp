@@ -111,10 +111,9 @@ void CStreamReceiver::Take(std::span<const std::uint8_t> package, COutbox& outbo
     if (++m_nHeld == 1) {
         NoteFirst(package);
     }
-    if (wCommand == DAK_ABORT && !m_bAborted) {
+    if (wCommand == DAK_ABORT) {
         m_bAborted = true;
         m_window.clear();
-        m_pSink->GiveUp(0);
     }
     Keep(package);
 

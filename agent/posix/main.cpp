@@ -77,6 +77,9 @@ agent::CFd OpenStopSignals() {
 
 int Serve(const CArguments& arguments) {
     std::string strError;
+    // A reader of our lines that goes, and a limit on a file's size, are results and no end.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     const agent::CFd fdStop = OpenStopSignals();
     const std::unique_ptr<agent::CDevice> pDevice =
         agent::CAttachment::JudgeName(arguments.strName, strError)

@@ -9,6 +9,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -47,20 +48,21 @@ CPartJournal::CPartJournal(int fdRoot) : m_fdRoot(fdRoot) {
 }
 
 // Another agent that starts just now may take the fresh file for one that is left over, until the
-// lock is on it: the file must still have its name behind the lock.
+// lock is on it: the file must still have its name behind the lock. The other removes it at once.
 bool CPartJournal::Make() {
     for (int nTry = 0; nTry < 10; ++nTry) {
         CFd fd(::openat(m_fdRoot, m_strName.c_str(),
                         O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        if (!fd) {
+        if (!fd && errno != EEXIST) {
             return false;
         }
         struct stat status {};
-        if (LockWhole(fd.Get()) && ::fstat(fd.Get(), &status) == 0 && status.st_nlink > 0) {
+        if (fd && LockWhole(fd.Get()) && ::fstat(fd.Get(), &status) == 0 && status.st_nlink > 0) {
             m_fd = std::move(fd);
             m_strFolder.clear();
             return true;
         }
+        ::sched_yield();
     }
     errno = EBUSY;
     return false;

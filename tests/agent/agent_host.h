@@ -68,11 +68,14 @@ inline Bytes Text(std::u16string_view strText) {
 }
 
 inline Bytes Content(std::size_t dwSize, std::uint32_t dwSeed = 1) {
-    Bytes bytes(dwSize);
-    std::mt19937 random(dwSeed);
-    for (std::uint8_t& byNext : bytes) {
-        byNext = static_cast<std::uint8_t>(random());
+    Bytes bytes(dwSize + 8);
+    std::mt19937_64 random(dwSeed);
+    for (std::size_t i = 0; i < dwSize; i += 8) {
+        const std::uint64_t qwNext = random();
+        DakPutU32(bytes.data() + i, static_cast<std::uint32_t>(qwNext));
+        DakPutU32(bytes.data() + i + 4, static_cast<std::uint32_t>(qwNext >> 32));
     }
+    bytes.resize(dwSize);
     return bytes;
 }
 

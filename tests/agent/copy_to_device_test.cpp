@@ -206,6 +206,33 @@ TEST(CopyToDevice, LostOrDoubledPackageNeverShiftsTheContents) {
     }
 }
 
+// The pipe loses a confirmation: both wait, the agent's patience ends first, and the host repeats a
+// window that is in the file already.
+TEST(CopyToDevice, LostConfirmationDoesNotDoubleItsWindow) {
+    const CFileRecord file = FileOfPackages(120);
+    const std::vector<Bytes> packages = Packages(Stream({file}));
+    for (const std::size_t nEnd : std::initializer_list<std::size_t>{1, 51, 101}) {
+        CAgentHost host;
+        ASSERT_TRUE(host.OpenPush());
+        for (std::size_t i = 0; i < nEnd; ++i) {
+            host.Put(packages[i]);
+            if (i % 50 == 0) {
+                ASSERT_EQ(host.TakeWord(), DAK_SUCCESS); // the last of them never arrives
+            }
+        }
+        for (int nTimes = 0; nTimes < 2; ++nTimes) {
+            for (std::uint64_t i = 0; i < 3; ++i) {
+                host.Core().SetTime(*host.Core().NextDueMs());
+            }
+            ASSERT_EQ(host.TakeWord(), DAK_RETRANSMIT);
+            SendSilently(host, packages, nEnd == 1 ? 0 : nEnd - 50, nEnd);
+            ASSERT_EQ(host.TakeWord(), DAK_SUCCESS);
+        }
+        EXPECT_EQ(host.SendAll(packages, nEnd), 1);
+        EXPECT_EQ(host.ReadFile("d/a.txt"), file.data) << nEnd;
+    }
+}
+
 TEST(CopyToDevice, SlowHostIsNotHurried) {
     CAgentHost host;
     const CFileRecord file = FileOfPackages(60);
