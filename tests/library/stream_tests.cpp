@@ -347,6 +347,7 @@ TEST(Sender, Outcomes) {
         {"gone behind the answer", retransmit + VanishAt(2), GONE, false, strBreak, 1, 10},
         {"gone ahead of a pass", retransmit + VanishAt(3), GONE, false, strBreak, 1, 650},
         {"gone in a pass", retransmit + VanishAt(4), GONE, false, strBreak, 2, 650},
+        {"gone with the next answer", retransmit + VanishAt(5), GONE, false, strBreak, 2, 150},
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row.lpszName);
