@@ -5,6 +5,7 @@
 #include "link/device_connection.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace {
@@ -331,6 +332,28 @@ TEST_F(TransferJob, ObjectsShareTheLinkAndNothingElse) {
     EXPECT_EQ(other.ConnectDevice(), DAKERROR_NONE);
     EXPECT_EQ(world.NowMs(), MESSAGE_MS + READ_MS + LINK_UP_MS + READ_MS);
     ExpectEnd(DAKERROR_NONE, MESSAGE_MS);
+}
+
+// Both wait for an operation; the one that starts first makes the other a further job.
+TEST_F(TransferJob, OfTwoJobsThatWaitTheSecondIsRefused) {
+    CDAKVorn other;
+    std::array<DWORD, 2> results{};
+    std::uint64_t qwRefusedMs = 0;
+    ExpectEmptyPush();
+    const std::array threads = {
+        world.Spawn([&] { other.ConnectDevice(); }),
+        world.Spawn([&] { results[0] = Push(); }),
+        world.Spawn([&] {
+            results[1] = other.DAKTransmitFiles(DAK_TO_DEVICE, u"", u"", &list, nullptr);
+            qwRefusedMs = world.NowMs();
+        }),
+    };
+    for (const HANDLE hThread : threads) {
+        world.Join(hThread);
+    }
+    EXPECT_EQ(results, (std::array{DAKERROR_NONE, DAKERROR_BUSY}));
+    EXPECT_EQ(qwRefusedMs, 2 * LINK_UP_MS + READ_MS);
+    ExpectEnd(DAKERROR_NONE, LINK_UP_MS + READ_MS + MESSAGE_MS);
 }
 
 TEST_F(TransferJob, TheDrainEndsWithAFailedReadAndNotBeforeTheFourth) {
