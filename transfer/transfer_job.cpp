@@ -197,6 +197,8 @@ int CDAKVorn::CommitCopyMultiFiles(UINT nDirection, const WCHAR* lpSource, const
 // and there is nothing in the pipe to drain.
 void CDAKVorn::EndJob(bool bDrain) {
     g_IoBuf.DeinitIoBuf();
+    // No part file outlives its job; whatever bears such a name later is not ours to delete.
+    SetPathText(m_szPartPath, "");
     if (bDrain) {
         if (g_bAbortPending != FALSE) {
             SwallowAndAbort();
