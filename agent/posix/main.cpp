@@ -1,6 +1,7 @@
 // dak-agent: serves a folder as the file system of an attached device.
 #include <csignal>
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -103,9 +104,7 @@ int Serve(const CArguments& arguments) {
     return server.Run(fdStop.Get()) ? 0 : s_nExitFailed;
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
     CLI::App app("Serves a folder as the file system of an attached device.", "dak-agent");
     CArguments arguments;
     DeclareOptions(app, arguments);
@@ -129,4 +128,15 @@ int main(int argc, char** argv) {
         arguments.device.lpLog = LogLine;
     }
     return Serve(arguments);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "dak-agent: %s\n", error.what());
+        return s_nExitFailed;
+    }
 }
