@@ -92,6 +92,7 @@ TEST_F(CopyFromDevice, FoldersAreMadeAndFilesReplaced) {
     ExpectFile("D:/x/locked", {2});
     EXPECT_EQ(world.HostFiles("D:/x").size(), 5u);
     EXPECT_STREQ(Access::m_szSourcePath(*dak), "\\d\\locked");
+    EXPECT_STREQ(Access::m_szDestPath(*dak), "D:\\x\\locked");
     EXPECT_TRUE(world.Trace({"file delete"}).empty()); // each was replaced in one step
 }
 
@@ -265,7 +266,9 @@ TEST_F(CopyFromDevice, AHostThatFailsLeavesTheOldFile) {
         one.bStops ? RunStoppedStream(stream, one.dwErrCode) : RunStream(stream, one.dwErrCode);
         ExpectOldFile();
     }
-    // A destination that is not there, and one that the host's code page does not have.
+    // A destination that is not there, and one that the host's code page does not have, not even
+    // where a folder has the name that comes out.
+    world.MakeHostFolder("C:/\xEF\xBF\xBD");
     for (const WCHAR* lpDest : {u"C:\\t", u"C:\\\xD800"}) {
         device.ExpectCommand(8, Bytes{0}, Text(u"\\d"), Text(lpDest), U32(0)).Reply(Ack());
         GiveStream(Stream(Record(u"a.bin", {1})));
@@ -324,6 +327,10 @@ TEST_F(CopyFromDevice, RoomIsAskedForEachFile) {
         }
         EXPECT_EQ(world.HostFiles("C:/s").size(), bWritten || one.qwOldSize != 0 ? 1u : 0u);
     }
+    // Where the room was short, no later failure says otherwise.
+    world.qwFreeBytes = SMALL;
+    world.FailCall(sim::ECall::MoveFileExA, 1);
+    RunStream(Stream(Record(u"a.bin", sim::Pattern(SMALL))), DAKERROR_NO_SPACE);
 }
 
 TEST_F(CopyFromDevice, ANameStaysBelowTheFolder) {
