@@ -42,7 +42,8 @@ class CWordLock {
         return true;
     }
     // The same unless refuse, which is asked ahead of every wait, says true: then false, without
-    // the lock. Whoever holds the lock and changes refuse's answer calls AskAgain.
+    // the lock. Whoever holds the lock and changes refuse's answer calls AskAgain;
+    // a waiter from whom another one's mark hides that asks again by itself.
     template <class TRefuse>
     bool EnterUnless(TRefuse&& refuse) {
         while (!TryEnter()) {
@@ -51,7 +52,7 @@ class CWordLock {
             if (refuse()) {
                 return false;
             }
-            platform::WaitOnAddress(&m_dwState, 2, INFINITE);
+            platform::WaitOnAddress(&m_dwState, 2, ASK_AGAIN_MS);
         }
         return true;
     }
@@ -70,6 +71,8 @@ class CWordLock {
     }
 
   private:
+    static constexpr DWORD ASK_AGAIN_MS = 100;
+
     DWORD m_dwState = 0; // 0 free, 1 held, 2 held and waited for
 };
 

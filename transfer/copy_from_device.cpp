@@ -377,6 +377,11 @@ bool CCopyFromDevice::ReceiveContents(FileRecord& record) {
             return false;
         }
         m_dwOffset = DAK_DATA_OFFSET;
+        if (m_bEnd == 0 && PackageRest(m_dwOffset, m_dwPackageBytes) == 0) {
+            // A device that goes on without sending bytes would hold the job for ever.
+            part.Close();
+            return GiveUpFile(record, DAKERROR_PROTOCOL);
+        }
         nOpenFlags |= CFile::modeNoTruncate;
     }
     part.Close();
