@@ -1,0 +1,151 @@
+// The command as a shell and a program see it: exit statuses, sentences, JSON, signals.
+#include "tests/end_to_end/processes.h"
+
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+
+#include <set>
+
+namespace end_to_end {
+namespace {
+
+using nlohmann::json;
+
+// What a verb with --json has said: the object and nothing else, in agreement with the exit status.
+json JsonOf(CProgram& program, const std::string& strVerb, int nExit) {
+    EXPECT_EQ(program.End(), nExit) << program.Output();
+    EXPECT_EQ(program.Errors(), "");
+    json object = json::parse(program.Output(), nullptr, false);
+    EXPECT_TRUE(object.is_object() && object["verb"] == strVerb && object["exit"] == nExit &&
+                object["message"] != "")
+        << program.Output();
+    return object;
+}
+
+json RunJson(CWorld& world, std::vector<std::string> arguments, int nExit) {
+    arguments.insert(arguments.begin() + 1, "--json");
+    return JsonOf(*world.Run(arguments), arguments[0], nExit);
+}
+
+TEST(Command, SaysHowItWent) {
+    CWorld world;
+    EXPECT_EQ(RunJson(world, {"status"}, 3)["result"], "no_device");
+    world.Write("host", {{"f", "f"}});
+    EXPECT_EQ(RunJson(world, {"push", "f", "/"}, 3)["result"], "no_device");
+    EXPECT_EQ(RunJson(world, {"pull", "/f", "made"}, 3)["result"], "no_device");
+    EXPECT_FALSE(fs::exists(world.Path("host/made")));
+    world.StartAgent();
+
+    const struct {
+        std::vector<std::string> arguments;
+        int nExit;
+        const char* lpszResult;
+    } cases[] = {
+        {{"status"}, 0, "ok"},
+        {{"mkdir", "/Docs"}, 0, "ok"},
+        {{"mkdir", "/Docs"}, 5, "failed"},
+        {{"mkdir", "/none/Docs"}, 5, "failed"},
+        {{"rm", "/Docs"}, 0, "ok"},
+        {{"rm", "/Docs"}, 5, "failed"},
+        {{"push", "none", "/Docs"}, 1, "nothing"},
+        {{"pull", "/f", "f"}, 8, "host"},
+        {{"rm", ""}, 2, "usage"},
+    };
+    for (const auto& [arguments, nExit, lpszResult] : cases) {
+        SCOPED_TRACE(arguments[0] + " " + arguments.back());
+        EXPECT_EQ(RunJson(world, arguments, nExit)["result"], lpszResult);
+    }
+    EXPECT_EQ(world.Exit({"fly"}), 2);
+    EXPECT_EQ(world.Exit({"push", "f"}), 2);
+
+    for (const int nExit : {0, 5}) {
+        const std::unique_ptr<CProgram> pQuiet = world.Run({"mkdir", "--quiet", "/Docs"});
+        EXPECT_EQ(pQuiet->End(), nExit);
+        EXPECT_EQ(pQuiet->Output(), "");
+        EXPECT_EQ(pQuiet->Errors().starts_with("dak: \\Docs: "), nExit != 0) << pQuiet->Errors();
+    }
+}
+
+TEST(Command, NamesWhatACopyCannotCarryAndCopiesTheRest) {
+    CWorld world;
+    world.StartAgent();
+    const TREE photos = {{"one.jpg", Content(50'000, 1)}, {"trip/two.jpg", "two"}};
+    world.Write("host/photos", photos);
+    fs::create_directory(world.Path("host/photos/nobody"));
+    fs::create_symlink("nowhere", world.Path("host/photos/dangling"));
+    ASSERT_EQ(::mkfifo(world.Path("host/photos/pipe").c_str(), 0600), 0);
+    world.Write("host/photos", {{"huge", ""}});
+    fs::resize_file(world.Path("host/photos/huge"), std::uintmax_t{1} << 32);
+
+    const json push = RunJson(world, {"push", "photos", "absent", "/Docs"}, 1);
+    EXPECT_EQ(push["result"], "partial");
+    EXPECT_EQ(push["files_arrived"], 2);
+    EXPECT_EQ(push["bytes_arrived"], 50'003);
+    EXPECT_EQ(push["empty_folders"], json::array({"photos/nobody"}));
+    std::set<std::string> leftOut;
+    for (const json& entry : push["left_out"]) {
+        leftOut.insert(entry["path"]);
+    }
+    EXPECT_EQ(leftOut,
+              (std::set<std::string>{"absent", "photos/dangling", "photos/huge", "photos/pipe"}));
+    EXPECT_TRUE(ReadTree(world.Path("device/Docs/photos")) == photos);
+
+    // The destination is made, and what the device does not have is named.
+    const std::unique_ptr<CProgram> pPull =
+        world.Run({"pull", "--quiet", "/Docs/photos", "/Docs/absent", "back/to"});
+    EXPECT_EQ(pPull->End(), 1);
+    EXPECT_TRUE(pPull->Says("\\Docs\\absent") && !pPull->Says("photos")) << pPull->Errors();
+    EXPECT_TRUE(ReadTree(world.Path("host/back/to/photos")) == photos);
+}
+
+// What is said to have arrived has, whole; what is not there whole is not there at all.
+class Cancel : public testing::TestWithParam<bool> {};
+
+TEST_P(Cancel, InterruptedItSaysWhatArrived) {
+    const bool bPush = GetParam();
+    CWorld world;
+    world.StartAgent();
+    TREE tree;
+    for (unsigned i = 0; i < 60; ++i) {
+        tree[std::to_string(10 + i)] = Content(400'000, i);
+    }
+    world.Write(bPush ? "host/Docs" : "device/Docs", tree);
+    const std::string strTarget = world.Path(bPush ? "device/Docs" : "host/Docs");
+    const std::unique_ptr<CProgram> pCopy = world.Start(
+        {bPush ? "push" : "pull", "--json", bPush ? "Docs" : "/Docs", bPush ? "/" : "."});
+    ASSERT_TRUE(Eventually([&] { return fs::exists(strTarget + "/12"); }));
+    pCopy->Signal(SIGINT);
+    const json said = JsonOf(*pCopy, bPush ? "push" : "pull", 130);
+    ASSERT_EQ(said["result"], "cancelled");
+
+    EXPECT_EQ(world.Exit({"status"}), 0);
+    const TREE there = ReadTree(strTarget);
+    for (const auto& [strName, strBytes] : there) {
+        EXPECT_TRUE(tree.contains(strName) && tree[strName] == strBytes) << strName;
+    }
+    EXPECT_LT(there.size(), tree.size());
+    std::set<std::string> named;
+    if (bPush) {
+        // Files behind the device's last confirmation may have arrived as well.
+        EXPECT_LE(said["files_arrived"], there.size());
+        for (const json& path : said["unconfirmed"]) {
+            named.insert(fs::path(path).filename());
+        }
+        for (const auto& [strName, strBytes] : tree) {
+            EXPECT_TRUE(there.contains(strName) || named.contains(strName)) << strName;
+        }
+    } else {
+        EXPECT_EQ(said["files_arrived"], there.size());
+        for (const json& file : said["arrived"]) {
+            named.insert(fs::path(file["path"]).filename());
+        }
+        for (const auto& [strName, strBytes] : there) {
+            EXPECT_TRUE(named.contains(strName)) << strName;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, Cancel, testing::Bool(), testing::PrintToStringParamName());
+
+} // namespace
+} // namespace end_to_end
