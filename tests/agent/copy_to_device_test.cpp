@@ -372,6 +372,11 @@ TEST(CopyToDevice, ReplacesAndKeepsPermissions) {
 }
 
 TEST(CopyToDevice, RefusedPathsMakeNothing) {
+    std::u16string deep; // a name too long for a record, of components that would all do
+    while (deep.size() < DAK_MAX_NAME) {
+        deep += u"n\\";
+    }
+    deep += u"n";
     const CFileRecord targets[] = {
         {u"..\\a", {1}},
         {u"x\\..\\..\\a", {1}},
@@ -390,6 +395,7 @@ TEST(CopyToDevice, RefusedPathsMakeNothing) {
         {std::u16string(1, 0xD800), {1}},
         {std::u16string(300, u'n'), {1}},
         {std::u16string(259, u'n'), {1}}, // longer than the file system allows
+        {deep, {1}},
     };
     CAgentHost host;
     host.WriteFile("d/ro.txt", s_old);
