@@ -53,13 +53,13 @@ class CCopyOver {
             NEW_BYTES * static_cast<unsigned>(nMoment) / static_cast<unsigned>(MOMENTS - 1);
         EXPECT_TRUE(Eventually([&] { return Arrived() >= qwWanted || !m_pCopy->IsRunning(); }));
         if (nMoment == 0) {
-            Pause(70 *
-                  static_cast<int>(eTrouble)); // from the start of the process to its first bytes
+            // Between the start of the process and its first bytes.
+            Pause(70 * static_cast<int>(eTrouble));
         }
         Make(eTrouble);
         const bool bMixed = ExpectWholeFiles();
         if (eTrouble == Trouble::AgentStopped) {
-            ExpectCancel(nMoment > 0 && nMoment < MOMENTS - 1);
+            ExpectCancel(nMoment > 0 && nMoment <= MOMENTS / 2);
             m_world.Agent().Signal(SIGCONT);
         } else if (eTrouble == Trouble::AgentKilled || eTrouble == Trouble::AgentReplaced) {
             ExpectLoss();
@@ -127,10 +127,12 @@ class CCopyOver {
             << m_pCopy->Errors();
     }
 
-    // A cancel needs no device, and neither does any later operation.
+    // A cancel needs no device, and neither does any later operation. Where the device had said
+    // that all is there, the copy is done.
     void ExpectCancel(bool bInTheMiddle) {
         Pause(200);
         const int nExit = m_pCopy->End(SIGINT);
+        EXPECT_TRUE(nExit != 0 || ReadTree(Target()) == g_newTree);
         if (bInTheMiddle) {
             EXPECT_EQ(nExit, 130) << m_pCopy->Errors();
             EXPECT_TRUE(m_pCopy->Says("cancelled")) << m_pCopy->Errors();

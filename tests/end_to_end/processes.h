@@ -87,6 +87,7 @@ class CProgram {
         const int nOutput = ::open((m_strOutput + ".out").c_str(), nFlags, 0600);
         const int nErrors = ::open((m_strOutput + ".err").c_str(), nFlags, 0600);
         m_nPid = ::fork();
+        EXPECT_NE(m_nPid, -1) << "no process";
         if (m_nPid == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL); // nothing outlives a test that is killed
             ::dup2(nOutput, STDOUT_FILENO);
@@ -101,7 +102,7 @@ class CProgram {
     }
     ~CProgram() {
         if (IsRunning()) {
-            Signal(SIGKILL);
+            ::kill(m_nPid, SIGKILL);
             ::waitpid(m_nPid, nullptr, 0);
         }
     }
@@ -122,15 +123,18 @@ class CProgram {
         return m_nPid > 0;
     }
 
-    void Signal(int nSignal) const { ::kill(m_nPid, nSignal); }
+    // To a program that has ended, nothing: its number may be another's by now.
+    void Signal(int nSignal) {
+        if (IsRunning()) {
+            ::kill(m_nPid, nSignal);
+        }
+    }
 
     // Sends the signal (0: none) and waits for the end: the exit status, or the signal that ended
     // it with a minus. A program that does not end in time, or that a sanitizer found fault with,
     // fails the test.
     int End(int nSignal = 0) {
-        if (IsRunning()) {
-            Signal(nSignal);
-        }
+        Signal(nSignal);
         if (!Eventually([this] { return !IsRunning(); })) {
             ADD_FAILURE() << "it hangs: " << Errors();
             return End(SIGKILL);
