@@ -494,8 +494,8 @@ HANDLE OpenUsbNode(const char* lpszSocketPath) {
     if (!ConnectTo(connection.Get(), lpszSocketPath)) {
         return nullptr;
     }
-    // Room for the largest package as a whole, as far as the system allows.
-    const int nBufferSize = 1 << 20;
+    // Room for many of the library's packages, so that each leaves as a whole at once.
+    const int nBufferSize = 256 << 10;
     ::setsockopt(connection.Get(), SOL_SOCKET, SO_SNDBUF, &nBufferSize, sizeof(nBufferSize));
     return AddHandle(std::make_shared<CUsbNode>(std::move(connection), lpszSocketPath));
 }

@@ -60,20 +60,27 @@ class CTask {
     bool EndsWithin(DWORD dwMs) const {
         return WaitForSingleObject(m_hThread, dwMs) == WAIT_OBJECT_0;
     }
-    // Whether it is found blocked, and ends when it is stopped.
-    bool IsStoppedWhileBlocked() const {
+    // Whether it is found blocked, and ends when it is stopped. A thread that runs has begun then.
+    bool IsStoppedWhileBlocked(bool bSuspended = false) {
+        while (!bSuspended && std::atomic_ref<DWORD>(m_dwBegun).load() == 0) {
+            platform::WaitOnAddress(&m_dwBegun, 0, AT_ONCE_MS);
+        }
         platform::Sleep(SETTLE_MS);
         return !EndsWithin(0) && TerminateThread(m_hThread, 0) != FALSE && EndsWithin(0);
     }
 
   private:
     static DWORD Run(void* lpTask) {
-        static_cast<CTask*>(lpTask)->m_body();
+        auto* pTask = static_cast<CTask*>(lpTask);
+        std::atomic_ref<DWORD>(pTask->m_dwBegun).store(1);
+        platform::WakeByAddressAll(&pTask->m_dwBegun);
+        pTask->m_body();
         return 1;
     }
 
     std::function<void()> m_body;
-    HANDLE m_hThread;
+    DWORD m_dwBegun = 0;
+    HANDLE m_hThread; // last: the thread uses the others
 };
 
 std::string InFolder(const std::string& strName) {
@@ -176,11 +183,11 @@ TEST(Handles, TheErrorNumberIsTheThreadsOwn) {
 TEST(Threads, AWaitEndsWithTheThreadOrAtItsTimeOut) {
     contract::InWorld([] {
         int nResult = 0;
+        const std::uint64_t qwStart = contract::NowMs();
         CTask task([&] {
             platform::Sleep(200);
             nResult = 7;
         });
-        const std::uint64_t qwStart = contract::NowMs();
         EXPECT_EQ(WaitForSingleObject(task.Handle(), 0), WAIT_TIMEOUT);
         EXPECT_EQ(WaitForSingleObject(task.Handle(), 30), WAIT_TIMEOUT);
         EXPECT_GE(contract::NowMs() - qwStart, 30U);
@@ -223,7 +230,7 @@ TEST(Threads, ASuspendedOneRunsWhenItIsResumedAndNotBefore) {
 
         bRan = false;
         CTask stopped([&] { bRan = true; }, CREATE_SUSPENDED);
-        EXPECT_TRUE(stopped.IsStoppedWhileBlocked());
+        EXPECT_TRUE(stopped.IsStoppedWhileBlocked(true));
         EXPECT_FALSE(bRan);
         EXPECT_EQ(platform::ResumeThread(stopped.Handle()), 0xFFFFFFFF);
     });

@@ -4,10 +4,13 @@
 #include "platform/posix/usbip.h"
 #include "tests/platform/posix_test_tools.h"
 
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -63,6 +66,18 @@ class CPeer {
             nAll += static_cast<std::size_t>(nTaken);
         }
         return nAll;
+    }
+    // Whether so many bytes of the host's lie in the socket, or soon do.
+    bool Has(std::size_t nSize) const {
+        int nThere = 0;
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_EQ(::ioctl(m_nSocket, FIONREAD, &nThere), 0);
+            if (static_cast<std::size_t>(nThere) >= nSize) {
+                return true;
+            }
+            platform::Sleep(2);
+        }
+        return false;
     }
     // Waits until the host has closed its end, with nothing more sent.
     bool HasBeenLeft() {
@@ -276,6 +291,47 @@ TEST(PosixNode, APackageThatIsHalfOutIsFinishedFirst) {
     EXPECT_EQ(next.Count(), 20U);
 }
 
+// Writes that the peer answers without reading them, until the socket has no room for one: that one
+// is left blocked. Returns its number.
+std::uint32_t FillSocket(CPeer& peer, const Bytes& package, std::unique_ptr<CTransfer>& pBlocked) {
+    const auto dwSize = static_cast<DWORD>(package.size());
+    std::size_t nExpected = 0;
+    for (std::uint32_t dwSeqnum = 1;; ++dwSeqnum) {
+        pBlocked = std::make_unique<CTransfer>(peer.Node(), dwSize, package.data());
+        nExpected += usbip::HEADER_SIZE + package.size();
+        if (!peer.Has(nExpected)) {
+            return dwSeqnum;
+        }
+        peer.Send(CPeer::Answer(usbip::RET_SUBMIT, dwSeqnum, 0, dwSize));
+        EXPECT_TRUE(pBlocked->Succeeds());
+    }
+}
+
+TEST(PosixNode, APackageThatHasNotBegunToLeaveIsTakenBackWhole) {
+    CPeer peer;
+    peer.Import();
+    const Bytes package(12288, 0xCD);
+    std::unique_ptr<CTransfer> pBlocked;
+    const std::uint32_t dwBlocked = FillSocket(peer, package, pBlocked);
+    EXPECT_TRUE(pBlocked->IsStopped());
+    EXPECT_EQ(peer.TakeAllThatIsThere(), (dwBlocked - 1) * (usbip::HEADER_SIZE + 12288));
+    // There is nothing to unlink and nothing to wait for.
+    CTransfer next(peer.Node(), 8);
+    peer.ExpectSubmit(dwBlocked + 1, usbip::DIRECTION_IN, 8);
+    peer.Send(CPeer::Brings(dwBlocked + 1, {7}));
+    EXPECT_TRUE(next.Succeeds());
+}
+
+TEST(PosixNode, APackageIsNotAnsweredBeforeItHasLeft) {
+    CPeer peer;
+    peer.Import();
+    const Bytes package(12288, 0xCD);
+    std::unique_ptr<CTransfer> pBlocked;
+    const std::uint32_t dwBlocked = FillSocket(peer, package, pBlocked);
+    peer.Send(CPeer::Answer(usbip::RET_SUBMIT, dwBlocked, 0, 12288));
+    EXPECT_TRUE(pBlocked->Fails());
+}
+
 TEST(PosixNode, ARefusedTransferLeavesThePipeUsable) {
     CPeer peer;
     peer.Import();
@@ -296,43 +352,46 @@ TEST(PosixNode, ARefusedTransferLeavesThePipeUsable) {
 
 TEST(PosixNode, WhatIsAgainstTheProtocolBreaksItForGood) {
     const Bytes reply = CPeer::ImportReply();
-    const auto after = [&](const Bytes& bytes) {
-        Bytes all = reply;
-        all.insert(all.end(), bytes.begin(), bytes.end());
-        return all;
-    };
     const Bytes sound = CPeer::Brings(1, {1, 2, 3});
-    const Bytes followed = [&] {
-        Bytes all = sound;
-        all.resize(all.size() + usbip::HEADER_SIZE, 0xFF);
-        return all;
-    }();
+    Bytes followed = sound;
+    followed.resize(followed.size() + usbip::HEADER_SIZE, 0xFF);
+    Bytes early = reply;
+    early.insert(early.end(), sound.begin(), sound.end());
+    // Said in the place of the import's reply, or in that of the answer to a read of 100 bytes.
+    enum class When { AtTheImport, AtTheRead };
+    using enum When;
     const struct {
         const char* lpszWhat;
+        When when;
         Bytes bytes;
         bool bHangUp;
     } rows[] = {
-        {"nothing", {}, true},
-        {"half an import", Bytes(reply.begin(), reply.begin() + 100), true},
-        {"another version", CPeer::ImportReply(0x0100), false},
-        {"another code", CPeer::ImportReply(usbip::VERSION, 0x0005), false},
-        {"a refusal", Bytes{0x01, 0x11, 0x00, 0x03, 0, 0, 0, 1}, false},
-        {"text", Bytes(400, 'a'), false},
-        {"no answer", after({}), true},
-        {"half a header", after(Bytes(sound.begin(), sound.begin() + 20)), true},
-        {"half the bytes", after(Bytes(sound.begin(), sound.end() - 1)), true},
-        {"an unknown command", after(CPeer::Answer(9, 1, 0)), false},
-        {"a command for devices", after(CPeer::Answer(usbip::CMD_SUBMIT, 1, 0)), false},
-        {"another's answer", after(CPeer::Brings(2, {1})), false},
-        {"more than was asked for", after(CPeer::Answer(usbip::RET_SUBMIT, 1, 0, 101)), false},
-        {"an absurd length", after(CPeer::Answer(usbip::RET_SUBMIT, 1, 0, 0xFFFFFFFF)), false},
-        {"an unlink of nothing", after(CPeer::Answer(usbip::RET_UNLINK, 1, 0)), false},
-        {"garbage behind the answer", after(followed), false},
+        {"no reply", AtTheImport, {}, true},
+        {"half an import", AtTheImport, Bytes(reply.begin(), reply.begin() + 100), true},
+        {"another version", AtTheImport, CPeer::ImportReply(0x0100), false},
+        {"another code", AtTheImport, CPeer::ImportReply(usbip::VERSION, 0x0005), false},
+        {"a refusal", AtTheImport, Bytes{0x01, 0x11, 0x00, 0x03, 0, 0, 0, 1}, false},
+        {"an answer ahead of its question", AtTheImport, early, false},
+        {"text", AtTheImport, Bytes(400, 'a'), false},
+        {"no answer", AtTheRead, {}, true},
+        {"half a header", AtTheRead, Bytes(sound.begin(), sound.begin() + 20), true},
+        {"half the bytes", AtTheRead, Bytes(sound.begin(), sound.end() - 1), true},
+        {"an unknown command", AtTheRead, CPeer::Answer(9, 1, 0), false},
+        {"a command for devices", AtTheRead, CPeer::Answer(usbip::CMD_SUBMIT, 1, 0), false},
+        {"another's answer", AtTheRead, CPeer::Brings(2, {1}), false},
+        {"more than was asked for", AtTheRead, CPeer::Answer(usbip::RET_SUBMIT, 1, 0, 101), false},
+        {"an absurd length", AtTheRead, CPeer::Answer(usbip::RET_SUBMIT, 1, 0, 0xFFFFFFFF), false},
+        {"an unlink of nothing", AtTheRead, CPeer::Answer(usbip::RET_UNLINK, 1, 0), false},
+        {"garbage behind the answer", AtTheRead, followed, false},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.lpszWhat);
         CPeer peer;
         CTransfer read(peer.Node(), 100);
+        if (row.when == AtTheRead) {
+            peer.Import();
+            peer.ExpectSubmit(1, usbip::DIRECTION_IN, 100);
+        }
         peer.Send(row.bytes);
         if (row.bHangUp) {
             peer.HangUp();
@@ -383,6 +442,30 @@ TEST(PosixNode, ASilentPeerHoldsNothingUp) {
         CTransfer write(peer.Node(), 12288, package.data());
         EXPECT_TRUE(write.IsStopped());
     }
+}
+
+TEST(PosixNode, WaitingCostsNoProcessorTime) {
+    const auto usedMs = [] {
+        timespec used{};
+        ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+        return used.tv_sec * 1000 + used.tv_nsec / 1000000;
+    };
+    CPeer peer;
+    // What a stop has left behind must not keep the next waits awake, nor an answer that has only
+    // begun.
+    const Bytes package(usbip::MAX_TRANSFER);
+    for (int i = 0; i < 3; ++i) {
+        CTransfer stopped(peer.Node(), 100);
+        EXPECT_TRUE(stopped.IsStopped());
+    }
+    peer.Import();
+    peer.Send({0, 0, 0});
+    const auto nBefore = usedMs();
+    CTransfer read(peer.Node(), 100);
+    EXPECT_TRUE(read.IsStopped(300));
+    CTransfer write(peer.Node(), usbip::MAX_TRANSFER, package.data());
+    EXPECT_TRUE(write.IsStopped(300));
+    EXPECT_LT(usedMs() - nBefore, 60);
 }
 
 TEST(PosixNode, OpeningNeverWaits) {
