@@ -7,10 +7,10 @@
 #include <cstring>
 #include <utility>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "agent/posix/directory.h"
 #include "agent/posix/part_file.h"
 #include "agent/posix/part_journal.h"
 #include "agent/posix/quota.h"
@@ -55,38 +55,6 @@ class CPosixSourceFile final : public CSourceFile {
   private:
     CFd m_fd;
     std::uint64_t m_qwIdentity;
-};
-
-class CDirectory {
-  public:
-    explicit CDirectory(CFd fd) : m_pDir(fd ? ::fdopendir(fd.Get()) : nullptr) {
-        if (m_pDir) {
-            fd.Release();
-        }
-    }
-    ~CDirectory() {
-        if (m_pDir) {
-            ::closedir(m_pDir);
-        }
-    }
-    CDirectory(const CDirectory&) = delete;
-    CDirectory& operator=(const CDirectory&) = delete;
-
-    bool Open() const { return m_pDir != nullptr; }
-    int Fd() const { return ::dirfd(m_pDir); }
-
-    // Null at the end.
-    const dirent* Next() {
-        while (const dirent* pEntry = ::readdir(m_pDir)) {
-            if (std::strcmp(pEntry->d_name, ".") != 0 && std::strcmp(pEntry->d_name, "..") != 0) {
-                return pEntry;
-            }
-        }
-        return nullptr;
-    }
-
-  private:
-    DIR* m_pDir;
 };
 
 // Opening for reading without waiting for the other end of a pipe or becoming a terminal's owner.
