@@ -45,8 +45,9 @@ DWORD GetFileSize(HANDLE hFile, DWORD* lpFileSizeHigh);
 BOOL GetFileTime(HANDLE hFile, FILETIME* lpCreationTime, FILETIME* lpLastAccessTime,
                  FILETIME* lpLastWriteTime);
 
-// Sets the times whose pointers are not null. The handle was opened for writing. A creation time
-// that the file system cannot keep is no failure.
+// Sets the times whose pointers are not null; a time of zero leaves that one as it is, and one
+// beyond 0x7FFFFFFFFFFFFFFF is refused. The handle was opened for writing. A creation time that the
+// file system cannot keep is no failure.
 BOOL SetFileTime(HANDLE hFile, const FILETIME* lpCreationTime, const FILETIME* lpLastAccessTime,
                  const FILETIME* lpLastWriteTime);
 

@@ -639,6 +639,14 @@ TEST(Files, KeepTheTimesTheyAreGiven) {
         EXPECT_TRUE(platform::GetFileTime(hFile, &ftCreated, nullptr, &ftWritten));
         EXPECT_EQ(number(ftCreated), number(ftNew));
         EXPECT_EQ(number(ftWritten), times[4]);
+        // A time of zero leaves that time alone; one beyond the last is no time.
+        const FILETIME zero{};
+        const FILETIME beyond{0, 0x80000000};
+        EXPECT_TRUE(platform::SetFileTime(hFile, &zero, &zero, &zero));
+        EXPECT_FALSE(platform::SetFileTime(hFile, &ftNew, nullptr, &beyond));
+        EXPECT_TRUE(platform::GetFileTime(hFile, &ftCreated, nullptr, &ftWritten));
+        EXPECT_EQ(number(ftCreated), number(ftNew));
+        EXPECT_EQ(number(ftWritten), times[4]);
         CloseHandle(hFile);
     });
 }

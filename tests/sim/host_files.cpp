@@ -495,8 +495,13 @@ BOOL SetFileTime(HANDLE hFile, const FILETIME* lpCreationTime, const FILETIME* l
     if ((pFile->m_dwAccess & GENERIC_WRITE) == 0) {
         return FailWith(ERROR_ACCESS_DENIED);
     }
+    for (const FILETIME* const lpTime : {lpCreationTime, lpLastAccessTime, lpLastWriteTime}) {
+        if (lpTime != nullptr && (lpTime->dwHighDateTime & 0x80000000) != 0) {
+            return FailWith(ERROR_INVALID_PARAMETER);
+        }
+    }
     const auto take = [](FILETIME& time, const FILETIME* lpTime) {
-        if (lpTime != nullptr) {
+        if (lpTime != nullptr && (lpTime->dwLowDateTime | lpTime->dwHighDateTime) != 0) {
             time = *lpTime;
         }
     };
