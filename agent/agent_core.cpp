@@ -1,5 +1,6 @@
 #include "agent/agent_core.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "agent/device.h"
@@ -16,6 +17,9 @@ static constexpr std::uint32_t s_dwAgentVersion = DAK_PROTOCOL_VERSION + 1;
 // The longest chained command, all pieces together.
 static constexpr std::size_t s_dwMaxCommand = std::size_t{16} << 20;
 
+// Work in the background leaves the host as much time as it takes itself.
+static constexpr std::uint64_t s_qwWorkEveryMs = 10;
+
 class CAgentCore::CState {
   public:
     explicit CState(CDevice& device) : m_device(device) {}
@@ -24,11 +28,14 @@ class CAgentCore::CState {
     void Prepare();
     void DropEnded();
     void GiveUp();
+    bool HasBackgroundWork() const { return m_device.Folder().HasWork(!m_pExchange); }
+    void WorkInBackground();
 
     CDevice& m_device;
     COutbox m_outbox;
     std::unique_ptr<CExchange> m_pExchange; // null between exchanges
     std::uint64_t m_qwNowMs = 0;
+    std::uint64_t m_qwWorkAtMs = 0; // when work in the background may go on
 
   private:
     bool TakeHandshake(std::span<const std::uint8_t> package);
@@ -148,6 +155,13 @@ void CAgentCore::CState::GiveUp() {
     m_bInChain = false;
 }
 
+void CAgentCore::CState::WorkInBackground() {
+    if (HasBackgroundWork() && m_qwNowMs >= m_qwWorkAtMs) {
+        m_device.Folder().Work(!m_pExchange);
+        m_qwWorkAtMs = m_qwNowMs + s_qwWorkEveryMs;
+    }
+}
+
 CAgentCore::CAgentCore(CDevice& device) : m_pState(std::make_unique<CState>(device)) {}
 
 CAgentCore::~CAgentCore() = default;
@@ -182,10 +196,18 @@ void CAgentCore::SetTime(std::uint64_t qwNowMs) {
         m_pState->m_pExchange->Tick(m_pState->m_outbox, qwNowMs);
         m_pState->DropEnded();
     }
+    m_pState->WorkInBackground();
 }
 
 std::optional<std::uint64_t> CAgentCore::NextDueMs() const {
-    return m_pState->m_pExchange ? m_pState->m_pExchange->DueMs(m_pState->m_qwNowMs) : std::nullopt;
+    std::optional<std::uint64_t> qwDueMs;
+    if (m_pState->m_pExchange) {
+        qwDueMs = m_pState->m_pExchange->DueMs(m_pState->m_qwNowMs);
+    }
+    if (m_pState->HasBackgroundWork()) {
+        qwDueMs = std::min(qwDueMs.value_or(m_pState->m_qwWorkAtMs), m_pState->m_qwWorkAtMs);
+    }
+    return qwDueMs;
 }
 
 void CAgentCore::HostGone() {

@@ -5,6 +5,7 @@ namespace agent {
 std::unique_ptr<CDevice> CDevice::Open(const CDeviceOptions& options, std::string& strError) {
     std::unique_ptr<CDevice> pDevice(new CDevice);
     pDevice->m_lpLog = options.lpLog;
+    pDevice->m_bAllowFormat = options.bAllowFormat;
     pDevice->m_pFolder = CDeviceFolder::Open(options.strRoot, options.lpLog, strError);
     if (!pDevice->m_pFolder) {
         return nullptr;

@@ -22,6 +22,7 @@ struct CDeviceOptions {
     std::vector<CStorageOption> storages;
     std::optional<std::uint64_t> qwQuota;          // bytes
     std::function<void(const std::string&)> lpLog; // one line each, without its end; may be empty
+    bool bAllowFormat = false;
 };
 
 class CDevice {
@@ -30,6 +31,7 @@ class CDevice {
     static std::unique_ptr<CDevice> Open(const CDeviceOptions& options, std::string& strError);
 
     CDeviceFolder& Folder() { return *m_pFolder; }
+    bool AllowsFormat() const { return m_bAllowFormat; }
     void Log(const std::string& strLine) const;
 
   private:
@@ -37,6 +39,7 @@ class CDevice {
 
     std::unique_ptr<CDeviceFolder> m_pFolder;
     std::function<void(const std::string&)> m_lpLog;
+    bool m_bAllowFormat = false;
 };
 
 } // namespace agent

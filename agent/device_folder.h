@@ -38,6 +38,15 @@ struct CEntryInfo {
     CFileTimes times;
 };
 
+// Bytes.
+struct CSpace {
+    std::uint64_t qwTotal = 0;
+    std::uint64_t qwFree = 0;
+};
+
+// The longest name of a storage, in UTF-16 units.
+inline constexpr std::size_t MAX_STORAGE_NAME = 51;
+
 // A file that arrives under a name of the agent's own, beside its target.
 class CPartFile {
   public:
@@ -82,7 +91,8 @@ class CDeviceFolder {
     virtual bool AddStorage(const std::string& strName, const std::string& strFolder,
                             std::string& strError) = 0;
 
-    // Removes what killed agents left of their part files. Called once, behind AddStorage.
+    // Removes what killed agents left of their part files, and goes on with their formats. Called
+    // once, behind AddStorage.
     virtual void RemoveLeftovers() = 0;
 
     // Files below the root and the storages together may not grow over this many bytes. Counts
@@ -115,6 +125,26 @@ class CDeviceFolder {
 
     // A file that is not read-only, a link itself, or an empty folder.
     virtual EResult Remove(const CDevicePath& path) = 0;
+
+    // The space where a folder lies, or what the quota leaves of it. Nothing when there is no such
+    // folder.
+    virtual std::optional<CSpace> SpaceOf(const CDevicePath& folder) = 0;
+
+    // In the order in which they were added.
+    virtual std::vector<std::string> StorageNames() const = 0;
+
+    // Empties the root or a storage, read-only files included, in a time that does not depend on
+    // what lies on it. The root's storages stay as they are wherever their folders lie. What was
+    // there can be opened no more from then on; its bytes are given back by Work. No part file is
+    // open. Refused, and nothing is removed but what a full disk forces: any other folder, one that
+    // may not be written, and one that is served under two names.
+    virtual EResult Format(const CDevicePath& storage) = 0;
+
+    // Whether there is work to be done in the background. bIdle: no exchange is open.
+    virtual bool HasWork(bool bIdle) const = 0;
+
+    // Does some of it, for a few milliseconds.
+    virtual void Work(bool bIdle) = 0;
 };
 
 } // namespace agent

@@ -8,6 +8,10 @@ static constexpr COperation s_operations[] = {
     {DAK_FUNC_DELETE_FILE, OpenDeleteFile},
     {DAK_FUNC_TRANSMIT_FILES, OpenTransmitFiles},
     {DAK_FUNC_CREATE_DIRECTORY, OpenCreateDirectory},
+    {DAK_FUNC_GET_DEVICE_FREE_SPACE, OpenGetDeviceFreeSpace},
+    {DAK_FUNC_GET_STORAGE_INFO, OpenGetStorageInfo},
+    {DAK_FUNC_FORMAT_PARTITION, OpenFormatPartition},
+    {DAK_FUNC_GET_FOLDER_FREE_SPACE, OpenGetFolderFreeSpace},
 };
 
 const COperation* FindOperation(std::uint16_t codeFunc) {

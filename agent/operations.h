@@ -30,4 +30,10 @@ std::unique_ptr<CExchange> OpenCreateDirectory(CDevice& device, CPayload payload
 // copy_files.cpp
 std::unique_ptr<CExchange> OpenTransmitFiles(CDevice& device, CPayload payload);
 
+// storages.cpp
+std::unique_ptr<CExchange> OpenGetDeviceFreeSpace(CDevice& device, CPayload payload);
+std::unique_ptr<CExchange> OpenGetStorageInfo(CDevice& device, CPayload payload);
+std::unique_ptr<CExchange> OpenFormatPartition(CDevice& device, CPayload payload);
+std::unique_ptr<CExchange> OpenGetFolderFreeSpace(CDevice& device, CPayload payload);
+
 } // namespace agent

@@ -23,6 +23,7 @@ class CFuzzDevice {
         agent::CDeviceOptions options;
         options.strRoot = m_path.string();
         options.qwQuota = std::uint64_t{64} << 20;
+        options.bAllowFormat = true;
         std::string strError;
         m_pDevice = agent::CDevice::Open(options, strError);
         if (!m_pDevice) {

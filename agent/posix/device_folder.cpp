@@ -5,12 +5,15 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "agent/posix/directory.h"
+#include "agent/posix/format.h"
 #include "agent/posix/part_file.h"
 #include "agent/posix/part_journal.h"
 #include "agent/posix/quota.h"
@@ -63,7 +66,11 @@ constexpr int s_nReadFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 class CPosixFolder final : public CDeviceFolder {
   public:
     CPosixFolder(CFd fdRoot, std::function<void(const std::string&)> lpLog)
-        : m_fdRoot(std::move(fdRoot)), m_lpLog(std::move(lpLog)), m_journal(m_fdRoot.Get()) {}
+        : m_fdRoot(std::move(fdRoot)), m_lpLog(std::move(lpLog)), m_formats(m_quota, m_lpLog),
+          m_fdJournal(::openat(m_fdRoot.Get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC)),
+          m_journal(m_fdJournal.Get()) {
+        m_formats.Serve(m_fdRoot);
+    }
 
     bool AddStorage(const std::string& strName, const std::string& strFolder,
                     std::string& strError) override;
@@ -78,8 +85,15 @@ class CPosixFolder final : public CDeviceFolder {
     EResult MakeFolder(const CDevicePath& path) override;
     EResult Remove(const CDevicePath& path) override;
     void RemoveLeftovers() override;
+    std::optional<CSpace> SpaceOf(const CDevicePath& folder) override;
+    std::vector<std::string> StorageNames() const override;
+    EResult Format(const CDevicePath& storage) override;
+    bool HasWork(bool bIdle) const override { return m_formats.HasWork(bIdle); }
+    void Work(bool bIdle) override { m_formats.Work(bIdle); }
 
   private:
+    // The descriptors of the root and the storages lead to what the host sees as them, which a
+    // format turns to another folder.
     struct CStorage {
         std::string strName;
         CFd fd;
@@ -92,8 +106,10 @@ class CPosixFolder final : public CDeviceFolder {
 
     CFd m_fdRoot;
     std::function<void(const std::string&)> m_lpLog;
-    std::vector<CStorage> m_storages;
+    std::deque<CStorage> m_storages; // they do not move
     CQuota m_quota;
+    CFormats m_formats;
+    CFd m_fdJournal; // the root itself
     CPartJournal m_journal;
 };
 
@@ -140,7 +156,7 @@ bool CPosixFolder::AddStorage(const std::string& strName, const std::string& str
     const std::optional<CDevicePath> path =
         strWide ? CDevicePath::Parse(*strWide) : std::optional<CDevicePath>();
     if (!path || path->Text() != strName || strName.find('/') != std::string::npos ||
-        strName.empty() || IsFixed(*path)) {
+        strName.empty() || IsFixed(*path) || strWide->size() > MAX_STORAGE_NAME) {
         strError = "\"" + strName + "\" cannot be the name of a storage";
         return false;
     }
@@ -150,6 +166,7 @@ bool CPosixFolder::AddStorage(const std::string& strName, const std::string& str
         return false;
     }
     m_storages.push_back({strName, std::move(fd)});
+    m_formats.Serve(m_storages.back().fd);
     return true;
 }
 
@@ -175,9 +192,9 @@ std::uint64_t CPosixFolder::CountBytes(CFd fdFolder) {
 }
 
 void CPosixFolder::SetQuota(std::uint64_t qwBytes) {
-    std::uint64_t qwUsed = CountBytes(OpenBelow(m_fdRoot.Get(), "", O_RDONLY | O_DIRECTORY));
-    for (const CStorage& storage : m_storages) {
-        qwUsed += CountBytes(OpenBelow(storage.fd.Get(), "", O_RDONLY | O_DIRECTORY));
+    std::uint64_t qwUsed = 0;
+    for (const int fdFolder : m_formats.Folders()) {
+        qwUsed += CountBytes(OpenBelow(fdFolder, "", O_RDONLY | O_DIRECTORY));
     }
     m_quota.Set(qwBytes, qwUsed);
 }
@@ -303,8 +320,9 @@ EResult CPosixFolder::Remove(const CDevicePath& path) {
 }
 
 void CPosixFolder::RemoveLeftovers() {
+    m_formats.TakeUp();
     CPartJournal::CleanUp(
-        m_fdRoot.Get(), [this](const std::string& strFolder, const std::string& strPart) {
+        m_fdJournal.Get(), [this](const std::string& strFolder, const std::string& strPart) {
             const std::optional<std::u16string> strWide = ToUtf16(strFolder);
             const std::optional<CDevicePath> folder =
                 strWide ? CDevicePath::Parse(*strWide) : std::optional<CDevicePath>();
@@ -313,6 +331,32 @@ void CPosixFolder::RemoveLeftovers() {
                 m_lpLog("removed a part file that a killed agent left in \\" + strFolder);
             }
         });
+}
+
+std::optional<CSpace> CPosixFolder::SpaceOf(const CDevicePath& folder) {
+    const CFd fd = Open(folder, O_PATH | O_DIRECTORY);
+    struct statvfs status {};
+    if (!fd || ::fstatvfs(fd.Get(), &status) != 0) {
+        return std::nullopt;
+    }
+    return m_quota.Bound({std::uint64_t{status.f_blocks} * status.f_frsize,
+                          std::uint64_t{status.f_bavail} * status.f_frsize});
+}
+
+std::vector<std::string> CPosixFolder::StorageNames() const {
+    std::vector<std::string> names;
+    for (const CStorage& storage : m_storages) {
+        names.push_back(storage.strName);
+    }
+    return names;
+}
+
+EResult CPosixFolder::Format(const CDevicePath& storage) {
+    bool bDone = storage.IsRoot() && m_formats.Format(m_fdRoot);
+    for (const CStorage& candidate : m_storages) {
+        bDone = bDone || (candidate.strName == storage.Text() && m_formats.Format(candidate.fd));
+    }
+    return bDone ? EResult::SUCCESS : EResult::REFUSED;
 }
 
 } // namespace

@@ -48,6 +48,8 @@ void DeclareOptions(CLI::App& app, CArguments& arguments) {
                 return bDigits ? std::string() : "\"" + strValue + "\" is no number of bytes";
             },
             ""));
+    app.add_flag("--allow-format", arguments.device.bAllowFormat,
+                 "Let hosts format the root and the storages: everything on them is removed");
     app.add_flag("--verbose", arguments.bVerbose, "Say on standard error what the device does");
     app.set_version_flag("--version", "dak-agent " DAK_AGENT_VERSION);
     app.footer("The device is attached until the agent is stopped (Ctrl-C). Hosts find it in the\n"

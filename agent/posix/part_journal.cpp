@@ -94,6 +94,10 @@ void CPartJournal::Clear() {
     }
 }
 
+bool CPartJournal::IsJournal(std::string_view strName) {
+    return strName.starts_with(RESERVED_PREFIX) && strName.ends_with(s_strJournal);
+}
+
 static std::vector<std::string> JournalsIn(int fdRoot) {
     std::vector<std::string> names;
     CFd fd(::openat(fdRoot, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -103,9 +107,8 @@ static std::vector<std::string> JournalsIn(int fdRoot) {
     }
     fd.Release();
     while (const dirent* pEntry = ::readdir(pDir)) {
-        const std::string_view strName = pEntry->d_name;
-        if (strName.starts_with(RESERVED_PREFIX) && strName.ends_with(s_strJournal)) {
-            names.emplace_back(strName);
+        if (CPartJournal::IsJournal(pEntry->d_name)) {
+            names.emplace_back(pEntry->d_name);
         }
     }
     ::closedir(pDir);

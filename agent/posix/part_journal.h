@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "agent/posix/system_file.h"
 
@@ -28,6 +29,9 @@ class CPartJournal {
 
     // No part file is left.
     void Clear();
+
+    // Whether a name in the root is that of a journal, of whichever agent.
+    static bool IsJournal(std::string_view strName);
 
     // Calls remove(folder, name of the part file) for each journal that nobody holds, and removes
     // the journal.

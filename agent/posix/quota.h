@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "agent/device_folder.h"
+
 namespace agent {
 
 class CQuota {
@@ -16,6 +18,15 @@ class CQuota {
 
     bool HasRoom(std::uint64_t qwBytes) const {
         return !m_qwLimit || (m_qwUsed <= *m_qwLimit && qwBytes <= *m_qwLimit - m_qwUsed);
+    }
+
+    // What the quota leaves of the space of a file system.
+    CSpace Bound(const CSpace& space) const {
+        if (!m_qwLimit) {
+            return space;
+        }
+        return {std::min(space.qwTotal, *m_qwLimit),
+                std::min(space.qwFree, *m_qwLimit - std::min(m_qwUsed, *m_qwLimit))};
     }
 
     void Add(std::uint64_t qwBytes) { m_qwUsed += qwBytes; }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <optional>
 #include <random>
@@ -151,6 +152,9 @@ class CAgentHost {
     CAgentHost(const CAgentHost&) = delete;
     CAgentHost& operator=(const CAgentHost&) = delete;
 
+    // Asked ahead of each start of an agent but the first.
+    std::function<void(agent::CDeviceOptions&)> onOptions;
+
     // A new agent on the same folder.
     void Restart(std::optional<std::uint64_t> qwQuota = {}) {
         m_pCore.reset();
@@ -159,6 +163,9 @@ class CAgentHost {
         options.strRoot = Root().string();
         options.storages.push_back({"Card", (m_base / "card").string()});
         options.qwQuota = qwQuota;
+        if (onOptions) {
+            onOptions(options);
+        }
         std::string strError;
         m_pDevice = agent::CDevice::Open(options, strError);
         if (!m_pDevice) {

@@ -79,7 +79,7 @@ class CScript {
     }
 
     void SendCommand() {
-        static constexpr std::uint16_t s_codes[] = {8, 8, 8, 8, 2, 10, 1, 16, 17};
+        static constexpr std::uint16_t s_codes[] = {8, 8, 8, 8, 2, 10, 1, 16, 17, 6, 23, 24, 25};
         const std::uint16_t codeFunc = s_codes[Byte() % std::size(s_codes)];
         Bytes bytes;
         Add16(bytes, codeFunc);
@@ -95,7 +95,7 @@ class CScript {
                     AddPath(bytes);
                 }
             }
-        } else {
+        } else if (codeFunc != 6 && codeFunc != 23) {
             AddPath(bytes);
         }
         Send(DAK_LAST_PACKAGE, bytes);

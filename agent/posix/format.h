@@ -1,0 +1,76 @@
+// Formats served folders: each is empty at once, and what it held is removed in the background.
+//
+// What the host sees of a folder (its view) is the folder itself. A format makes a fresh folder
+// S/.dak-format/N in the folder S and turns the view to it, which takes one call however much S
+// holds and however S is mounted. Then everything else in S is removed. When that is done and no
+// exchange is open, S/.dak-format becomes S/.dak-formatted, what the view holds is moved up into S,
+// and the view is S again.
+//
+// The two names tell an agent that starts behind a killed one what to go on with: below
+// .dak-format the fresh folder of the highest number is the view, and all else is to be removed;
+// below .dak-formatted all is to be moved up. The agent that works on .dak-format holds a lock on
+// it.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/posix/quota.h"
+#include "agent/posix/removal.h"
+#include "agent/posix/system_file.h"
+
+namespace agent {
+
+class CFormats {
+  public:
+    CFormats(CQuota& quota, std::function<void(const std::string&)> lpLog);
+
+    // A folder that is served through fdView, which is turned to another folder as formats come and
+    // end. It outlives this object and does not move.
+    void Serve(CFd& fdView);
+
+    // Goes on with what a killed agent left. Behind the last Serve.
+    void TakeUp();
+
+    // Empties the folder served through fdView, except other served folders that lie in it. False
+    // when it is not empty behind that: it may not be written, or is served twice.
+    bool Format(const CFd& fdView);
+
+    // The folders themselves, wherever their views are.
+    std::vector<int> Folders() const;
+
+    // Whether Work has something to do; bIdle: nothing is in work for the host.
+    bool HasWork(bool bIdle) const;
+
+    // Works for a few milliseconds.
+    void Work(bool bIdle);
+
+  private:
+    struct CServed {
+        CFd& fdView;
+        CFd fdFolder;
+        CFd fdMarker; // .dak-format, locked; open while a format is not finished
+        CFd fdFresh;  // readable, for what it holds
+        std::string strFresh;
+        std::unique_ptr<CRemoval> pRemoval = nullptr;
+        bool bAwaitsIdle = false; // removed, but not moved up yet
+    };
+
+    void Log(const std::string& strLine) const;
+    CSpared OthersThan(const CServed& served) const;
+    bool MakeMarker(CServed& served) const;
+    bool MakeRoomFor(CServed& served, const std::function<bool()>& make) const;
+    bool TurnTo(CServed& served, const std::string& strFresh);
+    void TakeUp(CServed& served);
+    void EndRemoval(CServed& served) const;
+    bool MayMoveUp(const CServed& served) const;
+    void MoveUp(CServed& served);
+
+    CQuota& m_quota;
+    std::function<void(const std::string&)> m_lpLog;
+    std::vector<std::unique_ptr<CServed>> m_served;
+};
+
+} // namespace agent
