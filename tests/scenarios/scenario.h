@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -129,13 +130,22 @@ class CScenario {
         m_roots.push_back(strRoot);
     }
 
+    // Asked ahead of each start of an agent but the first.
+    std::function<void(agent::CDeviceOptions&)> onOptions;
+
     // A new agent on the latest photograph, or on the files as they are.
     void StartAgent() {
         pPeer.reset();
         m_pCore.reset();
         m_pDevice.reset();
         std::string strError;
-        m_pDevice = agent::CDevice::Open({Root(), {}, m_qwQuota, {}}, strError);
+        agent::CDeviceOptions options;
+        options.strRoot = Root();
+        options.qwQuota = m_qwQuota;
+        if (onOptions) {
+            onOptions(options);
+        }
+        m_pDevice = agent::CDevice::Open(options, strError);
         ASSERT_NE(m_pDevice, nullptr) << strError;
         m_pCore = std::make_unique<agent::CAgentCore>(*m_pDevice);
         pPeer = std::make_unique<sim::CAgentPeer>(world, *m_pCore);
