@@ -192,6 +192,7 @@ void CAgentCore::DropPending() {
 
 void CAgentCore::SetTime(std::uint64_t qwNowMs) {
     m_pState->m_qwNowMs = qwNowMs;
+    m_pState->m_device.System().Tick(qwNowMs);
     if (m_pState->m_pExchange) {
         m_pState->m_pExchange->Tick(m_pState->m_outbox, qwNowMs);
         m_pState->DropEnded();
@@ -200,14 +201,23 @@ void CAgentCore::SetTime(std::uint64_t qwNowMs) {
 }
 
 std::optional<std::uint64_t> CAgentCore::NextDueMs() const {
-    std::optional<std::uint64_t> qwDueMs;
+    std::optional<std::uint64_t> qwDueMs = m_pState->m_device.System().DueMs();
+    const auto also = [&qwDueMs](std::uint64_t qwMs) {
+        qwDueMs = std::min(qwDueMs.value_or(qwMs), qwMs);
+    };
     if (m_pState->m_pExchange) {
-        qwDueMs = m_pState->m_pExchange->DueMs(m_pState->m_qwNowMs);
+        if (const auto qwExchange = m_pState->m_pExchange->DueMs(m_pState->m_qwNowMs)) {
+            also(*qwExchange);
+        }
     }
     if (m_pState->HasBackgroundWork()) {
-        qwDueMs = std::min(qwDueMs.value_or(m_pState->m_qwWorkAtMs), m_pState->m_qwWorkAtMs);
+        also(m_pState->m_qwWorkAtMs);
     }
     return qwDueMs;
+}
+
+bool CAgentCore::LinkUp() const {
+    return m_pState->m_device.System().LinkUp();
 }
 
 void CAgentCore::HostGone() {

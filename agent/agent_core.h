@@ -46,6 +46,10 @@ class CAgentCore {
     // When SetTime is wanted next though the host is silent; nothing when never.
     std::optional<std::uint64_t> NextDueMs() const;
 
+    // Whether the device is to be seen by hosts. Asked behind SetTime, which is wanted as long as
+    // it is not, too.
+    bool LinkUp() const;
+
     // The host went away (unplugged, killed, its node closed): what was in work is given up, and
     // files that were not complete are as they were before.
     void HostGone();

@@ -15,6 +15,10 @@ std::unique_ptr<CDevice> CDevice::Open(const CDeviceOptions& options, std::strin
             return nullptr;
         }
     }
+    pDevice->m_pSystem = CDeviceSystem::Open(options, strError);
+    if (!pDevice->m_pSystem) {
+        return nullptr;
+    }
     pDevice->m_pFolder->RemoveLeftovers();
     if (options.qwQuota) {
         pDevice->m_pFolder->SetQuota(*options.qwQuota);

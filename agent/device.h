@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "agent/device_folder.h"
+#include "agent/device_system.h"
 
 namespace agent {
 
@@ -23,6 +24,7 @@ struct CDeviceOptions {
     std::optional<std::uint64_t> qwQuota;          // bytes
     std::function<void(const std::string&)> lpLog; // one line each, without its end; may be empty
     bool bAllowFormat = false;
+    CSystemOptions system = {};
 };
 
 class CDevice {
@@ -32,12 +34,14 @@ class CDevice {
 
     CDeviceFolder& Folder() { return *m_pFolder; }
     bool AllowsFormat() const { return m_bAllowFormat; }
+    CDeviceSystem& System() { return *m_pSystem; }
     void Log(const std::string& strLine) const;
 
   private:
     CDevice() = default;
 
     std::unique_ptr<CDeviceFolder> m_pFolder;
+    std::unique_ptr<CDeviceSystem> m_pSystem;
     std::function<void(const std::string&)> m_lpLog;
     bool m_bAllowFormat = false;
 };

@@ -12,6 +12,10 @@ static constexpr COperation s_operations[] = {
     {DAK_FUNC_GET_STORAGE_INFO, OpenGetStorageInfo},
     {DAK_FUNC_FORMAT_PARTITION, OpenFormatPartition},
     {DAK_FUNC_GET_FOLDER_FREE_SPACE, OpenGetFolderFreeSpace},
+    {DAK_FUNC_CREATE_PROCESS, OpenCreateProcess},
+    {DAK_FUNC_KERNEL_IO_CONTROL, OpenKernelIoControl},
+    {DAK_FUNC_REGISTER_WINDOW_MESSAGE, OpenRegisterWindowMessage},
+    {DAK_FUNC_BROADCAST_MESSAGE, OpenBroadcastMessage},
 };
 
 const COperation* FindOperation(std::uint16_t codeFunc) {

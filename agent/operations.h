@@ -27,6 +27,16 @@ const COperation* FindOperation(std::uint16_t codeFunc);
 std::unique_ptr<CExchange> OpenDeleteFile(CDevice& device, CPayload payload);
 std::unique_ptr<CExchange> OpenCreateDirectory(CDevice& device, CPayload payload);
 
+// create_process.cpp
+std::unique_ptr<CExchange> OpenCreateProcess(CDevice& device, CPayload payload);
+
+// kernel_io_control.cpp
+std::unique_ptr<CExchange> OpenKernelIoControl(CDevice& device, CPayload payload);
+
+// window_messages.cpp
+std::unique_ptr<CExchange> OpenRegisterWindowMessage(CDevice& device, CPayload payload);
+std::unique_ptr<CExchange> OpenBroadcastMessage(CDevice& device, CPayload payload);
+
 // copy_files.cpp
 std::unique_ptr<CExchange> OpenTransmitFiles(CDevice& device, CPayload payload);
 

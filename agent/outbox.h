@@ -38,6 +38,15 @@ class COutbox {
         Put(std::move(package));
     }
 
+    // A response of 18 bytes: result and one further field.
+    void PutResult(std::uint16_t codeFunc, std::int32_t nResult, std::uint32_t dwField) {
+        PutResult(codeFunc, nResult);
+        std::vector<std::uint8_t>& package = m_packages.back();
+        package.resize(DAK_RESPONSE_FIELDS + 4);
+        DakPutHeader(package.data(), DAK_LAST_REPLY, DAK_RESPONSE_FIELDS + 4 - DAK_HEADER_SIZE);
+        DakPutU32(package.data() + DAK_RESPONSE_FIELDS, dwField);
+    }
+
     // At most the rest of the first package.
     std::size_t Take(std::span<std::uint8_t> buffer) {
         if (m_packages.empty()) {

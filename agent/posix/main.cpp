@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -50,6 +52,19 @@ void DeclareOptions(CLI::App& app, CArguments& arguments) {
             ""));
     app.add_flag("--allow-format", arguments.device.bAllowFormat,
                  "Let hosts format the root and the storages: everything on them is removed");
+    CLI::Option* pAllow = app.add_flag("--allow-exec", arguments.device.system.bAllowExec,
+                                       "Let hosts start programs that lie below the root");
+    app.add_option("--exec-path", arguments.device.system.execPaths,
+                   "Folder with further programs that hosts may start; may be repeated")
+        ->needs(pAllow)
+        ->type_name("DIR")
+        ->allow_extra_args(false);
+    app.add_option("--on-message", arguments.device.system.messageCommands,
+                   "Command to start for every message that a host broadcasts, without a shell;\n"
+                   "it finds DAK_MESSAGE, DAK_MESSAGE_NAME, DAK_WPARAM and DAK_LPARAM in its\n"
+                   "environment; may be repeated")
+        ->type_name("COMMAND")
+        ->allow_extra_args(false);
     app.add_flag("--verbose", arguments.bVerbose, "Say on standard error what the device does");
     app.set_version_flag("--version", "dak-agent " DAK_AGENT_VERSION);
     app.footer("The device is attached until the agent is stopped (Ctrl-C). Hosts find it in the\n"
@@ -78,8 +93,46 @@ agent::CFd OpenStopSignals() {
     return agent::CFd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+// Attaches, and does so anew whenever the device has had its link down.
+int ServeAttached(const CArguments& arguments, agent::CAgentCore& core, int fdStop) {
+    bool bFirst = true;
+    do {
+        std::string strError;
+        const std::unique_ptr<agent::CAttachment> pAttachment =
+            agent::CAttachment::Attach(arguments.strName, strError);
+        if (!pAttachment) {
+            return Complain(strError, s_nExitFailed);
+        }
+        agent::CUsbipServer server(core, pAttachment->Socket(), arguments.device.lpLog);
+        if (bFirst) {
+            std::printf("dak-agent: %s is attached as %s (%s)\n", arguments.device.strRoot.c_str(),
+                        arguments.strName.c_str(), pAttachment->Path().c_str());
+            if (std::fflush(stdout) != 0) {
+                return Complain("standard output is closed", s_nExitFailed);
+            }
+            bFirst = false;
+        }
+        if (!server.Run(fdStop)) {
+            return s_nExitFailed;
+        }
+    } while (!core.LinkUp() && agent::CUsbipServer::AwaitLink(core, fdStop));
+    return 0;
+}
+
+// Descriptors 0 to 2 are what programs of the device get as theirs: none of our own may be there.
+void OpenStandardDescriptors() {
+    int fd = -1;
+    do {
+        fd = ::open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
 int Serve(const CArguments& arguments) {
     std::string strError;
+    OpenStandardDescriptors();
     // A reader of our lines that goes, and a limit on a file's size, are results and no end.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
@@ -91,19 +144,11 @@ int Serve(const CArguments& arguments) {
     if (!pDevice) {
         return Complain(strError, s_nExitUsage);
     }
+    if (!fdStop) {
+        return Complain("no signals", s_nExitFailed);
+    }
     agent::CAgentCore core(*pDevice);
-    const std::unique_ptr<agent::CAttachment> pAttachment =
-        agent::CAttachment::Attach(arguments.strName, strError);
-    if (!pAttachment || !fdStop) {
-        return Complain(pAttachment ? "no signals" : strError, s_nExitFailed);
-    }
-    agent::CUsbipServer server(core, pAttachment->Socket(), arguments.device.lpLog);
-    std::printf("dak-agent: %s is attached as %s (%s)\n", arguments.device.strRoot.c_str(),
-                arguments.strName.c_str(), pAttachment->Path().c_str());
-    if (std::fflush(stdout) != 0) {
-        return Complain("standard output is closed", s_nExitFailed);
-    }
-    return server.Run(fdStop.Get()) ? 0 : s_nExitFailed;
+    return ServeAttached(arguments, core, fdStop.Get());
 }
 
 int Run(int argc, char** argv) {
@@ -126,6 +171,9 @@ int Run(int argc, char** argv) {
     if (app.count("--quota") > 0) {
         arguments.device.qwQuota = arguments.qwQuota;
     }
+    arguments.device.system.strName = arguments.strName;
+    arguments.device.system.strVersion = DAK_AGENT_VERSION;
+    arguments.device.system.lpNotice = LogLine;
     if (arguments.bVerbose) {
         arguments.device.lpLog = LogLine;
     }

@@ -101,19 +101,38 @@ void CUsbipServer::ServeHost(bool bReadable) {
     }
 }
 
-int CUsbipServer::PollTimeoutMs(std::uint64_t qwNowMs) const {
-    const std::optional<std::uint64_t> qwDueMs = m_core.NextDueMs();
-    int nTimeoutMs = m_bAcceptPaused ? s_nAcceptPauseMs : -1;
-    if (qwDueMs) {
-        const std::uint64_t qwLeftMs = *qwDueMs > qwNowMs ? *qwDueMs - qwNowMs : 0;
-        const int nDueMs = static_cast<int>(std::min<std::uint64_t>(qwLeftMs, 3'600'000));
-        nTimeoutMs = nTimeoutMs < 0 ? nDueMs : std::min(nTimeoutMs, nDueMs);
+// Until the core wants to be told the time; -1 when it does not.
+static int CoreTimeoutMs(const CAgentCore& core) {
+    const std::optional<std::uint64_t> qwDueMs = core.NextDueMs();
+    if (!qwDueMs) {
+        return -1;
     }
-    return nTimeoutMs;
+    const std::uint64_t qwNowMs = NowMs();
+    const std::uint64_t qwLeftMs = *qwDueMs > qwNowMs ? *qwDueMs - qwNowMs : 0;
+    return static_cast<int>(std::min<std::uint64_t>(qwLeftMs, 3'600'000));
+}
+
+int CUsbipServer::PollTimeoutMs() const {
+    const int nDueMs = CoreTimeoutMs(m_core);
+    if (!m_bAcceptPaused) {
+        return nDueMs;
+    }
+    return nDueMs < 0 ? s_nAcceptPauseMs : std::min(nDueMs, s_nAcceptPauseMs);
+}
+
+bool CUsbipServer::AwaitLink(CAgentCore& core, int fdStop) {
+    for (core.SetTime(NowMs()); !core.LinkUp(); core.SetTime(NowMs())) {
+        pollfd fd{fdStop, POLLIN, 0};
+        if (::poll(&fd, 1, CoreTimeoutMs(core)) > 0) {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool CUsbipServer::Run(int fdStop) {
     std::vector<pollfd> fds;
+    m_core.SetTime(NowMs());
     for (;;) {
         fds.clear();
         fds.push_back({fdStop, POLLIN, 0});
@@ -127,7 +146,7 @@ bool CUsbipServer::Run(int fdStop) {
         for (const auto& pNewcomer : m_newcomers) {
             fds.push_back({pNewcomer->Fd(), POLLIN, 0});
         }
-        const int nReady = ::poll(fds.data(), fds.size(), PollTimeoutMs(NowMs()));
+        const int nReady = ::poll(fds.data(), fds.size(), PollTimeoutMs());
         if (nReady < 0 && errno != EINTR) {
             Log(std::string("poll: ") + std::strerror(errno));
             return false;
@@ -140,6 +159,10 @@ bool CUsbipServer::Run(int fdStop) {
             }
         }
         if (fds[0].revents != 0) {
+            return true;
+        }
+        if (!m_core.LinkUp()) {
+            DropHost("the device drops its link");
             return true;
         }
         if (m_pHost) {

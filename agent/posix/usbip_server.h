@@ -20,8 +20,12 @@ class CUsbipServer {
     CUsbipServer(const CUsbipServer&) = delete;
     CUsbipServer& operator=(const CUsbipServer&) = delete;
 
-    // Serves until fdStop becomes readable. False when the system leaves no way to go on.
+    // Serves until fdStop becomes readable or the device wants its link down (CAgentCore::LinkUp).
+    // False when the system leaves no way to go on.
     bool Run(int fdStop);
+
+    // Lets the time pass until the device wants its link up. False when fdStop became readable.
+    static bool AwaitLink(CAgentCore& core, int fdStop);
 
   private:
     // Connections that have not asked for the device yet; the oldest makes room.
@@ -31,7 +35,7 @@ class CUsbipServer {
     void ServeNewcomers();
     void ServeHost(bool bReadable);
     void DropHost(const char* lpszWhy);
-    int PollTimeoutMs(std::uint64_t qwNowMs) const;
+    int PollTimeoutMs() const;
     void Log(const std::string& strLine) const;
 
     CAgentCore& m_core;

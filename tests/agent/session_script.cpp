@@ -79,7 +79,8 @@ class CScript {
     }
 
     void SendCommand() {
-        static constexpr std::uint16_t s_codes[] = {8, 8, 8, 8, 2, 10, 1, 16, 17, 6, 23, 24, 25};
+        static constexpr std::uint16_t s_codes[] = {8, 8,  8,  8,  2,  10, 1,  16, 17,
+                                                    6, 23, 24, 25, 12, 13, 21, 22};
         const std::uint16_t codeFunc = s_codes[Byte() % std::size(s_codes)];
         Bytes bytes;
         Add16(bytes, codeFunc);
@@ -95,8 +96,24 @@ class CScript {
                     AddPath(bytes);
                 }
             }
+        } else if (codeFunc == DAK_FUNC_KERNEL_IO_CONTROL) {
+            Add32(bytes, Byte() % 7);
+            const Bytes input = Some(Byte() % 8);
+            Add32(bytes, static_cast<std::uint32_t>(input.size()));
+            bytes.insert(bytes.end(), input.begin(), input.end());
+            const std::uint32_t nOutSize = Byte() % 16;
+            Add32(bytes, nOutSize);
+            bytes.resize(bytes.size() + nOutSize);
+        } else if (codeFunc == DAK_FUNC_BROADCAST_MESSAGE) {
+            Add32(bytes, Byte());
+            Add32(bytes, Byte());
+            Add32(bytes, Byte());
         } else if (codeFunc != 6 && codeFunc != 23) {
             AddPath(bytes);
+            if (codeFunc == DAK_FUNC_CREATE_PROCESS) {
+                AddPath(bytes);
+                Add32(bytes, Byte() % 2);
+            }
         }
         Send(DAK_LAST_PACKAGE, bytes);
     }

@@ -467,6 +467,39 @@ TEST(Program, KilledInTheMiddleOfACopyLeavesNothing) {
     EXPECT_EQ(folder.ReadFile("d/a.txt"), Bytes{1});
 }
 
+TEST(Program, DropsItsLinkForAWhile) {
+    CAgentHost folder;
+    const CDeviceDirectory directory(folder.Base() / "dev");
+    CAgentProcess program({"--root", folder.Root().string(), "--name", "t"});
+    EXPECT_NE(program.Line().find("attached as t"), std::string::npos);
+    CRawHost host(directory.Path("t"));
+    ASSERT_TRUE(host.Import());
+    Bytes payload;
+    for (const std::uint32_t dwValue : {5U, 4U, 500U, 0U}) { // down for 500 ms
+        AppendU32(payload, dwValue);
+    }
+    host.Send(Write(1, Command(13, payload)));
+    host.Send(Read(2, 8));
+    EXPECT_EQ(host.Receive(2 * usbip::HEADER_SIZE + 8).size(), 2 * usbip::HEADER_SIZE + 8);
+    EXPECT_TRUE(Works(host)) << "a second passes before";
+    EXPECT_TRUE(host.IsClosed());
+    for (const bool bThere : {false, true}) {
+        int i = 0;
+        while (i < 5000 && std::filesystem::exists(directory.Path("t.lock")) != bThere) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            ++i;
+        }
+        EXPECT_LT(i, 5000) << bThere;
+    }
+    while (!std::filesystem::exists(directory.Path("t"))) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    CRawHost next(directory.Path("t"));
+    ASSERT_TRUE(next.Import());
+    EXPECT_TRUE(Works(next));
+    EXPECT_EQ(program.End(SIGTERM), 0);
+}
+
 TEST(Program, BadOptions) {
     CAgentHost folder;
     const CDeviceDirectory directory(folder.Base() / "dev");
@@ -482,6 +515,10 @@ TEST(Program, BadOptions) {
         {{"--root", strRoot, "--quota", "much"}, 2},
         {{"--root", strRoot, "--name", "a/b"}, 2},
         {{"--root", strRoot, "--what"}, 2},
+        {{"--root", strRoot, "--exec-path", strRoot}, 2},
+        {{"--root", strRoot, "--allow-exec", "--exec-path", strRoot + "/none"}, 2},
+        {{"--root", strRoot, "--on-message", "no-such-command-anywhere"}, 2},
+        {{"--root", strRoot, "--on-message", "true 'open"}, 2},
         {{"--help"}, 0},
         {{"--version"}, 0},
     };

@@ -266,6 +266,8 @@ class CScenario {
         EXPECT_EQ(DeviceTree(true).size(), DeviceTree(false).size());
     }
 
+    agent::CAgentCore& Core() { return *m_pCore; }
+
     sim::CWorld& world;
     std::unique_ptr<sim::CAgentPeer> pPeer;
     std::optional<CDAKVorn> dak{std::in_place};

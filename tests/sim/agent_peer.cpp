@@ -106,6 +106,14 @@ Bytes CAgentPeer::PullPackage(Bytes begin) {
     return begin;
 }
 
+// The output of an I/O control follows its response without a header of its own.
+void CAgentPeer::ExpectOutput(std::span<const std::uint8_t> package) {
+    if (package.size() == DAK_RESPONSE_FIELDS + 4 && DakGetU32(package.data()) == DAK_LAST_REPLY &&
+        DakGetU16(package.data() + DAK_OFFSET_CODE) == DAK_FUNC_KERNEL_IO_CONTROL) {
+        m_qwRestToHost = DakGetU32(package.data() + DAK_RESPONSE_FIELDS);
+    }
+}
+
 std::optional<std::size_t> CAgentPeer::GiveBytes(std::span<std::uint8_t> buffer) {
     for (;;) {
         if (!m_held.empty()) {
@@ -144,9 +152,11 @@ std::optional<std::size_t> CAgentPeer::GiveBytes(std::span<std::uint8_t> buffer)
                                            ? m_core.GiveBytes(buffer.subspan(head.size()))
                                            : 0;
             m_qwRestToHost -= std::min<std::uint64_t>(dwMore, m_qwRestToHost);
+            ExpectOutput(buffer.first(head.size() + dwMore));
             return head.size() + dwMore;
         }
         Bytes package = PullPackage(std::move(head));
+        ExpectOutput(package);
         if (Damage(*fault, package)) {
             m_held = std::move(package);
             m_qwHeldUntilMs =

@@ -63,6 +63,7 @@ class CAgentPeer : public IPeer {
     std::optional<CFault> Next(CDirection& direction);
     bool Damage(const CFault& fault, Bytes& package);
     Bytes PullPackage(Bytes begin);
+    void ExpectOutput(std::span<const std::uint8_t> package);
     void Reset();
 
     CWorld& m_world;
