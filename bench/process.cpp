@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
@@ -88,6 +89,29 @@ RunResult Run(const std::vector<std::string>& arguments) {
     const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - begin;
     return {WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1, wall.count(),
             Seconds(usage.ru_utime) + Seconds(usage.ru_stime)};
+}
+
+std::string OwnMHz() {
+    std::ifstream info("/proc/cpuinfo");
+    for (std::string strLine; std::getline(info, strLine);) {
+        if (strLine.starts_with("cpu MHz")) {
+            return std::to_string(std::atol(strLine.c_str() + strLine.find(':') + 1));
+        }
+    }
+    return "847";
+}
+
+std::pair<double, double> DemandedSeconds(const std::string& strArguments) {
+    const std::string strCommand = ProgramFolder() + "bench_demanded_waits " + strArguments;
+    unsigned long long qwFirst = 0;
+    unsigned long long qwSecond = 0;
+    FILE* const lpPipe = popen(strCommand.c_str(), "r");
+    if (lpPipe == nullptr || std::fscanf(lpPipe, "%llu %llu", &qwFirst, &qwSecond) != 2 ||
+        pclose(lpPipe) != 0) {
+        std::fputs("bench_demanded_waits failed\n", stderr);
+        std::exit(EXIT_FAILURE);
+    }
+    return {static_cast<double>(qwFirst) / 1e3, static_cast<double>(qwSecond) / 1e3};
 }
 
 } // namespace bench

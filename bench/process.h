@@ -5,6 +5,7 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace bench {
@@ -38,5 +39,12 @@ struct RunResult {
 
 // Runs a program to its end, its output thrown away.
 RunResult Run(const std::vector<std::string>& arguments);
+
+// The processor's speed as the library would read it without DAK_CPU_MHZ.
+std::string OwnMHz();
+
+// The two figures that bench_demanded_waits prints, in seconds. Ends the program with a message
+// when it fails.
+std::pair<double, double> DemandedSeconds(const std::string& strArguments);
 
 } // namespace bench

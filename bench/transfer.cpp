@@ -18,25 +18,6 @@ constexpr std::uint64_t BYTES = 10'000'000;
 constexpr double MEGABYTES = BYTES / 1e6;
 constexpr double LIMIT = 1.03;
 
-struct Demanded {
-    double fPush;
-    double fPull;
-};
-
-Demanded DemandedSeconds(const std::string& strMHz) {
-    const std::string strCommand =
-        bench::ProgramFolder() + "bench_demanded_waits " + std::to_string(BYTES) + " " + strMHz;
-    unsigned long long qwPush = 0;
-    unsigned long long qwPull = 0;
-    FILE* const lpPipe = popen(strCommand.c_str(), "r");
-    if (lpPipe == nullptr || std::fscanf(lpPipe, "%llu %llu", &qwPush, &qwPull) != 2 ||
-        pclose(lpPipe) != 0) {
-        std::fputs("bench_demanded_waits failed\n", stderr);
-        std::exit(EXIT_FAILURE);
-    }
-    return {static_cast<double>(qwPush) / 1e3, static_cast<double>(qwPull) / 1e3};
-}
-
 // CPU seconds of one thread made, waited for and given up, as every transfer does.
 double ThreadSeconds() {
     constexpr int nThreads = 20000;
@@ -78,25 +59,14 @@ void Report(const char* lpszWhat, const bench::RunResult& run, double fDemanded,
 
 void Measure(const bench::CDeviceForBench& device, const std::string& strMHz) {
     setenv("DAK_CPU_MHZ", strMHz.c_str(), 1);
-    const Demanded demanded = DemandedSeconds(strMHz);
+    const auto [fPush, fPull] = bench::DemandedSeconds(std::to_string(BYTES) + " " + strMHz);
     const double fThread = ThreadSeconds();
     const std::string strDak = bench::ProgramFolder() + "dak";
     std::printf("a copy of 10 MB with real processes, DAK_CPU_MHZ=%s:\n", strMHz.c_str());
-    Report("push", bench::Run({strDak, "push", "--quiet", device.Folder() + "/file", "\\"}),
-           demanded.fPush, PUSH_TRANSFERS * fThread);
+    Report("push", bench::Run({strDak, "push", "--quiet", device.Folder() + "/file", "\\"}), fPush,
+           PUSH_TRANSFERS * fThread);
     Report("pull", bench::Run({strDak, "pull", "--quiet", "\\file", device.Folder() + "/back"}),
-           demanded.fPull, PULL_TRANSFERS * fThread);
-}
-
-// The processor's speed as the library would read it without DAK_CPU_MHZ.
-std::string OwnMHz() {
-    std::ifstream info("/proc/cpuinfo");
-    for (std::string strLine; std::getline(info, strLine);) {
-        if (strLine.starts_with("cpu MHz")) {
-            return std::to_string(std::atol(strLine.c_str() + strLine.find(':') + 1));
-        }
-    }
-    return "847";
+           fPull, PULL_TRANSFERS * fThread);
 }
 
 } // namespace
@@ -105,6 +75,6 @@ int main() {
     const bench::CDeviceForBench device;
     std::ofstream(device.Folder() + "/file", std::ios::binary) << std::string(BYTES, '\x5A');
     Measure(device, "200");
-    Measure(device, OwnMHz());
+    Measure(device, bench::OwnMHz());
     return EXIT_SUCCESS;
 }
