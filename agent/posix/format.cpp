@@ -5,7 +5,9 @@
 #include <charconv>
 #include <chrono>
 #include <cstring>
+#include <limits>
 #include <string_view>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -19,6 +21,7 @@ static constexpr char s_szFormatted[] = ".dak-formatted";
 static constexpr std::chrono::milliseconds s_slice{5};
 // How long a format looks for room on a disk that has none even for a folder.
 static constexpr std::chrono::milliseconds s_makeRoom{200};
+static constexpr int s_nStepsAtStart = 1000;
 // What is moved up while a host may call at any moment; more waits for the next start.
 static constexpr std::size_t s_nMostMovedUp = 1000;
 
@@ -215,6 +218,12 @@ void CFormats::TakeUp(CServed& served) {
         const unsigned nNewest = NewestIn(served.fdMarker.Get());
         if (nNewest != 0 && TurnTo(served, std::to_string(nNewest))) {
             Log("going on with a format that an agent before has begun");
+            for (int i = 0; i < s_nStepsAtStart && served.pRemoval; ++i) {
+                StepRemoval(served);
+            }
+            if (std::exchange(served.bAwaitsIdle, false)) {
+                MoveUp(served, std::numeric_limits<std::size_t>::max());
+            }
         } else {
             ::unlinkat(fdFolder, s_szFormat, AT_REMOVEDIR); // killed before it had begun
             served.fdMarker.Close();
@@ -245,18 +254,18 @@ void CFormats::Work(bool bIdle) {
     const auto tEnd = std::chrono::steady_clock::now() + s_slice;
     for (const auto& pServed : m_served) {
         while (pServed->pRemoval && std::chrono::steady_clock::now() < tEnd) {
-            if (!pServed->pRemoval->Step()) {
-                EndRemoval(*pServed);
-            }
+            StepRemoval(*pServed);
         }
-        if (bIdle && pServed->bAwaitsIdle) {
-            pServed->bAwaitsIdle = false;
-            MoveUp(*pServed);
+        if (bIdle && std::exchange(pServed->bAwaitsIdle, false)) {
+            MoveUp(*pServed, s_nMostMovedUp);
         }
     }
 }
 
-void CFormats::EndRemoval(CServed& served) const {
+void CFormats::StepRemoval(CServed& served) const {
+    if (served.pRemoval->Step()) {
+        return;
+    }
     served.bAwaitsIdle = served.pRemoval->Complete();
     Log("format: removed " + std::to_string(served.pRemoval->Removed()) + " entries" +
         (served.bAwaitsIdle ? "" : "; what cannot be removed stays out of sight"));
@@ -264,9 +273,9 @@ void CFormats::EndRemoval(CServed& served) const {
 }
 
 // What is spared may bear the name of something new; then the view stays where it is.
-bool CFormats::MayMoveUp(const CServed& served) const {
+bool CFormats::MayMoveUp(const CServed& served, std::size_t nMost) const {
     const std::vector<std::string> names = NamesIn(served.fdFresh.Get());
-    return names.size() <= s_nMostMovedUp &&
+    return names.size() <= nMost &&
            std::all_of(names.begin(), names.end(), [&served](const std::string& strName) {
                struct stat status {};
                return ::fstatat(served.fdFolder.Get(), strName.c_str(), &status,
@@ -275,10 +284,10 @@ bool CFormats::MayMoveUp(const CServed& served) const {
            });
 }
 
-void CFormats::MoveUp(CServed& served) {
+void CFormats::MoveUp(CServed& served, std::size_t nMost) {
     const int fdFolder = served.fdFolder.Get();
     CFd fdView(::openat(fdFolder, ".", O_PATH | s_nFolder));
-    if (!fdView || !MayMoveUp(served) ||
+    if (!fdView || !MayMoveUp(served, nMost) ||
         ::renameat(fdFolder, s_szFormat, fdFolder, s_szFormatted) != 0) {
         return;
     }

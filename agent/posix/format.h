@@ -31,7 +31,8 @@ class CFormats {
     // end. It outlives this object and does not move.
     void Serve(CFd& fdView);
 
-    // Goes on with what a killed agent left. Behind the last Serve.
+    // Goes on with what an agent before left: for a moment at once, and then by Work. Behind the
+    // last Serve.
     void TakeUp();
 
     // Empties the folder served through fdView, except other served folders that lie in it. False
@@ -64,9 +65,9 @@ class CFormats {
     bool MakeRoomFor(CServed& served, const std::function<bool()>& make) const;
     bool TurnTo(CServed& served, const std::string& strFresh);
     void TakeUp(CServed& served);
-    void EndRemoval(CServed& served) const;
-    bool MayMoveUp(const CServed& served) const;
-    void MoveUp(CServed& served);
+    void StepRemoval(CServed& served) const;
+    bool MayMoveUp(const CServed& served, std::size_t nMost) const;
+    void MoveUp(CServed& served, std::size_t nMost);
 
     CQuota& m_quota;
     std::function<void(const std::string&)> m_lpLog;
