@@ -1,12 +1,14 @@
-// What the command asks of the system about its terminal and its signals. One file a system:
-// console_posix.cpp.
+// What the command asks of the system about its terminal, its signals, and the bytes of standard
+// input and output. One file a system: console_posix.cpp.
 #pragma once
+
+#include <cstddef>
 
 namespace console {
 
-enum class Stream { Out, Error };
+enum class Stream { In, Out, Error };
 
-// Whether the stream goes to a terminal that can redraw a line.
+// Whether the stream is a terminal; for Out and Error, one that can redraw a line.
 bool IsTerminal(Stream stream);
 
 // Columns of the terminal at standard error; 80 where it does not say.
@@ -24,5 +26,22 @@ class CInterrupts {
 
     static bool Requested();
 };
+
+// How far bytes of standard input or output went.
+enum class Flow {
+    Whole,       // all of them
+    End,         // the input has ended
+    Interrupted, // a request to end came first (CInterrupts)
+    ReaderGone,  // nobody reads the output any more
+    Failed,
+};
+
+// Takes bytes from standard input until the buffer is full (Whole) or the input ends (End). nRead
+// counts what came, on every result. A file descriptor's bytes pass as they are.
+Flow ReadInput(void* lpBuffer, std::size_t nBytes, std::size_t& nRead);
+
+// Writes bytes to standard output as they are, all of them on Whole. From the first call on a
+// reader that goes is a result and no signal.
+Flow WriteOutput(const void* lpBytes, std::size_t nBytes);
 
 } // namespace console

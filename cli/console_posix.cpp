@@ -2,11 +2,14 @@
 
 #include "cli/results.h"
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstdlib>
@@ -28,9 +31,31 @@ extern "C" void TakeInterrupt(int /*nSignal*/) {
     }
 }
 
+// Waits until the descriptor can be read or written without blocking, or has failed; false when a
+// request to end came first. The wait has an end of its own because a request can come between the
+// question and the wait.
+bool WaitFor(int fd, short sEvents) {
+    constexpr int nLookMs = 100;
+    while (!CInterrupts::Requested()) {
+        pollfd waiting = {fd, sEvents, 0};
+        if (poll(&waiting, 1, nLookMs) > 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Whether a read or write that brought nothing is to be tried again.
+bool IsPassing(int nError) {
+    return nError == EINTR || nError == EAGAIN || nError == EWOULDBLOCK;
+}
+
 } // namespace
 
 bool IsTerminal(Stream stream) {
+    if (stream == Stream::In) {
+        return isatty(STDIN_FILENO) == 1;
+    }
     const char* const lpszTerm = std::getenv("TERM");
     const bool bDumb = lpszTerm != nullptr && std::string_view(lpszTerm) == "dumb";
     return !bDumb && isatty(stream == Stream::Out ? STDOUT_FILENO : STDERR_FILENO) == 1;
@@ -65,6 +90,46 @@ CInterrupts::~CInterrupts() {
 
 bool CInterrupts::Requested() {
     return g_nInterrupts > 0;
+}
+
+Flow ReadInput(void* lpBuffer, std::size_t nBytes, std::size_t& nRead) {
+    nRead = 0;
+    while (nRead < nBytes) {
+        if (!WaitFor(STDIN_FILENO, POLLIN)) {
+            return Flow::Interrupted;
+        }
+        const ssize_t nCame =
+            read(STDIN_FILENO, static_cast<char*>(lpBuffer) + nRead, nBytes - nRead);
+        if (nCame == 0) {
+            return Flow::End;
+        }
+        if (nCame > 0) {
+            nRead += static_cast<std::size_t>(nCame);
+        } else if (!IsPassing(errno)) {
+            return Flow::Failed;
+        }
+    }
+    return Flow::Whole;
+}
+
+Flow WriteOutput(const void* lpBytes, std::size_t nBytes) {
+    // A pipe that can be written has room for as much, so that no write blocks a request to end.
+    constexpr std::size_t nMostAtOnce = 4096;
+    std::signal(SIGPIPE, SIG_IGN);
+    const char* lpNext = static_cast<const char*>(lpBytes);
+    while (nBytes > 0) {
+        if (!WaitFor(STDOUT_FILENO, POLLOUT)) {
+            return Flow::Interrupted;
+        }
+        const ssize_t nWent = write(STDOUT_FILENO, lpNext, std::min(nBytes, nMostAtOnce));
+        if (nWent >= 0) {
+            lpNext += nWent;
+            nBytes -= static_cast<std::size_t>(nWent);
+        } else if (!IsPassing(errno)) {
+            return errno == EPIPE ? Flow::ReaderGone : Flow::Failed;
+        }
+    }
+    return Flow::Whole;
 }
 
 } // namespace console

@@ -29,6 +29,10 @@ DEVICEPATH SplitDevicePath(const std::string& strNormalPath) {
     return {strFolder.empty() ? "\\" : strFolder, strNormalPath.substr(nLast + 1)};
 }
 
+bool NamesFolder(std::string_view strPath) {
+    return strPath.ends_with('/') || strPath.ends_with('\\');
+}
+
 std::string JoinDevicePath(const std::string& strFolder, std::string_view strName) {
     const bool bRoot = strFolder == "\\";
     return (bRoot ? std::string() : strFolder) + "\\" + std::string(strName);

@@ -21,6 +21,9 @@ struct DEVICEPATH {
 };
 DEVICEPATH SplitDevicePath(const std::string& strNormalPath);
 
+// Whether a path as it was written ends in a separator, and so names a folder.
+bool NamesFolder(std::string_view strPath);
+
 // A normal folder path and a name below it.
 std::string JoinDevicePath(const std::string& strFolder, std::string_view strName);
 

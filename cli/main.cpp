@@ -9,6 +9,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
@@ -25,6 +26,9 @@ class CHelpFormatter : public CLI::Formatter {
             return strUsage + " VERB ...\n";
         }
         strUsage += " [OPTIONS]";
+        if (pApp->get_prefix_command()) {
+            strUsage += " IMAGE [ARGS...]";
+        }
         for (const CLI::Option* pOption :
              pApp->get_options([](const CLI::Option* p) { return p->get_positional(); })) {
             const std::string strText = pOption->get_option_text();
@@ -51,6 +55,25 @@ int Refuse(const CLI::App& app, int argc, char** argv, const CLI::ParseError& er
     return cli::EXIT_USAGE;
 }
 
+// The words of the command line, the last first, as CLI11 wants them. It does not know "--" ahead
+// of the words that it leaves to "run": there it is taken out.
+std::vector<std::string> Words(int argc, char** argv) {
+    const auto args = std::span(argv, static_cast<std::size_t>(argc)).subspan(1);
+    std::vector<std::string> words(args.begin(), args.end());
+    const auto isOption = [](const std::string& strWord) {
+        return strWord.starts_with('-') && strWord != "--";
+    };
+    const auto itVerb = std::find_if_not(words.begin(), words.end(), isOption);
+    if (itVerb != words.end() && *itVerb == "run") {
+        const auto itMark = std::find_if_not(itVerb + 1, words.end(), isOption);
+        if (itMark != words.end() && *itMark == "--") {
+            words.erase(itMark);
+        }
+    }
+    std::reverse(words.begin(), words.end());
+    return words;
+}
+
 int ParseAndRun(int argc, char** argv, cli::CONTEXT& context) {
     CLI::App app{"dak works on a handheld device attached by USB: it copies files to the device\n"
                  "and back, and works on the files there.",
@@ -63,15 +86,25 @@ int ParseAndRun(int argc, char** argv, cli::CONTEXT& context) {
                "Examples:\n"
                "  dak status                   is a device there?\n"
                "  dak push photos /Pictures    copy a folder to the device\n"
+               "  dak ls -l /Pictures          what is there, with sizes and times\n"
                "  dak pull /Pictures backup    copy it back\n"
-               "  dak rm /Pictures/old.jpg     delete a file there\n\n" +
+               "  date | dak write /now.txt    write a file from standard input\n"
+               "  dak cat /now.txt             read it\n"
+               "  dak rm /Pictures/old.jpg     delete a file there\n"
+               "  dak storages                 the device's storages, with their room\n\n" +
                std::string(cli::g_lpszExitStatusHelp));
     cli::AddOutputOptions(app, context);
     cli::AddStatusVerb(app, context);
     cli::AddCopyVerbs(app, context);
+    cli::AddListVerbs(app, context);
+    cli::AddReadVerb(app, context);
+    cli::AddWriteVerb(app, context);
     cli::AddPathVerbs(app, context);
+    cli::AddStorageVerbs(app, context);
+    cli::AddRunVerb(app, context);
+    cli::AddSystemVerbs(app, context);
     try {
-        app.parse(argc, argv);
+        app.parse(Words(argc, argv));
     } catch (const CLI::ParseError& error) {
         return error.get_exit_code() == 0 ? app.exit(error) : Refuse(app, argc, argv, error);
     }

@@ -14,6 +14,12 @@ void Say(const CONTEXT& context, const std::string& strSentence) {
     }
 }
 
+void PrintData(const CONTEXT& context, const std::string& strLine) {
+    if (!context.output.bJson) {
+        std::printf("%s\n", Printable(strLine).c_str());
+    }
+}
+
 void Complain(const CONTEXT& context, const std::string& strSentence) {
     if (!context.output.bJson) {
         std::fprintf(stderr, "dak: %s\n", Printable(strSentence).c_str());
@@ -32,6 +38,13 @@ nlohmann::json LeftOutJson(const std::vector<LEFTOUT>& leftOut) {
         array.push_back({{"path", entry.strPath}, {"reason", entry.strReason}});
     }
     return array;
+}
+
+void FinishData(CONTEXT& context, const char* lpszVerb, const MEANING& meaning,
+                nlohmann::json object) {
+    if (context.output.bJson || meaning.nExit != EXIT_DONE) {
+        Finish(context, lpszVerb, meaning, std::move(object));
+    }
 }
 
 void Finish(CONTEXT& context, const char* lpszVerb, const MEANING& meaning, nlohmann::json object) {

@@ -12,7 +12,7 @@
 namespace cli {
 
 struct OUTPUT {
-    bool bQuiet = false; // errors alone
+    bool bQuiet = false; // no sentence but errors
     bool bJson = false;  // one object on standard output, and nothing else anywhere
 };
 
@@ -28,12 +28,21 @@ struct CONTEXT {
 // A sentence on standard output; nothing under --quiet and --json.
 void Say(const CONTEXT& context, const std::string& strSentence);
 
+// A line of what the verb was asked for, on standard output, also under --quiet; nothing under
+// --json.
+void PrintData(const CONTEXT& context, const std::string& strLine);
+
 // "dak: ..." on standard error; nothing under --json, where the object carries it.
 void Complain(const CONTEXT& context, const std::string& strSentence);
 void Complain(const CONTEXT& context, const std::vector<LEFTOUT>& leftOut);
 
 // The same as an array for the object of --json.
 nlohmann::json LeftOutJson(const std::vector<LEFTOUT>& leftOut);
+
+// The end of a verb that has printed what it was asked for: Finish without a sentence when it is
+// done.
+void FinishData(CONTEXT& context, const char* lpszVerb, const MEANING& meaning,
+                nlohmann::json object);
 
 // Ends a verb: keeps the exit status, complains or says the sentence, or prints the object, to
 // which "verb", "result", "exit" and "message" are added.

@@ -16,7 +16,9 @@ const char* const g_lpszExitStatusHelp =
     "  6    no room, on the device or on this computer\n"
     "  7    the device broke the protocol\n"
     "  8    something failed on this computer\n"
-    "  130  ended by Ctrl-C\n";
+    "  9    a program on the device ended with another status than 0\n"
+    "  130  ended by Ctrl-C\n"
+    "  141  the program that read the output has gone\n";
 
 namespace {
 
@@ -35,6 +37,38 @@ const char* FailSentence(Action action) {
     case Action::MakeFolder:
         return "the device did not make the folder: see that the folder above it exists, and that "
                "the name is not taken";
+    case Action::Move:
+        return "the device did not move it: see that the source is there, that the folder of the "
+               "new path exists, and that the new name is not taken";
+    case Action::Copy:
+        return "the device did not copy it: see that the source is there, that the folder of the "
+               "new path exists and may be written, and that there is room; with --no-clobber, "
+               "that the new name is not taken";
+    case Action::List:
+        return "the device did not list it to the end: see that the path is right, then repeat the "
+               "command";
+    case Action::Describe:
+        return "the device knows no such file or folder: see that the path is right; \"dak ls\" "
+               "shows what a folder holds";
+    case Action::Read:
+        return "the device did not give it: see that the path is right, and that it is a file that "
+               "may be read";
+    case Action::Write:
+        return "the device did not take it: see that the folder exists and may be written";
+    case Action::Storages:
+        return "the device did not tell its storages: repeat the command";
+    case Action::Format:
+        return "the device did not format it: \"dak storages\" shows the names, and an agent "
+               "formats only when it was started with --allow-format";
+    case Action::Run:
+        return "the device did not start it: see that the program is there, and that the agent was "
+               "started with --allow-exec";
+    case Action::IoControl:
+        return "the device does not know that control code, or refused it: see the code, and the "
+               "size of the input";
+    case Action::Message:
+        return "the device did not take the message: repeat the command";
+    case Action::Space:
     case Action::Status:
         break;
     }

@@ -17,14 +17,35 @@ enum ExitStatus : int {
     EXIT_NO_SPACE = 6,    // no room, on the device or on this computer
     EXIT_PROTOCOL = 7,    // the device broke the protocol
     EXIT_HOST = 8,        // this computer: a file or folder here, memory, the output
+    EXIT_PROGRAM = 9,     // a program on the device ended with another status than 0
     EXIT_CANCELLED = 130, // ended by Ctrl-C
+    EXIT_NO_READER = 141, // who read the output has gone, as a shell shows the signal of that
 };
 
 // The list of exit statuses for the help.
 extern const char* const g_lpszExitStatusHelp;
 
 // What was asked of the library: the same result means another thing to do.
-enum class Action { Status, Push, Pull, RemoveFile, MakeFolder };
+enum class Action {
+    Status,
+    Push,
+    Pull,
+    RemoveFile,
+    MakeFolder,
+    Move,
+    Copy,
+    List,
+    Describe, // what is told of one file or folder
+    Read,
+    Write,
+    Space,
+    Storages,
+    Format,
+    Run,
+    IoControl,
+    Message,
+};
+inline constexpr int ACTION_COUNT = static_cast<int>(Action::Message) + 1;
 
 // How far the operation had come: whether the library had reached the device, so that a device that
 // is missing now has gone away.

@@ -1,6 +1,8 @@
 #include "cli/text.h"
 
+#include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstddef>
 #include <cstdio>
 
@@ -190,6 +192,60 @@ std::string FormatDuration(std::uint64_t qwSeconds) {
 
 std::string Count(std::uint64_t qwCount, std::string_view strNoun) {
     return std::to_string(qwCount) + " " + std::string(strNoun) + (qwCount == 1 ? "" : "s");
+}
+
+std::optional<std::uint64_t> ParseNumber(std::string_view strText, std::uint64_t qwMost) {
+    const bool bHex = strText.starts_with("0x") || strText.starts_with("0X");
+    strText.remove_prefix(bHex ? 2 : 0);
+    std::uint64_t qwValue = 0;
+    const char* const lpEnd = strText.data() + strText.size();
+    const auto [lpStop, error] = std::from_chars(strText.data(), lpEnd, qwValue, bHex ? 16 : 10);
+    if (error != std::errc() || lpStop != lpEnd || qwValue > qwMost) {
+        return std::nullopt;
+    }
+    return qwValue;
+}
+
+std::string Base64(std::string_view strBytes) {
+    static constexpr std::string_view strLetters =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string strText;
+    strText.reserve((strBytes.size() + 2) / 3 * 4);
+    for (std::size_t i = 0; i < strBytes.size(); i += 3) {
+        const std::size_t nBytes = std::min<std::size_t>(3, strBytes.size() - i);
+        std::uint32_t dwGroup = 0;
+        for (std::size_t k = 0; k < 3; ++k) {
+            dwGroup =
+                dwGroup << 8 | (k < nBytes ? static_cast<unsigned char>(strBytes[i + k]) : 0U);
+        }
+        for (std::size_t k = 0; k < 4; ++k) {
+            strText += k <= nBytes ? strLetters[dwGroup >> (18 - 6 * k) & 0x3F] : '=';
+        }
+    }
+    return strText;
+}
+
+std::string HexDump(std::string_view strBytes) {
+    constexpr std::size_t nInLine = 16;
+    std::string strText;
+    for (std::size_t nLine = 0; nLine < strBytes.size(); nLine += nInLine) {
+        std::array<char, 16> szCell{};
+        std::snprintf(szCell.data(), szCell.size(), "%08zx ", nLine);
+        strText += szCell.data();
+        std::string strCharacters;
+        for (std::size_t i = nLine; i < nLine + nInLine; ++i) {
+            if (i >= strBytes.size()) {
+                strText += "   ";
+                continue;
+            }
+            const auto chByte = static_cast<unsigned char>(strBytes[i]);
+            std::snprintf(szCell.data(), szCell.size(), " %02x", chByte);
+            strText += szCell.data();
+            strCharacters += chByte >= 0x20 && chByte < 0x7F ? strBytes[i] : '.';
+        }
+        strText += "  " + strCharacters + "\n";
+    }
+    return strText;
 }
 
 } // namespace cli

@@ -38,4 +38,14 @@ std::string FormatDuration(std::uint64_t qwSeconds);
 // "1 file", "2 files".
 std::string Count(std::uint64_t qwCount, std::string_view strNoun);
 
+// A number as a person writes it, decimal or with 0x: nothing for any other text, and for numbers
+// above qwMost.
+std::optional<std::uint64_t> ParseNumber(std::string_view strText, std::uint64_t qwMost);
+
+// Bytes in the letters of JSON: base64 with padding.
+std::string Base64(std::string_view strBytes);
+
+// Bytes for a person: lines of 16 with their offset, in hexadecimal and as characters.
+std::string HexDump(std::string_view strBytes);
+
 } // namespace cli

@@ -1,6 +1,9 @@
 #include "cli/verbs.h"
 
+#include "cli/device_path.h"
+
 #include <CLI/App.hpp>
+#include <nlohmann/json.hpp>
 
 namespace cli {
 
@@ -14,8 +17,20 @@ CLI::App* AddVerb(CLI::App& app, CONTEXT& context, const char* lpszName, const c
 }
 
 void AddOutputOptions(CLI::App& app, CONTEXT& context) {
-    app.add_flag("-q,--quiet", context.output.bQuiet, "Print errors alone");
+    app.add_flag("-q,--quiet", context.output.bQuiet, "Print no sentence but errors");
     app.add_flag("--json", context.output.bJson, "Print one JSON object at the end, nothing else");
+}
+
+std::optional<std::string> TakeDevicePath(CONTEXT& context, const char* lpszVerb,
+                                          const char* lpszName, const std::string& strArgument) {
+    std::optional<std::string> strPath = NormalDevicePath(strArgument);
+    if (!strPath) {
+        Finish(context, lpszVerb,
+               {EXIT_USAGE, "usage",
+                std::string(lpszName) + " is empty or not valid UTF-8: give a path of the device"},
+               {{"path", strArgument}});
+    }
+    return strPath;
 }
 
 } // namespace cli

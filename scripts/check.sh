@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Checks the form of the sources: clang-format on all, clang-tidy on the library's, shellcheck on
-# the scripts. Needs a configured build folder for clang-tidy, and makes one if there is none.
+# Checks the form of the sources: clang-format on all, clang-tidy on those of the library and the
+# command, shellcheck on the scripts. Needs a configured build folder for clang-tidy, and makes one
+# if there is none.
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -15,16 +16,16 @@ clang-format --dry-run -Werror "${sources[@]}"
 say "${#sources[@]} files are in form"
 
 headline "shellcheck"
-mapfile -t scripts < <(git ls-files 'scripts/*.sh' .ci/run)
+mapfile -t scripts < <(git ls-files '*.sh' '*.bash' .ci/run)
 shellcheck --external-sources "${scripts[@]}"
 say "${#scripts[@]} scripts are in form"
 
 headline "clang-tidy"
 [[ -f build/compile_commands.json ]] || configure release
-mapfile -t library < <(git ls-files 'link/*.cpp' 'stream/*.cpp' 'transfer/*.cpp' \
-    'remote_files/*.cpp' 'device_services/*.cpp' 'platform/posix/*.cpp')
-[[ ${#library[@]} -gt 0 ]] || die "git names no sources of the library"
+mapfile -t tidied < <(git ls-files 'link/*.cpp' 'stream/*.cpp' 'transfer/*.cpp' \
+    'remote_files/*.cpp' 'device_services/*.cpp' 'platform/posix/*.cpp' 'cli/*.cpp')
+[[ ${#tidied[@]} -gt 0 ]] || die "git names no sources"
 # clang-tidy counts on standard error the warnings of foreign headers that it leaves out.
-printf '%s\0' "${library[@]}" | xargs -0 -P 2 -n 1 clang-tidy -p build --quiet 2> >(
+printf '%s\0' "${tidied[@]}" | xargs -0 -P 2 -n 1 clang-tidy -p build --quiet 2> >(
     grep -v 'warnings generated\.$' >&2 || true)
-say "clang-tidy has nothing to say on ${#library[@]} files"
+say "clang-tidy has nothing to say on ${#tidied[@]} files"

@@ -27,8 +27,8 @@ TEST(Results, EveryResultHasItsExitStatusAndKey) {
         {0x4711, 5, "unknown"},
     };
     for (const auto& row : rows) {
-        for (const Action action :
-             {Action::Status, Action::Push, Action::Pull, Action::RemoveFile, Action::MakeFolder}) {
+        for (int nAction = 0; nAction < ACTION_COUNT; ++nAction) {
+            const auto action = static_cast<Action>(nAction);
             const MEANING meaning = Explain(action, Stage::Running, row.dwState);
             EXPECT_EQ(meaning.nExit, row.nExit);
             EXPECT_STREQ(meaning.lpszKey, row.lpszKey);
@@ -41,11 +41,12 @@ TEST(Results, EveryResultHasItsExitStatusAndKey) {
 
 TEST(Results, TheSameResultAsksForAnotherThing) {
     std::set<std::string> sentences;
-    for (const Action action :
-         {Action::Status, Action::Push, Action::Pull, Action::RemoveFile, Action::MakeFolder}) {
-        sentences.insert(Explain(action, Stage::Running, DAKERROR_FAIL).strSentence);
+    for (int nAction = 0; nAction < ACTION_COUNT; ++nAction) {
+        sentences.insert(
+            Explain(static_cast<Action>(nAction), Stage::Running, DAKERROR_FAIL).strSentence);
     }
-    EXPECT_EQ(sentences.size(), 5U);
+    // Status and Space know nothing better than to try again.
+    EXPECT_EQ(sentences.size(), std::size_t{ACTION_COUNT} - 1);
     EXPECT_NE(Explain(Action::Push, Stage::Running, DAKERROR_NO_SPACE).strSentence,
               Explain(Action::Pull, Stage::Running, DAKERROR_NO_SPACE).strSentence);
     EXPECT_NE(Explain(Action::Push, Stage::Opening, DAKERROR_NO_DEVICE).strSentence,

@@ -100,5 +100,29 @@ TEST(Progress, TheRateForgetsWhatIsLongAgo) {
     EXPECT_EQ(rate.IdleSeconds(start + std::chrono::seconds(20)), 10U);
 }
 
+TEST(Text, NumbersAreWholeAndWithinTheirBound) {
+    const struct {
+        const char* lpszText;
+        std::optional<std::uint64_t> qwValue;
+    } rows[] = {{"0", 0},     {"42", 42},   {"0x2A", 42},  {"0XfF", 255},
+                {"255", 255}, {"256", {}},  {"0x100", {}}, {"", {}},
+                {"0x", {}},   {"12a", {}},  {"-1", {}},    {"+1", {}},
+                {" 1", {}},   {"0x-1", {}}, {"1 ", {}},    {"99999999999999999999", {}}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(ParseNumber(row.lpszText, 255), row.qwValue) << row.lpszText;
+    }
+}
+
+TEST(Text, BytesAreShownAndPackedWhole) {
+    EXPECT_EQ(Base64(""), "");
+    EXPECT_EQ(Base64("f"), "Zg==");
+    EXPECT_EQ(Base64("fo"), "Zm8=");
+    EXPECT_EQ(Base64(std::string("\xFB\xFF\x00\xBF", 4)), "+/8Avw==");
+    EXPECT_EQ(HexDump(""), "");
+    EXPECT_EQ(HexDump(std::string("0123456789abcdef\x00\x7F~", 19)),
+              "00000000  30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66  0123456789abcdef\n"
+              "00000010  00 7f 7e                                         ..~\n");
+}
+
 } // namespace
 } // namespace cli

@@ -98,6 +98,59 @@ TEST(Command, NamesWhatACopyCannotCarryAndCopiesTheRest) {
     EXPECT_TRUE(ReadTree(world.Path("host/back/to/photos")) == photos);
 }
 
+TEST(Command, TellsAndEmptiesStorages) {
+    CWorld world;
+    world.Write("card", {{"trip/photo", "p"}});
+    world.StartAgent({"--storage", "Card=" + world.Path("card"), "--allow-format"});
+    const json df = RunJson(world, {"df"}, 0);
+    EXPECT_GT(df["total_bytes"], df["free_bytes"]);
+    EXPECT_GT(RunJson(world, {"df", "/Card"}, 0)["free_bytes"], 0);
+    EXPECT_EQ(RunJson(world, {"df", "/none"}, 5)["result"], "refused");
+    const json storages = RunJson(world, {"storages"}, 0)["storages"];
+    ASSERT_EQ(storages.size(), 2U);
+    EXPECT_EQ(storages[0]["name"], "\\");
+    EXPECT_EQ(storages[1]["name"], "Card");
+    EXPECT_GE(storages[1]["total_bytes"], storages[1]["free_bytes"]);
+
+    EXPECT_EQ(world.StartShell("yes | dak format Card")->End(), 2); // that is nobody
+    EXPECT_EQ(RunJson(world, {"format", "Card"}, 2)["result"], "usage");
+    EXPECT_EQ(ReadTree(world.Path("card")).size(), 1U);
+    EXPECT_EQ(world.Exit({"format", "--yes", "Other"}), 5);
+    EXPECT_EQ(RunJson(world, {"format", "--yes", "Card"}, 0)["name"], "Card");
+    EXPECT_TRUE(Eventually([&] { return fs::is_empty(world.Path("card")); }));
+}
+
+TEST(Command, ReachesTheSystemOfTheDevice) {
+    CWorld world;
+    world.Write("device", {{"bin/tell", "#!/bin/sh\nprintf '<%s>' \"$@\" > told\nexit $1\n"}});
+    fs::permissions(world.Path("device/bin/tell"), fs::perms::owner_all);
+    world.StartAgent({"--allow-exec"});
+    const json run = RunJson(world, {"run", "--wait", "/bin/tell", "3", "--json", "it's"}, 9);
+    EXPECT_EQ(run["exit_status"], 3);
+    EXPECT_EQ(ReadBytes(world.Path("device/told")), "<3><--json><it's>");
+    EXPECT_EQ(world.Exit({"run", "-w", "/bin/tell", "0"}), 0);
+    EXPECT_EQ(world.Exit({"run", "/bin/tell", "7"}), 0);
+    EXPECT_TRUE(Eventually([&] { return ReadBytes(world.Path("device/told")) == "<7>"; }));
+    EXPECT_EQ(world.Exit({"run", "/bin/none"}), 5);
+    EXPECT_EQ(world.Exit({"run"}), 2);
+
+    world.Write("host", {{"ping", std::string("a\0\xFF", 3)}});
+    EXPECT_EQ(RunJson(world, {"ioctl", "1", "--in", "ping"}, 0)["output"], "YQD/");
+    EXPECT_EQ(world.Run({"ioctl", "--raw", "0x1", "--in", "ping"})->Output(),
+              std::string("a\0\xFF", 3));
+    EXPECT_EQ(world.Exit({"ioctl", "0x4711"}), 5);
+    EXPECT_EQ(world.Exit({"ioctl", "0"}), 2);
+    EXPECT_EQ(world.Exit({"ioctl", "1", "--in", "none"}), 8);
+
+    const json named = RunJson(world, {"message", "Refresh", "7", "-1"}, 0);
+    EXPECT_GE(named["number"], 0xC000);
+    EXPECT_EQ(named["lparam"], -1);
+    EXPECT_EQ(world.Exit({"message", std::to_string(named["number"].get<int>())}), 0);
+    EXPECT_TRUE(world.Agent().Says("Refresh"));
+    EXPECT_EQ(world.Exit({"message", "0"}), 2);
+    EXPECT_EQ(world.Exit({"message", "Refresh", "seven"}), 2);
+}
+
 // What is said to have arrived has, whole; what is not there whole is not there at all.
 class Cancel : public testing::TestWithParam<bool> {};
 

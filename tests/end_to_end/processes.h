@@ -181,9 +181,12 @@ class CWorld {
         }
     }
 
-    // Starts the agent and waits until it is attached.
-    CProgram& StartAgent() {
-        m_pAgent = Launch({DAK_AGENT_PROGRAM, "--root", Path("device"), "--verbose"});
+    // Starts the agent, with further options, and waits until it is attached.
+    CProgram& StartAgent(const std::vector<std::string>& options = {}) {
+        std::vector<std::string> command = {DAK_AGENT_PROGRAM, "--root", Path("device"),
+                                            "--verbose"};
+        command.insert(command.end(), options.begin(), options.end());
+        m_pAgent = Launch(command);
         EXPECT_TRUE(Eventually([this] { return !m_pAgent->Output().empty(); }));
         return *m_pAgent;
     }
@@ -201,6 +204,11 @@ class CWorld {
         return pProgram;
     }
     int Exit(const std::vector<std::string>& arguments) { return Start(arguments)->End(); }
+
+    // A script of a shell in which "dak" is the command.
+    std::unique_ptr<CProgram> StartShell(const std::string& strScript) {
+        return Launch({"/bin/bash", "-c", "dak() { " DAK_PROGRAM " \"$@\"; }\n" + strScript});
+    }
 
   private:
     std::unique_ptr<CProgram> Launch(const std::vector<std::string>& command) {

@@ -1,0 +1,23 @@
+// Asks the device what one of its files or folders is.
+#pragma once
+
+#include "cli/file_facts.h"
+#include "cli/report.h"
+
+#include "link/dak_vorn.h"
+
+#include <string>
+
+namespace cli {
+
+// The facts hold when the meaning is EXIT_DONE. With DAKERROR_FAIL the device knows no such path;
+// other results are the link's.
+struct DESCRIPTION {
+    DWORD dwResult;
+    MEANING meaning; // its sentence begins with the path
+    FILEFACTS facts;
+};
+
+DESCRIPTION Describe(CONTEXT& context, CDAKVorn& dak, const std::string& strPath);
+
+} // namespace cli

@@ -1,0 +1,184 @@
+#include "cli/console.h"
+#include "cli/description.h"
+#include "cli/device_file.h"
+#include "cli/device_path.h"
+#include "cli/patience.h"
+#include "cli/text.h"
+#include "cli/verbs.h"
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <CLI/App.hpp>
+#include <nlohmann/json.hpp>
+
+namespace cli {
+namespace {
+
+// Standard input on its way to a file of the device. It grows under a name of its own beside the
+// target, so that a file that was there survives a write that fails.
+class CWriting {
+  public:
+    CWriting(CONTEXT& context, std::string strPath);
+
+    void Run();
+
+  private:
+    MEANING WriteAll();
+    MEANING SendInput();
+    MEANING Place();
+    MEANING Explained(Action action, DWORD dwResult);
+    void Remove(MEANING& meaning);
+
+    CONTEXT& m_context;
+    std::string m_strPath;
+    std::string m_strPart;
+    CDAKVorn m_dak;
+    bool m_bReplaces = false;
+    std::uint64_t m_qwTaken = 0; // bytes that the device has
+};
+
+CWriting::CWriting(CONTEXT& context, std::string strPath)
+    : m_context(context), m_strPath(std::move(strPath)) {
+    std::random_device random;
+    std::array<char, 32> szName{};
+    std::snprintf(szName.data(), szName.size(), "~dak%08x.tmp", static_cast<unsigned>(random()));
+    m_strPart = JoinDevicePath(SplitDevicePath(m_strPath).strFolder, szName.data());
+}
+
+MEANING CWriting::Explained(Action action, DWORD dwResult) {
+    MEANING meaning = ExplainOperation(action, dwResult, m_dak.GetLastError());
+    meaning.strSentence = m_strPath + ": " + meaning.strSentence;
+    if (meaning.nExit == EXIT_NO_SPACE && m_bReplaces) {
+        meaning.strSentence +=
+            " (the old file stays until the new one is whole, and both need room)";
+    }
+    return meaning;
+}
+
+MEANING CWriting::SendInput() {
+    CDeviceFile file(m_dak);
+    DWORD dwResult = DAKERROR_NONE;
+    {
+        const CPatience patience(m_context);
+        dwResult = file.OpenNew(m_strPart);
+    }
+    if (dwResult != DAKERROR_NONE) {
+        m_strPart.clear();
+        return Explained(Action::Write, dwResult);
+    }
+    const CCutShort cutShort(m_dak);
+    std::vector<char> block(FILE_BLOCK_BYTES);
+    for (auto flow = console::Flow::Whole; flow == console::Flow::Whole;) {
+        std::size_t nRead = 0;
+        flow = console::ReadInput(block.data(), block.size(), nRead);
+        if (flow == console::Flow::Failed) {
+            return {EXIT_HOST, "host", "standard input could not be read"};
+        }
+        const CPatience patience(m_context);
+        if (flow != console::Flow::Interrupted && nRead > 0) {
+            dwResult = file.Write(block.data(), nRead);
+        }
+        if (console::CInterrupts::Requested()) {
+            return Explain(Action::Write, Stage::Running, DAKERROR_CANCELLED);
+        }
+        if (dwResult != DAKERROR_NONE) {
+            return Explained(Action::Write, dwResult);
+        }
+        m_qwTaken += nRead;
+    }
+    const CPatience patience(m_context);
+    dwResult = file.Close();
+    return dwResult == DAKERROR_NONE ? MEANING{EXIT_DONE, "ok", ""}
+                                     : Explained(Action::Write, dwResult);
+}
+
+// A move takes no name that is in use; a copy does, when it is whole.
+MEANING CWriting::Place() {
+    const CPatience patience(m_context);
+    const WideText strPart = *Utf8ToWide(m_strPart);
+    const WideText strPath = *Utf8ToWide(m_strPath);
+    const DWORD dwResult = m_bReplaces ? m_dak.DAKCopyFile(strPart.c_str(), strPath.c_str(), 0)
+                                       : m_dak.DAKMoveFile(strPart.c_str(), strPath.c_str());
+    if (dwResult != DAKERROR_NONE) {
+        return Explained(Action::Write, dwResult);
+    }
+    MEANING meaning{EXIT_DONE, "ok", "wrote " + Count(m_qwTaken, "byte") + " to " + m_strPath};
+    if (m_bReplaces) {
+        Remove(meaning);
+    }
+    m_strPart.clear();
+    return meaning;
+}
+
+// Takes the part away, and says so when it could not be had.
+void CWriting::Remove(MEANING& meaning) {
+    const CPatience patience(m_context);
+    if (!m_strPart.empty() &&
+        m_dak.DAKDeleteFile(Utf8ToWide(m_strPart)->c_str()) != DAKERROR_NONE) {
+        meaning.strSentence +=
+            ". What had come of it may still be there as " + m_strPart + ": delete it";
+    }
+}
+
+MEANING CWriting::WriteAll() {
+    const DESCRIPTION old = Describe(m_context, m_dak, m_strPath);
+    m_bReplaces = old.meaning.nExit == EXIT_DONE;
+    if (!m_bReplaces && old.dwResult != DAKERROR_FAIL) {
+        m_strPart.clear();
+        return old.meaning;
+    }
+    if (m_bReplaces && (old.facts.IsFolder() || old.facts.IsReadOnly())) {
+        m_strPart.clear();
+        return {EXIT_FAILED, "failed",
+                m_strPath + (old.facts.IsFolder() ? " is a folder: give the path of a file"
+                                                  : " is read-only: choose another name")};
+    }
+    const MEANING meaning = SendInput();
+    return meaning.nExit == EXIT_DONE ? Place() : meaning;
+}
+
+void CWriting::Run() {
+    const console::CInterrupts interrupts;
+    MEANING meaning = WriteAll();
+    if (meaning.nExit != EXIT_DONE) {
+        if (!m_strPart.empty()) {
+            meaning.strSentence += ". The device had taken " + Count(m_qwTaken, "byte") +
+                                   "; nothing of it is kept" +
+                                   (m_bReplaces ? ", and the old file is as it was" : "");
+        }
+        Remove(meaning);
+    }
+    Finish(m_context, "write", meaning, {{"path", m_strPath}, {"bytes_taken", m_qwTaken}});
+}
+
+} // namespace
+
+void AddWriteVerb(CLI::App& app, CONTEXT& context) {
+    CLI::App* const pVerb = AddVerb(
+        app, context, "write", "Write standard input to a file of the device",
+        "A file that is there is replaced when all of the input has arrived, and stays as it is\n"
+        "when the write fails. The folder must exist.\n\n"
+        "Examples:\n"
+        "  dak write /Docs/notes.txt < notes.txt\n"
+        "  date | dak write /Docs/today.txt\n");
+    const auto pPath = std::make_shared<std::string>();
+    pVerb->add_option("PATH", *pPath, "the file of the device")->required()->option_text(" ");
+    pVerb->callback([&context, pPath] {
+        const auto strPath = TakeDevicePath(context, "write", "PATH", *pPath);
+        if (strPath && NamesFolder(*pPath)) {
+            Finish(context, "write",
+                   {EXIT_USAGE, "usage", "PATH names a folder: give the path of a file"},
+                   {{"path", *strPath}});
+        } else if (strPath) {
+            CWriting(context, *strPath).Run();
+        }
+    });
+}
+
+} // namespace cli
