@@ -36,6 +36,8 @@ struct CEntryInfo {
     bool bFolder = false; // neither folder nor file is never reported
     std::uint64_t qwSize = 0;
     CFileTimes times;
+    bool bReadOnly = false;
+    std::uint64_t ftLastAccess = 0; // as in CFileTimes
 };
 
 // Bytes.
@@ -78,6 +80,40 @@ class CSourceFile {
     virtual std::uint64_t Identity() const = 0;
 };
 
+// A copy or a move in work.
+class CFolderWork {
+  public:
+    CFolderWork() = default;
+    // Not done: source and target are as they were.
+    virtual ~CFolderWork() = default;
+    CFolderWork(const CFolderWork&) = delete;
+    CFolderWork& operator=(const CFolderWork&) = delete;
+
+    // A bounded slice. Nothing when there is more to do; not called again behind a result.
+    virtual std::optional<EResult> Step() = 0;
+};
+
+// One pass over the entries of a folder, in the order of the file system.
+class CFolderScan {
+  public:
+    enum class ENext {
+        NAME,
+        SKIPPED, // an entry that the host cannot be told or may not open
+        END,
+        FAILED, // the rest cannot be read
+    };
+
+    CFolderScan() = default;
+    virtual ~CFolderScan() = default;
+    CFolderScan(const CFolderScan&) = delete;
+    CFolderScan& operator=(const CFolderScan&) = delete;
+
+    virtual ENext Next(std::string& strName) = 0;
+
+    // Whether names that differ in letters alone are one. Asked ahead of the first Next.
+    virtual bool FoldsCase() = 0;
+};
+
 class CDeviceFolder {
   public:
     // lpLog may be empty. Null, and the reason in strError, when the folder cannot be served.
@@ -91,8 +127,8 @@ class CDeviceFolder {
     virtual bool AddStorage(const std::string& strName, const std::string& strFolder,
                             std::string& strError) = 0;
 
-    // Removes what killed agents left of their part files, and goes on with their formats. Called
-    // once, behind AddStorage.
+    // Removes what killed agents left of their parts and trash, and goes on with their formats; in
+    // the background where it is much. Called once, behind AddStorage.
     virtual void RemoveLeftovers() = 0;
 
     // Files below the root and the storages together may not grow over this many bytes. Counts
@@ -107,6 +143,26 @@ class CDeviceFolder {
     // nothing when there are more, or the folder cannot be read.
     virtual std::optional<std::vector<std::string>> List(const CDevicePath& path,
                                                          std::size_t nMost) = 0;
+
+    // As Find, but also what may not be read.
+    virtual std::optional<CEntryInfo> Describe(const CDevicePath& path) = 0;
+
+    // Null when the folder cannot be read.
+    virtual std::unique_ptr<CFolderScan> Scan(const CDevicePath& path) = 0;
+
+    // A file, or a folder with all that it holds, which arrives at target whole or not at all. A
+    // file takes the place of a file that is not read-only, a folder that of a folder with all
+    // that is in it, but with bFailIfExists nothing takes the place of anything. Refused, with
+    // null or by the work: a folder on the way to target that is missing, an entry onto itself, a
+    // folder into itself or onto one that it lies in. One such work, or part file, is open at a
+    // time.
+    virtual std::unique_ptr<CFolderWork>
+    BeginCopy(const CDevicePath& source, const CDevicePath& target, bool bFailIfExists) = 0;
+
+    // A file, a folder or a link itself, to a name that is free. On one file system it is one
+    // step; to another it is a copy, behind which the source is removed.
+    virtual std::unique_ptr<CFolderWork> BeginMove(const CDevicePath& source,
+                                                   const CDevicePath& target) = 0;
 
     // Null when the file cannot be opened.
     virtual std::unique_ptr<CSourceFile> OpenSource(const CDevicePath& path) = 0;

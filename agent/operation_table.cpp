@@ -5,13 +5,17 @@
 namespace agent {
 
 static constexpr COperation s_operations[] = {
+    {DAK_FUNC_MOVE_FILE, OpenMoveFile},
     {DAK_FUNC_DELETE_FILE, OpenDeleteFile},
+    {DAK_FUNC_GET_FOLDER_CONTENT, OpenGetFolderContent},
     {DAK_FUNC_TRANSMIT_FILES, OpenTransmitFiles},
     {DAK_FUNC_CREATE_DIRECTORY, OpenCreateDirectory},
     {DAK_FUNC_GET_DEVICE_FREE_SPACE, OpenGetDeviceFreeSpace},
     {DAK_FUNC_GET_STORAGE_INFO, OpenGetStorageInfo},
     {DAK_FUNC_FORMAT_PARTITION, OpenFormatPartition},
     {DAK_FUNC_GET_FOLDER_FREE_SPACE, OpenGetFolderFreeSpace},
+    {DAK_FUNC_GET_FILE_INFO, OpenGetFileInfo},
+    {DAK_FUNC_COPY_FILE, OpenCopyFile},
     {DAK_FUNC_CREATE_PROCESS, OpenCreateProcess},
     {DAK_FUNC_KERNEL_IO_CONTROL, OpenKernelIoControl},
     {DAK_FUNC_REGISTER_WINDOW_MESSAGE, OpenRegisterWindowMessage},

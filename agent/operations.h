@@ -27,6 +27,16 @@ const COperation* FindOperation(std::uint16_t codeFunc);
 std::unique_ptr<CExchange> OpenDeleteFile(CDevice& device, CPayload payload);
 std::unique_ptr<CExchange> OpenCreateDirectory(CDevice& device, CPayload payload);
 
+// copy_move.cpp
+std::unique_ptr<CExchange> OpenMoveFile(CDevice& device, CPayload payload);
+std::unique_ptr<CExchange> OpenCopyFile(CDevice& device, CPayload payload);
+
+// file_info.cpp
+std::unique_ptr<CExchange> OpenGetFileInfo(CDevice& device, CPayload payload);
+
+// folder_content.cpp
+std::unique_ptr<CExchange> OpenGetFolderContent(CDevice& device, CPayload payload);
+
 // create_process.cpp
 std::unique_ptr<CExchange> OpenCreateProcess(CDevice& device, CPayload payload);
 

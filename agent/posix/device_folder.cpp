@@ -13,11 +13,14 @@
 #include <unistd.h>
 
 #include "agent/posix/directory.h"
+#include "agent/posix/folder_scan.h"
+#include "agent/posix/folder_work.h"
 #include "agent/posix/format.h"
 #include "agent/posix/part_file.h"
 #include "agent/posix/part_journal.h"
 #include "agent/posix/quota.h"
 #include "agent/posix/system_file.h"
+#include "agent/posix/trash.h"
 
 namespace agent {
 
@@ -68,7 +71,7 @@ class CPosixFolder final : public CDeviceFolder {
     CPosixFolder(CFd fdRoot, std::function<void(const std::string&)> lpLog)
         : m_fdRoot(std::move(fdRoot)), m_lpLog(std::move(lpLog)), m_formats(m_quota, m_lpLog),
           m_fdJournal(::openat(m_fdRoot.Get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC)),
-          m_journal(m_fdJournal.Get()) {
+          m_journal(m_fdJournal.Get()), m_trash(m_fdRoot.Get(), m_journal.Identity(), m_quota) {
         m_formats.Serve(m_fdRoot);
     }
 
@@ -78,6 +81,12 @@ class CPosixFolder final : public CDeviceFolder {
     std::optional<CEntryInfo> Find(const CDevicePath& path) override;
     std::optional<std::vector<std::string>> List(const CDevicePath& path,
                                                  std::size_t nMost) override;
+    std::optional<CEntryInfo> Describe(const CDevicePath& path) override;
+    std::unique_ptr<CFolderScan> Scan(const CDevicePath& path) override;
+    std::unique_ptr<CFolderWork> BeginCopy(const CDevicePath& source, const CDevicePath& target,
+                                           bool bFailIfExists) override;
+    std::unique_ptr<CFolderWork> BeginMove(const CDevicePath& source,
+                                           const CDevicePath& target) override;
     std::unique_ptr<CSourceFile> OpenSource(const CDevicePath& path) override;
     EResult BeginPart(const CDevicePath& path, std::uint64_t qwSize,
                       std::unique_ptr<CPartFile>& pPart) override;
@@ -88,8 +97,8 @@ class CPosixFolder final : public CDeviceFolder {
     std::optional<CSpace> SpaceOf(const CDevicePath& folder) override;
     std::vector<std::string> StorageNames() const override;
     EResult Format(const CDevicePath& storage) override;
-    bool HasWork(bool bIdle) const override { return m_formats.HasWork(bIdle); }
-    void Work(bool bIdle) override { m_formats.Work(bIdle); }
+    bool HasWork(bool bIdle) const override;
+    void Work(bool bIdle) override;
 
   private:
     // The descriptors of the root and the storages lead to what the host sees as them, which a
@@ -97,9 +106,13 @@ class CPosixFolder final : public CDeviceFolder {
     struct CStorage {
         std::string strName;
         CFd fd;
+        std::unique_ptr<CTrash> pTrash;
     };
 
     bool IsFixed(const CDevicePath& path) const;
+    CTrash& TrashFor(const CDevicePath& path);
+    CPlace PlaceOf(const CDevicePath& path);
+    static std::optional<CEntryInfo> InfoOf(const CFd& fd);
     CFd Open(const CDevicePath& path, int nFlags) const;
     CFd OpenMaking(const CDevicePath& folder);
     static std::uint64_t CountBytes(CFd fdFolder);
@@ -111,6 +124,7 @@ class CPosixFolder final : public CDeviceFolder {
     CFormats m_formats;
     CFd m_fdJournal; // the root itself
     CPartJournal m_journal;
+    CTrash m_trash;
 };
 
 // The root and the storages themselves.
@@ -165,7 +179,8 @@ bool CPosixFolder::AddStorage(const std::string& strName, const std::string& str
         strError = strFolder + ": " + std::strerror(errno);
         return false;
     }
-    m_storages.push_back({strName, std::move(fd)});
+    auto pTrash = std::make_unique<CTrash>(fd.Get(), m_journal.Identity(), m_quota);
+    m_storages.push_back({strName, std::move(fd), std::move(pTrash)});
     m_formats.Serve(m_storages.back().fd);
     return true;
 }
@@ -200,7 +215,18 @@ void CPosixFolder::SetQuota(std::uint64_t qwBytes) {
 }
 
 std::optional<CEntryInfo> CPosixFolder::Find(const CDevicePath& path) {
-    const CFd fd = Open(path, s_nReadFlags);
+    return InfoOf(Open(path, s_nReadFlags));
+}
+
+std::optional<CEntryInfo> CPosixFolder::Describe(const CDevicePath& path) {
+    CFd fd = Open(path, s_nReadFlags);
+    if (!fd && errno == EACCES) {
+        fd = Open(path, O_PATH);
+    }
+    return InfoOf(fd);
+}
+
+std::optional<CEntryInfo> CPosixFolder::InfoOf(const CFd& fd) {
     struct stat status {};
     if (!fd || ::fstat(fd.Get(), &status) != 0 ||
         (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode))) {
@@ -208,9 +234,42 @@ std::optional<CEntryInfo> CPosixFolder::Find(const CDevicePath& path) {
     }
     CEntryInfo info;
     info.bFolder = S_ISDIR(status.st_mode);
+    info.bReadOnly = IsReadOnly(status);
     info.qwSize = info.bFolder ? 0 : static_cast<std::uint64_t>(status.st_size);
     info.times = TimesOf(fd.Get(), status);
+    info.ftLastAccess = FileTimeOf(status.st_atim);
     return info;
+}
+
+std::unique_ptr<CFolderScan> CPosixFolder::Scan(const CDevicePath& path) {
+    std::vector<std::string> storages;
+    for (const CStorage& storage : m_storages) {
+        if (path.IsRoot()) {
+            storages.push_back(storage.strName);
+        }
+    }
+    return MakeScan(Open(path, O_RDONLY | O_DIRECTORY), path, std::move(storages),
+                    [this](const CDevicePath& entry, int nFlags) { return Open(entry, nFlags); });
+}
+
+CPlace CPosixFolder::PlaceOf(const CDevicePath& path) {
+    const CDevicePath folder = path.Parent();
+    return {Open(folder, O_PATH | O_DIRECTORY), folder, std::string(path.Leaf()), &TrashFor(path)};
+}
+
+std::unique_ptr<CFolderWork>
+CPosixFolder::BeginCopy(const CDevicePath& source, const CDevicePath& target, bool bFailIfExists) {
+    return IsFixed(target) ? nullptr
+                           : MakeCopy(Open(source, s_nReadFlags), PlaceOf(target), bFailIfExists,
+                                      {m_journal, m_quota, m_formats.Folders()});
+}
+
+std::unique_ptr<CFolderWork> CPosixFolder::BeginMove(const CDevicePath& source,
+                                                     const CDevicePath& target) {
+    return IsFixed(source) || IsFixed(target)
+               ? nullptr
+               : MakeMove(Open(source, s_nReadFlags), PlaceOf(source), PlaceOf(target),
+                          {m_journal, m_quota, m_formats.Folders()});
 }
 
 std::optional<std::vector<std::string>> CPosixFolder::List(const CDevicePath& path,
@@ -327,10 +386,40 @@ void CPosixFolder::RemoveLeftovers() {
             const std::optional<CDevicePath> folder =
                 strWide ? CDevicePath::Parse(*strWide) : std::optional<CDevicePath>();
             const CFd fd = folder ? Open(*folder, O_PATH | O_DIRECTORY) : CFd();
-            if (fd && ::unlinkat(fd.Get(), strPart.c_str(), 0) == 0 && m_lpLog) {
+            const bool bRemoved = fd && (::unlinkat(fd.Get(), strPart.c_str(), 0) == 0 ||
+                                         TrashFor(*folder).TakeIn(fd.Get(), strPart));
+            if (bRemoved && m_lpLog) {
                 m_lpLog("removed a part file that a killed agent left in \\" + strFolder);
             }
         });
+    m_trash.Adopt();
+    for (const CStorage& storage : m_storages) {
+        storage.pTrash->Adopt();
+    }
+}
+
+// The one on the file system of the path.
+CTrash& CPosixFolder::TrashFor(const CDevicePath& path) {
+    for (const CStorage& storage : m_storages) {
+        if (storage.strName == path.FirstComponent()) {
+            return *storage.pTrash;
+        }
+    }
+    return m_trash;
+}
+
+bool CPosixFolder::HasWork(bool bIdle) const {
+    return m_formats.HasWork(bIdle) || !m_trash.Empty() ||
+           std::any_of(m_storages.begin(), m_storages.end(),
+                       [](const CStorage& storage) { return !storage.pTrash->Empty(); });
+}
+
+void CPosixFolder::Work(bool bIdle) {
+    m_formats.Work(bIdle);
+    m_trash.Step();
+    for (const CStorage& storage : m_storages) {
+        storage.pTrash->Step();
+    }
 }
 
 std::optional<CSpace> CPosixFolder::SpaceOf(const CDevicePath& folder) {

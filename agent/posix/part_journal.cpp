@@ -37,14 +37,14 @@ CPartJournal::CPartJournal(int fdRoot) : m_fdRoot(fdRoot) {
             random[4 + i] = static_cast<std::uint8_t>(time.tv_nsec >> (8 * i));
         }
     }
-    std::string strIdentity(RESERVED_PREFIX);
+    m_strIdentity = RESERVED_PREFIX;
     for (const std::uint8_t byNext : random) {
         static constexpr char s_szDigits[] = "0123456789abcdef";
-        strIdentity.push_back(s_szDigits[byNext >> 4]);
-        strIdentity.push_back(s_szDigits[byNext & 15]);
+        m_strIdentity.push_back(s_szDigits[byNext >> 4]);
+        m_strIdentity.push_back(s_szDigits[byNext & 15]);
     }
-    m_strName = strIdentity + std::string(s_strJournal);
-    m_strPartName = strIdentity + std::string(s_strPart);
+    m_strName = m_strIdentity + std::string(s_strJournal);
+    m_strPartName = m_strIdentity + std::string(s_strPart);
 }
 
 // Another agent that starts just now may take the fresh file for one that is left over, until the

@@ -22,6 +22,8 @@ class CPartJournal {
     CPartJournal(const CPartJournal&) = delete;
     CPartJournal& operator=(const CPartJournal&) = delete;
 
+    // Begins as reserved names do.
+    const std::string& Identity() const { return m_strIdentity; }
     const std::string& PartName() const { return m_strPartName; }
 
     // The part file is about to be made in strFolder. False with errno set.
@@ -42,6 +44,7 @@ class CPartJournal {
     bool Make();
 
     int m_fdRoot;
+    std::string m_strIdentity;
     std::string m_strName;
     std::string m_strPartName;
     std::string m_strFolder;

@@ -79,8 +79,8 @@ class CScript {
     }
 
     void SendCommand() {
-        static constexpr std::uint16_t s_codes[] = {8, 8,  8,  8,  2,  10, 1,  16, 17,
-                                                    6, 23, 24, 25, 12, 13, 21, 22};
+        static constexpr std::uint16_t s_codes[] = {8,  8,  8, 8,  2,  10, 1,  20, 7,  14,
+                                                    16, 17, 6, 23, 24, 25, 12, 13, 21, 22};
         const std::uint16_t codeFunc = s_codes[Byte() % std::size(s_codes)];
         Bytes bytes;
         Add16(bytes, codeFunc);
@@ -110,9 +110,11 @@ class CScript {
             Add32(bytes, Byte());
         } else if (codeFunc != 6 && codeFunc != 23) {
             AddPath(bytes);
-            if (codeFunc == DAK_FUNC_CREATE_PROCESS) {
+            if (codeFunc == DAK_FUNC_CREATE_PROCESS || codeFunc == DAK_FUNC_COPY_FILE) {
                 AddPath(bytes);
                 Add32(bytes, Byte() % 2);
+            } else if (codeFunc == DAK_FUNC_MOVE_FILE) {
+                AddPath(bytes);
             }
         }
         Send(DAK_LAST_PACKAGE, bytes);

@@ -1,0 +1,66 @@
+// Copies a file, or a folder with all that it holds, to a name of its own, in slices.
+//
+// Permissions and last-write times go along, links go as links, reserved names stay behind. What
+// is neither file, folder nor link, and a file that is written while it is copied, end the copy.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/posix/directory.h"
+#include "agent/posix/quota.h"
+
+namespace agent {
+
+class CTreeCopy {
+  public:
+    // fdSource is open for reading. The copy becomes strName in fdFolder, which must be free.
+    // bKeepCreation: the creation times go along too. fdFolder and quota outlive the object.
+    CTreeCopy(CFd fdSource, const struct stat& source, int fdFolder, std::string strName,
+              bool bKeepCreation, CQuota& quota)
+        : m_fdSource(std::move(fdSource)), m_bFolder(S_ISDIR(source.st_mode)), m_fdFolder(fdFolder),
+          m_strName(std::move(strName)), m_bKeepCreation(bKeepCreation), m_quota(quota) {}
+
+    bool IsFolder() const { return m_bFolder; }
+
+    // A bounded slice of the work. Nothing when there is more to do; what stands under the name
+    // when it failed is the caller's to remove.
+    std::optional<EResult> Step();
+
+  private:
+    struct CFileInWork {
+        CFd fdSource;
+        CFd fdTarget;
+        struct stat source;
+        std::uint64_t qwLeft;
+    };
+    struct CLevel {
+        CDirectory source;
+        CFd fdTarget;
+        struct stat status;
+    };
+
+    EResult BeginFile(CFd fdSource, int fdFolder, const std::string& strName);
+    EResult BeginFolder(CFd fdSource, int fdFolder, const std::string& strName);
+    EResult CopyEntry();
+    EResult CopyLink(const char* lpszName);
+    EResult CopyBytes();
+    EResult FinishFile();
+    void FinishFolder();
+    void Dress(int fdTarget, int fdSource, const struct stat& source) const;
+
+    CFd m_fdSource; // until the work begins
+    const bool m_bFolder;
+    const int m_fdFolder;
+    const std::string m_strName;
+    const bool m_bKeepCreation;
+    CQuota& m_quota;
+    std::vector<std::unique_ptr<CLevel>> m_levels;
+    std::optional<CFileInWork> m_file;
+    std::vector<std::uint8_t> m_buffer;
+};
+
+} // namespace agent
