@@ -6,6 +6,8 @@ std::unique_ptr<CDevice> CDevice::Open(const CDeviceOptions& options, std::strin
     std::unique_ptr<CDevice> pDevice(new CDevice);
     pDevice->m_lpLog = options.lpLog;
     pDevice->m_bAllowFormat = options.bAllowFormat;
+    pDevice->m_pOpenFiles =
+        std::make_unique<COpenFiles>(options.nMostOpenFiles, options.dwFirstHandle);
     pDevice->m_pFolder = CDeviceFolder::Open(options.strRoot, options.lpLog, strError);
     if (!pDevice->m_pFolder) {
         return nullptr;

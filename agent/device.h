@@ -10,6 +10,7 @@
 
 #include "agent/device_folder.h"
 #include "agent/device_system.h"
+#include "agent/open_files.h"
 
 namespace agent {
 
@@ -25,6 +26,8 @@ struct CDeviceOptions {
     std::function<void(const std::string&)> lpLog; // one line each, without its end; may be empty
     bool bAllowFormat = false;
     CSystemOptions system = {};
+    std::size_t nMostOpenFiles = 256; // by handle, at one time
+    std::uint32_t dwFirstHandle = 1;  // a stale handle of another agent should find nothing open
 };
 
 class CDevice {
@@ -35,6 +38,7 @@ class CDevice {
     CDeviceFolder& Folder() { return *m_pFolder; }
     bool AllowsFormat() const { return m_bAllowFormat; }
     CDeviceSystem& System() { return *m_pSystem; }
+    COpenFiles& OpenFiles() { return *m_pOpenFiles; }
     void Log(const std::string& strLine) const;
 
   private:
@@ -42,6 +46,7 @@ class CDevice {
 
     std::unique_ptr<CDeviceFolder> m_pFolder;
     std::unique_ptr<CDeviceSystem> m_pSystem;
+    std::unique_ptr<COpenFiles> m_pOpenFiles;
     std::function<void(const std::string&)> m_lpLog;
     bool m_bAllowFormat = false;
 };

@@ -114,6 +114,55 @@ class CFolderScan {
     virtual bool FoldsCase() = 0;
 };
 
+// How a file is opened by handle.
+struct COpenMode {
+    enum class EMissing { REFUSE, MAKE };
+    enum class EExisting { KEEP, EMPTY, REFUSE };
+
+    bool bRead = false;
+    bool bWrite = false;
+    // What other handles of the same file may do as long as this one is open.
+    bool bShareRead = false;
+    bool bShareWrite = false;
+    EMissing eMissing = EMissing::REFUSE;
+    EExisting eExisting = EExisting::KEEP;
+};
+
+// A file that is open by handle. It is the file that was opened, wherever a move takes it; when it
+// is deleted or replaced it can still be read, and refuses to be written.
+class COpenFile {
+  public:
+    struct CState {
+        std::uint64_t qwSize = 0;
+        std::uint64_t qwLastWrite = 0; // moves with every write, by whomever
+        bool operator==(const CState&) const = default;
+    };
+
+    COpenFile() = default;
+    virtual ~COpenFile() = default;
+    COpenFile(const COpenFile&) = delete;
+    COpenFile& operator=(const COpenFile&) = delete;
+
+    // Nothing when the file may not be read, or does not tell.
+    virtual std::optional<CState> StateForReading() const = 0;
+
+    // How many bytes there were from qwAt on: fewer than data holds only at the end of the file or
+    // on an error.
+    virtual std::size_t Read(std::uint64_t qwAt, std::span<std::uint8_t> data) = 0;
+
+    // Whether the file may be written, and may grow to qwEnd bytes.
+    virtual EResult JudgeWrite(std::uint64_t qwEnd) const = 0;
+
+    // Puts all of data at qwAt, or says why not; a part of it may then be in the file. What is
+    // between the end of the file and qwAt reads as zeroes.
+    virtual EResult Write(std::uint64_t qwAt, std::span<const std::uint8_t> data) = 0;
+
+    virtual std::optional<std::uint64_t> Size() const = 0;
+
+    // The last call. A failure says that bytes which were taken before did not reach the disk.
+    virtual EResult Close() = 0;
+};
+
 class CDeviceFolder {
   public:
     // lpLog may be empty. Null, and the reason in strError, when the folder cannot be served.
@@ -166,6 +215,12 @@ class CDeviceFolder {
 
     // Null when the file cannot be opened.
     virtual std::unique_ptr<CSourceFile> OpenSource(const CDevicePath& path) = 0;
+
+    // Opens a file by handle; it lives no longer than this folder. Refused, and nothing changed:
+    // what is no file, one that other handles do not share so, and writing or emptying one that
+    // is read-only. Emptying counts as writing.
+    virtual EResult OpenFile(const CDevicePath& path, const COpenMode& mode,
+                             std::unique_ptr<COpenFile>& pFile) = 0;
 
     // Begins a file that is to become path, and makes the folders on the way that are missing. One
     // part file is open at a time. Refused at once: a target that is a folder or read-only, and

@@ -20,6 +20,11 @@ static constexpr COperation s_operations[] = {
     {DAK_FUNC_KERNEL_IO_CONTROL, OpenKernelIoControl},
     {DAK_FUNC_REGISTER_WINDOW_MESSAGE, OpenRegisterWindowMessage},
     {DAK_FUNC_BROADCAST_MESSAGE, OpenBroadcastMessage},
+    {DAK_FUNC_CREATE_FILE, OpenCreateFile},
+    {DAK_FUNC_READ_FILE, OpenReadFile},
+    {DAK_FUNC_WRITE_FILE, OpenWriteFile},
+    {DAK_FUNC_SET_FILE_POINTER, OpenSetFilePointer},
+    {DAK_FUNC_CLOSE_FILE, OpenCloseFile},
 };
 
 const COperation* FindOperation(std::uint16_t codeFunc) {

@@ -56,4 +56,13 @@ std::unique_ptr<CExchange> OpenGetStorageInfo(CDevice& device, CPayload payload)
 std::unique_ptr<CExchange> OpenFormatPartition(CDevice& device, CPayload payload);
 std::unique_ptr<CExchange> OpenGetFolderFreeSpace(CDevice& device, CPayload payload);
 
+// file_handles.cpp
+std::unique_ptr<CExchange> OpenCreateFile(CDevice& device, CPayload payload);
+std::unique_ptr<CExchange> OpenSetFilePointer(CDevice& device, CPayload payload);
+std::unique_ptr<CExchange> OpenCloseFile(CDevice& device, CPayload payload);
+
+// file_streams.cpp
+std::unique_ptr<CExchange> OpenReadFile(CDevice& device, CPayload payload);
+std::unique_ptr<CExchange> OpenWriteFile(CDevice& device, CPayload payload);
+
 } // namespace agent

@@ -8,18 +8,36 @@ namespace agent {
 CStreamSender::CStreamSender(std::uint16_t codeFunc, std::unique_ptr<CStreamSource> pSource)
     : m_codeFunc(codeFunc), m_pSource(std::move(pSource)) {}
 
+// A host that breaks off at the end of a window does not take the package ahead of it.
+CStreamSender::~CStreamSender() {
+    const bool bUnconfirmed = m_eState == EState::AWAITING && m_qwTaken == m_qwGiven;
+    const std::uint64_t qwPackages =
+        std::max(m_qwConfirmed, m_qwTaken - (bUnconfirmed && m_qwTaken > 0 ? 1 : 0));
+    if (m_eState != EState::BEGINNING) {
+        m_pSource->Ended(std::min(qwPackages * DAK_DATA_SIZE, m_pSource->Length()));
+    }
+}
+
+void CStreamSender::NoteTaken(const COutbox& outbox) {
+    if (m_eState == EState::GIVING || m_eState == EState::AWAITING) {
+        m_qwTaken = m_qwGiven - (outbox.Empty() || m_qwGiven == 0 ? 0 : 1);
+    }
+}
+
 void CStreamSender::Take(std::span<const std::uint8_t> package, COutbox& outbox, std::uint64_t) {
     if (m_bEnded || package.size() != DAK_HEADER_SIZE) {
         return;
     }
+    NoteTaken(outbox);
     const std::uint32_t wCommand = DakGetU32(package.data());
     if (wCommand == DAK_ABORT) {
         outbox.Clear();
         m_bEnded = true;
-    } else if (wCommand == DAK_RETRANSMIT && m_eState != EState::BEGINNING) {
+    } else if (wCommand == DAK_RETRANSMIT && m_qwPackages > 0) {
         outbox.Clear();
         m_pSource->Rewind();
         m_qwGiven = 0;
+        m_qwTaken = 0;
         m_eState = EState::GIVING;
     } else if (wCommand == DAK_SUCCESS && m_eState == EState::AWAITING && outbox.Empty()) {
         m_qwConfirmed = m_qwGiven;
@@ -53,6 +71,7 @@ void CStreamSender::Leave(COutbox& outbox) {
 }
 
 void CStreamSender::Tick(COutbox& outbox, std::uint64_t) {
+    NoteTaken(outbox);
     if (m_eState == EState::BEGINNING && !m_bEnded) {
         Advance(outbox);
     }
@@ -70,6 +89,7 @@ void CStreamSender::PendingDropped() {
 }
 
 void CStreamSender::Prepare(COutbox& outbox) {
+    NoteTaken(outbox);
     if (m_eState == EState::BEGINNING && !m_bEnded) {
         Advance(outbox);
     }

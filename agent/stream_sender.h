@@ -35,11 +35,16 @@ class CStreamSource {
     // The next bytes, as many as data holds; never past Length. False when they cannot be had any
     // more: data is then filled up with zeroes, and the source stands behind them all the same.
     virtual bool Read(std::span<std::uint8_t> data) = 0;
+
+    // The stream is over, or cut short. The host has taken its first qwBytes bytes, as far as can
+    // be known of a stream that was cut short.
+    virtual void Ended(std::uint64_t /*qwBytes*/) {}
 };
 
 class CStreamSender final : public CExchange {
   public:
     CStreamSender(std::uint16_t codeFunc, std::unique_ptr<CStreamSource> pSource);
+    ~CStreamSender() override;
 
     void Take(std::span<const std::uint8_t> package, COutbox& outbox,
               std::uint64_t qwNowMs) override;
@@ -54,12 +59,14 @@ class CStreamSender final : public CExchange {
 
     void Advance(COutbox& outbox);
     void Leave(COutbox& outbox);
+    void NoteTaken(const COutbox& outbox);
 
     const std::uint16_t m_codeFunc;
     std::unique_ptr<CStreamSource> m_pSource;
     EState m_eState = EState::BEGINNING;
-    std::uint64_t m_qwPackages = 0;  // in the whole stream
+    std::uint64_t m_qwPackages = 0;  // in the whole stream; 0 until the source has begun
     std::uint64_t m_qwGiven = 0;     // in this pass
+    std::uint64_t m_qwTaken = 0;     // of those, out of the outbox
     std::uint64_t m_qwMostGiven = 0; // in any pass
     std::uint64_t m_qwConfirmed = 0; // by the host's DAK_SUCCESS
     bool m_bEnded = false;

@@ -12,6 +12,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "agent/posix/device_file.h"
 #include "agent/posix/directory.h"
 #include "agent/posix/folder_scan.h"
 #include "agent/posix/folder_work.h"
@@ -88,6 +89,8 @@ class CPosixFolder final : public CDeviceFolder {
     std::unique_ptr<CFolderWork> BeginMove(const CDevicePath& source,
                                            const CDevicePath& target) override;
     std::unique_ptr<CSourceFile> OpenSource(const CDevicePath& path) override;
+    EResult OpenFile(const CDevicePath& path, const COpenMode& mode,
+                     std::unique_ptr<COpenFile>& pFile) override;
     EResult BeginPart(const CDevicePath& path, std::uint64_t qwSize,
                       std::unique_ptr<CPartFile>& pPart) override;
     void EndParts() override { m_journal.Clear(); }
@@ -115,6 +118,7 @@ class CPosixFolder final : public CDeviceFolder {
     static std::optional<CEntryInfo> InfoOf(const CFd& fd);
     CFd Open(const CDevicePath& path, int nFlags) const;
     CFd OpenMaking(const CDevicePath& folder);
+    CFd MakeFile(const CDevicePath& path, int nFlags) const;
     static std::uint64_t CountBytes(CFd fdFolder);
 
     CFd m_fdRoot;
@@ -123,6 +127,7 @@ class CPosixFolder final : public CDeviceFolder {
     CQuota m_quota;
     CFormats m_formats;
     CFd m_fdJournal; // the root itself
+    CFileShares m_shares;
     CPartJournal m_journal;
     CTrash m_trash;
 };
@@ -311,6 +316,37 @@ std::unique_ptr<CSourceFile> CPosixFolder::OpenSource(const CDevicePath& path) {
         return nullptr;
     }
     return std::make_unique<CPosixSourceFile>(std::move(fd), status);
+}
+
+// A file that is not there yet, also not as a link.
+CFd CPosixFolder::MakeFile(const CDevicePath& path, int nFlags) const {
+    const CFd fdParent = Open(path.Parent(), O_PATH | O_DIRECTORY);
+    struct stat status {};
+    if (!fdParent || ::fstat(fdParent.Get(), &status) != 0) {
+        return CFd();
+    }
+    if (IsReadOnly(status)) {
+        errno = EACCES;
+        return CFd();
+    }
+    return CFd(::openat(fdParent.Get(), std::string(path.Leaf()).c_str(),
+                        nFlags | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+}
+
+EResult CPosixFolder::OpenFile(const CDevicePath& path, const COpenMode& mode,
+                               std::unique_ptr<COpenFile>& pFile) {
+    if (IsFixed(path)) {
+        return EResult::REFUSED;
+    }
+    CFd fd;
+    errno = ENOENT;
+    if (mode.eExisting != COpenMode::EExisting::REFUSE) {
+        fd = Open(path, FlagsFor(mode));
+    }
+    if (!fd && errno == ENOENT && mode.eMissing == COpenMode::EMissing::MAKE) {
+        fd = MakeFile(path, FlagsFor(mode));
+    }
+    return fd ? TakeOpenFile(std::move(fd), mode, m_shares, m_quota, pFile) : ResultOf(errno);
 }
 
 EResult CPosixFolder::BeginPart(const CDevicePath& path, std::uint64_t qwSize,

@@ -2,10 +2,12 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <random>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -65,6 +67,11 @@ void DeclareOptions(CLI::App& app, CArguments& arguments) {
                    "environment; may be repeated")
         ->type_name("COMMAND")
         ->allow_extra_args(false);
+    app.add_option("--max-open-files", arguments.device.nMostOpenFiles,
+                   "Files that hosts may hold open by handle at one time")
+        ->capture_default_str()
+        ->type_name("N")
+        ->check(CLI::Range(1, 65536));
     app.add_flag("--verbose", arguments.bVerbose, "Say on standard error what the device does");
     app.set_version_flag("--version", "dak-agent " DAK_AGENT_VERSION);
     app.footer("The device is attached until the agent is stopped (Ctrl-C). Hosts find it in the\n"
@@ -79,6 +86,21 @@ void LogLine(const std::string& strLine) {
 int Complain(const std::string& strWhy, int nExit) {
     LogLine(strWhy);
     return nExit;
+}
+
+// Open files of hosts must not take the descriptors that the agent itself works with.
+bool HasDescriptorsFor(std::size_t nOpenFiles) {
+    constexpr rlim_t s_nOwn = 64;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return false;
+    }
+    const rlim_t nWanted = static_cast<rlim_t>(nOpenFiles) + s_nOwn;
+    if (limit.rlim_cur >= nWanted) {
+        return true;
+    }
+    limit.rlim_cur = nWanted;
+    return nWanted <= limit.rlim_max && ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
 // Signals that end the agent become readable here.
@@ -174,6 +196,12 @@ int Run(int argc, char** argv) {
     arguments.device.system.strName = arguments.strName;
     arguments.device.system.strVersion = DAK_AGENT_VERSION;
     arguments.device.system.lpNotice = LogLine;
+    if (!HasDescriptorsFor(arguments.device.nMostOpenFiles)) {
+        return Complain("--max-open-files " + std::to_string(arguments.device.nMostOpenFiles) +
+                            ": the system allows this process fewer open files",
+                        s_nExitUsage);
+    }
+    arguments.device.dwFirstHandle = std::random_device{}();
     if (arguments.bVerbose) {
         arguments.device.lpLog = LogLine;
     }

@@ -79,8 +79,9 @@ class CScript {
     }
 
     void SendCommand() {
-        static constexpr std::uint16_t s_codes[] = {8,  8,  8, 8,  2,  10, 1,  20, 7,  14,
-                                                    16, 17, 6, 23, 24, 25, 12, 13, 21, 22};
+        static constexpr std::uint16_t s_codes[] = {8,  8,  8,  8,  2,  10, 1,  20, 7,
+                                                    14, 15, 15, 16, 16, 17, 17, 18, 19,
+                                                    6,  23, 24, 25, 12, 13, 21, 22};
         const std::uint16_t codeFunc = s_codes[Byte() % std::size(s_codes)];
         Bytes bytes;
         Add16(bytes, codeFunc);
@@ -95,6 +96,14 @@ class CScript {
                 for (std::uint32_t i = 0; i < nNames; ++i) {
                     AddPath(bytes);
                 }
+            }
+        } else if (codeFunc >= 16 && codeFunc <= 19) {
+            Add32(bytes, Byte() % 4); // handles count from 1
+            if (codeFunc != 19) {
+                Add32(bytes, Byte() % 8 == 0 ? 0x7FFF'FFFFU - Byte() : Byte() * 10U);
+            }
+            if (codeFunc == 18) {
+                Add32(bytes, Byte() % 4);
             }
         } else if (codeFunc == DAK_FUNC_KERNEL_IO_CONTROL) {
             Add32(bytes, Byte() % 7);
@@ -115,8 +124,13 @@ class CScript {
                 Add32(bytes, Byte() % 2);
             } else if (codeFunc == DAK_FUNC_MOVE_FILE) {
                 AddPath(bytes);
+            } else if (codeFunc == 15) {
+                Add32(bytes, static_cast<std::uint32_t>(Byte()) << 24);
+                Add32(bytes, Byte() % 9);
+                Add32(bytes, Byte() % 7);
             }
         }
+        m_codeData = codeFunc == 17 ? 17 : 8;
         Send(DAK_LAST_PACKAGE, bytes);
     }
 
@@ -139,7 +153,7 @@ class CScript {
         }
         data.resize(bLast ? std::min<std::size_t>(data.size(), DAK_DATA_SIZE) : DAK_DATA_SIZE);
         Bytes bytes(6 + data.size());
-        DakPutU16(bytes.data() + 4, Byte() % 16 == 0 ? 17 : 8);
+        DakPutU16(bytes.data() + 4, Byte() % 16 == 0 ? 16 : m_codeData);
         std::copy(data.begin(), data.end(), bytes.begin() + 6);
         std::uint32_t dwSum = 0;
         for (std::size_t i = 4; i < bytes.size(); ++i) {
@@ -217,6 +231,7 @@ class CScript {
     agent::CAgentCore& m_core;
     std::span<const std::uint8_t> m_script;
     std::uint64_t m_qwNowMs = 0;
+    std::uint16_t m_codeData = 8; // of the stream that may be open
     Bytes m_taken;
 };
 

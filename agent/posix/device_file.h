@@ -1,0 +1,63 @@
+// Files that are open by handle, on a POSIX file system.
+#pragma once
+
+#include <list>
+
+#include "agent/posix/quota.h"
+#include "agent/posix/system_file.h"
+
+namespace agent {
+
+// What the handles that are open do with their files, and what they let other handles do.
+class CFileShares {
+  public:
+    struct CUse {
+        dev_t device = 0;
+        ino_t inode = 0;
+        bool bReads = false;
+        bool bWrites = false;
+        bool bShareRead = false;
+        bool bShareWrite = false;
+    };
+    using Entry = std::list<CUse>::iterator;
+
+    bool Allows(const CUse& use) const;
+    Entry Enter(const CUse& use) { return m_uses.insert(m_uses.end(), use); }
+    void Leave(Entry entry) { m_uses.erase(entry); }
+
+  private:
+    std::list<CUse> m_uses;
+};
+
+class CPosixOpenFile final : public COpenFile {
+  public:
+    // shares and quota outlive it; entry is left at its end.
+    CPosixOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, CFileShares::Entry entry,
+                   CQuota& quota);
+    ~CPosixOpenFile() override;
+
+    std::optional<CState> StateForReading() const override;
+    std::size_t Read(std::uint64_t qwAt, std::span<std::uint8_t> data) override;
+    EResult JudgeWrite(std::uint64_t qwEnd) const override;
+    EResult Write(std::uint64_t qwAt, std::span<const std::uint8_t> data) override;
+    std::optional<std::uint64_t> Size() const override;
+    EResult Close() override;
+
+  private:
+    CFd m_fd;
+    const bool m_bRead;
+    const bool m_bWrite;
+    CFileShares& m_shares;
+    const CFileShares::Entry m_entry;
+    CQuota& m_quota;
+};
+
+// The existing file behind fd, which is open as FlagsFor says: judged, entered, and emptied if the
+// mode wants that.
+EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, CQuota& quota,
+                     std::unique_ptr<COpenFile>& pFile);
+
+// The flags of open() that a mode wants, but for making the file.
+int FlagsFor(const COpenMode& mode);
+
+} // namespace agent
