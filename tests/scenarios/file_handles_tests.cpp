@@ -51,6 +51,12 @@ class CFile : public CScenario {
         dak->DAKSetFilePointer(hFile, 0, 1, &dwNewPos);
         return dwNewPos;
     }
+    Bytes OnDevice() const {
+        Bytes all(std::filesystem::file_size(Root() + "/d/f"));
+        std::ifstream(Root() + "/d/f", std::ios::binary)
+            .read(reinterpret_cast<char*>(all.data()), static_cast<std::streamsize>(all.size()));
+        return all;
+    }
     // What the file holds when the first dwBytes of data are at dwAt.
     Bytes With(std::size_t dwAt, const Bytes& data, std::size_t dwBytes) const {
         Bytes all = bytes;
@@ -67,7 +73,7 @@ class CFile : public CScenario {
         data.push_back(0); // a pointer, also for no bytes
         const DWORD dwResult =
             dak->DAKWriteFile(hFile, data.data(), static_cast<DWORD>(dwSize), &dwCount);
-        const Bytes after = DeviceTree()["f"].bytes;
+        const Bytes after = OnDevice();
         bool bSound = dwResult == 0 ? after == With(dwAt, data, dwSize) : bMisled;
         for (std::size_t dwBytes = 0; dwResult != 0 && !bSound;
              dwBytes += dwBytes == 0 ? DATA : 50 * DATA) {
@@ -150,26 +156,31 @@ TEST(FileHandles, ASingleFaultIsMadeGoodOrNamed) {
         {EFault::Corrupt, 0}, {EFault::Corrupt, 4}, {EFault::Corrupt, 1000}, {EFault::Drop},
         {EFault::Cut, 9},     {EFault::Cut, 100},   {EFault::Delay, 7000},   {EFault::Vanish}};
     constexpr std::size_t SIZE = (PACKAGES - 1) * DATA + 70;
+    const Bytes old = sim::Pattern(SIZE + 500, 3);
+    const Bytes data = sim::Pattern(SIZE, 4);
+    const Bytes more = sim::Pattern(2 * DATA, 5);
     for (const bool bWrite : {true, false}) {
         for (const bool bToHost : {false, true}) {
             const bool bOfStream = bToHost != bWrite;
             for (const sim::CAgentPeer::CFault& fault : FAULTS) {
-                for (std::uint64_t n = 1; n <= (bOfStream ? BEFORE_STREAM + PACKAGES : 6);
-                     n += n == 4 && bOfStream ? 46 : 1) {
+                // Around the ends of windows; against the stream, the few packages there are.
+                for (const std::uint64_t n : {1U, 2U, 3U, 4U, 52U, 53U, 60U}) {
+                    if (!bOfStream && n > 5) {
+                        continue;
+                    }
                     SCOPED_TRACE(::testing::Message()
                                  << (bWrite ? "write" : "read") << ", package " << n
                                  << (bToHost ? " to the host: " : " to the device: ")
                                  << static_cast<int>(fault.eFault) << ", " << fault.dwAmount);
                     sim::CWorld world;
-                    CFile file(world, sim::Pattern(SIZE + 500, 3));
+                    CFile file(world, old);
                     if (bToHost) {
                         file.pPeer->FaultToHost(n, fault);
                     } else {
                         file.pPeer->FaultToDevice(n, fault);
                     }
                     file.bMisled = bOfStream && fault.eFault == EFault::Drop;
-                    const bool bDone =
-                        bWrite ? file.Write(0, sim::Pattern(SIZE, 4)) : file.Read(0, SIZE) == SIZE;
+                    const bool bDone = bWrite ? file.Write(0, data) : file.Read(0, SIZE) == SIZE;
                     file.bMisled = false;
                     // The time-out of a write grows with the package; the last one is short.
                     const bool bHeldUp =
@@ -181,7 +192,7 @@ TEST(FileHandles, ASingleFaultIsMadeGoodOrNamed) {
                     // The handle is good for more.
                     file.FaultsOff();
                     EXPECT_EQ(file.Seek(10), 10u);
-                    EXPECT_TRUE(file.Write(10, sim::Pattern(2 * DATA, 5)));
+                    EXPECT_TRUE(file.Write(10, more));
                     EXPECT_EQ(file.Seek(0), 0u);
                     EXPECT_EQ(file.Read(0, SIZE), SIZE);
                     EXPECT_EQ(file.dak->DAKCloseFile(file.hFile), 0u);
