@@ -68,22 +68,15 @@ CTempFolder::~CTempFolder() {
 }
 
 CEnvironment::CEnvironment(const char* lpszName, const char* lpszValue) : m_strName(lpszName) {
-    const char* lpszBefore = std::getenv(lpszName);
-    m_bHad = lpszBefore != nullptr;
-    m_strBefore = m_bHad ? lpszBefore : "";
-    if (lpszValue != nullptr) {
-        ::setenv(lpszName, lpszValue, 1);
-    } else {
-        ::unsetenv(lpszName);
+    if (const char* lpszBefore = std::getenv(lpszName)) {
+        m_strBefore = lpszBefore;
     }
+    lpszValue != nullptr ? ::setenv(lpszName, lpszValue, 1) : ::unsetenv(lpszName);
 }
 
 CEnvironment::~CEnvironment() {
-    if (m_bHad) {
-        ::setenv(m_strName.c_str(), m_strBefore.c_str(), 1);
-    } else {
-        ::unsetenv(m_strName.c_str());
-    }
+    m_strBefore ? ::setenv(m_strName.c_str(), m_strBefore->c_str(), 1)
+                : ::unsetenv(m_strName.c_str());
 }
 
 } // namespace device_test

@@ -2,6 +2,7 @@
 // attached. Written from the description of the folder and from usbip.h alone.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace device_test {
@@ -51,8 +52,7 @@ class CEnvironment {
 
   private:
     std::string m_strName;
-    bool m_bHad;
-    std::string m_strBefore;
+    std::optional<std::string> m_strBefore;
 };
 
 } // namespace device_test

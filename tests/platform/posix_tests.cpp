@@ -1,44 +1,28 @@
 // What only the Linux implementation has: several processes, its file systems, /proc, and peers at
 // the other end of the device's socket that keep to no protocol.
-#include "platform/device.h"
-#include "platform/file.h"
 #include "platform/message.h"
 #include "platform/message_window.h"
-#include "platform/posix/usbip.h"
 #include "platform/process.h"
 #include "platform/registry.h"
 #include "platform/text.h"
-#include "platform/thread.h"
 #include "tests/platform/posix_test_tools.h"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
-#include <optional>
-#include <vector>
 
 namespace {
 
 using namespace device_test;
+using namespace platform_test;
 using platform::CloseHandle;
 using platform::GetLastError;
-
-using Bytes = std::vector<std::uint8_t>;
 
 // The lock between processes --------------------------------------------------------------------
 
@@ -58,15 +42,15 @@ TEST(PosixLock, IsSeenByOtherProcessesAndEndsWithThem) {
     EXPECT_EQ(platform::WaitForSingleObject(hLock, 30), WAIT_TIMEOUT) << "the other one holds it";
     EXPECT_FALSE(platform::ReleaseMutex(hLock)) << "and we do not";
     {
-        CThread waiter([&] { platform::WaitForSingleObject(hLock, INFINITE); });
+        CTask waiter([&] { platform::WaitForSingleObject(hLock, INFINITE); });
         EXPECT_FALSE(waiter.EndsWithin(30));
         waiter.Stop();
     }
     DWORD dwResult = WAIT_FAILED;
-    CThread waiter([&] { dwResult = platform::WaitForSingleObject(hLock, INFINITE); });
+    CTask waiter([&] { dwResult = platform::WaitForSingleObject(hLock, INFINITE); });
     EXPECT_FALSE(waiter.EndsWithin(30));
     other.Kill();
-    EXPECT_TRUE(waiter.EndsWithin(SOON_MS));
+    EXPECT_TRUE(waiter.EndsWithin(AT_ONCE_MS));
     EXPECT_EQ(dwResult, WAIT_OBJECT_0);
     EXPECT_TRUE(platform::ReleaseMutex(hLock));
     EXPECT_TRUE(CloseHandle(hLock));
@@ -88,40 +72,27 @@ TEST(PosixLock, IsHeldByOneProcessAtATime) {
     EXPECT_TRUE(CloseHandle(hLock));
 }
 
-TEST(PosixLock, OfTwoProcessesThatMakeItAtOnceOneWins) {
+TEST(PosixLock, OfProcessesThatMakeItAtOnceOneWins) {
     const CDeviceFolder devices;
     for (int nRound = 0; nRound < 20; ++nRound) {
         int gate[2];
         ASSERT_EQ(::pipe2(gate, O_CLOEXEC), 0);
-        int answers[2];
-        ASSERT_EQ(::pipe2(answers, O_CLOEXEC), 0);
-        pid_t pids[4];
-        for (pid_t& nPid : pids) {
-            nPid = ::fork();
-            if (nPid == 0) {
-                char ch = 0;
-                ::close(gate[1]);
-                static_cast<void>(!::read(gate[0], &ch, 1));
-                HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, "TheLock");
-                ch = hLock == nullptr ? 'x' : GetLastError() == 0 ? 'n' : 'e';
-                static_cast<void>(!::write(answers[1], &ch, 1));
-                for (;;) {
-                    ::pause();
-                }
-            }
+        const auto makeBehindGate = [&gate] {
+            char ch = 0;
+            ::close(gate[1]);
+            static_cast<void>(!::read(gate[0], &ch, 1));
+            HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, "TheLock");
+            return hLock == nullptr ? 'x' : GetLastError() == 0 ? 'n' : 'e';
+        };
+        std::vector<std::unique_ptr<CProcess>> processes;
+        for (int i = 0; i < 4; ++i) {
+            processes.push_back(std::make_unique<CProcess>(makeBehindGate));
         }
         ::close(gate[0]);
         ::close(gate[1]);
         std::string strAnswers;
-        char ch = 0;
-        while (strAnswers.size() < 4 && ::read(answers[0], &ch, 1) == 1) {
-            strAnswers += ch;
-        }
-        ::close(answers[0]);
-        ::close(answers[1]);
-        for (const pid_t nPid : pids) {
-            ::kill(nPid, SIGKILL);
-            ::waitpid(nPid, nullptr, 0);
+        for (const auto& pProcess : processes) {
+            strAnswers += pProcess->Answer();
         }
         EXPECT_EQ(std::ranges::count(strAnswers, 'n'), 1) << strAnswers;
         EXPECT_EQ(std::ranges::count(strAnswers, 'e'), 3) << strAnswers;
@@ -162,8 +133,8 @@ TEST(PosixLock, AnyNameIsAPlainFile) {
 // The device folder -----------------------------------------------------------------------------
 
 std::string FirstDeviceName() {
-    std::string strPath;
-    return FirstDevice(strPath) ? strPath.substr(strPath.rfind('/') + 1) : "";
+    const std::string strPath = DevicePath().value_or("/");
+    return strPath.substr(strPath.rfind('/') + 1);
 }
 
 TEST(PosixDeviceFolder, ListsWhatIsAttachedInByteOrder) {
@@ -226,24 +197,23 @@ TEST(PosixDeviceFolder, ADefaultFolderMustBeOurs) {
     struct stat status {};
     ASSERT_EQ(::stat((runtime / "dak").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0700U);
-    std::string strPath;
     {
         const CAttachment attachment(runtime / "dak");
-        EXPECT_TRUE(FirstDevice(strPath));
+        EXPECT_TRUE(DevicePath());
 
         std::filesystem::rename(runtime / "dak", runtime / "elsewhere");
         std::filesystem::create_directory_symlink("elsewhere", runtime / "dak");
         EXPECT_EQ(ProbeLock(), 'x') << "a symbolic link";
-        EXPECT_FALSE(FirstDevice(strPath));
+        EXPECT_FALSE(DevicePath());
         EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE) << "there is not even a set";
         std::filesystem::remove(runtime / "dak");
         std::filesystem::rename(runtime / "elsewhere", runtime / "dak");
-        EXPECT_TRUE(FirstDevice(strPath));
+        EXPECT_TRUE(DevicePath());
 
         if (::geteuid() == 0) {
             ASSERT_EQ(::chown((runtime / "dak").c_str(), 12345, 12345), 0);
             EXPECT_EQ(ProbeLock(), 'x') << "another user's";
-            EXPECT_FALSE(FirstDevice(strPath));
+            EXPECT_FALSE(DevicePath());
         }
     }
 }
@@ -351,7 +321,7 @@ TEST(PosixFiles, AStopEndsALongTransfer) {
         DWORD dwCount = 77;
         BOOL bDone = FALSE;
         platform::SetFilePointer(hFile, 0, nullptr, FILE_BEGIN);
-        CThread reader([&] { bDone = platform::ReadFile(hFile, buffer.get(), SIZE, &dwCount); });
+        CTask reader([&] { bDone = platform::ReadFile(hFile, buffer.get(), SIZE, &dwCount); });
         platform::Sleep(5);
         reader.Stop();
         EXPECT_EQ(dwCount, bDone != FALSE ? SIZE : 77U);
@@ -479,32 +449,28 @@ std::optional<DWORD> FindProcess(const std::string& strName) {
     return dwFound;
 }
 
-// Starts a program and waits until it has begun to run.
-pid_t StartProgram(const std::string& strPath, std::vector<std::string> arguments) {
-    std::vector<char*> pointers = {const_cast<char*>(strPath.c_str())};
-    for (std::string& strArgument : arguments) {
-        pointers.push_back(strArgument.data());
-    }
-    pointers.push_back(nullptr);
-    int ends[2];
-    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+// Starts a shell under a file of that name, which does what the script says, and waits until it has
+// stopped itself.
+pid_t StartStoppedShell(const std::string& strFile, std::string strCommand, std::string strScript) {
+    std::filesystem::copy("/bin/sh", strFile, std::filesystem::copy_options::skip_existing);
+    strScript += "kill -STOP $$";
+    std::string strOption = "-c";
+    char* arguments[] = {strCommand.data(), strOption.data(), strScript.data(), nullptr};
     const pid_t nPid = ::fork();
     if (nPid == 0) {
-        ::execv(strPath.c_str(), pointers.data());
+        ::execv(strFile.c_str(), arguments);
         ::_exit(127);
     }
-    ::close(ends[1]);
-    char ch = 0;
-    EXPECT_EQ(::read(ends[0], &ch, 1), 0) << "closed by the start of the program";
-    ::close(ends[0]);
+    int nStatus = 0;
+    EXPECT_EQ(::waitpid(nPid, &nStatus, WUNTRACED), nPid);
+    EXPECT_TRUE(WIFSTOPPED(nStatus));
     return nPid;
 }
 
 TEST(PosixProcesses, AreFoundByTheirFileAndEnded) {
     const CTempFolder folder;
-    std::filesystem::copy("/bin/sleep", folder / "WCESCOMM.exe");
     EXPECT_FALSE(FindProcess("WCESCOMM.exe"));
-    const pid_t nPid = StartProgram(folder / "WCESCOMM.exe", {"1000"});
+    const pid_t nPid = StartStoppedShell(folder / "WCESCOMM.exe", "shell", "");
     ASSERT_EQ(FindProcess("WCESCOMM.exe"), static_cast<DWORD>(nPid));
     std::filesystem::remove(folder / "WCESCOMM.exe");
     EXPECT_TRUE(FindProcess("WCESCOMM.exe")) << "its file may be gone";
@@ -524,7 +490,6 @@ TEST(PosixProcesses, AreFoundByTheirFileAndEnded) {
 TEST(PosixProcesses, AProgramUnderALoaderHasItsOwnName) {
     const CTempFolder folder;
     const std::string strLong = "WCESCOMM-with-a-long-name.exe";
-    std::filesystem::copy("/bin/sh", folder / "wine64-preloader");
     // As the loader does: the kernel is told the program's name, and keeps 15 bytes of it.
     const struct {
         std::string strTold;
@@ -536,20 +501,8 @@ TEST(PosixProcesses, AProgramUnderALoaderHasItsOwnName) {
         {strLong, "something else", strLong.substr(0, 15)},
     };
     for (const auto& row : rows) {
-        const std::string strScript = "echo " + row.strTold + " >/proc/$$/comm; kill -STOP $$";
-        std::string strCommand = row.strCommand;
-        std::string strShell = folder / "wine64-preloader";
-        std::string strOption = "-c";
-        std::string strBody = strScript;
-        char* arguments[] = {strCommand.data(), strOption.data(), strBody.data(), nullptr};
-        const pid_t nPid = ::fork();
-        if (nPid == 0) {
-            ::execv(strShell.c_str(), arguments);
-            ::_exit(127);
-        }
-        int nStatus = 0;
-        EXPECT_EQ(::waitpid(nPid, &nStatus, WUNTRACED), nPid);
-        EXPECT_TRUE(WIFSTOPPED(nStatus));
+        const pid_t nPid = StartStoppedShell(folder / "wine64-preloader", row.strCommand,
+                                             "echo " + row.strTold + " >/proc/$$/comm; ");
         EXPECT_EQ(FindProcess(row.strSeen), static_cast<DWORD>(nPid)) << row.strSeen;
         ::kill(nPid, SIGKILL);
         ::waitpid(nPid, nullptr, 0);

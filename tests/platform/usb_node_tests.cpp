@@ -9,26 +9,24 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <memory>
 #include <utility>
-#include <vector>
 
 namespace {
 
 using namespace device_test;
+using namespace platform_test;
 using platform::CloseHandle;
 using platform::GetLastError;
-
-using Bytes = std::vector<std::uint8_t>;
 
 // The other end of a node's socket, by hand.
 class CPeer {
   public:
     CPeer() : m_attachment(m_devices.folder.Path()) {
-        std::string strPath;
-        EXPECT_TRUE(FirstDevice(strPath));
-        m_hNode = Open(strPath, GENERIC_READ | GENERIC_WRITE);
+        m_hNode = OpenDevice(DevicePath().value_or(""));
         EXPECT_NE(m_hNode, INVALID_HANDLE_VALUE);
         m_nSocket = ::accept4(m_attachment.Listener(), nullptr, nullptr, SOCK_CLOEXEC);
     }
@@ -105,9 +103,7 @@ class CPeer {
         usbip::PutU32(answer.data() + usbip::OFFSET_SEQNUM, dwSeqnum);
         usbip::PutU32(answer.data() + usbip::OFFSET_STATUS, static_cast<std::uint32_t>(nStatus));
         usbip::PutU32(answer.data() + usbip::OFFSET_ACTUAL_LENGTH, dwActualLength);
-        for (const std::uint8_t byte : data) {
-            answer.push_back(byte);
-        }
+        std::ranges::copy(data, std::back_inserter(answer));
         return answer;
     }
     // The answer to a read that brings these bytes.
@@ -116,6 +112,13 @@ class CPeer {
                       data);
     }
 
+    // Takes a write of the host and says that it has arrived.
+    void ServeWrite(std::uint32_t dwSeqnum, const Bytes& package) {
+        const auto dwSize = static_cast<std::uint32_t>(package.size());
+        ExpectSubmit(dwSeqnum, usbip::DIRECTION_OUT, dwSize);
+        EXPECT_EQ(Take(dwSize), package);
+        Send(Answer(usbip::RET_SUBMIT, dwSeqnum, 0, dwSize));
+    }
     // The header of the host's next message, which has to be this.
     void ExpectSubmit(std::uint32_t dwSeqnum, std::uint32_t dwDirection, std::uint32_t dwLength) {
         const Bytes header = Take(usbip::HEADER_SIZE);
@@ -153,13 +156,13 @@ class CTransfer {
 
     // Left alone it ends, and well.
     bool Succeeds() {
-        EXPECT_TRUE(m_thread.EndsWithin(SOON_MS));
+        EXPECT_TRUE(m_thread.EndsWithin(AT_ONCE_MS));
         m_thread.Stop();
         return m_bDone != FALSE;
     }
     // Left alone it ends, as a failure, with the count untouched.
     bool Fails() {
-        EXPECT_TRUE(m_thread.EndsWithin(SOON_MS));
+        EXPECT_TRUE(m_thread.EndsWithin(AT_ONCE_MS));
         m_thread.Stop();
         EXPECT_EQ(m_dwError, ERROR_GEN_FAILURE);
         return m_bDone == FALSE && m_dwCount == 0;
@@ -183,7 +186,7 @@ class CTransfer {
     BOOL m_bDone = FALSE;
     static constexpr DWORD NOT_RUN = 0xFFFF;
     DWORD m_dwError = NOT_RUN;
-    CThread m_thread; // last: it uses the others
+    CTask m_thread; // last: it uses the others
 };
 
 TEST(PosixNode, TransfersGoOutAsTheProtocolSays) {
@@ -198,9 +201,7 @@ TEST(PosixNode, TransfersGoOutAsTheProtocolSays) {
     const Bytes package(12288, 0xAB);
     CTransfer write(peer.Node(), 12288, package.data());
     peer.Send(CPeer::ImportReply());
-    peer.ExpectSubmit(1, usbip::DIRECTION_OUT, 12288);
-    EXPECT_EQ(peer.Take(12288), package);
-    peer.Send(CPeer::Answer(usbip::RET_SUBMIT, 1, 0, 12288));
+    peer.ServeWrite(1, package);
     EXPECT_TRUE(write.Succeeds());
     EXPECT_EQ(write.Count(), 12288U);
 
@@ -231,9 +232,7 @@ TEST(PosixNode, BytesThatComeForAStoppedReadAreKept) {
     // A write in between neither takes nor loses them.
     const Bytes package(20, 1);
     CTransfer write(peer.Node(), 20, package.data());
-    peer.ExpectSubmit(3, usbip::DIRECTION_OUT, 20);
-    peer.Take(20);
-    peer.Send(CPeer::Answer(usbip::RET_SUBMIT, 3, 0, 20));
+    peer.ServeWrite(3, package);
     EXPECT_TRUE(write.Succeeds());
 
     CTransfer part(peer.Node(), 3);
@@ -284,9 +283,7 @@ TEST(PosixNode, APackageThatIsHalfOutIsFinishedFirst) {
     peer.ExpectUnlink(2, 1);
     peer.Send(CPeer::Answer(usbip::RET_SUBMIT, 1, 0, usbip::MAX_TRANSFER));
     peer.Send(CPeer::Answer(usbip::RET_UNLINK, 2, 0));
-    peer.ExpectSubmit(3, usbip::DIRECTION_OUT, 20);
-    EXPECT_EQ(peer.Take(20), second);
-    peer.Send(CPeer::Answer(usbip::RET_SUBMIT, 3, 0, 20));
+    peer.ServeWrite(3, second);
     EXPECT_TRUE(next.Succeeds());
     EXPECT_EQ(next.Count(), 20U);
 }
@@ -307,29 +304,26 @@ std::uint32_t FillSocket(CPeer& peer, const Bytes& package, std::unique_ptr<CTra
     }
 }
 
-TEST(PosixNode, APackageThatHasNotBegunToLeaveIsTakenBackWhole) {
-    CPeer peer;
-    peer.Import();
+TEST(PosixNode, APackageThatHasNotBegunToLeave) {
     const Bytes package(12288, 0xCD);
-    std::unique_ptr<CTransfer> pBlocked;
-    const std::uint32_t dwBlocked = FillSocket(peer, package, pBlocked);
-    EXPECT_TRUE(pBlocked->IsStopped());
-    EXPECT_EQ(peer.TakeAllThatIsThere(), (dwBlocked - 1) * (usbip::HEADER_SIZE + 12288));
-    // There is nothing to unlink and nothing to wait for.
-    CTransfer next(peer.Node(), 8);
-    peer.ExpectSubmit(dwBlocked + 1, usbip::DIRECTION_IN, 8);
-    peer.Send(CPeer::Brings(dwBlocked + 1, {7}));
-    EXPECT_TRUE(next.Succeeds());
-}
-
-TEST(PosixNode, APackageIsNotAnsweredBeforeItHasLeft) {
-    CPeer peer;
-    peer.Import();
-    const Bytes package(12288, 0xCD);
-    std::unique_ptr<CTransfer> pBlocked;
-    const std::uint32_t dwBlocked = FillSocket(peer, package, pBlocked);
-    peer.Send(CPeer::Answer(usbip::RET_SUBMIT, dwBlocked, 0, 12288));
-    EXPECT_TRUE(pBlocked->Fails());
+    for (const bool bAnswered : {false, true}) {
+        CPeer peer;
+        peer.Import();
+        std::unique_ptr<CTransfer> pBlocked;
+        const std::uint32_t dwBlocked = FillSocket(peer, package, pBlocked);
+        if (bAnswered) { // though the device cannot know of it
+            peer.Send(CPeer::Answer(usbip::RET_SUBMIT, dwBlocked, 0, 12288));
+            EXPECT_TRUE(pBlocked->Fails());
+            continue;
+        }
+        EXPECT_TRUE(pBlocked->IsStopped());
+        EXPECT_EQ(peer.TakeAllThatIsThere(), (dwBlocked - 1) * (usbip::HEADER_SIZE + 12288));
+        // It is taken back whole: there is nothing to unlink and nothing to wait for.
+        CTransfer next(peer.Node(), 8);
+        peer.ExpectSubmit(dwBlocked + 1, usbip::DIRECTION_IN, 8);
+        peer.Send(CPeer::Brings(dwBlocked + 1, {7}));
+        EXPECT_TRUE(next.Succeeds());
+    }
 }
 
 TEST(PosixNode, ARefusedTransferLeavesThePipeUsable) {
@@ -472,11 +466,10 @@ TEST(PosixNode, OpeningNeverWaits) {
     const CDeviceFolder devices;
     // Nobody accepts, and there is room for one or two.
     const CAttachment attachment(devices.folder.Path(), "device", 0);
-    std::string strPath;
-    ASSERT_TRUE(FirstDevice(strPath));
+    const std::string strPath = DevicePath().value_or("");
     std::vector<HANDLE> opened;
     while (opened.size() < 10) {
-        HANDLE hNode = Open(strPath, GENERIC_READ | GENERIC_WRITE);
+        HANDLE hNode = OpenDevice(strPath);
         if (hNode == INVALID_HANDLE_VALUE) {
             break;
         }
@@ -496,9 +489,7 @@ TEST(PosixNode, TheFolderMayLieDeep) {
     const CEnvironment environment("DAK_DEVICE_DIR", strDeep.c_str());
     EXPECT_EQ(ProbeLock(), 'n') << "made with the folders above it";
     const CAttachment attachment(strDeep, std::string(80, 'n'));
-    std::string strPath;
-    ASSERT_TRUE(FirstDevice(strPath));
-    HANDLE hNode = Open(strPath, GENERIC_READ | GENERIC_WRITE);
+    HANDLE hNode = OpenDevice(DevicePath().value_or(""));
     EXPECT_NE(hNode, INVALID_HANDLE_VALUE);
     EXPECT_TRUE(CloseHandle(hNode));
 }
