@@ -30,14 +30,11 @@ class CopyFromDevice : public TransferTest {
     // The same, but the host is to stop the stream ahead of its last package.
     void RunStoppedStream(const Bytes& stream, DWORD dwErrCode) {
         ExpectPull().Reply(Ack());
-        for (const Bytes& package : Packages(stream)) {
+        for (const Bytes& package : PullPackages(stream)) {
             device.Reply(package);
         }
         device.Expect(sim::Control(DAK_ABORT));
         RunPull(dwErrCode);
-    }
-    static std::vector<Bytes> Packages(const Bytes& stream) {
-        return sim::StreamPackages(8, stream, DAK_REPLY_PACKAGE, DAK_LAST_REPLY, false);
     }
     void ExpectFile(const std::string& strPath, const Bytes& contents) {
         const sim::CHostFile* pFile = world.HostFile(strPath);
@@ -72,9 +69,6 @@ TEST_F(CopyFromDevice, AWholeCopyInBytes) {
 TEST_F(CopyFromDevice, FoldersAreMadeAndFilesReplaced) {
     const Bytes exact = sim::Pattern(DAK_DATA_SIZE - 8 - Record(u"a\\b\\exact", {}).size());
     const Bytes large = sim::Pattern(30'000);
-    const Bytes stream =
-        Stream(Record(u"a\\b\\exact", exact), Record(u"a\\c/empty", {}), Record(u"large", large),
-               Record(u"..\u00FC..\\\u65E5", {1}), Record(u"locked", {2}));
     world.MakeHostFolder("D:/x/a");
     world.WriteHostFile("D:/x/large", OLD);
     world.WriteHostFile("D:/x/locked", OLD);
@@ -82,7 +76,9 @@ TEST_F(CopyFromDevice, FoldersAreMadeAndFilesReplaced) {
     device
         .ExpectCommand(8, Bytes{0}, Text(u"\\d\\"), Text(u"D:\\x\\\\"), U32(0)) // as it was given
         .Reply(Ack());
-    GiveStream(stream);
+    GiveStream(Stream(Record(u"a\\b\\exact", exact), Record(u"a\\c/empty", {}),
+                      Record(u"large", large), Record(u"..\u00FC..\\\u65E5", {1}),
+                      Record(u"locked", {2})));
     EXPECT_EQ(dak->DAKTransmitFiles(DAK_FROM_DEVICE, u"\\d\\", u"D:\\x\\\\", &list, window), 0u);
     ExpectEnd(DAKERROR_NONE);
     ExpectFile("D:/x/a/b/exact", exact);
@@ -194,7 +190,7 @@ TEST_F(CopyFromDevice, AStreamThatBreaksLeavesTheOldFile) {
     constexpr std::uint64_t SILENCE = READS_AT_MOST * FAILED_HEAD_TRY_MS;
     constexpr std::uint64_t GONE = FAILED_HEAD_TRY_MS - 514 - 4 * 508; // all reads fail at once
     const Bytes stream = Stream(Record(u"a.bin", sim::Pattern(30'000)));
-    const auto packages = Packages(stream);
+    const auto packages = PullPackages(stream);
     const auto end = [&](const Bytes& data) {
         device.Reply(sim::DataPackage(DAK_LAST_REPLY, 8, data)).Expect(Ack());
     };
@@ -357,7 +353,7 @@ TEST_F(CopyFromDevice, ANameStaysBelowTheFolder) {
 
 // A cancel is seen where the worker looks, and nowhere else.
 TEST_F(CopyFromDevice, ACancelAtEachOfItsPlaces) {
-    const auto packages = Packages(Stream(Record(u"a.bin", sim::Pattern(30'000))));
+    const auto packages = PullPackages(Stream(Record(u"a.bin", sim::Pattern(30'000))));
     const Bytes abort = sim::Control(DAK_ABORT);
     Bytes bad = packages[1];
     ++bad.back();
@@ -403,92 +399,6 @@ TEST_F(CopyFromDevice, ACancelAtEachOfItsPlaces) {
         CancelAt(qwBegin + one.qwCancelMs);
         RunPull(one.dwErrCode, one.qwEndMs + DRAIN_MS);
         ExpectOldFile();
-    }
-}
-
-// The caller gives up and deletes the part file under the worker, which goes on with the rest of
-// the file. Where open files cannot be deleted the file becomes whole.
-TEST_F(CopyFromDevice, ATerminatedCopyLeavesNoTornFile) {
-    const Bytes first = sim::Pattern(20'000);
-    const auto packages =
-        Packages(Stream(Record(u"a.bin", first), Record(u"b.bin", sim::Pattern(15'000, 2))));
-    const auto body = packages[1].begin() + 14;
-    for (const bool bHeldFast : {false, true}) {
-        SCOPED_TRACE(bHeldFast);
-        world.WriteHostFile("C:/s/a.bin", OLD);
-        world.bOpenFilesCannotBeDeleted = bHeldFast;
-        ExpectPull().Reply(Ack()).Reply(packages[0]).Reply(Bytes(packages[1].begin(), body));
-        device.ReplyAfter(6000, Bytes(body, packages[1].end())).Reply(packages[2]);
-        device.Expect(sim::Control(DAK_ABORT));
-        EXPECT_EQ(Pull(), DAKERROR_NONE);
-        platform::Sleep(1000);
-        EXPECT_EQ(world.HostFiles("C:/s").size(), 2u);
-        dak->TerminateTransfer();
-        EXPECT_EQ(dak->GetLastError(), DAKERROR_CANCELLED);
-        EXPECT_EQ(world.HostFiles("C:/s").size(), bHeldFast ? 2u : 1u);
-        ExpectEnd(DAKERROR_CANCELLED);
-        if (bHeldFast) {
-            ExpectFile("C:/s/a.bin", first);
-            EXPECT_EQ(world.HostFiles("C:/s"), std::vector<std::string>{"a.bin"});
-        } else {
-            ExpectOldFile();
-        }
-        dak.emplace();
-    }
-}
-
-TEST_F(CopyFromDevice, ALargeCopyTakesTheSumOfItsWaits) {
-    const Bytes large = sim::Pattern(3'000'000);
-    // The stream's last package is one that an acknowledgement is due for anyway.
-    const std::size_t dwRest =
-        250 * DAK_DATA_SIZE - Stream(Record(u"a", large), Record(u"b", {})).size();
-    const Bytes rest = sim::Pattern(dwRest, 2);
-    RunStream(Stream(Record(u"a", large), Record(u"b", rest)), DAKERROR_NONE,
-              OPEN_MS + 250 * PACKAGE_MS + 5 * ACKNOWLEDGED_MS + DRAIN_MS);
-    ExpectFile("C:/s/a", large);
-    ExpectFile("C:/s/b", rest);
-}
-
-// Calls of the platform that fail, one of them or all from one on: the file is the old or the new
-// one, the new one where the job says so, and what a lone failure leaves is clean.
-TEST(CopyFromDeviceSweep, NoFailingCallTearsAFile) {
-    const Bytes contents = sim::Pattern(30'000);
-    const Bytes stream = Join(U32(1), U32(1), Record(u"b\\a.bin", contents));
-    for (const std::uint64_t nTimes : {1ull, 1'000'000ull}) {
-        const std::uint64_t nFaults = sim::Sweep(
-            [&](sim::CWorld& world) {
-                sim::CScriptedDevice device(world);
-                bool bAsked = false;
-                device.onPackage = [&](const Bytes& got) {
-                    if (DakGetU32(got.data()) == DAK_LAST_PACKAGE) {
-                        bAsked = true;
-                        device.Give(Ack());
-                        for (const Bytes& package : sim::StreamPackages(
-                                 8, stream, DAK_REPLY_PACKAGE, DAK_LAST_REPLY, false)) {
-                            device.Give(package);
-                        }
-                    }
-                };
-                world.WriteHostFile("C:/s/b/a.bin", OLD);
-                CStringArray list;
-                {
-                    CDAKVorn dak;
-                    const bool bStarted = dak.DAKTransmitFiles(DAK_FROM_DEVICE, u"\\d", u"C:\\s",
-                                                               &list, nullptr) == 0;
-                    while (world.LiveThreads() > 0) {
-                        platform::Sleep(1000);
-                    }
-                    const Bytes file = world.ReadHostFile("C:/s/b/a.bin").value_or(Bytes{});
-                    const bool bDone = bStarted && bAsked && dak.GetLastError() == DAKERROR_NONE;
-                    EXPECT_TRUE(file == contents || (file == OLD && !bDone));
-                }
-                if (nTimes == 1) {
-                    EXPECT_EQ(world.HostFiles("C:/s"), std::vector<std::string>{"b/a.bin"});
-                    EXPECT_EQ(world.Open(), std::vector<std::string>{});
-                }
-            },
-            {}, nTimes);
-        EXPECT_GT(nFaults, 50u);
     }
 }
 

@@ -11,9 +11,6 @@ constexpr std::uint64_t FILL_MS = 10; // a look at a read-ahead buffer that is n
 
 class CopyToDevice : public TransferTest {
   protected:
-    static std::vector<Bytes> Packages(const Bytes& stream) {
-        return sim::StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true);
-    }
     // Changes the first file of the list behind the back of who asks for its size.
     void Resize(std::size_t dwBytes, std::uint64_t qwReportedSize) {
         world.HostFile(list[0].operator const char*())->bytes = sim::Pattern(dwBytes);
@@ -176,7 +173,7 @@ TEST_F(CopyToDevice, TheFinalReplyDecides) {
 TEST_F(CopyToDevice, ASendThatFailsInContentsReplacesTheNode) {
     const Bytes contents = sim::Pattern(30'000);
     AddFile("C:\\s\\a", contents);
-    const auto packages = Packages(Join(U32(1), Record(u"a", contents)));
+    const auto packages = PushPackages(Join(U32(1), Record(u"a", contents)));
     constexpr std::uint64_t FIRST_MS = OPEN_MS + FILL_MS;
     const auto open = [&]() -> auto& {
         return ExpectPush().Reply(Ack());
@@ -227,7 +224,7 @@ TEST_F(CopyToDevice, ASendThatFailsInARecordClosesTheStream) {
     AddFile("C:\\s\\b", {1});
     const Bytes stream =
         Join(U32(2), Record(u"a", sim::Pattern(DAK_DATA_SIZE - AHEAD - 10)), Record(u"b", {1}));
-    const Bytes first = Packages(stream)[0];
+    const Bytes first = PushPackages(stream)[0];
     const auto isLast = [](const Bytes& got) {
         EXPECT_EQ(DakGetU32(got.data()), DAK_LAST_PACKAGE);
         EXPECT_EQ(DakGetU32(got.data() + 4) + 8, got.size());
@@ -262,7 +259,7 @@ TEST_F(CopyToDevice, ASendThatFailsInARecordClosesTheStream) {
 TEST_F(CopyToDevice, ACancelInContents) {
     const Bytes contents = sim::Pattern(60'000);
     AddFile("C:\\s\\a", contents);
-    const auto packages = Packages(Join(U32(1), Record(u"a", contents)));
+    const auto packages = PushPackages(Join(U32(1), Record(u"a", contents)));
     ExpectPush().Reply(Ack()).Expect(packages[0]).ReplyAfter(600, Ack());
     ExpectAborts(50); // packages 2 to 51
     EXPECT_EQ(Push(), DAKERROR_NONE);
@@ -285,8 +282,7 @@ TEST_F(CopyToDevice, ACancelInARecord) {
     AddFile("C:\\s\\a", sim::Pattern(SIZE));
     AddFile("C:\\s\\b", {1});
     const auto packages =
-        sim::StreamPackages(8, Join(U32(2), Record(u"a", sim::Pattern(SIZE)), Record(u"b", {1})),
-                            DAK_PACKAGE, DAK_LAST_PACKAGE, true);
+        PushPackages(Join(U32(2), Record(u"a", sim::Pattern(SIZE)), Record(u"b", {1})));
     ExpectPush().Reply(Ack()).Expect(packages[0]).ReplyAfter(600, Ack());
     ExpectAborts(2 * 50);
     device.ReplyAfter(5000, Join(sim::Control(DAK_ABORT), sim::Response(8, 1)));
@@ -298,70 +294,6 @@ TEST_F(CopyToDevice, ACancelInARecord) {
     EXPECT_EQ(device.Opens(), 1);
     EXPECT_EQ(device.Packages().back().qwMs, qwAborted);
     EXPECT_EQ(Access::m_nCopyResult(*dak), 1);
-}
-
-TEST_F(CopyToDevice, ALargeCopyTakesTheSumOfItsWaits) {
-    constexpr std::size_t BUFFER = 1'310'720;
-    const Bytes large = sim::Pattern(3 * BUFFER + 5);
-    const Bytes exact = sim::Pattern(2 * BUFFER, 2);
-    AddFile("C:\\s\\large", large);
-    AddFile("C:\\s\\empty", {});
-    AddFile("C:\\s\\exact", exact);
-    const Bytes stream =
-        Join(U32(3), Record(u"large", large), Record(u"empty", {}), Record(u"exact", exact));
-    ExpectWholePush(stream);
-    const std::uint64_t qwPackages = stream.size() / DAK_DATA_SIZE + 1;
-    const std::uint64_t qwVerdicts = (qwPackages - 2) / 50 + 2; // behind 1, 51, ... and the last
-    // The refills behind the first, second and third buffer of the one, and the first of the other.
-    const std::uint64_t qwFills = (1 + 3) + (1 + 1);
-    RunPush(DAKERROR_NONE,
-            OPEN_MS + qwFills * FILL_MS + qwVerdicts * VERDICT_MS + REPLY_MS + DRAIN_MS);
-    EXPECT_EQ(device.Packages().size(), 1 + qwPackages);
-}
-
-// Any single call of the platform that fails: the job ends, and it does not end well unless the
-// device got every byte.
-TEST(CopyToDeviceSweep, NoFailingCallIsReportedAsSuccess) {
-    const Bytes contents = sim::Pattern(30'000);
-    const Bytes whole = Join(U32(1), U64(contents.size()), U64(0), U64(0), Text(u"a"), contents);
-    const std::uint64_t nFaults = sim::Sweep([&](sim::CWorld& world) {
-        sim::CScriptedDevice device(world);
-        Bytes stream;
-        device.onPackage = [&](const Bytes& got) {
-            const bool bLast = DakGetU32(got.data()) == DAK_LAST_PACKAGE;
-            const bool bCommand = bLast && got.size() == 27;
-            if (!bCommand) {
-                stream.insert(stream.end(), got.begin() + 14, got.end());
-            }
-            if (bCommand || bLast || got.size() + stream.size() == 12288 + 12274) {
-                device.Give(Ack());
-            }
-            if (bLast && !bCommand) {
-                device.Give(sim::Response(8, 1));
-            }
-        };
-        world.WriteHostFile("C:/s/a", contents, Time(CREATED), Time(WRITTEN));
-        CStringArray list;
-        list.Add("C:\\s\\a");
-        const HWND hWnd = platform::CreateMessageWindow();
-        {
-            CDAKVorn dak;
-            const bool bStarted =
-                dak.DAKTransmitFiles(DAK_TO_DEVICE, u"C:\\s", u"\\d", &list, hWnd) == 0;
-            while (world.LiveThreads() > 0) {
-                platform::Sleep(1000);
-            }
-            EXPECT_EQ(dak.IsTransmitting(), FALSE);
-            if (bStarted && dak.GetLastError() == DAKERROR_NONE && !stream.empty() &&
-                stream.size() > 4) {
-                // The times may be missing.
-                std::fill(stream.begin() + 12, stream.begin() + 28, std::uint8_t{0});
-                EXPECT_EQ(stream, whole);
-            }
-        }
-        EXPECT_EQ(world.Open(), std::vector<std::string>{});
-    });
-    EXPECT_GT(nFaults, 50u);
 }
 
 } // namespace

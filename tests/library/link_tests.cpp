@@ -75,21 +75,13 @@ TEST(Object, AFreshOneHasItsMembersInOrder) {
          {Access::m_szSourcePath(dak), Access::m_szDestPath(dak), Access::m_szPartPath(dak)}) {
         EXPECT_EQ(std::count(lpszPath, lpszPath + 260, '\0'), 260);
     }
-    EXPECT_EQ(world.CallCount(ECall::WritePipe) + world.Questions() + world.NowMs(), 0u);
-}
-
-TEST(Object, VersionNumbers) {
-    sim::CWorld world;
-    CDAKVorn dak;
     DWORD dwFirst = 7;
     DWORD dwSecond = 8;
-    dak.DAKGetVersionNumber(&dwFirst, nullptr);
-    dak.DAKGetVersionNumber(nullptr, &dwSecond);
-    EXPECT_EQ(dwFirst, 7u);
-    EXPECT_EQ(dwSecond, 8u);
+    dak.DAKGetVersionNumber(nullptr, nullptr);
     dak.DAKGetVersionNumber(&dwFirst, &dwSecond);
     EXPECT_EQ(dwFirst, 26869961u);
     EXPECT_EQ(dwSecond, 65541u);
+    EXPECT_EQ(world.CallCount(ECall::WritePipe) + world.Questions() + world.NowMs(), 0u);
 }
 
 TEST(Object, CopiesShareNothingThatIsOpen) {
@@ -250,13 +242,9 @@ TEST(ConnectDevice, EveryRoadInItsTime) {
          },
          0, 330, 1},
         {"no device", [](CRun& run, D&) { run.world.Unplug(); }, DAKERROR_NO_DEVICE, 300, 0},
-        {"node does not open", fail(ECall::OpenNode, 1), DAKERROR_NO_DEVICE, 300, 0},
         {"lock in use", [](CRun& run, D&) { run.world.OtherProcessOpensLock(LOCK); }, DAKERROR_BUSY,
          0, 0},
         {"no lock to be had", fail(ECall::CreateMutexA, 1), DAKERROR_BUSY, 0, 0},
-        {"no snapshot", fail(ECall::CreateToolhelp32Snapshot, 1), 0, 320, 1},
-        {"no set", fail(ECall::SetupDiGetClassDevsA, 1), DAKERROR_NO_DEVICE, 300, 0},
-        {"no detail", fail(ECall::SetupDiGetDeviceInterfaceDetailA, 2), DAKERROR_NO_DEVICE, 300, 0},
         {"no memory for it", fail(ECall::LocalAlloc, 1), DAKERROR_NO_DEVICE, 300, 0}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.lpszName);
@@ -334,27 +322,6 @@ TEST(Lock, IsHeldUnderEveryPackageAndOverTheExchange) {
     EXPECT_EQ(calls(), nCalls);
 }
 
-TEST(Lock, NothingOfItOutlivesARefusalOrTheObject) {
-    sim::CWorld world;
-    sim::CScriptedDevice device(world);
-    {
-        CDAKVorn dak;
-        world.OtherProcessOpensLock(LOCK);
-        EXPECT_EQ(dak.DAKDeleteFile(u"\\a"), DAKERROR_BUSY);
-        EXPECT_EQ(world.locks[LOCK]->nHandles, 0) << "the other process would see it";
-        world.OtherProcessClosesLock(LOCK);
-        world.FailCall(ECall::CreateMutexA, 1);
-        EXPECT_EQ(dak.ConnectDevice(), DAKERROR_BUSY);
-        EXPECT_EQ(g_hDeviceMutex, nullptr);
-        // As a cancelled job leaves them.
-        EXPECT_TRUE(Access::Initial(dak));
-        EXPECT_TRUE(Access::OpenDevice(dak));
-        device.ExpectHandshake(DAK_DISCONNECT).At(0);
-    }
-    EXPECT_EQ(world.Open(), std::vector<std::string>());
-    EXPECT_EQ(device.OpenNow(), 0);
-}
-
 TEST(Lock, OperationsOfTwoThreadsWaitForOneAnother) {
     CRun run;
     CDAKVorn second;
@@ -387,24 +354,28 @@ class Pipe : public testing::Test, protected CRun {
         EXPECT_EQ(world.LiveThreads(), 0);
     }
     void ExpectRead(DWORD dwSize, DWORD dwTimeout, DWORD dwExpected, std::uint64_t qwMs) {
-        buffer.assign(dwSize + 1, 0xEE);
-        dwCount = 77;
-        const std::uint64_t qwEndMs = world.NowMs() + qwMs;
+        const std::uint64_t qwEndMs = Prepare(dwSize) + qwMs;
         Check(Access::ReadUSBData(dak, buffer.data(), dwSize, &dwCount, dwTimeout), dwSize,
               dwExpected, qwEndMs);
     }
     void ExpectWrite(DWORD dwSize, DWORD dwExpected, std::uint64_t qwMs) {
-        buffer.assign(dwSize + 1, 0xEE);
-        dwCount = 77;
-        const std::uint64_t qwEndMs = world.NowMs() + qwMs;
+        const std::uint64_t qwEndMs = Prepare(dwSize) + qwMs;
         Check(Access::WriteUSBData(dak, buffer.data(), dwSize, &dwCount), dwSize, dwExpected,
               qwEndMs);
+    }
+    std::uint64_t Prepare(DWORD dwSize) {
+        buffer.assign(dwSize + 1, 0xEE);
+        dwCount = 77;
+        return world.NowMs();
     }
     DWORD dwCount = 0;
     Bytes buffer;
 };
 
 TEST_F(Pipe, TimeOuts) {
+    ExpectRead(0, 0, 0, 0); // nothing asked for, nothing started
+    ExpectWrite(0, 0, 0);
+    EXPECT_EQ(world.CallCount(ECall::CreateThread), 0u);
     ExpectRead(20, 300, 0, 310);
     ExpectRead(8, 0, 0, 518);
     ExpectRead(1250, 0, 0, 1760);
@@ -446,12 +417,6 @@ TEST_F(Pipe, ShortReadsAndPiecesOfAPackage) {
     ExpectRead(8, 0, 0, 10); // a transfer of no bytes
 }
 
-TEST_F(Pipe, NothingAskedForNothingStarted) {
-    ExpectRead(0, 0, 0, 0);
-    ExpectWrite(0, 0, 0);
-    EXPECT_EQ(world.CallCount(ECall::CreateThread), 0u);
-}
-
 TEST_F(Pipe, FailedTransfers) {
     device.Give(sim::Ack());
     world.FailCall(ECall::CreateThread, 1, 0, 2);
@@ -481,38 +446,34 @@ TEST_F(Pipe, TraceLines) {
     };
     BYTE bytes[8] = {};
     DWORD dw = 0;
-    const auto read = [&] {
+    const auto lines = [&](bool bRead) {
         g_strTrace.clear();
-        Access::ReadUSBData(dak, bytes, DWORD{8}, &dw, DWORD{0});
+        bRead ? Access::ReadUSBData(dak, bytes, DWORD{8}, &dw, DWORD{0})
+              : Access::WriteUSBData(dak, bytes, DWORD{8}, &dw);
         return g_strTrace;
     };
-    const auto write = [&] {
-        g_strTrace.clear();
-        Access::WriteUSBData(dak, bytes, DWORD{8}, &dw);
-        return g_strTrace;
-    };
-    const std::string strRead = "Succeed to ReadUSBThread CreateThread\n"
-                                "ReadUSBThread usbApi->m_lpReadBuf = " +
-                                low(bytes) + ",usbApi->m_dwSizeIn=8\n";
-    const std::string strWrite = "Succeed to WriteUSBData CreateThread\n"
-                                 "WriteUSBThread usbApi->m_lpWriteBuf = " +
-                                 low(bytes) + ",usbApi->m_dwSizeIn=8\n";
-    device.Give(sim::Ack());
-    EXPECT_EQ(read(), strRead + "Succeed read. read size = 8\n");
     device.Expect(sim::Ack());
-    EXPECT_EQ(write(), strWrite + "Succeed write. write size = 8\n");
-    EXPECT_EQ(read().find(strRead + "ReadUSBData TerminateThread\n"), 0u);
-    device.DoNotTake();
-    EXPECT_EQ(write().find(strWrite + "WriteUSBData TerminateThread\n"), 0u);
-    world.FailCall(ECall::ReadPipe, 1, 31);
-    EXPECT_EQ(read(), strRead + "ReadUSBThread return 0;\nerror = 31, usbApi->m_lpdwSizeOut=" +
-                          low(&dw) + " \n");
-    world.FailCall(ECall::WritePipe, 1, 31);
-    EXPECT_EQ(write(), strWrite + "WriteUSBThread return 0;\nerror = 31, usbApi->m_lpdwSizeOut= " +
-                           low(&dw) + "\n");
-    world.FailCall(ECall::CreateThread, 1, 0, 2);
-    EXPECT_EQ(read(), "Fail to ReadUSBThread CreateThread\n");
-    EXPECT_EQ(write(), "Fail to WriteUSBData CreateThread\n");
+    DakPutU32(bytes, DAK_SUCCESS);
+    for (const bool bRead : {false, true}) {
+        const std::string strThread = bRead ? "ReadUSBThread" : "WriteUSBThread";
+        const std::string strCall = bRead ? "ReadUSBData" : "WriteUSBData";
+        const std::string strMade = (bRead ? strThread : strCall) + " CreateThread\n";
+        const std::string strBegin =
+            "Succeed to " + strMade + strThread +
+            (bRead ? " usbApi->m_lpReadBuf = " : " usbApi->m_lpWriteBuf = ") + low(bytes) +
+            ",usbApi->m_dwSizeIn=8\n";
+        bRead ? device.Give(sim::Ack()) : void();
+        EXPECT_EQ(lines(bRead), strBegin + (bRead ? "Succeed read. read" : "Succeed write. write") +
+                                    " size = 8\n");
+        bRead ? device.Drop() : static_cast<void>(device.DoNotTake());
+        EXPECT_TRUE(lines(bRead).starts_with(strBegin + strCall + " TerminateThread\n"));
+        world.FailCall(bRead ? ECall::ReadPipe : ECall::WritePipe, 1, 31);
+        EXPECT_EQ(lines(bRead), strBegin + strThread +
+                                    " return 0;\nerror = 31, usbApi->m_lpdwSizeOut=" +
+                                    (bRead ? low(&dw) + " \n" : " " + low(&dw) + "\n"));
+        world.FailCall(ECall::CreateThread, 1);
+        EXPECT_EQ(lines(bRead), "Fail to " + strMade);
+    }
 
     // The lines of a command stand around those of its transfers.
     SetDebugTraceSink([](const char* lpszLine) {

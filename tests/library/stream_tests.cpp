@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
 #include <string>
 
 namespace {
@@ -162,15 +161,12 @@ Bytes Behind(const Bytes& bytes, std::size_t dwFrom) {
     return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(dwFrom), bytes.end());
 }
 
-TEST(Sender, Checksum) {
+TEST(Sender, ChecksumOfHighBytes) {
     CLink link;
-    const Bytes wire = {0x21, 0xE0, 0, 0, 9, 0, 0, 0, 0x2E, 1, 0, 0, 8, 0, 0x61, 0x62, 0x63};
-    link.device.Expect(wire).Reply(sim::Ack());
-    EXPECT_EQ(link.Send(wire, true), 1);
-    const Bytes high(DAK_DATA_SIZE, 0xFF);
     link.device.Reply(sim::Ack()).ExpectThat([](const Bytes& got) {
         EXPECT_EQ(DakGetU32(got.data() + 8), 3129878u);
     });
+    const Bytes high(DAK_DATA_SIZE, 0xFF);
     EXPECT_EQ(link.Send(DataPackage(DAK_LAST_PACKAGE, CODE, high), true), 1);
 }
 
@@ -290,8 +286,12 @@ TEST(Sender, CancelInAPass) {
     link.device.Reply(Control(DAK_RETRANSMIT));
     link.device.Expect(window[0]).Expect(window[1]).Expect(window[2]);
     link.device.Do([&] { link.Cancel(); });
-    link.device.Expect(abort).Expect(abort).Expect(abort).Reply(Control(DAK_RETRANSMIT));
-    link.device.Expect(abort).Expect(abort).Expect(abort).Expect(abort).Expect(abort).Expect(abort);
+    for (int i = 1; i <= 3 + 6; ++i) {
+        link.device.Expect(abort);
+        if (i == 3) {
+            link.device.Reply(Control(DAK_RETRANSMIT));
+        }
+    }
     link.device.Reply(sim::Ack());
     EXPECT_EQ(link.Send(window[5], true), 1); // the device has confirmed after all
     EXPECT_EQ(link.dak.GetLastError(), 0u);
@@ -307,7 +307,6 @@ TEST(Sender, CancelInAPass) {
 TEST(Sender, Outcomes) {
     const Event retransmit = Answer(DAK_RETRANSMIT);
     const Bytes ask = Control(DAK_RETRANSMIT);
-    const Bytes atLength = sim::Join(sim::U32(DAK_SUCCESS), Bytes(12284, 7));
     const Event late = [](CLink& link) {
         link.device.onPackage = [&link](const Bytes&) { link.device.Give(sim::Ack(), 500); };
     };
@@ -325,8 +324,6 @@ TEST(Sender, Outcomes) {
         std::uint64_t qwMs;
     } cases[] = {
         {"confirmed", Answer(DAK_SUCCESS), 0, true, strGood, 1, 110},
-        {"in 4 bytes", Answer(sim::U32(DAK_SUCCESS), {}), 0, true, strGood, 1, 110},
-        {"at length", Answer(atLength, {}), 0, true, strGood, 1, 110},
         {"confirmed, gone", Answer(DAK_SUCCESS) + VanishAt(1), 0, true, strGood, 1, 110},
         {"cancel in the wait", late + CancelAfter(100), 0, true, strGood, 1, 600},
         {"write fails", Fail(ECall::WritePipe), GONE, false, strFirst, 0, 0},
@@ -427,7 +424,6 @@ TEST(Receiver, Outcomes) {
     } cases[] = {
         {"silence", Accepted(1), 2, "", HEAD_WAIT_MS},
         {"control package", Give(Control(DAK_ABORT)), 2, "", 10},
-        {"short farewell", Give(Control(DAK_DISCONNECT)), 2, "", 10},
         {"farewell", Give(farewell), GONE, "", 20},
         {"farewell, no length", Give(HeadOfLength(12281, DAK_DISCONNECT)), GONE, "", 10},
         {"short body", Give(cut), 2, "", 20},
@@ -439,10 +435,8 @@ TEST(Receiver, Outcomes) {
         // A recovery.
         {"word", Give(foreign, good), 0, "R", 140, 17},
         {"code", Give(DataPackage(DAK_REPLY_PACKAGE, CODE + 1, {1}), good), 0, "R", 140, 17},
-        {"length 1", Give(HeadOfLength(1), good), 0, "R", 130, 17},
         {"length 5", Give(HeadOfLength(5), good), 0, "R", 130, 17},
         {"length 12281", Give(HeadOfLength(12281), good), 0, "R", 130, 17},
-        {"length all ones", Give(HeadOfLength(~0u), good), 0, "R", 130, 17},
         {"then length 12281", Give(bad, HeadOfLength(12281), good), 0, "RR", 250, 17},
         {"11 bad", Give(bad) + More(bad, 10) + More(good), 0, std::string(11, 'R'), 1340, 17},
         {"12 bad", Give(bad) + More(bad, 11) + More(good), 2, std::string(11, 'R'), 1340},
@@ -458,7 +452,6 @@ TEST(Receiver, Outcomes) {
          20 + BASE_MS + 7 * 20, 17},
         {"any dropped", Accepted(3) + Give(bad, sim::Ack(), cut, last, good), 0, "R", 190, 17},
         {"dropped, too long", Accepted(2) + Give(bad, good, HeadOfLength(12281)), 2, "R", 150},
-        {"dropped, too short", Accepted(2) + Give(bad, good, HeadOfLength(5)), 2, "R", 150},
         {"dropped, no body", Accepted(2) + Give(bad, good, head), GONE, "R", 150 + 513},
         {"dropped, gone", Accepted(2) + Give(bad, good) + VanishAfter(145), GONE, "R", 650},
         {"never comes", Accepted(1) + Give(bad) + late, 0, "R", 140 + HEAD_WAIT_MS, 17},
@@ -466,7 +459,6 @@ TEST(Receiver, Outcomes) {
         {"cancel in the head", CancelAfter(100), 2, "", 1024},
         {"cancel, gone", CancelAfter(100) + VanishAfter(200), GONE, "", 700},
         {"cancelled", Give(good) + cancel, 0, "", 20, 17},
-        {"cancelled, bad", Give(bad) + cancel, 0, "", 20, 17},
         {"cancelled, farewell", Give(farewell) + cancel, 0, "", 20, 20},
         {"cancelled, no length", Give(HeadOfLength(12281)) + cancel, 0, "", 10, 8},
         {"cancelled, final", Give(last) + cancel, 1, "A", 520},
@@ -551,25 +543,19 @@ struct CCursor {
 TEST(Packing, RefusedArguments) {
     CLink link;
     BYTE buffer[DAK_PACKAGE_SIZE] = {};
-    const struct {
-        BYTE* lpBuffer;
-        const BYTE* lpData;
-        DWORD nDataBytes;
-        const char* lpszLine;
-    } cases[] = {
-        {nullptr, nullptr, 0, "AddBuffData lpBuffer==NULL\n"},
-        {buffer, nullptr, 0, "AddBuffData lpData==NULL\n"},
-        {buffer, buffer, 0, "AddBuffData nDataBytes==0\n"},
-        {buffer, buffer, 4, "AddBuffData nBufferSize<(sizeof(DAKHEADER)+DAK_MAXPACKAGELENGTH)\n"},
-    };
-    for (const auto& row : cases) {
-        DWORD dwCursor = 14;
-        EXPECT_EQ(Access::AddBuffData(link.dak, row.lpBuffer, row.lpData, row.nDataBytes, dwCursor,
-                                      DWORD{12287}, CODE),
-                  0);
-        EXPECT_EQ(g_lines.back(), row.lpszLine);
+    DWORD dwCursor = 14;
+    const auto expectRefusal = [&](BYTE* lpBuffer, const BYTE* lpData, DWORD dwBytes,
+                                   const std::string& strWhy) {
+        EXPECT_EQ(
+            Access::AddBuffData(link.dak, lpBuffer, lpData, dwBytes, dwCursor, DWORD{12287}, CODE),
+            0);
+        EXPECT_EQ(g_lines.back(), "AddBuffData " + strWhy + "\n");
         EXPECT_EQ(dwCursor, 14u);
-    }
+    };
+    expectRefusal(nullptr, nullptr, 0, "lpBuffer==NULL");
+    expectRefusal(buffer, nullptr, 0, "lpData==NULL");
+    expectRefusal(buffer, buffer, 0, "nDataBytes==0");
+    expectRefusal(buffer, buffer, 4, "nBufferSize<(sizeof(DAKHEADER)+DAK_MAXPACKAGELENGTH)");
 }
 
 TEST(Packing, WrittenFieldsCutAtEveryByte) {
@@ -672,77 +658,6 @@ TEST(Packing, CancelledRecovery) {
                 EXPECT_EQ(bText ? reader.GetText(got) : reader.Get(field), 0);
             }
         }
-    }
-}
-
-// Random fields to a device that now and then wants a window again, and back from one whose
-// packages are now and then bad.
-TEST(Packing, RoundTrip) {
-    for (unsigned uSeed = 1; uSeed <= 8; ++uSeed) {
-        SCOPED_TRACE("seed " + std::to_string(uSeed));
-        std::mt19937 random(uSeed);
-        const auto below = [&](std::size_t dwLimit) { return random() % dwLimit; };
-        CLink link;
-        std::vector<std::u16string> texts(3000); // an empty one: a field of bytes in its place
-        std::vector<Bytes> fields;
-        Bytes all;
-        for (std::u16string& text : texts) {
-            text.resize(below(2) == 0 ? 0 : 1 + below(DAK_MAX_NAME - 1));
-            std::ranges::generate(text, [&] { return static_cast<char16_t>(1 + below(0xFFFF)); });
-            const std::size_t dwField = 1 + below(below(8) == 0 ? 12274 : 8);
-            fields.push_back(text.empty() ? sim::Pattern(dwField, uSeed) : sim::Text(text));
-            all.insert(all.end(), fields.back().begin(), fields.back().end());
-        }
-
-        const auto sent = sim::StreamPackages(CODE, all, DAK_PACKAGE, DAK_LAST_PACKAGE, true);
-        std::size_t dwConfirmed = 0;
-        std::size_t dwNext = 0;
-        link.device.onPackage = [&](const Bytes& got) {
-            const Bytes& expected = sent.at(dwNext++);
-            EXPECT_TRUE(std::ranges::equal(expected, std::span(got).first(expected.size())));
-            if (dwNext % 50 == 1 || dwNext == sent.size()) {
-                const bool bGood = below(3) != 0;
-                (bGood ? dwConfirmed : dwNext) = bGood ? dwNext : dwConfirmed;
-                link.device.Give(Control(bGood ? DAK_SUCCESS : DAK_RETRANSMIT));
-            }
-        };
-        CCursor writer(link);
-        writer.Begin();
-        for (const Bytes& field : fields) {
-            ASSERT_EQ(writer.Add(field), 1);
-        }
-        DakPutHeader(writer.buffer.data(), DAK_LAST_PACKAGE, writer.dwOffset - 8);
-        ASSERT_EQ(Access::SendDataPackage(link.dak, writer.buffer.data(), writer.dwOffset, 1), 1);
-        ASSERT_EQ(dwConfirmed, sent.size());
-
-        const auto packages =
-            sim::StreamPackages(CODE, all, DAK_REPLY_PACKAGE, DAK_LAST_REPLY, false);
-        ASSERT_GT(packages.size(), 100u);
-        std::size_t dwSoundUpTo = 0; // every package is bad once at most
-        const auto giveAll = [&] {
-            for (std::size_t i = 0; i < packages.size(); ++i) {
-                const bool bBad = i >= dwSoundUpTo && below(30) == 0;
-                link.device.Give(bBad ? Spoilt(packages[i]) : packages[i]);
-                if (bBad) {
-                    dwSoundUpTo = i + 1;
-                    return; // the host asks again here
-                }
-            }
-        };
-        link.device.onPackage = [&](const Bytes& got) {
-            DakGetU32(got.data()) == DAK_RETRANSMIT ? giveAll() : void();
-        };
-        giveAll();
-        CCursor reader(link);
-        for (std::size_t i = 0; i < fields.size(); ++i) {
-            Bytes field(fields[i].size());
-            std::u16string text;
-            ASSERT_EQ(texts[i].empty() ? reader.Get(field) : reader.GetText(text), 1) << i;
-            ASSERT_TRUE(texts[i].empty() ? field == fields[i] : text == texts[i]) << i;
-        }
-        EXPECT_EQ(reader.bEnd, 1);
-        EXPECT_EQ(reader.dwOffset, reader.dwPackageBytes);
-        EXPECT_EQ(Access::m_dwRecvPackages(link.dak), packages.size());
     }
 }
 

@@ -99,16 +99,14 @@ class TransferTest : public ::testing::Test {
     // A job from start to end: the device's script is done, and what was made to fail works again.
     // qwMs counts from here.
     void RunPush(DWORD dwErrCode, std::optional<std::uint64_t> qwMs = {}) {
-        const std::uint64_t qwBegin = world.NowMs();
-        EXPECT_EQ(Push(), DAKERROR_NONE);
-        EndRun(dwErrCode, qwBegin, qwMs);
+        Run(&TransferTest::Push, dwErrCode, qwMs);
     }
     void RunPull(DWORD dwErrCode, std::optional<std::uint64_t> qwMs = {}) {
-        const std::uint64_t qwBegin = world.NowMs();
-        EXPECT_EQ(Pull(), DAKERROR_NONE);
-        EndRun(dwErrCode, qwBegin, qwMs);
+        Run(&TransferTest::Pull, dwErrCode, qwMs);
     }
-    void EndRun(DWORD dwErrCode, std::uint64_t qwBegin, std::optional<std::uint64_t> qwMs) {
+    void Run(DWORD (TransferTest::*start)(), DWORD dwErrCode, std::optional<std::uint64_t> qwMs) {
+        const std::uint64_t qwBegin = world.NowMs();
+        EXPECT_EQ((this->*start)(), DAKERROR_NONE);
         ExpectEnd(dwErrCode, qwMs ? std::optional(qwBegin + *qwMs) : qwMs);
         device.Finish();
         world.dwFailAllocationsOf = 0;
@@ -128,9 +126,12 @@ class TransferTest : public ::testing::Test {
     sim::CScriptedDevice& ExpectPush() {
         return device.ExpectCommand(8, Bytes{DAK_TO_DEVICE}, Text(u"C:\\s"), Text(u"\\d"));
     }
+    static std::vector<Bytes> PushPackages(const Bytes& stream) {
+        return sim::StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true);
+    }
     // The packages of a stream, with a verdict where one is due.
     void ExpectStream(const Bytes& stream) {
-        const auto packages = sim::StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true);
+        const auto packages = PushPackages(stream);
         for (std::size_t i = 0; i < packages.size(); ++i) {
             device.Expect(packages[i]);
             if (i % 50 == 0 || i + 1 == packages.size()) {
@@ -151,10 +152,12 @@ class TransferTest : public ::testing::Test {
         return device.ExpectCommand(8, Bytes{DAK_FROM_DEVICE}, Text(u"\\d"), Text(u"C:\\s"),
                                     U32(static_cast<std::uint32_t>(list.GetSize())), names);
     }
+    static std::vector<Bytes> PullPackages(const Bytes& stream) {
+        return sim::StreamPackages(8, stream, DAK_REPLY_PACKAGE, DAK_LAST_REPLY, false);
+    }
     // Gives a stream, and expects the host's acknowledgements.
     void GiveStream(const Bytes& stream) {
-        const auto packages =
-            sim::StreamPackages(8, stream, DAK_REPLY_PACKAGE, DAK_LAST_REPLY, false);
+        const auto packages = PullPackages(stream);
         for (std::size_t i = 1; i <= packages.size(); ++i) {
             device.Reply(packages[i - 1]);
             if (i % 50 == 0 || i == packages.size()) {
