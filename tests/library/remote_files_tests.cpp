@@ -140,9 +140,7 @@ TEST(FileHandles, ReadsThatBreak) {
          0},
         {"gone", [&](CRun&, D& d) { d.VanishAfter(50); }, F, DAKERROR_NO_DEVICE, 0},
         {"left", [&](CRun&, D& d) { d.Reply(leave); }, F, DAKERROR_NO_DEVICE, 0},
-        {"refused", [&](CRun&, D& d) { d.Reply(abort); }, F, DAKERROR_PROTOCOL, 0},
         {"gone later", [&](CRun&, D& d) { d.Reply(first).VanishAfter(500); }, 0, 0, 12270},
-        {"left later", [&](CRun&, D& d) { d.Reply(first).Reply(leave); }, 0, 0, 12270},
         {"a count, then gone", [&](CRun&, D& d) { d.Reply(count).VanishAfter(500); }, F,
          DAKERROR_NO_DEVICE, 0},
         {"no bytes", [&](CRun&, D& d) { d.Reply(first).Reply(nothing).Expect(abort); }, 0, 0,
@@ -192,11 +190,6 @@ TEST(FileHandles, WritesThatBreak) {
         {"no space", closing(sim::Response(17, -1)), F, DAKERROR_NO_SPACE, 20000},
         {"refused", closing(sim::Response(17, -2)), F, DAKERROR_DEVICE_REFUSED, 20000},
         {"result 2", closing(sim::Response(17, 2)), F, 0, 20000},
-        {"result 0", closing(sim::Response(17, 0)), F, 0, 20000},
-        {"wrong code", closing(sim::Response(16, 1)), F, 0, 20000},
-        {"short response", closing(Bytes(13, 0)), F, 0, 20000},
-        {"no response", [&](CRun&, D& d) { confirmed(d).Reply(sim::Ack()).VanishAfter(500); }, F, 0,
-         20000},
         {"full: gone", [&](CRun&, D& d) { d.ExpectThat(any).VanishAfter(100); }, F, GONE, 0},
         {"full: refused", [&](CRun&, D& d) { d.ExpectThat(any).Reply(Control(DAK_ABORT)); }, F,
          GONE, 0},
@@ -259,25 +252,27 @@ TEST(FileHandles, ValuesAsTheDeviceGivesThem) {
 
 // Listings.
 
+// An entry as it is to come out, with numbers of its own.
+_tagFileInfo Info(DWORD dwSeed, std::u16string_view text1 = u"a", std::u16string_view text2 = u"bc",
+                  std::u16string_view text3 = u"def") {
+    _tagFileInfo info{};
+    info.dwFileAttributes = dwSeed;
+    text1.copy(info.szText1, 260);
+    text2.copy(info.szText2, 260);
+    text3.copy(info.szText3, 80);
+    const Bytes numbers = sim::Pattern(32, dwSeed);
+    std::memcpy(&info.ftCreationTime, numbers.data(), 8);
+    std::memcpy(&info.ftLastWriteTime, numbers.data() + 8, 8);
+    std::memcpy(&info.ftLastAccessTime, numbers.data() + 16, 8);
+    std::memcpy(&info.nFileSizeHigh, numbers.data() + 24, 8);
+    return info;
+}
 Bytes Entry(DWORD dwSeed, std::u16string_view text1 = u"a", std::u16string_view text2 = u"bc",
             std::u16string_view text3 = u"def") {
-    const Bytes numbers = sim::Pattern(32, dwSeed);
-    return sim::Join(U32(dwSeed), Text(text1), Text(text2), Text(text3), numbers);
+    return sim::Join(U32(dwSeed), Text(text1), Text(text2), Text(text3), sim::Pattern(32, dwSeed));
 }
-
-void ExpectEntry(const _tagFileInfo& info, DWORD dwSeed, std::u16string_view text1 = u"a",
-                 std::u16string_view text2 = u"bc", std::u16string_view text3 = u"def") {
-    _tagFileInfo expected{};
-    expected.dwFileAttributes = dwSeed;
-    text1.copy(expected.szText1, 260);
-    text2.copy(expected.szText2, 260);
-    text3.copy(expected.szText3, 80);
-    const Bytes numbers = sim::Pattern(32, dwSeed);
-    std::memcpy(&expected.ftCreationTime, numbers.data(), 8);
-    std::memcpy(&expected.ftLastWriteTime, numbers.data() + 8, 8);
-    std::memcpy(&expected.ftLastAccessTime, numbers.data() + 16, 8);
-    std::memcpy(&expected.nFileSizeHigh, numbers.data() + 24, 8);
-    EXPECT_EQ(std::memcmp(&info, &expected, sizeof(info)), 0);
+void ExpectEntry(const _tagFileInfo& got, const _tagFileInfo& expected) {
+    EXPECT_EQ(std::memcmp(&got, &expected, sizeof(got)), 0);
 }
 
 Bytes First(bool bLast, DWORD dwEntries, const Bytes& bytes) {
@@ -310,9 +305,9 @@ TEST(Listing, CutAtEveryByte) {
         FileList list;
         EXPECT_EQ(run.dak.DAKGetFolderContent(u"\\", &list), 0u);
         ASSERT_EQ(list.GetSize(), 3);
-        ExpectEntry(list[0], 1);
-        ExpectEntry(list[1], 2, u"", u"", u"");
-        ExpectEntry(list[2], 3);
+        ExpectEntry(list[0], Info(1));
+        ExpectEntry(list[1], Info(2, u"", u"", u""));
+        ExpectEntry(list[2], Info(3));
         EXPECT_EQ(run.world.NowMs(), bOne ? 1468u : 1488u);
     }
 }
@@ -335,7 +330,7 @@ TEST(Listing, WindowsOfPackages) {
         EXPECT_EQ(run.dak.DAKGetFolderContent(u"\\", &list), 0u);
         EXPECT_EQ(run.world.NowMs(), qwMs + 10);
         ASSERT_EQ(list.GetSize(), static_cast<int>(dwPackages) + 1) << "behind what was there";
-        ExpectEntry(list[static_cast<int>(dwPackages)], dwPackages);
+        ExpectEntry(list[static_cast<int>(dwPackages)], Info(dwPackages));
         run.dak.ClearFileList(&list);
         EXPECT_EQ(list.GetSize(), 0);
         EXPECT_EQ(list.GetData(), nullptr);
@@ -362,8 +357,8 @@ TEST(Listing, FullPackagesAndLongTexts) {
     FileList list;
     EXPECT_EQ(run.dak.DAKGetFolderContent(u"\\", &list), 0u);
     ASSERT_EQ(list.GetSize(), 30);
-    ExpectEntry(list[28], 29, t260, t260, t80);
-    ExpectEntry(list[29], 30);
+    ExpectEntry(list[28], Info(29, t260, t260, t80));
+    ExpectEntry(list[29], Info(30));
 }
 
 TEST(Listing, RepliesThatAreNone) {

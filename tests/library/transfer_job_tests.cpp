@@ -19,45 +19,52 @@ constexpr std::uint64_t MESSAGE_MS = PUSHED_MS + DRAIN_MS;
 class TransferJob : public TransferTest {
   protected:
     void ExpectEmptyPush() { ExpectWholePush(U32(0)); }
-    // A push that is over at once: the device does not take the command.
-    void ExpectRefusedPush() { ExpectPush().Reply(sim::Control(DAK_ABORT)); }
+
+    // What GetCopyStatus stores into; as it was where there is no job.
+    struct CStatus {
+        std::string strSource;
+        std::string strDest;
+        DWORD dwTotal = 5;
+        DWORD dwCopied = 6;
+        int nPercent = 7;
+        bool operator==(const CStatus&) const = default;
+    };
+    CStatus Status() {
+        char szSource[260] = "x";
+        char szDest[260] = "y";
+        CStatus status;
+        dak->GetCopyStatus(szSource, szDest, status.dwTotal, status.dwCopied, status.nPercent);
+        status.strSource = szSource;
+        status.strDest = szDest;
+        return status;
+    }
 };
 
 TEST_F(TransferJob, BadArgumentsTouchNothing) {
     const std::u16string strLong(260, u'x');
-    const std::u16string strLongest(259, u'x');
-    const struct {
-        const char* lpszWhat;
-        UINT nDirection;
-        const WCHAR* lpSource;
-        const WCHAR* lpDest;
-        CStringArray* pList;
-    } cases[] = {
-        {"direction", 2, u"C:\\s", u"\\d", &list},
-        {"source", 1, nullptr, u"\\d", &list},
-        {"destination", 0, u"\\d", nullptr, &list},
-        {"list", 1, u"C:\\s", u"\\d", nullptr},
-        {"long source", 1, strLong.c_str(), u"\\d", &list},
-        {"long destination", 0, u"\\d", strLong.c_str(), &list},
-    };
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.lpszWhat);
+    const WCHAR* const lpLong = strLong.c_str();
+    const auto expectRefusal = [&](UINT nDirection, const WCHAR* lpSource, const WCHAR* lpDest,
+                                   CStringArray* pList) {
         Access::m_dwErrCode(*dak) = 0;
-        EXPECT_EQ(
-            dak->DAKTransmitFiles(one.nDirection, one.lpSource, one.lpDest, one.pList, window),
-            DAKERROR_FAIL);
+        EXPECT_EQ(dak->DAKTransmitFiles(nDirection, lpSource, lpDest, pList, window),
+                  DAKERROR_FAIL);
         EXPECT_EQ(dak->GetLastError(), DAKERROR_FAIL);
         EXPECT_EQ(dak->IsTransmitting(), FALSE);
-    }
+    };
+    expectRefusal(2, u"C:\\s", u"\\d", &list);
+    expectRefusal(1, nullptr, u"\\d", &list);
+    expectRefusal(0, u"\\d", nullptr, &list);
+    expectRefusal(1, u"C:\\s", u"\\d", nullptr);
+    expectRefusal(1, lpLong, u"\\d", &list);
+    expectRefusal(0, u"\\d", lpLong, &list);
     EXPECT_EQ(device.Opens(), 0);
     EXPECT_EQ(world.CallCount(sim::ECall::CreateMutexA), 0u);
     EXPECT_EQ(world.NowMs(), 0u);
 
-    for (const auto& strFolder : {strLongest, std::u16string()}) {
-        device.ExpectCommand(8, Bytes{DAK_TO_DEVICE}, Text(strFolder), Text(strFolder))
+    for (const WCHAR* lpFolder : {lpLong + 1, u""}) {
+        device.ExpectCommand(8, Bytes{DAK_TO_DEVICE}, Text(lpFolder), Text(lpFolder))
             .Reply(sim::Control(DAK_ABORT));
-        EXPECT_EQ(dak->DAKTransmitFiles(DAK_TO_DEVICE, strFolder.c_str(), strFolder.c_str(), &list,
-                                        window),
+        EXPECT_EQ(dak->DAKTransmitFiles(DAK_TO_DEVICE, lpFolder, lpFolder, &list, window),
                   DAKERROR_NONE);
         ExpectEnd(DAKERROR_FAIL);
     }
@@ -132,22 +139,12 @@ TEST_F(TransferJob, WithoutAWindowTheStateStaysUntilItIsEnded) {
     EXPECT_EQ(Push(), DAKERROR_NONE);
     AwaitEnd();
     EXPECT_EQ(device.OpenNow(), 0);
-    for (const BOOL bRuns : {TRUE, FALSE}) {
-        EXPECT_EQ(dak->IsTransmitting(), bRuns);
-        EXPECT_EQ(dak->GetLastError(), DAKERROR_NONE);
-        char szSource[260] = "";
-        char szDest[260] = "";
-        DWORD dwTotal = 0;
-        DWORD dwCopied = 0;
-        int nPercent = 0;
-        dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
-        EXPECT_STREQ(szSource, bRuns ? "C:\\s\\a.txt" : "");
-        EXPECT_STREQ(szDest, bRuns ? "\\d\\a.txt" : "");
-        EXPECT_EQ(dwTotal, bRuns ? 3u : 0u);
-        EXPECT_EQ(dwCopied, bRuns ? 3u : 0u);
-        EXPECT_EQ(nPercent, bRuns ? 100 : 0);
-        dak->TerminateTransfer();
-    }
+    EXPECT_EQ(dak->IsTransmitting(), TRUE);
+    EXPECT_EQ(Status(), (CStatus{"C:\\s\\a.txt", "\\d\\a.txt", 3, 3, 100}));
+    dak->TerminateTransfer();
+    EXPECT_EQ(dak->IsTransmitting(), FALSE);
+    EXPECT_EQ(Status(), (CStatus{"x", "y"}));
+    EXPECT_EQ(dak->GetLastError(), DAKERROR_NONE);
     EXPECT_STREQ(Access::m_szSourcePath(*dak), "");
     EXPECT_STREQ(Access::m_szDestPath(*dak), "");
     EXPECT_EQ(Access::m_dwSizeTotal(*dak), 0u);
@@ -156,7 +153,7 @@ TEST_F(TransferJob, WithoutAWindowTheStateStaysUntilItIsEnded) {
     // A window that is no longer alive is as good as any.
     window = platform::CreateMessageWindow();
     platform::DestroyMessageWindow(window);
-    ExpectRefusedPush();
+    ExpectPush().Reply(sim::Control(DAK_ABORT)); // over at once
     EXPECT_EQ(Push(), DAKERROR_NONE);
     AwaitEnd();
     EXPECT_EQ(dak->IsTransmitting(), FALSE);
@@ -174,45 +171,26 @@ TEST_F(TransferJob, CopyStatusShowsTheCurrentFile) {
                  {100, 100, 100},
                  {0xFFFFFFFF, 0xC0000000, 75},
                  {0xAFFFFFFFF, 0xB00000001, 0}};
-    char szSource[260] = "x";
-    char szDest[260] = "y";
-    DWORD dwTotal = 5;
-    DWORD dwCopied = 6;
-    int nPercent = 7;
     for (const auto& one : cases) {
         Access::m_bCopying(*dak) = 1;
         Access::m_dwSizeTotal(*dak) = one.qwTotal;
         Access::m_dwSizeCopied(*dak) = one.qwCopied;
-        dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
-        EXPECT_EQ(dwTotal, static_cast<DWORD>(one.qwTotal));
-        EXPECT_EQ(dwCopied, static_cast<DWORD>(one.qwCopied));
-        EXPECT_EQ(nPercent, one.nPercent) << one.qwCopied << " of " << one.qwTotal;
+        EXPECT_EQ(Status(), (CStatus{"", "", static_cast<DWORD>(one.qwTotal),
+                                     static_cast<DWORD>(one.qwCopied), one.nPercent}));
     }
-    std::strcpy(szSource, "x");
     Access::m_bCopying(*dak) = 0;
-    Access::m_dwSizeTotal(*dak) = 1;
-    nPercent = 7;
-    dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
-    EXPECT_STREQ(szSource, "x");
-    EXPECT_EQ(dwTotal, 0xFFFFFFFF);
-    EXPECT_EQ(nPercent, 7);
 
     // While a job waits for the first verdict: bytes count once their package has gone out whole.
     const Bytes contents = sim::Pattern(20'000);
     AddFile("C:\\s\\b\\a.bin", contents);
-    ExpectPush().Reply(Ack());
-    const Bytes stream = Join(U32(1), Record(u"b\\a.bin", contents));
-    const auto packages = sim::StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true);
-    device.Expect(packages[0]).ReplyAfter(400, Ack()).Expect(packages[1]).Reply(Ack());
-    device.Reply(sim::Response(8, 1));
+    const auto packages = PushPackages(Join(U32(1), Record(u"b\\a.bin", contents)));
+    ExpectPush().Reply(Ack()).Expect(packages[0]).ReplyAfter(400, Ack());
+    device.Expect(packages[1]).Reply(Ack()).Reply(sim::Response(8, 1));
     EXPECT_EQ(Push(), DAKERROR_NONE);
-    for (const DWORD dwWhen : {0u, 20'000u}) {
+    for (const bool bWhole : {false, true}) {
         platform::Sleep(300);
-        dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
-        EXPECT_STREQ(szSource, "C:\\s\\b\\a.bin");
-        EXPECT_STREQ(szDest, "\\d\\b\\a.bin");
-        EXPECT_EQ(dwTotal, 20'000u);
-        EXPECT_EQ(dwCopied, dwWhen);
+        EXPECT_EQ(Status(), (CStatus{"C:\\s\\b\\a.bin", "\\d\\b\\a.bin", 20'000,
+                                     bWhole ? 20'000u : 0u, bWhole ? 100 : 0}));
     }
     ExpectEnd(DAKERROR_NONE);
 }
@@ -400,7 +378,6 @@ TEST_F(TransferJob, TheNextOperationTakesTheLinkOver) {
     EXPECT_EQ(words(0), (std::vector{DAK_CONNECT, DAK_DISCONNECT, DAK_CONNECT, DAK_DISCONNECT}));
     EXPECT_EQ(device.Opens(), 1); // the node stayed open
     EXPECT_EQ(world.NowMs(), qwBegin + READ_MS + LINK_UP_MS + READ_MS);
-    EXPECT_EQ(device.OpenNow(), 0);
 
     // An object made in between starts afresh; the first one still has its node.
     cancelled();
