@@ -1,6 +1,7 @@
 #include "agent_host.h"
 
 #include <csignal>
+#include <functional>
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -14,6 +15,18 @@ const Bytes s_old = {'o', 'l', 'd'};
 CFileRecord FileOfPackages(std::size_t nPackages) {
     const std::size_t dwHead = 4 + 24 + 2 * 6;
     return {u"a.txt", Content((nPackages - 1) * DAK_DATA_SIZE + 100 - dwHead)};
+}
+
+// Opens a push and sends its first nTo packages, taking the confirmation of each window but the
+// last, which may be short.
+void OpenAndSend(CAgentHost& host, const std::vector<Bytes>& packages, std::size_t nTo) {
+    ASSERT_TRUE(host.OpenPush());
+    for (std::size_t i = 0; i < nTo; ++i) {
+        host.Put(packages[i]);
+        if (i % 50 == 0) {
+            ASSERT_EQ(host.TakeWord(), DAK_SUCCESS) << "package " << i + 1;
+        }
+    }
 }
 
 // Sends packages [nFrom, nTo) and expects silence up to the last of them.
@@ -43,31 +56,6 @@ TEST(CopyToDevice, AnswersAtTheEndsOfWindowsAndNowhereElse) {
         EXPECT_EQ(host.SendAll(packages), 1) << nPackages;
         EXPECT_EQ(host.ReadFile("d/a.txt"), file.data);
     }
-}
-
-TEST(CopyToDevice, FinalReplyIsReadInPieces) {
-    CAgentHost host;
-    ASSERT_TRUE(host.OpenPush());
-    host.Put(Packages(Stream({}))[0]);
-    EXPECT_EQ(host.Take(12288), Control(DAK_SUCCESS));
-    const Bytes head = host.Take(8);
-    const Bytes rest = host.Take(6);
-    ASSERT_EQ(head.size() + rest.size(), 14U);
-    EXPECT_EQ(DakGetU32(head.data()), DAK_LAST_REPLY);
-    EXPECT_EQ(DakGetU16(rest.data()), 8);
-    EXPECT_EQ(DakGetU32(rest.data() + 2), 1U);
-}
-
-// The bytes of a whole transfer, as the protocol's description gives them.
-TEST(CopyToDevice, KnownBytes) {
-    CAgentHost host;
-    CFileRecord file{u"a.txt", {'h', 'e', 'l', 'l', 'o'}, 0x0807060504030201, 0x1817161514131211};
-    const std::vector<Bytes> packages = Packages(Stream({file}));
-    ASSERT_EQ(packages[0].size(), 59U);
-    EXPECT_EQ(DakGetU32(packages[0].data() + 8), 1241U);
-    ASSERT_TRUE(host.OpenPush());
-    EXPECT_EQ(host.SendAll(packages), 1);
-    EXPECT_EQ(host.ReadFile("d/a.txt"), file.data);
 }
 
 TEST(CopyToDevice, SetsTimes) {
@@ -138,16 +126,11 @@ TEST(CopyToDevice, BadPackageMeansTheWholeWindowAgain) {
                     continue; // no checksum covers the header: this is a good end of the stream
                 }
                 CAgentHost host;
-                ASSERT_TRUE(host.OpenPush());
                 std::vector<Bytes> sent = packages;
                 damage.lpDo(sent[nBad]);
-                for (std::size_t i = 0; i < nTo; ++i) {
-                    host.Put(sent[i]);
-                    // A host reads only where it waits for a verdict.
-                    if ((i % 50 == 0 && i + 1 < nTo)) {
-                        ASSERT_EQ(host.TakeWord(), DAK_SUCCESS);
-                    }
-                }
+                // A host reads only where it waits for a verdict.
+                OpenAndSend(host, sent, nTo - 1);
+                host.Put(sent[nTo - 1]);
                 ASSERT_EQ(host.TakeWord(), DAK_RETRANSMIT);
                 // Once more bad, then good.
                 for (const bool bGood : {false, true}) {
@@ -180,15 +163,10 @@ TEST(CopyToDevice, LostOrDoubledPackageNeverShiftsTheContents) {
     for (const bool bLost : {false, true}) {
         CAgentHost host;
         host.WriteFile("d/a.txt", s_old);
-        ASSERT_TRUE(host.OpenPush());
         host.Core().SetTime(0);
-        host.Put(packages[0]);
-        ASSERT_EQ(host.TakeWord(), DAK_SUCCESS);
+        OpenAndSend(host, packages, 1);
         for (std::size_t i = 1; i < 51; ++i) {
-            if (i != 20 || !bLost) {
-                host.Put(packages[i]);
-            }
-            if (i == 20 && !bLost) {
+            for (int nTimes = i != 20 ? 1 : bLost ? 0 : 2; nTimes > 0; --nTimes) {
                 host.Put(packages[i]);
             }
         }
@@ -213,13 +191,7 @@ TEST(CopyToDevice, LostConfirmationDoesNotDoubleItsWindow) {
     const std::vector<Bytes> packages = Packages(Stream({file}));
     for (const std::size_t nEnd : std::initializer_list<std::size_t>{1, 51, 101}) {
         CAgentHost host;
-        ASSERT_TRUE(host.OpenPush());
-        for (std::size_t i = 0; i < nEnd; ++i) {
-            host.Put(packages[i]);
-            if (i % 50 == 0) {
-                ASSERT_EQ(host.TakeWord(), DAK_SUCCESS); // the last of them never arrives
-            }
-        }
+        OpenAndSend(host, packages, nEnd); // the last confirmation never arrives
         for (int nTimes = 0; nTimes < 2; ++nTimes) {
             for (std::uint64_t i = 0; i < 3; ++i) {
                 host.Core().SetTime(*host.Core().NextDueMs());
@@ -271,13 +243,7 @@ TEST(CopyToDevice, AbortEndsTheStreamWhereTheWindowWouldHaveEnded) {
         CAgentHost host;
         host.WriteFile("d/a.txt", s_old);
         const std::vector<std::string> before = host.Tree();
-        ASSERT_TRUE(host.OpenPush());
-        for (std::size_t i = 0; i < nSent; ++i) {
-            host.Put(packages[i]);
-            if (i % 50 == 0) {
-                ASSERT_EQ(host.TakeWord(), DAK_SUCCESS);
-            }
-        }
+        OpenAndSend(host, packages, nSent);
         const std::size_t nAborts = AbortsAfter(nSent);
         for (std::size_t i = 0; i < nAborts; ++i) {
             ASSERT_FALSE(host.Core().HasBytes()) << "before abort " << i + 1;
@@ -300,18 +266,12 @@ TEST(CopyToDevice, AbortEndsTheStreamWhereTheWindowWouldHaveEnded) {
 
 TEST(CopyToDevice, AbortInTheMiddleOfAResend) {
     const CFileRecord file = FileOfPackages(60);
-    std::vector<Bytes> packages = Packages(Stream({file}));
+    const std::vector<Bytes> packages = Packages(Stream({file}));
     CAgentHost host;
     host.WriteFile("d/a.txt", s_old);
-    ASSERT_TRUE(host.OpenPush());
     std::vector<Bytes> sent = packages;
     sent[55][100] ^= 1;
-    for (std::size_t i = 0; i < sent.size(); ++i) {
-        host.Put(sent[i]);
-        if (i % 50 == 0) {
-            ASSERT_EQ(host.TakeWord(), DAK_SUCCESS);
-        }
-    }
+    OpenAndSend(host, sent, sent.size());
     ASSERT_EQ(host.TakeWord(), DAK_RETRANSMIT);
     // The pass has nine packages as the first had, and the final one is among those left out.
     for (std::size_t i = 51; i < 54; ++i) {
@@ -329,25 +289,18 @@ TEST(CopyToDevice, AbortInTheMiddleOfAResend) {
 TEST(CopyToDevice, WhatIsCutShortLeavesTheOldFile) {
     const CFileRecord file = FileOfPackages(60);
     const std::vector<Bytes> packages = Packages(Stream({file}));
-    for (const int nHow : {0, 1, 2}) {
+    const std::function<void(CAgentHost&)> cuts[] = {
+        [](CAgentHost& host) { EXPECT_TRUE(host.Handshake(DAK_DISCONNECT)); },
+        [](CAgentHost& host) { EXPECT_TRUE(host.Handshake(DAK_CONNECT)); },
+        [](CAgentHost& host) { host.Core().HostGone(); },
+    };
+    for (const auto& cut : cuts) {
         CAgentHost host;
         host.WriteFile("d/a.txt", s_old);
         const std::vector<std::string> before = host.Tree();
-        ASSERT_TRUE(host.OpenPush());
-        for (std::size_t i = 0; i < 55; ++i) {
-            host.Put(packages[i]);
-            if (i % 50 == 0) {
-                ASSERT_EQ(host.TakeWord(), DAK_SUCCESS);
-            }
-        }
+        OpenAndSend(host, packages, 55);
         EXPECT_NE(host.Tree(), before) << "a part file is in work";
-        if (nHow == 0) {
-            EXPECT_TRUE(host.Handshake(DAK_DISCONNECT));
-        } else if (nHow == 1) {
-            EXPECT_TRUE(host.Handshake(DAK_CONNECT));
-        } else {
-            host.Core().HostGone();
-        }
+        cut(host);
         EXPECT_EQ(host.Tree(), before);
         EXPECT_EQ(host.ReadFile("d/a.txt"), s_old);
         EXPECT_EQ(host.Push({file}), 1);
@@ -377,25 +330,25 @@ TEST(CopyToDevice, RefusedPathsMakeNothing) {
         deep += u"n\\";
     }
     deep += u"n";
-    const CFileRecord targets[] = {
-        {u"..\\a", {1}},
-        {u"x\\..\\..\\a", {1}},
-        {u"\\a", {1}},
-        {u"/a", {1}},
-        {u"C:\\a", {1}},
-        {u"c:a", {1}},
-        {u"", {1}},
-        {u".", {1}},
-        {u"sub", {1}},
-        {u"ro.txt", {1}},
-        {u"ro.txt\\below", {1}},
-        {u"link\\a", {1}},
-        {u".dak-00.part", {1}},
-        {u"x\\.dak-00.journal", {1}},
-        {std::u16string(1, 0xD800), {1}},
-        {std::u16string(300, u'n'), {1}},
-        {std::u16string(259, u'n'), {1}}, // longer than the file system allows
-        {deep, {1}},
+    const std::u16string targets[] = {
+        u"..\\a",
+        u"x\\..\\..\\a",
+        u"\\a",
+        u"/a",
+        u"C:\\a",
+        u"c:a",
+        u"",
+        u".",
+        u"sub",
+        u"ro.txt",
+        u"ro.txt\\below",
+        u"link\\a",
+        u".dak-00.part",
+        u"x\\.dak-00.journal",
+        std::u16string(1, 0xD800),
+        std::u16string(300, u'n'),
+        std::u16string(259, u'n'), // longer than the file system allows
+        deep,
     };
     CAgentHost host;
     host.WriteFile("d/ro.txt", s_old);
@@ -405,9 +358,9 @@ TEST(CopyToDevice, RefusedPathsMakeNothing) {
     std::filesystem::create_directory(host.Root() / "locked");
     std::filesystem::permissions(host.Root() / "locked", std::filesystem::perms(0555));
     const std::vector<std::string> before = host.Tree();
-    for (const CFileRecord& target : targets) {
-        SCOPED_TRACE(std::string(target.strName.begin(), target.strName.end()).substr(0, 40));
-        EXPECT_EQ(host.Push({target}), -2);
+    for (const std::u16string& strName : targets) {
+        SCOPED_TRACE(std::string(strName.begin(), strName.end()).substr(0, 40));
+        EXPECT_EQ(host.Push({{strName, {1}}}), -2);
         EXPECT_EQ(host.Tree(), before);
     }
     EXPECT_EQ(host.Push({{u"a", {1}}}, u"\\..\\"), -2);

@@ -60,21 +60,19 @@ TEST(Core, WhatIsNoCommandGetsSilence) {
     trailing.push_back(0);
     Bytes reply = Command(2, Text(u"\\a"));
     DakPutU32(reply.data(), DAK_LAST_REPLY);
-    const Bytes packages[] = {
-        {},
-        {1, 2, 3},
-        Control(DAK_SUCCESS),
-        Control(DAK_RETRANSMIT),
-        longer,
-        unterminated,
-        Command(2, trailing),
-        Command(2, {}),
-        reply,
-        Command(3, {}),
-        Command(0xFFFF, {}),
-        Control(DAK_LAST_PACKAGE),
-        AbortPackage(),
-    };
+    const Bytes packages[] = {{},
+                              {1, 2, 3},
+                              Control(DAK_SUCCESS),
+                              Control(DAK_RETRANSMIT),
+                              longer,
+                              unterminated,
+                              Command(2, trailing),
+                              Command(2, {}),
+                              reply,
+                              Command(3, {}),
+                              Command(0xFFFF, {}),
+                              Control(DAK_LAST_PACKAGE),
+                              AbortPackage()};
     for (const Bytes& package : packages) {
         host.Put(package);
         EXPECT_TRUE(host.Take().empty());

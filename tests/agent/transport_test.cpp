@@ -27,8 +27,6 @@ class CDeviceDirectory {
         ::setenv("DAK_DEVICE_DIR", path.c_str(), 1);
     }
     ~CDeviceDirectory() { ::unsetenv("DAK_DEVICE_DIR"); }
-    CDeviceDirectory(const CDeviceDirectory&) = delete;
-    CDeviceDirectory& operator=(const CDeviceDirectory&) = delete;
 
     std::filesystem::path Path(const std::string& strName) const {
         return m_path / s_szClass / strName;
@@ -301,30 +299,6 @@ TEST_F(Transport, LatestImportTakesTheDevice) {
     EXPECT_TRUE(Works(second));
 }
 
-TEST_F(Transport, HostThatGoesLeavesTheOldFile) {
-    const Bytes old = {1, 2, 3};
-    m_folder.WriteFile("d/a.txt", old);
-    {
-        CRawHost host(m_directory.Path("t"));
-        ASSERT_TRUE(host.Import());
-        Bytes payload = {1};
-        AppendText(payload, u"s");
-        AppendText(payload, u"\\d");
-        host.Send(Write(1, Command(8, payload)));
-        host.Send(Read(2, 8));
-        host.Send(Write(3, Packages(Stream({{u"a.txt", Content(30'000)}}))[0]));
-        host.Send(Read(4, 8));
-        host.Receive(4 * usbip::HEADER_SIZE + 2 * 8);
-    }
-    CRawHost next(m_directory.Path("t"));
-    ASSERT_TRUE(next.Import());
-    EXPECT_TRUE(Works(next));
-    EXPECT_EQ(m_folder.ReadFile("d/a.txt"), old);
-    for (const std::string& strName : m_folder.Tree()) {
-        EXPECT_EQ(strName.find(".dak-"), std::string::npos) << strName;
-    }
-}
-
 // A host that asks and does not read: the agent goes on serving others, and holds no more than its
 // bounds for this one.
 TEST_F(Transport, HostThatDoesNotReadHoldsUpNobody) {
@@ -432,72 +406,6 @@ TEST(Program, AttachesAndDetaches) {
         EXPECT_EQ(program.End(nSignal), 0);
         EXPECT_TRUE(std::filesystem::is_empty(directory.Path("")));
     }
-}
-
-TEST(Program, KilledInTheMiddleOfACopyLeavesNothing) {
-    CAgentHost folder;
-    const CDeviceDirectory directory(folder.Base() / "dev");
-    const std::vector<std::string> arguments = {"--root", folder.Root().string(), "--name", "t"};
-    folder.WriteFile("d/a.txt", {1});
-    const std::vector<std::string> before = folder.Tree();
-    {
-        CAgentProcess program(arguments);
-        program.Line();
-        CRawHost host(directory.Path("t"));
-        ASSERT_TRUE(host.Import());
-        Bytes payload = {1};
-        AppendText(payload, u"s");
-        AppendText(payload, u"\\d");
-        host.Send(Write(1, Command(8, payload)));
-        host.Send(Read(2, 8));
-        host.Send(Write(3, Packages(Stream({{u"a.txt", Content(30'000)}}))[0]));
-        host.Send(Read(4, 8));
-        host.Receive(4 * usbip::HEADER_SIZE + 2 * 8);
-        EXPECT_GT(folder.Tree().size(), before.size());
-        EXPECT_EQ(program.End(SIGKILL), -SIGKILL);
-    }
-    CAgentProcess next(arguments);
-    EXPECT_NE(next.Line().find("attached as t"), std::string::npos);
-    CRawHost host(directory.Path("t"));
-    ASSERT_TRUE(host.Import());
-    EXPECT_TRUE(Works(host));
-    EXPECT_EQ(next.End(SIGTERM), 0);
-    std::filesystem::remove_all(folder.Base() / "dev");
-    EXPECT_EQ(folder.Tree(), before);
-    EXPECT_EQ(folder.ReadFile("d/a.txt"), Bytes{1});
-}
-
-TEST(Program, DropsItsLinkForAWhile) {
-    CAgentHost folder;
-    const CDeviceDirectory directory(folder.Base() / "dev");
-    CAgentProcess program({"--root", folder.Root().string(), "--name", "t"});
-    EXPECT_NE(program.Line().find("attached as t"), std::string::npos);
-    CRawHost host(directory.Path("t"));
-    ASSERT_TRUE(host.Import());
-    Bytes payload;
-    for (const std::uint32_t dwValue : {5U, 4U, 500U, 0U}) { // down for 500 ms
-        AppendU32(payload, dwValue);
-    }
-    host.Send(Write(1, Command(13, payload)));
-    host.Send(Read(2, 8));
-    EXPECT_EQ(host.Receive(2 * usbip::HEADER_SIZE + 8).size(), 2 * usbip::HEADER_SIZE + 8);
-    EXPECT_TRUE(Works(host)) << "a second passes before";
-    EXPECT_TRUE(host.IsClosed());
-    for (const bool bThere : {false, true}) {
-        int i = 0;
-        while (i < 5000 && std::filesystem::exists(directory.Path("t.lock")) != bThere) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            ++i;
-        }
-        EXPECT_LT(i, 5000) << bThere;
-    }
-    while (!std::filesystem::exists(directory.Path("t"))) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    CRawHost next(directory.Path("t"));
-    ASSERT_TRUE(next.Import());
-    EXPECT_TRUE(Works(next));
-    EXPECT_EQ(program.End(SIGTERM), 0);
 }
 
 TEST(Program, BadOptions) {
