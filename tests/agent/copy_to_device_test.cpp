@@ -114,9 +114,9 @@ TEST(CopyToDevice, BadPackageMeansTheWholeWindowAgain) {
         {"its end is missing", [](Bytes& p) { p.resize(p.size() / 2); }},
         {"nearly all is missing", [](Bytes& p) { p.resize(3); }},
     };
-    const CFileRecord file = FileOfPackages(101);
+    const CFileRecord file = FileOfPackages(95); // the last window is a short one
     const std::vector<Bytes> packages = Packages(Stream({file}));
-    const std::pair<std::size_t, std::size_t> windows[] = {{0, 1}, {1, 51}, {51, 101}};
+    const std::pair<std::size_t, std::size_t> windows[] = {{0, 1}, {1, 51}, {51, 95}};
     for (const CDamage& damage : damages) {
         for (const auto& [nFrom, nTo] : windows) {
             for (const std::size_t nBad : {nFrom, (nFrom + nTo) / 2, nTo - 1}) {
@@ -144,7 +144,7 @@ TEST(CopyToDevice, BadPackageMeansTheWholeWindowAgain) {
                     }
                     ASSERT_EQ(host.TakeWord(), bGood ? DAK_SUCCESS : DAK_RETRANSMIT);
                 }
-                if (nTo == 101) {
+                if (nTo == packages.size()) {
                     ASSERT_EQ(host.TakeResult(8), 1);
                 } else {
                     ASSERT_EQ(host.SendAll(packages, nTo), 1);
@@ -363,6 +363,7 @@ TEST(CopyToDevice, RefusedPathsMakeNothing) {
         EXPECT_EQ(host.Push({{strName, {1}}}), -2);
         EXPECT_EQ(host.Tree(), before);
     }
+    EXPECT_EQ(host.Push({{u"", {1}}}, u"\\new"), -2);
     EXPECT_EQ(host.Push({{u"a", {1}}}, u"\\..\\"), -2);
     EXPECT_EQ(host.Push({{u"a", {1}}}, u"\\d\\link"), -2);
     EXPECT_EQ(host.Push({{u"a", {1}}}, u"\\locked"), -2);

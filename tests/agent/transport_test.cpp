@@ -89,11 +89,6 @@ struct CAnswer {
     bool operator==(const CAnswer&) const = default;
 };
 
-std::ostream& operator<<(std::ostream& out, const CAnswer& answer) {
-    return out << answer.dwCommand << " #" << answer.dwSeqNum << " status " << answer.nStatus
-               << " length " << answer.dwActual;
-}
-
 class CRawHost {
   public:
     explicit CRawHost(const std::filesystem::path& path)

@@ -288,11 +288,9 @@ TEST_F(CopyToDevice, ACancelInARecord) {
     device.ReplyAfter(5000, Join(sim::Control(DAK_ABORT), sim::Response(8, 1)));
     CancelAt(500);
     EXPECT_EQ(Push(), DAKERROR_NONE);
-    // Behind the aborts the reply wait: five tries that fail, and the one that brings it.
-    const std::uint64_t qwAborted = OPEN_MS + FILL_MS + 600 + RETRY_BASE_MS;
     ExpectEnd(DAKERROR_CANCELLED);
     EXPECT_EQ(device.Opens(), 1);
-    EXPECT_EQ(device.Packages().back().qwMs, qwAborted);
+    EXPECT_EQ(device.Packages().back().qwMs, OPEN_MS + FILL_MS + 600 + RETRY_BASE_MS);
     EXPECT_EQ(Access::m_nCopyResult(*dak), 1);
 }
 

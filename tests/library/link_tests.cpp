@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -43,38 +44,41 @@ struct CRun {
 TEST(Object, AFreshOneHasItsMembersInOrder) {
     sim::CWorld world;
     CDAKVorn dak;
-    std::ptrdiff_t nLatest = 0;
-    const auto expect = [&](const auto& member, auto value) {
-        EXPECT_EQ(member, value);
-        const auto nAt =
-            reinterpret_cast<const char*>(&member) - reinterpret_cast<const char*>(&dak);
-        EXPECT_GT(nAt, nLatest);
-        nLatest = nAt;
-    };
-    expect(Access::m_dwRecvPackages(dak), 0u);
-    expect(Access::m_dwWindowPackages(dak), 50u);
-    expect(Access::m_dwSentPackages(dak), 0u);
-    expect(Access::m_dwPackageSize(dak), 12288u);
+    EXPECT_EQ(Access::m_dwWindowPackages(dak), 50u);
+    EXPECT_EQ(Access::m_dwPackageSize(dak), 12288u);
     EXPECT_EQ(world.blocks.at(Access::m_lpResendBuf(dak)), 614400u);
-    expect(Access::m_bSyncStopped(dak), 0u);
-    expect(Access::m_dwRetryStep(dak), 30);
-    expect(Access::m_dwRetryBase(dak), 100);
-    expect(Access::m_dwCpuMHz(dak), 847u);
-    const std::ptrdiff_t nMHz = nLatest;
-    expect(Access::m_hDevice(dak), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(nLatest - nMHz, sizeof(void*) == 8 ? 36 : 20) << "the worker's four are between";
-    expect(Access::m_dwErrCode(dak), 0u);
-    expect(Access::m_hNotifyWnd(dak), HWND{nullptr});
-    expect(Access::m_dwDeviceVersion(dak), 0u);
-    expect(Access::m_nCopyResult(dak), 1);
-    expect(Access::m_bCopying(dak), 0);
-    expect(Access::m_hCommitThread(dak), HANDLE{nullptr});
-    expect(Access::m_dwSizeCopied(dak), 0u);
-    expect(Access::m_dwSizeTotal(dak), 0u);
+    EXPECT_EQ(Access::m_dwRetryStep(dak), 30);
+    EXPECT_EQ(Access::m_dwRetryBase(dak), 100);
+    EXPECT_EQ(Access::m_dwCpuMHz(dak), 847u);
+    EXPECT_EQ(Access::m_hDevice(dak), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(Access::m_nCopyResult(dak), 1);
+    EXPECT_EQ(Access::m_hNotifyWnd(dak), nullptr);
+    EXPECT_EQ(Access::m_hCommitThread(dak), nullptr);
+    for (const std::uint64_t qwZero :
+         {std::uint64_t{dak.GetLastError()}, std::uint64_t{Access::m_dwRecvPackages(dak)},
+          std::uint64_t{Access::m_dwSentPackages(dak)}, std::uint64_t{Access::m_bSyncStopped(dak)},
+          std::uint64_t{Access::m_dwDeviceVersion(dak)}, Access::m_dwSizeCopied(dak),
+          Access::m_dwSizeTotal(dak)}) {
+        EXPECT_EQ(qwZero, 0u);
+    }
+    EXPECT_EQ(dak.IsTransmitting(), 0);
     for (const char* lpszPath :
          {Access::m_szSourcePath(dak), Access::m_szDestPath(dak), Access::m_szPartPath(dak)}) {
         EXPECT_EQ(std::count(lpszPath, lpszPath + 260, '\0'), 260);
     }
+    const void* const members[] = {&Access::m_dwRecvPackages(dak), &Access::m_dwWindowPackages(dak),
+                                   &Access::m_dwSentPackages(dak), &Access::m_dwPackageSize(dak),
+                                   &Access::m_bSyncStopped(dak),   &Access::m_dwRetryStep(dak),
+                                   &Access::m_dwRetryBase(dak),    &Access::m_dwCpuMHz(dak),
+                                   &Access::m_hDevice(dak),        &Access::m_dwErrCode(dak),
+                                   &Access::m_hNotifyWnd(dak),     &Access::m_dwDeviceVersion(dak),
+                                   &Access::m_nCopyResult(dak),    &Access::m_bCopying(dak),
+                                   &Access::m_hCommitThread(dak),  &Access::m_dwSizeCopied(dak),
+                                   &Access::m_dwSizeTotal(dak)};
+    EXPECT_TRUE(std::ranges::is_sorted(members));
+    const auto nBetween = reinterpret_cast<const char*>(&Access::m_hDevice(dak)) -
+                          reinterpret_cast<const char*>(&Access::m_dwCpuMHz(dak));
+    EXPECT_EQ(nBetween, sizeof(void*) == 8 ? 36 : 20) << "the worker's four are between";
     DWORD dwFirst = 7;
     DWORD dwSecond = 8;
     dak.DAKGetVersionNumber(nullptr, nullptr);

@@ -57,6 +57,27 @@ CAttachment::~CAttachment() {
     ::unlink((m_strSocket + ".lock").c_str());
 }
 
+std::vector<std::uint8_t> ImportReply(std::uint16_t wVersion, std::uint16_t wCode,
+                                      std::uint32_t dwStatus) {
+    std::vector<std::uint8_t> reply(usbip::OP_REP_IMPORT_SIZE);
+    usbip::PutU16(reply.data() + usbip::OP_OFFSET_VERSION, wVersion);
+    usbip::PutU16(reply.data() + usbip::OP_OFFSET_CODE, wCode);
+    usbip::PutU32(reply.data() + usbip::OP_OFFSET_STATUS, dwStatus);
+    return reply;
+}
+
+std::vector<std::uint8_t> Answer(std::uint32_t dwCommand, std::uint32_t dwSeqnum,
+                                 std::int32_t nStatus, std::uint32_t dwActualLength,
+                                 const std::vector<std::uint8_t>& data) {
+    std::vector<std::uint8_t> answer(usbip::HEADER_SIZE);
+    usbip::PutU32(answer.data() + usbip::OFFSET_COMMAND, dwCommand);
+    usbip::PutU32(answer.data() + usbip::OFFSET_SEQNUM, dwSeqnum);
+    usbip::PutU32(answer.data() + usbip::OFFSET_STATUS, static_cast<std::uint32_t>(nStatus));
+    usbip::PutU32(answer.data() + usbip::OFFSET_ACTUAL_LENGTH, dwActualLength);
+    answer.insert(answer.end(), data.begin(), data.end());
+    return answer;
+}
+
 CTempFolder::CTempFolder() {
     m_strPath = (std::filesystem::temp_directory_path() / "dak-test-XXXXXX").string();
     Check(::mkdtemp(m_strPath.data()) != nullptr, "mkdtemp");

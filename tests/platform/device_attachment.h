@@ -2,8 +2,11 @@
 // attached. Written from the description of the folder and from usbip.h alone.
 #pragma once
 
+#include "platform/posix/usbip.h"
+
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace device_test {
 
@@ -26,6 +29,14 @@ class CAttachment {
     int m_nListener = -1;
     int m_nLock = -1;
 };
+
+// The device's messages.
+std::vector<std::uint8_t> ImportReply(std::uint16_t wVersion = usbip::VERSION,
+                                      std::uint16_t wCode = usbip::OP_REP_IMPORT,
+                                      std::uint32_t dwStatus = 0);
+std::vector<std::uint8_t> Answer(std::uint32_t dwCommand, std::uint32_t dwSeqnum,
+                                 std::int32_t nStatus, std::uint32_t dwActualLength = 0,
+                                 const std::vector<std::uint8_t>& data = {});
 
 // A fresh folder below the system's temporary one, removed with all that is in it.
 class CTempFolder {

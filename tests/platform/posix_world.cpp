@@ -111,10 +111,7 @@ class CDevice {
                 return false;
             }
             m_in.erase(m_in.begin(), m_in.begin() + usbip::OP_REQ_IMPORT_SIZE);
-            Bytes reply(usbip::OP_REP_IMPORT_SIZE);
-            usbip::PutU16(reply.data() + usbip::OP_OFFSET_VERSION, usbip::VERSION);
-            usbip::PutU16(reply.data() + usbip::OP_OFFSET_CODE, usbip::OP_REP_IMPORT);
-            Send(nHost, reply);
+            Send(nHost, device_test::ImportReply());
             m_bImported = true;
             return true;
         }
@@ -147,10 +144,8 @@ class CDevice {
     void Unlink(int nHost, std::uint32_t dwSeqnum, std::uint32_t dwVictim) {
         const auto nGone =
             std::erase_if(m_pending, [&](const CPending& p) { return p.dwSeqnum == dwVictim; });
-        Bytes answer = Header(usbip::RET_UNLINK, dwSeqnum);
-        usbip::PutU32(answer.data() + usbip::OFFSET_STATUS,
-                      nGone != 0 ? static_cast<std::uint32_t>(usbip::STATUS_UNLINKED) : 0);
-        Send(nHost, answer);
+        Send(nHost, device_test::Answer(usbip::RET_UNLINK, dwSeqnum,
+                                        nGone != 0 ? usbip::STATUS_UNLINKED : 0));
     }
 
     // Answers of the open transfers those that can be.
@@ -160,13 +155,13 @@ class CDevice {
             if (pending.bIn ? m_gives.empty() : !m_bTakes) {
                 return;
             }
-            Bytes answer = Header(usbip::RET_SUBMIT, pending.dwSeqnum);
             std::size_t nActual = pending.dwLength;
+            Bytes data;
             if (pending.bIn) {
                 Bytes& package = m_gives.front();
                 nActual = std::min(nActual, package.size());
                 const auto end = package.begin() + static_cast<std::ptrdiff_t>(nActual);
-                answer.insert(answer.end(), package.begin(), end);
+                data.assign(package.begin(), end);
                 package.erase(package.begin(), end);
                 if (package.empty()) {
                     m_gives.pop_front();
@@ -174,18 +169,10 @@ class CDevice {
             } else {
                 m_took.push_back(std::move(pending.data));
             }
-            usbip::PutU32(answer.data() + usbip::OFFSET_ACTUAL_LENGTH,
-                          static_cast<std::uint32_t>(nActual));
-            Send(nHost, answer);
+            Send(nHost, device_test::Answer(usbip::RET_SUBMIT, pending.dwSeqnum, 0,
+                                            static_cast<std::uint32_t>(nActual), data));
             m_pending.pop_front();
         }
-    }
-
-    static Bytes Header(std::uint32_t dwCommand, std::uint32_t dwSeqnum) {
-        Bytes header(usbip::HEADER_SIZE);
-        usbip::PutU32(header.data() + usbip::OFFSET_COMMAND, dwCommand);
-        usbip::PutU32(header.data() + usbip::OFFSET_SEQNUM, dwSeqnum);
-        return header;
     }
 
     static void Send(int nHost, const Bytes& bytes) {
@@ -236,11 +223,7 @@ std::uint64_t NowMs() {
 }
 
 void SetCpuMHz(std::optional<DWORD> dwMHz) {
-    if (dwMHz) {
-        ::setenv("DAK_CPU_MHZ", std::to_string(*dwMHz).c_str(), 1);
-    } else {
-        ::unsetenv("DAK_CPU_MHZ");
-    }
+    dwMHz ? ::setenv("DAK_CPU_MHZ", std::to_string(*dwMHz).c_str(), 1) : ::unsetenv("DAK_CPU_MHZ");
 }
 
 void PlugDevice() {

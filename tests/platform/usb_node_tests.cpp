@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <iterator>
 #include <memory>
 #include <utility>
 
@@ -87,25 +86,6 @@ class CPeer {
         Send(ImportReply());
     }
 
-    static Bytes ImportReply(std::uint16_t wVersion = usbip::VERSION,
-                             std::uint16_t wCode = usbip::OP_REP_IMPORT,
-                             std::uint32_t dwStatus = 0) {
-        Bytes reply(usbip::OP_REP_IMPORT_SIZE);
-        usbip::PutU16(reply.data() + usbip::OP_OFFSET_VERSION, wVersion);
-        usbip::PutU16(reply.data() + usbip::OP_OFFSET_CODE, wCode);
-        usbip::PutU32(reply.data() + usbip::OP_OFFSET_STATUS, dwStatus);
-        return reply;
-    }
-    static Bytes Answer(std::uint32_t dwCommand, std::uint32_t dwSeqnum, std::int32_t nStatus,
-                        std::uint32_t dwActualLength = 0, const Bytes& data = {}) {
-        Bytes answer(usbip::HEADER_SIZE);
-        usbip::PutU32(answer.data() + usbip::OFFSET_COMMAND, dwCommand);
-        usbip::PutU32(answer.data() + usbip::OFFSET_SEQNUM, dwSeqnum);
-        usbip::PutU32(answer.data() + usbip::OFFSET_STATUS, static_cast<std::uint32_t>(nStatus));
-        usbip::PutU32(answer.data() + usbip::OFFSET_ACTUAL_LENGTH, dwActualLength);
-        std::ranges::copy(data, std::back_inserter(answer));
-        return answer;
-    }
     // The answer to a read that brings these bytes.
     static Bytes Brings(std::uint32_t dwSeqnum, const Bytes& data) {
         return Answer(usbip::RET_SUBMIT, dwSeqnum, 0, static_cast<std::uint32_t>(data.size()),
@@ -200,7 +180,7 @@ TEST(PosixNode, TransfersGoOutAsTheProtocolSays) {
     EXPECT_TRUE(first.IsStopped()) << "before it has been answered";
     const Bytes package(12288, 0xAB);
     CTransfer write(peer.Node(), 12288, package.data());
-    peer.Send(CPeer::ImportReply());
+    peer.Send(ImportReply());
     peer.ServeWrite(1, package);
     EXPECT_TRUE(write.Succeeds());
     EXPECT_EQ(write.Count(), 12288U);
@@ -227,7 +207,7 @@ TEST(PosixNode, BytesThatComeForAStoppedReadAreKept) {
     EXPECT_TRUE(stopped.IsStopped());
     peer.ExpectUnlink(2, 1);
     peer.Send(Bytes(late.end() - 5, late.end()));
-    peer.Send(CPeer::Answer(usbip::RET_UNLINK, 2, 0));
+    peer.Send(Answer(usbip::RET_UNLINK, 2, 0));
 
     // A write in between neither takes nor loses them.
     const Bytes package(20, 1);
@@ -245,6 +225,12 @@ TEST(PosixNode, BytesThatComeForAStoppedReadAreKept) {
     CTransfer next(peer.Node(), 100);
     peer.ExpectSubmit(4, usbip::DIRECTION_IN, 100);
     EXPECT_TRUE(next.IsStopped());
+    peer.ExpectUnlink(5, 4);
+    peer.Send(CPeer::Brings(4, {9}));
+    peer.Send(Answer(usbip::RET_UNLINK, 5, 0));
+    CTransfer again(peer.Node(), 100);
+    EXPECT_TRUE(again.Succeeds());
+    EXPECT_EQ(again.Data(), Bytes{9});
 }
 
 TEST(PosixNode, AStoppedTransferIsAnsweredForBeforeTheNext) {
@@ -261,7 +247,7 @@ TEST(PosixNode, AStoppedTransferIsAnsweredForBeforeTheNext) {
         EXPECT_TRUE(silent.IsStopped(2));
     }
     EXPECT_EQ(peer.TakeAllThatIsThere(), 0U);
-    peer.Send(CPeer::Answer(usbip::RET_UNLINK, 2, usbip::STATUS_UNLINKED));
+    peer.Send(Answer(usbip::RET_UNLINK, 2, usbip::STATUS_UNLINKED));
     CTransfer next(peer.Node(), 8);
     peer.ExpectSubmit(3, usbip::DIRECTION_IN, 8);
     peer.Send(CPeer::Brings(3, {9}));
@@ -281,8 +267,8 @@ TEST(PosixNode, APackageThatIsHalfOutIsFinishedFirst) {
     peer.ExpectSubmit(1, usbip::DIRECTION_OUT, usbip::MAX_TRANSFER);
     EXPECT_EQ(peer.Take(usbip::MAX_TRANSFER), package);
     peer.ExpectUnlink(2, 1);
-    peer.Send(CPeer::Answer(usbip::RET_SUBMIT, 1, 0, usbip::MAX_TRANSFER));
-    peer.Send(CPeer::Answer(usbip::RET_UNLINK, 2, 0));
+    peer.Send(Answer(usbip::RET_SUBMIT, 1, 0, usbip::MAX_TRANSFER));
+    peer.Send(Answer(usbip::RET_UNLINK, 2, 0));
     peer.ServeWrite(3, second);
     EXPECT_TRUE(next.Succeeds());
     EXPECT_EQ(next.Count(), 20U);
@@ -299,7 +285,7 @@ std::uint32_t FillSocket(CPeer& peer, const Bytes& package, std::unique_ptr<CTra
         if (!peer.Has(nExpected)) {
             return dwSeqnum;
         }
-        peer.Send(CPeer::Answer(usbip::RET_SUBMIT, dwSeqnum, 0, dwSize));
+        peer.Send(Answer(usbip::RET_SUBMIT, dwSeqnum, 0, dwSize));
         EXPECT_TRUE(pBlocked->Succeeds());
     }
 }
@@ -312,7 +298,7 @@ TEST(PosixNode, APackageThatHasNotBegunToLeave) {
         std::unique_ptr<CTransfer> pBlocked;
         const std::uint32_t dwBlocked = FillSocket(peer, package, pBlocked);
         if (bAnswered) { // though the device cannot know of it
-            peer.Send(CPeer::Answer(usbip::RET_SUBMIT, dwBlocked, 0, 12288));
+            peer.Send(Answer(usbip::RET_SUBMIT, dwBlocked, 0, 12288));
             EXPECT_TRUE(pBlocked->Fails());
             continue;
         }
@@ -331,7 +317,7 @@ TEST(PosixNode, ARefusedTransferLeavesThePipeUsable) {
     peer.Import();
     CTransfer refused(peer.Node(), 100);
     peer.ExpectSubmit(1, usbip::DIRECTION_IN, 100);
-    peer.Send(CPeer::Answer(usbip::RET_SUBMIT, 1, -32, 3, {1, 2, 3}));
+    peer.Send(Answer(usbip::RET_SUBMIT, 1, -32, 3, {1, 2, 3}));
     EXPECT_TRUE(refused.Fails());
     CTransfer next(peer.Node(), 100);
     peer.ExpectSubmit(2, usbip::DIRECTION_IN, 100);
@@ -345,7 +331,7 @@ TEST(PosixNode, ARefusedTransferLeavesThePipeUsable) {
 }
 
 TEST(PosixNode, WhatIsAgainstTheProtocolBreaksItForGood) {
-    const Bytes reply = CPeer::ImportReply();
+    const Bytes reply = ImportReply();
     const Bytes sound = CPeer::Brings(1, {1, 2, 3});
     Bytes followed = sound;
     followed.resize(followed.size() + usbip::HEADER_SIZE, 0xFF);
@@ -362,20 +348,20 @@ TEST(PosixNode, WhatIsAgainstTheProtocolBreaksItForGood) {
     } rows[] = {
         {"no reply", AtTheImport, {}, true},
         {"half an import", AtTheImport, Bytes(reply.begin(), reply.begin() + 100), true},
-        {"another version", AtTheImport, CPeer::ImportReply(0x0100), false},
-        {"another code", AtTheImport, CPeer::ImportReply(usbip::VERSION, 0x0005), false},
+        {"another version", AtTheImport, ImportReply(0x0100), false},
+        {"another code", AtTheImport, ImportReply(usbip::VERSION, 0x0005), false},
         {"a refusal", AtTheImport, Bytes{0x01, 0x11, 0x00, 0x03, 0, 0, 0, 1}, false},
         {"an answer ahead of its question", AtTheImport, early, false},
         {"text", AtTheImport, Bytes(400, 'a'), false},
         {"no answer", AtTheRead, {}, true},
         {"half a header", AtTheRead, Bytes(sound.begin(), sound.begin() + 20), true},
         {"half the bytes", AtTheRead, Bytes(sound.begin(), sound.end() - 1), true},
-        {"an unknown command", AtTheRead, CPeer::Answer(9, 1, 0), false},
-        {"a command for devices", AtTheRead, CPeer::Answer(usbip::CMD_SUBMIT, 1, 0), false},
+        {"an unknown command", AtTheRead, Answer(9, 1, 0), false},
+        {"a command for devices", AtTheRead, Answer(usbip::CMD_SUBMIT, 1, 0), false},
         {"another's answer", AtTheRead, CPeer::Brings(2, {1}), false},
-        {"more than was asked for", AtTheRead, CPeer::Answer(usbip::RET_SUBMIT, 1, 0, 101), false},
-        {"an absurd length", AtTheRead, CPeer::Answer(usbip::RET_SUBMIT, 1, 0, 0xFFFFFFFF), false},
-        {"an unlink of nothing", AtTheRead, CPeer::Answer(usbip::RET_UNLINK, 1, 0), false},
+        {"more than was asked for", AtTheRead, Answer(usbip::RET_SUBMIT, 1, 0, 101), false},
+        {"an absurd length", AtTheRead, Answer(usbip::RET_SUBMIT, 1, 0, 0xFFFFFFFF), false},
+        {"an unlink of nothing", AtTheRead, Answer(usbip::RET_UNLINK, 1, 0), false},
         {"garbage behind the answer", AtTheRead, followed, false},
     };
     for (const auto& row : rows) {
@@ -401,10 +387,10 @@ TEST(PosixNode, WhatIsAgainstTheProtocolBreaksItForGood) {
 
 TEST(PosixNode, AnUnlinkIsJudgedToo) {
     const std::vector<Bytes> rows = {
-        CPeer::Answer(usbip::RET_UNLINK, 3, usbip::STATUS_UNLINKED), // another's
-        CPeer::Answer(usbip::RET_UNLINK, 2, -1),                     // no such outcome
-        CPeer::Answer(usbip::RET_UNLINK, 2, 0),                      // of an answer never given
-        CPeer::Answer(usbip::RET_SUBMIT, 2, 0),
+        Answer(usbip::RET_UNLINK, 3, usbip::STATUS_UNLINKED), // another's
+        Answer(usbip::RET_UNLINK, 2, -1),                     // no such outcome
+        Answer(usbip::RET_UNLINK, 2, 0),                      // of an answer never given
+        Answer(usbip::RET_SUBMIT, 2, 0),
     };
     for (const Bytes& answer : rows) {
         SCOPED_TRACE(&answer - rows.data());
@@ -421,7 +407,7 @@ TEST(PosixNode, AnUnlinkIsJudgedToo) {
 }
 
 TEST(PosixNode, ASilentPeerHoldsNothingUp) {
-    const Bytes reply = CPeer::ImportReply();
+    const Bytes reply = ImportReply();
     for (const std::size_t nSent : {0U, 1U, 8U, 319U, 320U, 321U, 367U}) {
         SCOPED_TRACE(nSent);
         CPeer peer;
