@@ -43,13 +43,13 @@ int CDAKVorn::CommitGetFolderContent(const WCHAR* lpPathName,
         return 0;
     }
     CFolderReader reader(*this);
-    return reader.Take(exchange.Head().packageLength, exchange.FieldAt(COUNT_OFFSET), *pFileList)
-               ? 1
-               : 0;
+    return reader.Take(exchange.Head(), exchange.FieldAt(COUNT_OFFSET), *pFileList) ? 1 : 0;
 }
 
-bool CFolderReader::Take(DWORD packageLength, DWORD dwEntries,
+bool CFolderReader::Take(const DAKHEADER& head, DWORD dwEntries,
                          CArray<_tagFileInfo, _tagFileInfo>& fileList) {
+    const DWORD packageLength = head.packageLength;
+    m_bLast = head.wCommand == DAK_LAST_REPLY;
     if (packageLength < FIRST_LENGTH || packageLength > DAK_MAXPACKAGELENGTH ||
         !m_package.Allocate(DAK_MAXPACKAGELENGTH)) {
         return false;
@@ -118,14 +118,14 @@ bool CFolderReader::FetchPackage() {
         return false;
     }
     const DAKHEADER header = DakGetHeader(bytes);
-    const bool bLast = header.wCommand == DAK_LAST_REPLY;
-    if ((!bLast && header.wCommand != DAK_REPLY_PACKAGE) || header.packageLength < LATER_LENGTH ||
-        header.packageLength > DAK_MAXPACKAGELENGTH ||
+    m_bLast = m_bLast || header.wCommand == DAK_LAST_REPLY;
+    if ((header.wCommand != DAK_LAST_REPLY && header.wCommand != DAK_REPLY_PACKAGE) ||
+        header.packageLength < LATER_LENGTH || header.packageLength > DAK_MAXPACKAGELENGTH ||
         !m_owner.ReadUSBData(m_package.Get(), header.packageLength, &m_dwFill, 0)) {
         return false;
     }
     ++m_owner.m_dwRecvPackages;
-    if ((bLast || m_owner.m_dwRecvPackages % m_owner.m_dwWindowPackages == 0) &&
+    if ((m_bLast || m_owner.m_dwRecvPackages % m_owner.m_dwWindowPackages == 0) &&
         !m_owner.WriteControl(DAK_SUCCESS)) {
         return false;
     }

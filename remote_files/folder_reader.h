@@ -9,9 +9,9 @@ class CFolderReader {
   public:
     explicit CFolderReader(CDAKVorn& owner) : m_owner(owner) {}
 
-    // The whole reply behind its head, of which packageLength and the number of entries are given.
+    // The whole reply behind its head, of which the header and the number of entries are given.
     // Appends the entries to fileList; false when the reply breaks off, and those completed stay.
-    bool Take(DWORD packageLength, DWORD dwEntries, CArray<_tagFileInfo, _tagFileInfo>& fileList);
+    bool Take(const DAKHEADER& head, DWORD dwEntries, CArray<_tagFileInfo, _tagFileInfo>& fileList);
 
   private:
     bool TakeEntry(_tagFileInfo& info);
@@ -27,4 +27,5 @@ class CFolderReader {
     platform::CLocalBuffer m_package;
     DWORD m_dwFill = 0;   // bytes that the latest read brought
     DWORD m_dwCursor = 0; // of the next unread one
+    bool m_bLast = false; // a package has said that it is the last
 };

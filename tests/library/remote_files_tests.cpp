@@ -395,6 +395,8 @@ TEST(Listing, RepliesThatAreNone) {
         {"L of 9", packages(patch(First(true, 1, one), 4, 9)), false, DAKERROR_FAIL, 0},
         {"L of 12281", packages(patch(First(true, 1, one), 4, 12281)), false, DAKERROR_FAIL, 0},
         {"more counted", packages(First(true, 0xFFFFFFFF, two)), false, DAKERROR_FAIL, 2},
+        {"last from the first on", packages(First(true, 9, one), Later(false, Entry(2))), true,
+         DAKERROR_FAIL, 2},
         {"without bytes", packages(first, Later(false, none), later), false, DAKERROR_FAIL, 1},
         {"another code", packages(first, foreign), true, DAKERROR_FAIL, 1},
         {"another word", packages(first, patch(later, 0, DAK_PACKAGE)), false, DAKERROR_FAIL, 1},
