@@ -161,8 +161,9 @@ void CUsbipConnection::Give(CAgentCore& core) {
     while (!m_pending.empty() && WantsInput() && core.HasBytes()) {
         const CPending pending = m_pending.front();
         m_pending.pop_front();
-        // A transfer never brings more than the rest of one package.
-        const std::size_t dwRoom = std::min<std::size_t>(pending.dwLength, DAK_PACKAGE_SIZE);
+        // A transfer brings what is left of one package at most, which an output of an I/O control
+        // can make as long as the host may ask for.
+        const std::size_t dwRoom = pending.dwLength;
         std::uint8_t* lpData = AddAnswer(usbip::RET_SUBMIT, pending.dwSeqNum, 0, 0, dwRoom);
         const std::size_t dwGiven = core.GiveBytes({lpData, dwRoom});
         usbip::PutU32(lpData - usbip::HEADER_SIZE + usbip::OFFSET_ACTUAL_LENGTH,

@@ -154,6 +154,19 @@ TEST_F(Library, CopiesBothWaysAndWorksOnTheDevice) {
     EXPECT_FALSE(fs::exists(m_world.Path("device/Docs/deep/er/two.bin")));
     EXPECT_EQ(m_dak.DAKDeleteFile(u"\\Docs\\deep\\er\\two.bin"), DAKERROR_FAIL);
 
+    // An answer that is longer than any package comes whole.
+    constexpr DWORD ECHO_CONTROL = 1;
+    for (const std::size_t nBytes : {12'289U, 500'000U}) {
+        std::string strIn = Content(nBytes, 3);
+        std::string strOut(nBytes, '\0');
+        DWORD dwCount = 0;
+        EXPECT_EQ(m_dak.DAKKernelIoControl(ECHO_CONTROL, strIn.data(), static_cast<DWORD>(nBytes),
+                                           strOut.data(), static_cast<DWORD>(nBytes), &dwCount),
+                  DAKERROR_NONE);
+        EXPECT_EQ(dwCount, nBytes);
+        EXPECT_TRUE(strOut == strIn) << nBytes;
+    }
+
     EXPECT_EQ(m_world.Agent().End(SIGTERM), 0);
     EXPECT_EQ(m_dak.DAKDeleteFile(u"\\Docs\\empty"), DAKERROR_NO_DEVICE);
 }
