@@ -1,9 +1,9 @@
 #include "agent/device_system.h"
 
-#include <algorithm>
 #include <cstdio>
 
 #include "agent/device.h"
+#include "agent/log_text.h"
 
 namespace agent {
 
@@ -19,14 +19,6 @@ std::unique_ptr<CDeviceSystem> CDeviceSystem::Open(const CDeviceOptions& options
         }
     }
     return pSystem;
-}
-
-// A name comes from the host and must not be able to write lines of its own.
-static std::string Printable(std::string strText) {
-    std::replace_if(
-        strText.begin(), strText.end(),
-        [](char ch) { return static_cast<unsigned char>(ch) < 0x20 || ch == 0x7F; }, '?');
-    return strText;
 }
 
 void CDeviceSystem::Broadcast(std::uint32_t uMessage, std::uint32_t wParam, std::int32_t lParam) {

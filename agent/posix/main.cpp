@@ -15,6 +15,7 @@
 
 #include "agent/agent_core.h"
 #include "agent/device.h"
+#include "agent/log_text.h"
 #include "agent/posix/attachment.h"
 #include "agent/posix/usbip_server.h"
 
@@ -80,7 +81,7 @@ void DeclareOptions(CLI::App& app, CArguments& arguments) {
 }
 
 void LogLine(const std::string& strLine) {
-    std::fprintf(stderr, "dak-agent: %s\n", strLine.c_str());
+    std::fprintf(stderr, "dak-agent: %s\n", agent::Printable(strLine).c_str());
 }
 
 int Complain(const std::string& strWhy, int nExit) {
