@@ -17,7 +17,7 @@ std::unique_ptr<CDevice> CDevice::Open(const CDeviceOptions& options, std::strin
             return nullptr;
         }
     }
-    pDevice->m_pSystem = CDeviceSystem::Open(options, strError);
+    pDevice->m_pSystem = CDeviceSystem::Open(options, *pDevice->m_pFolder, strError);
     if (!pDevice->m_pSystem) {
         return nullptr;
     }

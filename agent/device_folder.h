@@ -20,6 +20,8 @@
 
 namespace agent {
 
+class CFd; // a descriptor of the system's
+
 enum class EResult {
     SUCCESS,
     NO_SPACE, // the disk is full, or the quota is used up
@@ -215,6 +217,10 @@ class CDeviceFolder {
 
     // Null when the file cannot be opened.
     virtual std::unique_ptr<CSourceFile> OpenSource(const CDevicePath& path) = 0;
+
+    // What lies at path, to be run or to be the folder that a program starts in, and neither to be
+    // read nor written. Not valid when there is nothing.
+    virtual CFd OpenProgram(const CDevicePath& path) = 0;
 
     // Opens a file by handle; it lives no longer than this folder. Refused, and nothing changed:
     // what is no file, one that other handles do not share so, and writing or emptying one that

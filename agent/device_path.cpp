@@ -81,6 +81,14 @@ std::optional<std::u16string> ToUtf16(std::string_view strText) {
     return strOut;
 }
 
+bool IsReserved(std::string_view strName) {
+    return strName.size() >= RESERVED_PREFIX.size() &&
+           std::equal(RESERVED_PREFIX.begin(), RESERVED_PREFIX.end(), strName.begin(),
+                      [](char chReserved, char ch) {
+                          return chReserved == (ch >= 'A' && ch <= 'Z' ? ch - 'A' + 'a' : ch);
+                      });
+}
+
 static bool IsSeparator(char16_t unit) {
     return unit == u'\\' || unit == u'/';
 }
@@ -112,7 +120,7 @@ std::optional<CDevicePath> CDevicePath::Below(std::u16string_view strName) const
             continue;
         }
         const std::optional<std::string> strUtf8 = ToUtf8(strComponent);
-        if (!strUtf8 || *strUtf8 == ".." || strUtf8->starts_with(RESERVED_PREFIX) ||
+        if (!strUtf8 || *strUtf8 == ".." || IsReserved(*strUtf8) ||
             strUtf8->find('\0') != std::string::npos) {
             return std::nullopt;
         }
@@ -162,7 +170,7 @@ std::optional<std::u16string> CDevicePath::HostNameIn(const CDevicePath& folder)
 }
 
 bool IsNameForHost(std::string_view strName) {
-    return strName.find('\\') == std::string_view::npos && !strName.starts_with(RESERVED_PREFIX) &&
+    return strName.find('\\') == std::string_view::npos && !IsReserved(strName) &&
            ToUtf16(strName).has_value();
 }
 

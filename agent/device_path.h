@@ -11,6 +11,9 @@ namespace agent {
 // Names that begin so are the agent's own (part files, journals): hidden from the host.
 inline constexpr std::string_view RESERVED_PREFIX = ".dak-";
 
+// Whether a name begins so, in whichever case: the file system may take one for the other.
+bool IsReserved(std::string_view strName);
+
 // UTF-16 to UTF-8 and back. Nothing when a surrogate stands alone or the UTF-8 is malformed: a
 // replacement character would let two names fall together.
 std::optional<std::string> ToUtf8(std::u16string_view strText);

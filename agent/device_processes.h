@@ -15,6 +15,7 @@
 
 namespace agent {
 
+class CDeviceFolder;
 class CDevicePath;
 struct CDeviceOptions;
 
@@ -32,15 +33,16 @@ class CDeviceProcesses {
     using CVariables = std::vector<std::pair<std::string, std::string>>;
 
     // Null, and the reason in strError, when a folder of programs cannot be opened or a command for
-    // messages cannot be split or found.
+    // messages cannot be split or found. The folder outlives the object.
     static std::shared_ptr<CDeviceProcesses> Open(const CDeviceOptions& options,
-                                                  std::string& strError);
+                                                  CDeviceFolder& folder, std::string& strError);
 
     virtual ~CDeviceProcesses() = default;
 
     // Starts a program below the root or, when it was named without a folder (bBareName) and the
     // root holds none of its name, one in a folder of programs. A link that leads out of either is
-    // refused, and what was judged is what runs. Its working folder is the root. Null when nothing
+    // refused, and what was judged is what runs. Its working folder is the root. A program that a
+    // format has taken away is not there any more. Null when nothing
     // was started; the state is kept up to date by Tick as long as somebody holds it.
     virtual std::shared_ptr<const CProcessState>
     StartProgram(const CDevicePath& path, bool bBareName,

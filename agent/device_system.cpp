@@ -8,12 +8,12 @@
 namespace agent {
 
 std::unique_ptr<CDeviceSystem> CDeviceSystem::Open(const CDeviceOptions& options,
-                                                   std::string& strError) {
+                                                   CDeviceFolder& folder, std::string& strError) {
     std::unique_ptr<CDeviceSystem> pSystem(new CDeviceSystem);
     pSystem->m_options = options.system;
     CSystemOptions& own = pSystem->m_options;
     if (!own.pProcesses && (own.bAllowExec || !own.messageCommands.empty())) {
-        own.pProcesses = CDeviceProcesses::Open(options, strError);
+        own.pProcesses = CDeviceProcesses::Open(options, folder, strError);
         if (!own.pProcesses) {
             return nullptr;
         }

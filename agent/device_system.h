@@ -31,7 +31,8 @@ class CDeviceSystem {
     static constexpr std::uint32_t MOST_DROP_MS = 600'000;
 
     // Null, and the reason in strError, when the options cannot be met.
-    static std::unique_ptr<CDeviceSystem> Open(const CDeviceOptions& options,
+    // The folder outlives the object.
+    static std::unique_ptr<CDeviceSystem> Open(const CDeviceOptions& options, CDeviceFolder& folder,
                                                std::string& strError);
 
     const std::string& Name() const { return m_options.strName; }

@@ -18,9 +18,9 @@ bool CFileShares::Allows(const CUse& use) const {
 }
 
 CPosixOpenFile::CPosixOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares,
-                               CFileShares::Entry entry, CQuota& quota)
+                               CFileShares::Entry entry, const CFormats& formats, CQuota& quota)
     : m_fd(std::move(fd)), m_bRead(mode.bRead), m_bWrite(mode.bWrite), m_shares(shares),
-      m_entry(entry), m_quota(quota) {}
+      m_entry(entry), m_formats(formats), m_quota(quota) {}
 
 CPosixOpenFile::~CPosixOpenFile() {
     m_shares.Leave(m_entry);
@@ -52,10 +52,12 @@ std::size_t CPosixOpenFile::Read(std::uint64_t qwAt, std::span<std::uint8_t> dat
     return dwDone;
 }
 
-// What is written to a file without a name would be gone with its handle.
+// What is written to a file that has no name, or lies where the host cannot see it any more, would
+// be gone with its handle.
 EResult CPosixOpenFile::JudgeWrite(std::uint64_t qwEnd) const {
     struct stat status {};
-    if (!m_bWrite || ::fstat(m_fd.Get(), &status) != 0 || status.st_nlink == 0) {
+    if (!m_bWrite || ::fstat(m_fd.Get(), &status) != 0 || status.st_nlink == 0 ||
+        !m_formats.ShowsFile(m_fd.Get())) {
         return EResult::REFUSED;
     }
     const auto qwSize = static_cast<std::uint64_t>(status.st_size);
@@ -106,8 +108,8 @@ int FlagsFor(const COpenMode& mode) {
            O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 }
 
-EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, CQuota& quota,
-                     std::unique_ptr<COpenFile>& pFile) {
+EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, const CFormats& formats,
+                     CQuota& quota, std::unique_ptr<COpenFile>& pFile) {
     struct stat status {};
     if (!fd || ::fstat(fd.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return EResult::REFUSED;
@@ -129,7 +131,8 @@ EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, CQuota&
         quota.Remove(static_cast<std::uint64_t>(status.st_size));
     }
     use.bWrites = mode.bWrite; // emptying is over
-    pFile = std::make_unique<CPosixOpenFile>(std::move(fd), mode, shares, shares.Enter(use), quota);
+    pFile = std::make_unique<CPosixOpenFile>(std::move(fd), mode, shares, shares.Enter(use),
+                                             formats, quota);
     return EResult::SUCCESS;
 }
 

@@ -3,6 +3,7 @@
 
 #include <list>
 
+#include "agent/posix/format.h"
 #include "agent/posix/quota.h"
 #include "agent/posix/system_file.h"
 
@@ -31,9 +32,9 @@ class CFileShares {
 
 class CPosixOpenFile final : public COpenFile {
   public:
-    // shares and quota outlive it; entry is left at its end.
+    // shares, formats and quota outlive it; entry is left at its end.
     CPosixOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, CFileShares::Entry entry,
-                   CQuota& quota);
+                   const CFormats& formats, CQuota& quota);
     ~CPosixOpenFile() override;
 
     std::optional<CState> StateForReading() const override;
@@ -49,13 +50,14 @@ class CPosixOpenFile final : public COpenFile {
     const bool m_bWrite;
     CFileShares& m_shares;
     const CFileShares::Entry m_entry;
+    const CFormats& m_formats;
     CQuota& m_quota;
 };
 
 // The existing file behind fd, which is open as FlagsFor says: judged, entered, and emptied if the
 // mode wants that.
-EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, CQuota& quota,
-                     std::unique_ptr<COpenFile>& pFile);
+EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, const CFormats& formats,
+                     CQuota& quota, std::unique_ptr<COpenFile>& pFile);
 
 // The flags of open() that a mode wants, but for making the file.
 int FlagsFor(const COpenMode& mode);

@@ -89,6 +89,7 @@ class CPosixFolder final : public CDeviceFolder {
     std::unique_ptr<CFolderWork> BeginMove(const CDevicePath& source,
                                            const CDevicePath& target) override;
     std::unique_ptr<CSourceFile> OpenSource(const CDevicePath& path) override;
+    CFd OpenProgram(const CDevicePath& path) override { return Open(path, O_PATH); }
     EResult OpenFile(const CDevicePath& path, const COpenMode& mode,
                      std::unique_ptr<COpenFile>& pFile) override;
     EResult BeginPart(const CDevicePath& path, std::uint64_t qwSize,
@@ -346,7 +347,8 @@ EResult CPosixFolder::OpenFile(const CDevicePath& path, const COpenMode& mode,
     if (!fd && errno == ENOENT && mode.eMissing == COpenMode::EMissing::MAKE) {
         fd = MakeFile(path, FlagsFor(mode));
     }
-    return fd ? TakeOpenFile(std::move(fd), mode, m_shares, m_quota, pFile) : ResultOf(errno);
+    return fd ? TakeOpenFile(std::move(fd), mode, m_shares, m_formats, m_quota, pFile)
+              : ResultOf(errno);
 }
 
 EResult CPosixFolder::BeginPart(const CDevicePath& path, std::uint64_t qwSize,

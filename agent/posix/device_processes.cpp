@@ -27,11 +27,6 @@ namespace {
 constexpr std::uint64_t s_qwAwaitedMs = 10;
 constexpr std::uint64_t s_qwUnwatchedMs = 500;
 
-struct CFolder {
-    std::string strName; // the component that leads to it; empty for the root
-    CFd fd;
-};
-
 struct CCommand {
     std::string strProgram; // path of the system
     std::vector<std::string> arguments;
@@ -146,12 +141,12 @@ std::string FindCommand(const std::string& strWord) {
 
 class CPosixProcesses final : public CDeviceProcesses {
   public:
-    CPosixProcesses(std::function<void(const std::string&)> lpLog,
+    CPosixProcesses(CDeviceFolder& folder, std::function<void(const std::string&)> lpLog,
                     std::function<void(const std::string&)> lpNotice)
-        : m_lpLog(std::move(lpLog)), m_lpNotice(std::move(lpNotice)) {}
+        : m_folder(folder), m_lpLog(std::move(lpLog)), m_lpNotice(std::move(lpNotice)) {}
     ~CPosixProcesses() override { Reap(); }
 
-    bool OpenFolders(const CDeviceOptions& options, std::string& strError);
+    bool OpenExecPaths(const CDeviceOptions& options, std::string& strError);
     bool TakeCommands(const CDeviceOptions& options, std::string& strError);
 
     std::shared_ptr<const CProcessState>
@@ -162,8 +157,6 @@ class CPosixProcesses final : public CDeviceProcesses {
     std::optional<std::uint64_t> DueMs(std::uint64_t qwNowMs) const override;
 
   private:
-    static bool OpenFolder(const std::string& strName, const std::string& strFolder,
-                           std::vector<CFolder>& folders, std::string& strError);
     CFd OpenProgram(const CDevicePath& path, bool bBareName) const;
     std::shared_ptr<const CProcessState> Launch(const CFd& fdProgram, bool bCommand,
                                                 std::vector<std::string> words,
@@ -171,34 +164,23 @@ class CPosixProcesses final : public CDeviceProcesses {
     bool HasRoom(bool bCommand) const;
     void Reap();
 
+    CDeviceFolder& m_folder;
     std::function<void(const std::string&)> m_lpLog;
     std::function<void(const std::string&)> m_lpNotice;
-    std::vector<CFolder> m_folders; // the root first, then the storages
-    std::vector<CFolder> m_execPaths;
+    std::vector<CFd> m_execPaths;
     std::vector<CCommand> m_commands;
     std::vector<CChild> m_children;
 };
 
-bool CPosixProcesses::OpenFolder(const std::string& strName, const std::string& strFolder,
-                                 std::vector<CFolder>& folders, std::string& strError) {
-    CFd fd(::open(strFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!fd) {
-        strError = strFolder + ": " + std::strerror(errno);
-        return false;
-    }
-    folders.push_back({strName, std::move(fd)});
-    return true;
-}
-
-bool CPosixProcesses::OpenFolders(const CDeviceOptions& options, std::string& strError) {
-    bool bOpen = OpenFolder("", options.strRoot, m_folders, strError);
-    for (const CStorageOption& storage : options.storages) {
-        bOpen = bOpen && OpenFolder(storage.strName, storage.strFolder, m_folders, strError);
-    }
+bool CPosixProcesses::OpenExecPaths(const CDeviceOptions& options, std::string& strError) {
     for (const std::string& strFolder : options.system.execPaths) {
-        bOpen = bOpen && OpenFolder("", strFolder, m_execPaths, strError);
+        m_execPaths.emplace_back(::open(strFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!m_execPaths.back()) {
+            strError = strFolder + ": " + std::strerror(errno);
+            return false;
+        }
     }
-    return bOpen;
+    return true;
 }
 
 bool CPosixProcesses::TakeCommands(const CDeviceOptions& options, std::string& strError) {
@@ -216,24 +198,12 @@ bool CPosixProcesses::TakeCommands(const CDeviceOptions& options, std::string& s
 }
 
 CFd CPosixProcesses::OpenProgram(const CDevicePath& path, bool bBareName) const {
-    const std::string_view strFirst = path.FirstComponent();
-    const auto itStorage =
-        std::find_if(m_folders.begin() + 1, m_folders.end(),
-                     [&](const CFolder& folder) { return folder.strName == strFirst; });
-    const bool bStorage = itStorage != m_folders.end();
-    CFd fd =
-        OpenBelow((bStorage ? *itStorage : m_folders.front()).fd.Get(),
-                  bStorage ? path.Text().substr(std::min(path.Text().size(), strFirst.size() + 1))
-                           : path.Text(),
-                  O_PATH);
-    if (!bBareName) {
-        return fd;
-    }
-    for (const CFolder& folder : m_execPaths) {
-        if (fd) {
+    CFd fd = m_folder.OpenProgram(path);
+    for (const CFd& fdFolder : m_execPaths) {
+        if (fd || !bBareName) {
             break;
         }
-        fd = OpenBelow(folder.fd.Get(), path.Text(), O_PATH);
+        fd = OpenBelow(fdFolder.Get(), path.Text(), O_PATH);
     }
     return fd;
 }
@@ -252,7 +222,9 @@ std::shared_ptr<const CProcessState> CPosixProcesses::Launch(const CFd& fdProgra
     Reap();
     std::array<int, 2> fds = {-1, -1};
     const CFd fdNull(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    if (!HasRoom(bCommand) || !fdNull || ::pipe2(fds.data(), O_CLOEXEC) != 0) {
+    const CFd fdRoot = bCommand ? CFd() : m_folder.OpenProgram(CDevicePath());
+    if (!HasRoom(bCommand) || !fdNull || (!fdRoot && !bCommand) ||
+        ::pipe2(fds.data(), O_CLOEXEC) != 0) {
         strError = HasRoom(bCommand) ? std::strerror(errno) : "too many are running";
         return nullptr;
     }
@@ -261,9 +233,8 @@ std::shared_ptr<const CProcessState> CPosixProcesses::Launch(const CFd& fdProgra
     std::vector<std::string> environment = Environment(variables);
     const std::vector<char*> lpWords = Pointers(words);
     const std::vector<char*> lpEnvironment = Pointers(environment);
-    const CLaunch launch = {fdProgram.Get(), bCommand ? -1 : m_folders.front().fd.Get(),
-                            fdNull.Get(),    fdWrite.Get(),
-                            lpWords.data(),  lpEnvironment.data()};
+    const CLaunch launch = {fdProgram.Get(), fdRoot.Get(),   fdNull.Get(),
+                            fdWrite.Get(),   lpWords.data(), lpEnvironment.data()};
     const pid_t pid = ::fork();
     if (pid == 0) {
         RunChild(launch);
@@ -343,10 +314,12 @@ std::optional<std::uint64_t> CPosixProcesses::DueMs(std::uint64_t qwNowMs) const
 } // namespace
 
 std::shared_ptr<CDeviceProcesses> CDeviceProcesses::Open(const CDeviceOptions& options,
+                                                         CDeviceFolder& folder,
                                                          std::string& strError) {
     const auto pProcesses =
-        std::make_shared<CPosixProcesses>(options.lpLog, options.system.lpNotice);
-    return pProcesses->OpenFolders(options, strError) && pProcesses->TakeCommands(options, strError)
+        std::make_shared<CPosixProcesses>(folder, options.lpLog, options.system.lpNotice);
+    return pProcesses->OpenExecPaths(options, strError) &&
+                   pProcesses->TakeCommands(options, strError)
                ? pProcesses
                : nullptr;
 }

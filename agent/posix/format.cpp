@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -19,16 +20,24 @@ static constexpr char s_szFormat[] = ".dak-format";
 static constexpr char s_szFormatted[] = ".dak-formatted";
 
 static constexpr std::chrono::milliseconds s_slice{5};
-// How long a format looks for room on a disk that has none even for a folder.
-static constexpr std::chrono::milliseconds s_makeRoom{200};
+// How long a format looks for room on a disk that has none even for its folders.
+static constexpr std::chrono::milliseconds s_makeRoom{300};
 static constexpr int s_nStepsAtStart = 1000;
 // What is moved up while a host may call at any moment; more waits for the next start.
 static constexpr std::size_t s_nMostMovedUp = 1000;
 
 static constexpr int s_nFolder = O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
+static std::string FreshName(unsigned nNumber) {
+    return std::string(RESERVED_PREFIX) + std::to_string(nNumber);
+}
+
 // 0 for a name that is not the agent's.
 static unsigned NumberOf(std::string_view strName) {
+    if (!strName.starts_with(RESERVED_PREFIX)) {
+        return 0;
+    }
+    strName.remove_prefix(RESERVED_PREFIX.size());
     unsigned nNumber = 0;
     const auto [lpEnd, eError] =
         std::from_chars(strName.data(), strName.data() + strName.size(), nNumber);
@@ -101,6 +110,43 @@ std::vector<int> CFormats::Folders() const {
     return folders;
 }
 
+// Nothing when the path does not lie below the folder.
+static std::optional<std::string_view> RestBelow(std::string_view strPath,
+                                                 std::string_view strFolder) {
+    if (!strPath.starts_with(strFolder)) {
+        return std::nullopt;
+    }
+    strPath.remove_prefix(strFolder.size());
+    if (!strFolder.ends_with('/') && !strPath.starts_with('/')) {
+        return std::nullopt;
+    }
+    return strPath;
+}
+
+bool CFormats::ShowsFile(int fdFile) const {
+    const std::string strFile = PathOf(fdFile);
+    if (strFile.empty()) {
+        return true;
+    }
+    const CServed* pInnermost = nullptr;
+    std::size_t dwLongest = 0;
+    for (const auto& pServed : m_served) {
+        const std::string strFolder = PathOf(pServed->fdFolder.Get());
+        if (strFolder.size() > dwLongest && RestBelow(strFile, strFolder)) {
+            pInnermost = pServed.get();
+            dwLongest = strFolder.size();
+        }
+    }
+    if (!pInnermost) {
+        return false;
+    }
+    std::optional<std::string_view> strRest = RestBelow(strFile, PathOf(pInnermost->fdView.Get()));
+    while (strRest && !strRest->empty() && !IsReserved(*strRest)) {
+        strRest->remove_prefix(std::min(strRest->find('/'), strRest->size() - 1) + 1);
+    }
+    return strRest && strRest->empty();
+}
+
 CSpared CFormats::OthersThan(const CServed& served) const {
     CSpared spared;
     for (const auto& pOther : m_served) {
@@ -113,11 +159,11 @@ CSpared CFormats::OthersThan(const CServed& served) const {
 
 // A full disk may have no room for the folder that stands for its emptiness: then the removal
 // begins ahead of it.
-bool CFormats::MakeRoomFor(CServed& served, const std::function<bool()>& make) const {
-    const auto tEnd = std::chrono::steady_clock::now() + s_makeRoom;
+bool CFormats::MakeRoomFor(CServed& served, Clock::time_point tEnd,
+                           const std::function<bool()>& make) const {
     std::unique_ptr<CRemoval> pRemoval;
     while (!make()) {
-        if ((errno != ENOSPC && errno != EDQUOT) || std::chrono::steady_clock::now() >= tEnd) {
+        if (errno != ENOSPC && errno != EDQUOT) {
             return false;
         }
         if (!pRemoval) {
@@ -131,7 +177,7 @@ bool CFormats::MakeRoomFor(CServed& served, const std::function<bool()>& make) c
         }
         const std::uint64_t qwBefore = pRemoval->Removed();
         while (pRemoval->Removed() == qwBefore) {
-            if (!pRemoval->Step()) {
+            if (Clock::now() >= tEnd || !pRemoval->Step()) {
                 return false;
             }
         }
@@ -139,9 +185,9 @@ bool CFormats::MakeRoomFor(CServed& served, const std::function<bool()>& make) c
     return true;
 }
 
-bool CFormats::MakeMarker(CServed& served) const {
+bool CFormats::MakeMarker(CServed& served, Clock::time_point tEnd) const {
     const int fdFolder = served.fdFolder.Get();
-    if (!MakeRoomFor(served, [fdFolder] {
+    if (!MakeRoomFor(served, tEnd, [fdFolder] {
             return ::mkdirat(fdFolder, s_szFormat, 0700) == 0 || errno == EEXIST;
         })) {
         return false;
@@ -178,16 +224,18 @@ bool CFormats::Format(const CFd& fdView) {
         return false;
     }
     CServed& served = **itServed;
+    const auto tEnd = Clock::now() + s_makeRoom;
     struct stat status {};
     if (::fstat(served.fdFolder.Get(), &status) != 0 || IsReadOnly(status) ||
         OthersThan(served).IsSpared(IdentityOf(served.fdFolder.Get())) ||
-        (!served.fdMarker && !MakeMarker(served))) {
+        (!served.fdMarker && !MakeMarker(served, tEnd))) {
         return false;
     }
     const int fdMarker = served.fdMarker.Get();
-    const std::string strFresh = std::to_string(NewestIn(fdMarker) + 1);
-    const bool bMade = MakeRoomFor(
-        served, [&] { return ::mkdirat(fdMarker, strFresh.c_str(), status.st_mode & 0777) == 0; });
+    const std::string strFresh = FreshName(NewestIn(fdMarker) + 1);
+    const bool bMade = MakeRoomFor(served, tEnd, [&] {
+        return ::mkdirat(fdMarker, strFresh.c_str(), status.st_mode & 0777) == 0;
+    });
     // The umask has no say: the folder is to look as it did.
     if (bMade && ::fchmodat(fdMarker, strFresh.c_str(), status.st_mode & 07777, 0) == 0 &&
         TurnTo(served, strFresh)) {
@@ -216,7 +264,7 @@ void CFormats::TakeUp(CServed& served) {
             return;
         }
         const unsigned nNewest = NewestIn(served.fdMarker.Get());
-        if (nNewest != 0 && TurnTo(served, std::to_string(nNewest))) {
+        if (nNewest != 0 && TurnTo(served, FreshName(nNewest))) {
             Log("going on with a format that an agent before has begun");
             for (int i = 0; i < s_nStepsAtStart && served.pRemoval; ++i) {
                 StepRemoval(served);
@@ -235,6 +283,9 @@ void CFormats::TakeUp(CServed& served) {
         return;
     }
     for (const std::string& strName : NamesIn(fdFormatted.Get())) {
+        if (NumberOf(strName) == 0) {
+            continue;
+        }
         const CFd fdFresh(::openat(fdFormatted.Get(), strName.c_str(), O_RDONLY | s_nFolder));
         if (fdFresh && !MoveAll(fdFresh.Get(), fdFolder)) {
             Log(std::string("not everything could be moved up from ") + s_szFormatted);
@@ -251,9 +302,9 @@ bool CFormats::HasWork(bool bIdle) const {
 }
 
 void CFormats::Work(bool bIdle) {
-    const auto tEnd = std::chrono::steady_clock::now() + s_slice;
+    const auto tEnd = Clock::now() + s_slice;
     for (const auto& pServed : m_served) {
-        while (pServed->pRemoval && std::chrono::steady_clock::now() < tEnd) {
+        while (pServed->pRemoval && Clock::now() < tEnd) {
             StepRemoval(*pServed);
         }
         if (bIdle && std::exchange(pServed->bAwaitsIdle, false)) {

@@ -1,17 +1,19 @@
 // Formats served folders: each is empty at once, and what it held is removed in the background.
 //
 // What the host sees of a folder (its view) is the folder itself. A format makes a fresh folder
-// S/.dak-format/N in the folder S and turns the view to it, which takes one call however much S
-// holds and however S is mounted. Then everything else in S is removed. When that is done and no
+// S/.dak-format/.dak-N in the folder S and turns the view to it, which takes one call however much
+// S holds and however S is mounted. Then everything else in S is removed. When that is done and no
 // exchange is open, S/.dak-format becomes S/.dak-formatted, what the view holds is moved up into S,
 // and the view is S again.
 //
 // The two names tell an agent that starts behind a killed one what to go on with: below
 // .dak-format the fresh folder of the highest number is the view, and all else is to be removed;
-// below .dak-formatted all is to be moved up. The agent that works on .dak-format holds a lock on
-// it.
+// below .dak-formatted all is to be moved up. A fresh folder's name is one that no host can make,
+// so that nothing but a format of an agent is ever gone on with. The agent that works on
+// .dak-format holds a lock on it.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -39,6 +41,10 @@ class CFormats {
     // when it is not empty behind that: it may not be written, or is served twice.
     bool Format(const CFd& fdView);
 
+    // Whether the host can still find an open file that it has opened: a format, or what has taken
+    // its folder away, may have put it out of sight. True also when the system does not tell.
+    bool ShowsFile(int fdFile) const;
+
     // The folders themselves, wherever their views are.
     std::vector<int> Folders() const;
 
@@ -49,6 +55,8 @@ class CFormats {
     void Work(bool bIdle);
 
   private:
+    using Clock = std::chrono::steady_clock;
+
     struct CServed {
         CFd& fdView;
         CFd fdFolder;
@@ -61,8 +69,9 @@ class CFormats {
 
     void Log(const std::string& strLine) const;
     CSpared OthersThan(const CServed& served) const;
-    bool MakeMarker(CServed& served) const;
-    bool MakeRoomFor(CServed& served, const std::function<bool()>& make) const;
+    bool MakeMarker(CServed& served, Clock::time_point tEnd) const;
+    bool MakeRoomFor(CServed& served, Clock::time_point tEnd,
+                     const std::function<bool()>& make) const;
     bool TurnTo(CServed& served, const std::string& strFresh);
     void TakeUp(CServed& served);
     void StepRemoval(CServed& served) const;

@@ -119,7 +119,7 @@ void CRemoval::Enter(const char* lpszName) {
     const int fdParent = m_frames.back().pDirectory->Fd();
     constexpr int nFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     CFd fd(::openat(fdParent, lpszName, nFlags));
-    if (!fd && errno == EACCES && ::fchmodat(fdParent, lpszName, 0700, 0) == 0) {
+    if (!fd && errno == EACCES && ::fchmodat(fdParent, lpszName, 0700, AT_SYMLINK_NOFOLLOW) == 0) {
         fd = CFd(::openat(fdParent, lpszName, nFlags));
     }
     if (!fd) {

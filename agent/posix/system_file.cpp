@@ -1,7 +1,9 @@
 #include "agent/posix/system_file.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <string_view>
 
 #include <fcntl.h>
@@ -78,6 +80,14 @@ CFd OpenBelow(int fdFolder, const std::string& strPath, int nFlags, mode_t mode)
         return OpenBelowByWalk(fdFolder, strPath, nFlags, mode);
     }
     return CFd(static_cast<int>(nFd));
+}
+
+std::string PathOf(int fd) {
+    std::array<char, PATH_MAX> path{};
+    const std::string strLink = "/proc/self/fd/" + std::to_string(fd);
+    const ssize_t nLength = ::readlink(strLink.c_str(), path.data(), path.size());
+    return nLength > 0 ? std::string(path.data(), static_cast<std::size_t>(nLength))
+                       : std::string();
 }
 
 bool WriteWhole(int fd, const void* lpBytes, std::size_t dwBytes) {

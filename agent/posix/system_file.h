@@ -48,6 +48,9 @@ CFd OpenBelow(int fdFolder, const std::string& strPath, int nFlags, mode_t mode 
 // The same without the kernel's help.
 CFd OpenBelowByWalk(int fdFolder, const std::string& strPath, int nFlags, mode_t mode = 0);
 
+// Where the file behind an open descriptor lies now. Empty when the system does not tell.
+std::string PathOf(int fd);
+
 // A whole write, over short ones and signals. False with errno set.
 bool WriteWhole(int fd, const void* lpBytes, std::size_t dwBytes);
 

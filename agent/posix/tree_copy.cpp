@@ -91,7 +91,7 @@ EResult CTreeCopy::CopyEntry() {
         return EResult::SUCCESS;
     }
     const std::string strName = pEntry->d_name;
-    if (strName.starts_with(RESERVED_PREFIX)) {
+    if (IsReserved(strName)) {
         return EResult::SUCCESS;
     }
     struct stat status {};

@@ -121,6 +121,7 @@ TEST(Paths, DeleteAndMakeFolder) {
         {2, u"\\d\\..\\..\\outside.txt", 0},
         {10, u"C:\\x", 0},
         {10, u"\\.dak-x", 0},
+        {10, u"\\.DaK-y", 0},
         {10, std::u16string(u"\\") + char16_t(0xDC00), 0},
         {10, u"\\" + std::u16string(5000, u'x'), 0},
         {2, u"\\d\\link", 1}, // the link, not what it leads to

@@ -587,6 +587,38 @@ TEST(FileHandles, DeletedReplacedAndMovedFiles) {
     fs::rename(host.Root() / "d/a", host.Root() / "moved");
     EXPECT_EQ(host.Write(dwHandle, {5}), 1);
     EXPECT_EQ(host.ReadFile("moved"), Bytes{5});
+    // As it lies when its folder has been set aside and is not removed yet.
+    fs::create_directory(host.Root() / ".dak-0-0.trash");
+    fs::rename(host.Root() / "moved", host.Root() / ".dak-0-0.trash/a");
+    EXPECT_EQ(host.Write(dwHandle, {6}), DAK_RESULT_REFUSED);
+}
+
+TEST(FileHandles, FilesBehindAFormat) {
+    CFileHost host;
+    host.onOptions = [&host](agent::CDeviceOptions& options) {
+        options.bAllowFormat = true;
+        fs::create_directory(host.Root() / "In");
+        options.storages.push_back({"In", (host.Root() / "In").string()});
+    };
+    host.Restart();
+    const std::uint32_t handles[] = {host.Open(u"\\d\\f"), host.Open(u"\\In\\f"),
+                                     host.Open(u"\\Card\\f")};
+    EXPECT_EQ(host.Plain(24, Text(u"\\")), 1);
+    // Nothing has been removed yet.
+    EXPECT_EQ(host.Write(handles[0], {1}), DAK_RESULT_REFUSED);
+    EXPECT_EQ(host.Seek(handles[0], 0, END), 0U) << "still open";
+    const std::uint32_t dwFresh = host.Open(u"\\f");
+    EXPECT_EQ(host.Write(dwFresh, {2}), 1);
+    EXPECT_EQ(host.Write(handles[1], {3}), 1);
+    EXPECT_EQ(host.Write(handles[2], {4}), 1);
+    for (std::uint64_t qwMs = 1; host.Core().NextDueMs() && qwMs < 100'000; ++qwMs) {
+        host.Core().SetTime(qwMs);
+    }
+    EXPECT_EQ(host.Write(dwFresh, {5}), 1) << "moved up";
+    EXPECT_EQ(host.ReadFile("f"), (Bytes{2, 5}));
+    EXPECT_EQ(host.Plain(24, Text(u"In")), 1);
+    EXPECT_EQ(host.Write(handles[1], {6}), DAK_RESULT_REFUSED);
+    EXPECT_EQ(host.Write(dwFresh, {7}), 1) << "around the storage";
 }
 
 } // namespace

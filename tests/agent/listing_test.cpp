@@ -219,8 +219,9 @@ TEST(FileInfo, TimesStandWhereTheyBelong) {
 
 TEST(Listing, FoldersFilesAndPatterns) {
     CAgentHost host;
-    for (const char* lpszName : {"b.txt", "a.TXT", "a", "\xC3\xBC.txt", "\xF0\x9F\x98\x80",
-                                 ".hidden", ".dak-own", "back\\slash", "bad\xFF", "star*"}) {
+    for (const char* lpszName :
+         {"b.txt", "a.TXT", "a", "\xC3\xBC.txt", "\xF0\x9F\x98\x80", ".hidden", ".dak-own",
+          ".DAK-own", "back\\slash", "bad\xFF", "star*"}) {
         host.WriteFile(std::string("d/") + lpszName, Content(3));
     }
     // Longer than the field: 100 characters are that in bytes, not in what the host counts.

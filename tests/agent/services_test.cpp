@@ -236,6 +236,26 @@ TEST_F(Services, ProgramsInheritNothing) {
         << strOutput;
 }
 
+// What stays on the disk, a storage and the way to it, keeps a root with a new folder of its name
+// from being moved up.
+TEST_F(Services, AFormatTakesProgramsAway) {
+    Script("root/way/deep/old", "exit 5");
+    host.onOptions = [this](agent::CDeviceOptions& options) {
+        options.bAllowFormat = true;
+        options.system = system;
+        options.storages.push_back({"Deep", (host.Root() / "way/deep").string()});
+    };
+    host.Restart();
+    EXPECT_EQ(Start(u"\\way\\deep\\old"), Answer({1, 5}));
+    EXPECT_EQ(host.Plain(24, Text(u"\\")), 1);
+    EXPECT_EQ(host.Plain(10, Text(u"\\way")), 1);
+    EXPECT_EQ(Start(u"\\way\\deep\\old"), Answer({0, 0}));
+    EXPECT_EQ(Start(u"\\Deep\\old"), Answer({1, 5}));
+    Script("root/.dak-format/.dak-1/fresh", "pwd > out; exit 6");
+    EXPECT_EQ(Start(u"\\fresh"), Answer({1, 6}));
+    EXPECT_TRUE(host.ReadFile(".dak-format/.dak-1/out")) << "the root that the host sees";
+}
+
 TEST_F(Services, ALongProgramHoldsUpNothing) {
     MakeGate();
     Script("root/long", "read x < gate; echo \"$1\" >> out; exit 3");

@@ -288,10 +288,16 @@ TEST(Format, IsTakenUpBehindAKilledAgent) {
     host.NewAgent();
     EXPECT_TRUE(host.Work());
     EXPECT_EQ(host.TreeOf("card"), Names{"b"});
-    host.Lay("card/.dak-formatted/3/c/d");
+    host.Lay("card/.dak-formatted/.dak-3/c/d");
     host.NewAgent();
     EXPECT_TRUE(host.Work());
     EXPECT_EQ(host.TreeOf("card"), (Names{"b", "c", "c/d"}));
+
+    // What no agent has made is no format that was begun.
+    host.Lay("card/.dak-format/1/x");
+    host.NewAgent();
+    EXPECT_TRUE(host.Work());
+    EXPECT_EQ(host.Pull(u"Card", {u""}).size(), 2u);
 }
 
 // Deeper than descriptors are spent on.
