@@ -142,7 +142,7 @@ JOBOUTCOME CPull::RunGroup(COPYSESSION& session, const PULLGROUP& group) {
     }
     session.jobs.push_back(std::move(pJob));
     const CArrivals arrivals(m_strDest, group.names);
-    const JOBOUTCOME outcome = RunCopyJob(
+    JOBOUTCOME outcome = RunCopyJob(
         session.dak, *session.jobs.back(), [&](const COPYSTATUS& status) { ShowStatus(status); },
         [&] {
             m_display.Clear();

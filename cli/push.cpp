@@ -84,7 +84,7 @@ JOBOUTCOME CPush::RunGroup(COPYSESSION& session, const PUSHGROUP& group) {
         m_indexOf.emplace(group.entries[i].strEntry, i);
     }
     session.jobs.push_back(std::move(pJob));
-    const JOBOUTCOME outcome = RunCopyJob(
+    JOBOUTCOME outcome = RunCopyJob(
         session.dak, *session.jobs.back(),
         [&](const COPYSTATUS& status) { ShowStatus(group, status); },
         [&] {

@@ -85,7 +85,7 @@ MEANING CReading::ReadBytes(CDeviceFile& file, std::uint64_t qwSize) {
                         Count(qwSize, "byte") +
                         ", for it was changed meanwhile: repeat the command"};
         }
-        if (const MEANING meaning = Put(bytes); meaning.nExit != EXIT_DONE) {
+        if (MEANING meaning = Put(bytes); meaning.nExit != EXIT_DONE) {
             return meaning;
         }
         m_qwGiven += bytes.size();

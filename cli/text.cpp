@@ -229,7 +229,7 @@ std::string HexDump(std::string_view strBytes) {
     constexpr std::size_t nInLine = 16;
     std::string strText;
     for (std::size_t nLine = 0; nLine < strBytes.size(); nLine += nInLine) {
-        std::array<char, 16> szCell{};
+        std::array<char, 24> szCell{};
         std::snprintf(szCell.data(), szCell.size(), "%08zx ", nLine);
         strText += szCell.data();
         std::string strCharacters;

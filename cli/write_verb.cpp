@@ -33,7 +33,7 @@ class CWriting {
     MEANING SendInput();
     MEANING Place();
     MEANING Explained(Action action, DWORD dwResult);
-    void Remove(MEANING& meaning);
+    bool Remove(); // takes the part away
 
     CONTEXT& m_context;
     std::string m_strPath;
@@ -109,21 +109,15 @@ MEANING CWriting::Place() {
         return Explained(Action::Write, dwResult);
     }
     MEANING meaning{EXIT_DONE, "ok", "wrote " + Count(m_qwTaken, "byte") + " to " + m_strPath};
-    if (m_bReplaces) {
-        Remove(meaning);
+    if (m_bReplaces && !Remove()) {
+        meaning.strSentence += "; a second copy may still be there as " + m_strPart + ": delete it";
     }
-    m_strPart.clear();
     return meaning;
 }
 
-// Takes the part away, and says so when it could not be had.
-void CWriting::Remove(MEANING& meaning) {
+bool CWriting::Remove() {
     const CPatience patience(m_context);
-    if (!m_strPart.empty() &&
-        m_dak.DAKDeleteFile(Utf8ToWide(m_strPart)->c_str()) != DAKERROR_NONE) {
-        meaning.strSentence +=
-            ". What had come of it may still be there as " + m_strPart + ": delete it";
-    }
+    return m_dak.DAKDeleteFile(Utf8ToWide(m_strPart)->c_str()) == DAKERROR_NONE;
 }
 
 MEANING CWriting::WriteAll() {
@@ -146,13 +140,12 @@ MEANING CWriting::WriteAll() {
 void CWriting::Run() {
     const console::CInterrupts interrupts;
     MEANING meaning = WriteAll();
-    if (meaning.nExit != EXIT_DONE) {
-        if (!m_strPart.empty()) {
-            meaning.strSentence += ". The device had taken " + Count(m_qwTaken, "byte") +
-                                   "; nothing of it is kept" +
-                                   (m_bReplaces ? ", and the old file is as it was" : "");
-        }
-        Remove(meaning);
+    if (meaning.nExit != EXIT_DONE && !m_strPart.empty()) {
+        meaning.strSentence += ". The device had taken " + Count(m_qwTaken, "byte") + "; ";
+        meaning.strSentence +=
+            Remove() ? "nothing of it is kept"
+                     : "what had come may still be there as " + m_strPart + ": delete it";
+        meaning.strSentence += m_bReplaces ? ". The old file is as it was" : "";
     }
     Finish(m_context, "write", meaning, {{"path", m_strPath}, {"bytes_taken", m_qwTaken}});
 }

@@ -98,6 +98,104 @@ TEST(Command, NamesWhatACopyCannotCarryAndCopiesTheRest) {
     EXPECT_TRUE(ReadTree(world.Path("host/back/to/photos")) == photos);
 }
 
+TEST(Command, ListsAndDescribesWhatIsThere) {
+    CWorld world;
+    world.Write("device/Docs", {{"b.txt", "bb"}, {"a\x1b[2Jb", "a"}, {"trip/c", "c"}});
+    fs::create_directory(world.Path("device/empty"));
+    world.StartAgent();
+    EXPECT_EQ(world.Run({"ls", "/Docs"})->Output(), "a?[2Jb\nb.txt\ntrip/\n");
+    EXPECT_EQ(world.Run({"ls"})->Output(), "Docs/\nempty/\n");
+    const std::string strLong = world.Run({"ls", "-l", "/Docs/?.txt"})->Output();
+    EXPECT_TRUE(strLong.starts_with("---a  2  20") && strLong.ends_with("  b.txt\n")) << strLong;
+
+    // A listing that says nothing is told apart.
+    EXPECT_EQ(RunJson(world, {"ls", "/empty"}, 0)["entries"], json::array());
+    EXPECT_EQ(RunJson(world, {"ls", "/none"}, 5)["result"], "failed");
+    EXPECT_EQ(RunJson(world, {"ls", "/none/*"}, 5)["result"], "failed");
+    EXPECT_EQ(RunJson(world, {"ls", "/Docs/*.jpg"}, 1)["result"], "nothing");
+
+    json entry = RunJson(world, {"ls", "/Docs/b*"}, 0)["entries"][0];
+    const json stat = RunJson(world, {"stat", "Docs/b.txt/"}, 0);
+    EXPECT_EQ(stat["path"], "\\Docs\\b.txt");
+    EXPECT_EQ(stat["size"], 2);
+    EXPECT_EQ(stat["type"], "TXT file");
+    for (const auto& [strKey, value] : entry.items()) {
+        EXPECT_EQ(stat[strKey], value) << strKey;
+    }
+    EXPECT_EQ(RunJson(world, {"stat", "/Docs"}, 0)["folder"], true);
+    EXPECT_EQ(RunJson(world, {"stat", "/none"}, 5)["path"], "\\none");
+}
+
+TEST(Command, CarriesBytesAsTheyAre) {
+    CWorld world;
+    world.StartAgent();
+    const std::string strBig = Content(4'200'000, 1); // more than one operation takes
+    const std::string strSome = Content(200'000, 2);  // more than a pipe takes
+    world.Write("host", {{"big", strBig}, {"some", strSome}, {"none", ""}});
+    world.Write("device", {{"old", "old"}, {"Docs/f", "f"}});
+    EXPECT_EQ(world
+                  .StartShell("dak write /big < big && dak write /old < some && "
+                              "dak write /empty < none && dak cat /big > back && "
+                              "dak cat /empty > none && dak cat --json /Docs/f > object")
+                  ->End(),
+              0);
+    EXPECT_TRUE(ReadTree(world.Path("device")) ==
+                (TREE{{"big", strBig}, {"old", strSome}, {"empty", ""}, {"Docs/f", "f"}}));
+    EXPECT_TRUE(ReadBytes(world.Path("host/back")) == strBig);
+    EXPECT_EQ(ReadBytes(world.Path("host/none")), "");
+    EXPECT_EQ(json::parse(ReadBytes(world.Path("host/object")))["base64"], "Zg==");
+
+    const struct {
+        const char* lpszScript;
+        int nExit;
+    } cases[] = {
+        {"dak cat /old | head -c 9 >/dev/null; exit ${PIPESTATUS[0]}", 141},
+        {"dak cat /old > /dev/full", 8},
+        {"dak cat /Docs", 5},
+        {"dak cat /none", 5},
+        {"dak write /Docs < big", 5},
+        {"dak write /none/f < big", 5},
+        {"dak write /Docs/ < big", 2},
+        {"dak write /Docs/f < .", 8},
+    };
+    for (const auto& [lpszScript, nExit] : cases) {
+        const std::unique_ptr<CProgram> pShell = world.StartShell(lpszScript);
+        EXPECT_EQ(pShell->End(), nExit) << lpszScript << "\n" << pShell->Errors();
+    }
+    EXPECT_TRUE(world.Agent().IsRunning()) << world.Agent().Errors();
+    EXPECT_EQ(ReadTree(world.Path("device/Docs")), (TREE{{"f", "f"}}));
+}
+
+TEST(Command, AWriteThatIsCutShortLeavesTheOldFile) {
+    CWorld world;
+    world.StartAgent();
+    world.Write("host", {{"big", Content(5'000'000, 1)}});
+    world.Write("device", {{"f", "old"}});
+    const std::unique_ptr<CProgram> pWrite = world.StartShell(
+        "mkfifo pipe; (cat big; sleep 90) > pipe & exec " DAK_PROGRAM " write --json /f < pipe");
+    ASSERT_TRUE(Eventually([&] { return ReadTree(world.Path("device")).size() == 2; }));
+    Pause(200);
+    pWrite->Signal(SIGINT);
+    EXPECT_EQ(JsonOf(*pWrite, "write", 130)["result"], "cancelled");
+    EXPECT_EQ(ReadTree(world.Path("device")), (TREE{{"f", "old"}}));
+}
+
+TEST(Command, MovesAndCopiesOnTheDevice) {
+    CWorld world;
+    world.StartAgent();
+    world.Write("device", {{"a", "a"}, {"b", "b"}, {"Docs/c", "c"}});
+    EXPECT_EQ(RunJson(world, {"mv", "/a", "/Docs/"}, 0)["destination"], "\\Docs\\a");
+    EXPECT_EQ(world.Exit({"mv", "/b", "/Docs/c"}), 5); // is in use
+    EXPECT_EQ(world.Exit({"cp", "--no-clobber", "/b", "/Docs/c"}), 5);
+    EXPECT_EQ(world.Exit({"cp", "/Docs", "/Old"}), 0);
+    EXPECT_EQ(world.Exit({"cp", "/b", "/Docs/c"}), 0);
+    EXPECT_EQ(world.Exit({"cp", "/b", "/Docs"}), 5); // would replace all that is in it
+    EXPECT_EQ(world.Exit({"cp", "/none", "/new"}), 5);
+    EXPECT_TRUE(
+        ReadTree(world.Path("device")) ==
+        (TREE{{"b", "b"}, {"Docs/a", "a"}, {"Docs/c", "b"}, {"Old/a", "a"}, {"Old/c", "c"}}));
+}
+
 TEST(Command, TellsAndEmptiesStorages) {
     CWorld world;
     world.Write("card", {{"trip/photo", "p"}});
