@@ -112,8 +112,9 @@ class CFolderScan {
 
     virtual ENext Next(std::string& strName) = 0;
 
-    // Whether names that differ in letters alone are one. Asked ahead of the first Next.
-    virtual bool FoldsCase() = 0;
+    // Whether names that differ in letters alone are one, told by one of the names. Nothing when
+    // that name cannot tell.
+    virtual std::optional<bool> FoldsCase(const std::string& strName) = 0;
 };
 
 // How a file is opened by handle.

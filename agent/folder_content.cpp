@@ -110,6 +110,7 @@ class CFolderContent final : public CExchange {
 
     void Begin();
     void Gather();
+    bool Matches(const std::string& strName);
     void TakeName(const std::string& strName);
     void Finish(EState eState, const char* lpszWhat);
     void Give(COutbox& outbox);
@@ -120,6 +121,7 @@ class CFolderContent final : public CExchange {
     EState m_eState = EState::GATHERING;
     CDevicePath m_folder;
     std::unique_ptr<CFolderScan> m_pScan;
+    std::string m_strPattern; // until it is known whether letters count
     std::optional<CWildcard> m_wildcard;
     CNameQueue m_names;
     bool m_bTooMany = false;
@@ -147,7 +149,8 @@ void CFolderContent::Begin() {
     }
     m_pScan = m_device.Folder().Scan(m_folder);
     if (m_pScan && bPattern) {
-        m_wildcard.emplace(path->Leaf(), m_pScan->FoldsCase());
+        m_strPattern = path->Leaf();
+        m_wildcard.emplace(m_strPattern, false);
     }
 }
 
@@ -163,7 +166,7 @@ void CFolderContent::Gather() {
     for (std::size_t i = 0; i < s_nSlice; ++i) {
         switch (m_pScan->Next(strName)) {
         case CFolderScan::ENext::NAME:
-            if (!m_wildcard || m_wildcard->Matches(strName)) {
+            if (Matches(strName)) {
                 TakeName(strName);
             }
             break;
@@ -178,6 +181,17 @@ void CFolderContent::Gather() {
             return;
         }
     }
+}
+
+// The first name with letters tells whether they count. To a name without any that is all the same.
+bool CFolderContent::Matches(const std::string& strName) {
+    if (!m_strPattern.empty()) {
+        if (const std::optional<bool> bFolds = m_pScan->FoldsCase(strName)) {
+            m_wildcard.emplace(m_strPattern, *bFolds);
+            m_strPattern.clear();
+        }
+    }
+    return !m_wildcard || m_wildcard->Matches(strName);
 }
 
 void CFolderContent::TakeName(const std::string& strName) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <utility>
@@ -67,6 +68,9 @@ class CPosixSourceFile final : public CSourceFile {
 // Opening for reading without waiting for the other end of a pipe or becoming a terminal's owner.
 constexpr int s_nReadFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 
+// For all that is removed in the background.
+constexpr std::chrono::milliseconds s_workSlice{5};
+
 class CPosixFolder final : public CDeviceFolder {
   public:
     CPosixFolder(CFd fdRoot, std::function<void(const std::string&)> lpLog)
@@ -114,6 +118,7 @@ class CPosixFolder final : public CDeviceFolder {
     };
 
     bool IsFixed(const CDevicePath& path) const;
+    bool IsServed(const struct stat& folder) const;
     CTrash& TrashFor(const CDevicePath& path);
     CPlace PlaceOf(const CDevicePath& path);
     static std::optional<CEntryInfo> InfoOf(const CFd& fd);
@@ -139,6 +144,14 @@ bool CPosixFolder::IsFixed(const CDevicePath& path) const {
            (path.Parent().IsRoot() &&
             std::any_of(m_storages.begin(), m_storages.end(),
                         [&](const CStorage& s) { return s.strName == path.Leaf(); }));
+}
+
+// The same whatever its path is: a storage's folder may lie below the root.
+bool CPosixFolder::IsServed(const struct stat& folder) const {
+    const std::vector<int> served = m_formats.Folders();
+    return std::any_of(served.begin(), served.end(), [&folder](int fdServed) {
+        return IdentityOf(fdServed) == FolderIdentity(folder.st_dev, folder.st_ino);
+    });
 }
 
 CFd CPosixFolder::Open(const CDevicePath& path, int nFlags) const {
@@ -403,7 +416,10 @@ EResult CPosixFolder::Remove(const CDevicePath& path) {
         ::fstatat(fdParent.Get(), strLeaf.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         return EResult::REFUSED;
     }
-    if (S_ISREG(status.st_mode) && IsReadOnly(status)) {
+    const bool bAllowed = S_ISREG(status.st_mode)   ? !IsReadOnly(status)
+                          : S_ISDIR(status.st_mode) ? !IsServed(status)
+                                                    : S_ISLNK(status.st_mode);
+    if (!bAllowed) {
         return EResult::REFUSED;
     }
     if (::unlinkat(fdParent.Get(), strLeaf.c_str(), S_ISDIR(status.st_mode) ? AT_REMOVEDIR : 0) !=
@@ -424,11 +440,14 @@ void CPosixFolder::RemoveLeftovers() {
             const std::optional<CDevicePath> folder =
                 strWide ? CDevicePath::Parse(*strWide) : std::optional<CDevicePath>();
             const CFd fd = folder ? Open(*folder, O_PATH | O_DIRECTORY) : CFd();
+            errno = ENOENT;
             const bool bRemoved = fd && (::unlinkat(fd.Get(), strPart.c_str(), 0) == 0 ||
                                          TrashFor(*folder).TakeIn(fd.Get(), strPart));
+            const bool bGone = bRemoved || errno == ENOENT;
             if (bRemoved && m_lpLog) {
                 m_lpLog("removed a part file that a killed agent left in \\" + strFolder);
             }
+            return bGone;
         });
     m_trash.Adopt();
     for (const CStorage& storage : m_storages) {
@@ -453,10 +472,16 @@ bool CPosixFolder::HasWork(bool bIdle) const {
 }
 
 void CPosixFolder::Work(bool bIdle) {
+    const auto tEnd = std::chrono::steady_clock::now() + s_workSlice;
+    const auto work = [tEnd](CTrash& trash) {
+        while (!trash.Empty() && std::chrono::steady_clock::now() < tEnd) {
+            trash.Step();
+        }
+    };
     m_formats.Work(bIdle);
-    m_trash.Step();
+    work(m_trash);
     for (const CStorage& storage : m_storages) {
-        storage.pTrash->Step();
+        work(*storage.pTrash);
     }
 }
 

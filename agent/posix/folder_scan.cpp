@@ -36,7 +36,7 @@ class CPosixScan final : public CFolderScan {
                                                                         : ENext::SKIPPED;
     }
 
-    bool FoldsCase() override;
+    std::optional<bool> FoldsCase(const std::string& strName) override;
 
   private:
     // A file or a folder, or a link to one that may be followed.
@@ -60,29 +60,22 @@ class CPosixScan final : public CFolderScan {
     CDirectory m_directory;
 };
 
-// There is no question for it that every file system answers, so an entry is looked up with the
+// There is no question for it that every file system answers, so the entry is looked up with the
 // letters of its name turned over.
-bool CPosixScan::FoldsCase() {
-    bool bFolds = false;
-    while (const dirent* pEntry = m_directory.Next()) {
-        std::string strTurned = pEntry->d_name;
-        for (char& chNext : strTurned) {
-            const bool bLetter =
-                (chNext >= 'a' && chNext <= 'z') || (chNext >= 'A' && chNext <= 'Z');
-            chNext = bLetter ? static_cast<char>(chNext ^ 0x20) : chNext;
-        }
-        struct stat own {};
-        struct stat turned {};
-        if (strTurned != pEntry->d_name &&
-            ::fstatat(m_directory.Fd(), pEntry->d_name, &own, AT_SYMLINK_NOFOLLOW) == 0) {
-            bFolds =
-                ::fstatat(m_directory.Fd(), strTurned.c_str(), &turned, AT_SYMLINK_NOFOLLOW) == 0 &&
-                own.st_dev == turned.st_dev && own.st_ino == turned.st_ino;
-            break;
-        }
+std::optional<bool> CPosixScan::FoldsCase(const std::string& strName) {
+    std::string strTurned = strName;
+    for (char& chNext : strTurned) {
+        const bool bLetter = (chNext >= 'a' && chNext <= 'z') || (chNext >= 'A' && chNext <= 'Z');
+        chNext = bLetter ? static_cast<char>(chNext ^ 0x20) : chNext;
     }
-    m_directory.Rewind();
-    return bFolds;
+    struct stat own {};
+    struct stat turned {};
+    if (strTurned == strName ||
+        ::fstatat(m_directory.Fd(), strName.c_str(), &own, AT_SYMLINK_NOFOLLOW) != 0) {
+        return std::nullopt;
+    }
+    return ::fstatat(m_directory.Fd(), strTurned.c_str(), &turned, AT_SYMLINK_NOFOLLOW) == 0 &&
+           own.st_dev == turned.st_dev && own.st_ino == turned.st_ino;
 }
 
 } // namespace

@@ -17,12 +17,15 @@ namespace agent {
 
 namespace {
 
+// Bytes of a file that are given back in a few milliseconds.
+constexpr off_t s_llRemovedAtOnce = off_t{16} << 20;
+
 bool SameEntry(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
 // Whether fdFolder is the folder or lies in it. By identity: a path through a link, or in other
-// letters, can hide it.
+// letters, can hide it. Also true when that cannot be told.
 bool LiesIn(int fdFolder, const struct stat& folder) {
     struct stat at {};
     CFd fdAt(::openat(fdFolder, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -32,18 +35,19 @@ bool LiesIn(int fdFolder, const struct stat& folder) {
         }
         CFd fdParent(::openat(fdAt.Get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
         struct stat parent {};
-        if (!fdParent || ::fstat(fdParent.Get(), &parent) != 0 || SameEntry(at, parent)) {
-            break;
+        if (fdParent && ::fstat(fdParent.Get(), &parent) == 0 && SameEntry(at, parent)) {
+            return false; // the root of the system
         }
         fdAt = std::move(fdParent);
     }
-    return false;
+    return true;
 }
 
 // Whether taking the folder away would take the root or a storage along.
-bool HoldsServed(const CFolderParts& parts, const struct stat& folder) {
-    return std::any_of(parts.served.begin(), parts.served.end(),
-                       [&](int fdServed) { return LiesIn(fdServed, folder); });
+bool HoldsServed(const CFolderParts& parts, const struct stat& entry) {
+    return S_ISDIR(entry.st_mode) &&
+           std::any_of(parts.served.begin(), parts.served.end(),
+                       [&](int fdServed) { return LiesIn(fdServed, entry); });
 }
 
 bool LookUp(const CPlace& place, struct stat& status) {
@@ -86,17 +90,18 @@ bool TakeAway(const CPlace& place, const std::string& strName, const struct stat
 class CCopyWork final : public CFolderWork {
   public:
     CCopyWork(CFd fdSource, const struct stat& source, CPlace target, bool bFailIfExists,
-              bool bKeepCreation, const CFolderParts& parts)
+              bool bMove, const CFolderParts& parts)
         : m_source(source), m_target(std::move(target)), m_bFailIfExists(bFailIfExists),
           m_parts(parts), m_fdSource(::fcntl(fdSource.Get(), F_DUPFD_CLOEXEC, 0)),
           m_copy(std::move(fdSource), source, m_target.fdFolder.Get(), parts.journal.PartName(),
-                 bKeepCreation, parts.quota) {}
+                 bMove, parts.quota) {}
 
     // Nothing is left of a copy that is not done, and the target is as it was.
     ~CCopyWork() override {
-        if (m_bBegun) {
-            RemovePart();
+        if (m_bBegun && RemovePart()) {
             m_parts.journal.Clear();
+        } else if (m_bBegun) {
+            m_parts.journal.Abandon();
         }
     }
 
@@ -120,7 +125,7 @@ class CCopyWork final : public CFolderWork {
   private:
     EResult Judge();
     EResult Commit();
-    void RemovePart();
+    bool RemovePart() const;
 
     const struct stat m_source;
     const CPlace m_target;
@@ -165,6 +170,11 @@ EResult CCopyWork::Commit() {
     if (!LookUp(m_target, old)) {
         return RenameToFree(fd, strPart, m_target) ? EResult::SUCCESS : ResultOf(errno);
     }
+    if (S_ISREG(old.st_mode)) {
+        // As with a file that the host brings: what the owner allows with the file, he allows with
+        // its next content. A system that keeps no permissions has none to hand on.
+        static_cast<void>(::fchmodat(fd, strPart.c_str(), old.st_mode & 0777, AT_SYMLINK_NOFOLLOW));
+    }
     // Of folders the two change places, and what is then the part is the old one.
     if (::renameat2(fd, strPart.c_str(), fd, m_target.strName.c_str(),
                     m_copy.IsFolder() ? RENAME_EXCHANGE : 0) != 0) {
@@ -176,13 +186,18 @@ EResult CCopyWork::Commit() {
     return EResult::SUCCESS;
 }
 
-void CCopyWork::RemovePart() {
+// A large file goes by way of the trash: a handshake may be waiting. False when the part is still
+// there.
+bool CCopyWork::RemovePart() const {
     struct stat part {};
+    const int fd = m_target.fdFolder.Get();
     const std::string& strPart = m_parts.journal.PartName();
-    if (::fstatat(m_target.fdFolder.Get(), strPart.c_str(), &part, AT_SYMLINK_NOFOLLOW) == 0) {
-        // What cannot be taken away stays hidden; there is nobody to tell.
-        static_cast<void>(TakeAway(m_target, strPart, part, m_parts.quota));
+    if (::fstatat(fd, strPart.c_str(), &part, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT;
     }
+    const bool bLarge = S_ISREG(part.st_mode) && part.st_size > s_llRemovedAtOnce;
+    return (bLarge && m_target.lpTrash->TakeIn(fd, strPart)) ||
+           TakeAway(m_target, strPart, part, m_parts.quota);
 }
 
 class CMoveWork final : public CFolderWork {
@@ -195,6 +210,7 @@ class CMoveWork final : public CFolderWork {
 
   private:
     bool Judge(const struct stat& source) const;
+    bool MayBeTakenAway(const struct stat& source) const;
     EResult MoveLink() const;
     EResult RemoveSource() const;
 
@@ -203,6 +219,7 @@ class CMoveWork final : public CFolderWork {
     CPlace m_target;
     const CFolderParts m_parts;
     std::unique_ptr<CCopyWork> m_pCopy; // to another file system
+    struct stat m_copied {};            // the source when the copy began
 };
 
 std::optional<EResult> CMoveWork::Step() {
@@ -231,9 +248,10 @@ std::optional<EResult> CMoveWork::Step() {
     if (S_ISLNK(source.st_mode)) {
         return MoveLink();
     }
-    if (!m_fdSource || (S_ISDIR(source.st_mode) && HoldsServed(m_parts, source))) {
+    if (!MayBeTakenAway(source)) {
         return EResult::REFUSED;
     }
+    m_copied = source;
     m_pCopy = std::make_unique<CCopyWork>(std::move(m_fdSource), source, std::move(m_target), true,
                                           true, m_parts);
     return std::nullopt;
@@ -242,7 +260,17 @@ std::optional<EResult> CMoveWork::Step() {
 bool CMoveWork::Judge(const struct stat& source) const {
     struct stat folder {};
     return (S_ISREG(source.st_mode) || S_ISDIR(source.st_mode) || S_ISLNK(source.st_mode)) &&
-           ::fstat(m_target.fdFolder.Get(), &folder) == 0 && !IsReadOnly(folder);
+           !HoldsServed(m_parts, source) && ::fstat(m_target.fdFolder.Get(), &folder) == 0 &&
+           !IsReadOnly(folder);
+}
+
+// Whether what is open is the source, and no mount holds it.
+bool CMoveWork::MayBeTakenAway(const struct stat& source) const {
+    struct stat opened {};
+    struct stat folder {};
+    return m_fdSource && ::fstat(m_fdSource.Get(), &opened) == 0 && SameEntry(opened, source) &&
+           ::fstat(m_source.fdFolder.Get(), &folder) == 0 &&
+           !IsMountPoint(m_fdSource.Get(), S_ISDIR(source.st_mode) ? folder.st_dev : source.st_dev);
 }
 
 EResult CMoveWork::MoveLink() const {
@@ -259,11 +287,13 @@ EResult CMoveWork::MoveLink() const {
     return EResult::REFUSED;
 }
 
-// The copy is whole and in its place. A source that cannot be taken away takes the copy back with
-// it, so that a move that is refused has changed nothing.
+// The copy is whole and in its place. The source goes in one step; one that has been changed or
+// cannot go stays as it is, and the copy is taken back, so that a move that is refused has changed
+// nothing.
 EResult CMoveWork::RemoveSource() const {
     struct stat status {};
-    if (LookUp(m_source, status) && TakeAway(m_source, m_source.strName, status, m_parts.quota)) {
+    if (LookUp(m_source, status) && SameEntry(status, m_copied) && SameContent(status, m_copied) &&
+        TakeAway(m_source, m_source.strName, status, m_parts.quota)) {
         return EResult::SUCCESS;
     }
     const CPlace& target = m_pCopy->Target();

@@ -89,9 +89,10 @@ int Complain(const std::string& strWhy, int nExit) {
     return nExit;
 }
 
-// Open files of hosts must not take the descriptors that the agent itself works with.
+// Open files of hosts must not take the descriptors that the agent itself works with: most in a
+// copy of deep folders, two for each.
 bool HasDescriptorsFor(std::size_t nOpenFiles) {
-    constexpr rlim_t s_nOwn = 64;
+    constexpr rlim_t s_nOwn = 400;
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
         return false;

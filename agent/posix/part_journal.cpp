@@ -26,6 +26,10 @@ static bool LockWhole(int fd) {
 }
 
 CPartJournal::CPartJournal(int fdRoot) : m_fdRoot(fdRoot) {
+    DrawIdentity();
+}
+
+void CPartJournal::DrawIdentity() {
     std::array<std::uint8_t, 8> random{};
     if (::getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
         // Unique enough: the journal is made with O_EXCL.
@@ -94,6 +98,11 @@ void CPartJournal::Clear() {
     }
 }
 
+void CPartJournal::Abandon() {
+    m_fd.Close();
+    DrawIdentity();
+}
+
 bool CPartJournal::IsJournal(std::string_view strName) {
     return strName.starts_with(RESERVED_PREFIX) && strName.ends_with(s_strJournal);
 }
@@ -116,18 +125,18 @@ static std::vector<std::string> JournalsIn(int fdRoot) {
 }
 
 void CPartJournal::CleanUp(
-    int fdRoot, const std::function<void(const std::string&, const std::string&)>& remove) {
+    int fdRoot, const std::function<bool(const std::string&, const std::string&)>& remove) {
     for (const std::string& strName : JournalsIn(fdRoot)) {
         CFd fd(::openat(fdRoot, strName.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (!fd || !LockWhole(fd.Get())) {
             continue;
         }
         std::array<char, PATH_MAX> content{};
-        if (::pread(fd.Get(), content.data(), content.size() - 1, 0) >= 0) {
-            const std::string strIdentity = strName.substr(0, strName.size() - s_strJournal.size());
-            remove(content.data(), strIdentity + std::string(s_strPart));
+        const std::string strIdentity = strName.substr(0, strName.size() - s_strJournal.size());
+        if (::pread(fd.Get(), content.data(), content.size() - 1, 0) < 0 ||
+            remove(content.data(), strIdentity + std::string(s_strPart))) {
+            ::unlinkat(fdRoot, strName.c_str(), 0);
         }
-        ::unlinkat(fdRoot, strName.c_str(), 0);
     }
 }
 

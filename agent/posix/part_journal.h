@@ -32,15 +32,20 @@ class CPartJournal {
     // No part file is left.
     void Clear();
 
+    // The part file could not be removed: the journal is left to the next agent, and parts from
+    // now on have another name.
+    void Abandon();
+
     // Whether a name in the root is that of a journal, of whichever agent.
     static bool IsJournal(std::string_view strName);
 
     // Calls remove(folder, name of the part file) for each journal that nobody holds, and removes
-    // the journal.
+    // the journal when that says that the part file is gone.
     static void CleanUp(int fdRoot,
-                        const std::function<void(const std::string&, const std::string&)>& remove);
+                        const std::function<bool(const std::string&, const std::string&)>& remove);
 
   private:
+    void DrawIdentity();
     bool Make();
 
     int m_fdRoot;

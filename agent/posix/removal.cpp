@@ -107,14 +107,6 @@ bool CRemoval::Leave() {
     return true;
 }
 
-static bool IsMountPoint(int fd, dev_t deviceAbove) {
-    struct statx status {};
-    struct stat plain {};
-    return ::fstat(fd, &plain) != 0 || plain.st_dev != deviceAbove ||
-           (::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) == 0 &&
-            (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0);
-}
-
 void CRemoval::Enter(const char* lpszName) {
     const int fdParent = m_frames.back().pDirectory->Fd();
     constexpr int nFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;

@@ -106,6 +106,14 @@ bool WriteWhole(int fd, const void* lpBytes, std::size_t dwBytes) {
     return true;
 }
 
+bool IsMountPoint(int fd, dev_t deviceAbove) {
+    struct statx status {};
+    struct stat plain {};
+    return ::fstat(fd, &plain) != 0 || plain.st_dev != deviceAbove ||
+           (::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) == 0 &&
+            (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0);
+}
+
 EResult ResultOf(int nError) {
     return nError == ENOSPC || nError == EDQUOT || nError == EFBIG ? EResult::NO_SPACE
                                                                    : EResult::REFUSED;

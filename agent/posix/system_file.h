@@ -59,6 +59,10 @@ inline bool IsReadOnly(const struct stat& status) {
     return (status.st_mode & 0222) == 0;
 }
 
+// Whether another file system, or another part of one, begins at fd in a folder on deviceAbove.
+// Also true when that cannot be told.
+bool IsMountPoint(int fd, dev_t deviceAbove);
+
 // NO_SPACE for a disk or limit that is full, else REFUSED.
 EResult ResultOf(int nError);
 

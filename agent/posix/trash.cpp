@@ -11,29 +11,54 @@ namespace agent {
 
 static constexpr std::string_view s_strTrash = ".trash";
 
-// Entries in one step.
-static constexpr int s_nSlice = 256;
+// Each has a descriptor.
+static constexpr std::size_t s_nMostElsewhere = 16;
 
 std::string CTrash::Name(std::uint64_t qwItem) const {
     return m_strIdentity + "-" + std::to_string(qwItem) + std::string(s_strTrash);
 }
 
 bool CTrash::Move(int fdFolder, const std::string& strName) {
-    // To change its parent a folder must be writable, and its own permissions do not matter now.
     const auto rename = [&] {
         return ::renameat(fdFolder, strName.c_str(), m_fdTop.Get(), Name(m_qwEnd).c_str()) == 0;
     };
-    if (!rename() &&
-        (errno != EACCES || ::fchmodat(fdFolder, strName.c_str(), 0700, AT_SYMLINK_NOFOLLOW) != 0 ||
-         !rename())) {
-        return false;
+    const auto allow = [&](mode_t mode) {
+        return ::fchmodat(fdFolder, strName.c_str(), mode & 07777, AT_SYMLINK_NOFOLLOW) == 0;
+    };
+    if (!rename()) {
+        // To change its parent a folder must be writable, and its own permissions do not matter
+        // once it is here.
+        struct stat status {};
+        if (errno != EACCES ||
+            ::fstatat(fdFolder, strName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !S_ISDIR(status.st_mode) || !allow(0700)) {
+            return false;
+        }
+        if (!rename()) {
+            const int nError = errno;
+            static_cast<void>(allow(status.st_mode)); // the owner, who could change it before
+            errno = nError;
+            return false;
+        }
     }
     ++m_qwEnd;
     return true;
 }
 
 bool CTrash::TakeIn(int fdFolder, const std::string& strName) {
-    return Move(fdFolder, strName) || (errno == EXDEV && RemoveTree(fdFolder, strName));
+    if (Move(fdFolder, strName)) {
+        return true;
+    }
+    if (m_elsewhere.size() == s_nMostElsewhere) {
+        return false;
+    }
+    auto pTrash = std::make_unique<CTrash>(
+        fdFolder, m_strIdentity + "-" + std::to_string(m_nElsewhere++), m_quota);
+    if (!pTrash->Move(fdFolder, strName)) {
+        return false;
+    }
+    m_elsewhere.push_back(std::move(pTrash));
+    return true;
 }
 
 void CTrash::Adopt() {
@@ -94,43 +119,30 @@ bool CTrash::Open() {
 }
 
 void CTrash::Step() {
-    for (int i = 0; i < s_nSlice && !Empty(); ++i) {
-        if (!m_pOpen && !Open()) {
-            continue;
-        }
-        if (const dirent* pEntry = m_pOpen->Next()) {
-            m_bProgress = RemoveEntry(pEntry->d_name) || m_bProgress;
-            continue;
-        }
-        // A folder that changes while it is read may have more to show in another pass; the next
-        // opening tells. What is left when nothing could be removed stays for the next agent.
-        m_pOpen.reset();
-        if (!m_bProgress) {
-            ++m_qwNext;
+    if (m_qwNext != m_qwEnd) {
+        StepOwn();
+    } else if (!m_elsewhere.empty()) {
+        m_elsewhere.back()->Step();
+        if (m_elsewhere.back()->Empty()) {
+            m_elsewhere.pop_back();
         }
     }
 }
 
-bool CTrash::RemoveTree(int fdFolder, const std::string& strName) {
-    bool bFolder = false;
-    if (Unlink(fdFolder, strName.c_str(), bFolder)) {
-        return true;
+void CTrash::StepOwn() {
+    if (!m_pOpen && !Open()) {
+        return;
     }
-    if (!bFolder) {
-        return false;
+    if (const dirent* pEntry = m_pOpen->Next()) {
+        m_bProgress = RemoveEntry(pEntry->d_name) || m_bProgress;
+        return;
     }
-    static_cast<void>(::fchmodat(fdFolder, strName.c_str(), 0700, AT_SYMLINK_NOFOLLOW));
-    CDirectory directory(
-        CFd(::openat(fdFolder, strName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
-    if (!directory.Open()) {
-        return false;
+    // A folder that changes while it is read may have more to show in another pass; the next
+    // opening tells. What is left when nothing could be removed stays for the next agent.
+    m_pOpen.reset();
+    if (!m_bProgress) {
+        ++m_qwNext;
     }
-    while (const dirent* pEntry = directory.Next()) {
-        if (!RemoveTree(directory.Fd(), pEntry->d_name)) {
-            return false;
-        }
-    }
-    return ::unlinkat(fdFolder, strName.c_str(), AT_REMOVEDIR) == 0;
 }
 
 } // namespace agent

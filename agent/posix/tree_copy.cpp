@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <string_view>
 
@@ -11,15 +12,16 @@
 
 namespace agent {
 
-// A slice is a MiB of contents, or 256 entries.
+// A slice is a MiB of contents, or 256 entries, or less where the disk is slow.
 static constexpr std::size_t s_dwSlice = std::size_t{1} << 20;
 static constexpr std::size_t s_dwEntryCost = s_dwSlice / 256;
-static constexpr std::size_t s_dwBuffer = std::size_t{256} << 10;
+static constexpr std::size_t s_dwBuffer = std::size_t{64} << 10;
+static constexpr std::chrono::milliseconds s_sliceTime{20};
 
 // Folders in folders; two descriptors each.
 static constexpr std::size_t s_nMaxDepth = 128;
 
-static bool SameContent(const struct stat& a, const struct stat& b) {
+bool SameContent(const struct stat& a, const struct stat& b) {
     return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
            a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
@@ -31,6 +33,7 @@ std::optional<EResult> CTreeCopy::Step() {
                                     : BeginFile(std::move(m_fdSource), m_fdFolder, m_strName);
         return eResult == EResult::SUCCESS ? std::nullopt : std::optional(eResult);
     }
+    const auto tEnd = std::chrono::steady_clock::now() + s_sliceTime;
     for (std::size_t dwCost = 0; dwCost < s_dwSlice;) {
         if (!m_file && m_levels.empty()) {
             return EResult::SUCCESS;
@@ -39,6 +42,9 @@ std::optional<EResult> CTreeCopy::Step() {
         const EResult eResult = m_file ? CopyBytes() : CopyEntry();
         if (eResult != EResult::SUCCESS) {
             return eResult;
+        }
+        if (std::chrono::steady_clock::now() >= tEnd) {
+            break;
         }
     }
     return std::nullopt;
@@ -87,8 +93,7 @@ EResult CTreeCopy::CopyEntry() {
         if (errno != 0) {
             return EResult::REFUSED;
         }
-        FinishFolder();
-        return EResult::SUCCESS;
+        return FinishFolder();
     }
     const std::string strName = pEntry->d_name;
     if (IsReserved(strName)) {
@@ -102,8 +107,11 @@ EResult CTreeCopy::CopyEntry() {
         return CopyLink(strName.c_str());
     }
     const auto open = [&](int nFlags) {
-        return CFd(::openat(level.source.Fd(), strName.c_str(),
-                            O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | nFlags));
+        CFd fd(::openat(level.source.Fd(), strName.c_str(),
+                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | nFlags));
+        // Layered file systems may give files other devices than folders.
+        const dev_t device = S_ISDIR(status.st_mode) ? level.status.st_dev : status.st_dev;
+        return m_bMove && fd && IsMountPoint(fd.Get(), device) ? CFd() : std::move(fd);
     };
     if (S_ISDIR(status.st_mode)) {
         return BeginFolder(open(O_DIRECTORY), level.fdTarget.Get(), strName);
@@ -156,16 +164,21 @@ EResult CTreeCopy::FinishFile() {
     return EResult::SUCCESS;
 }
 
-void CTreeCopy::FinishFolder() {
+EResult CTreeCopy::FinishFolder() {
     const CLevel& level = *m_levels.back();
+    struct stat now {};
+    if (m_bMove && (::fstat(level.source.Fd(), &now) != 0 || !SameContent(now, level.status))) {
+        return EResult::REFUSED;
+    }
     Dress(level.fdTarget.Get(), level.source.Fd(), level.status);
     m_levels.pop_back();
+    return EResult::SUCCESS;
 }
 
 // Behind the last change of the contents, which would move the time. A file system that keeps no
 // permissions or times has none to hand on.
 void CTreeCopy::Dress(int fdTarget, int fdSource, const struct stat& source) const {
-    if (m_bKeepCreation) {
+    if (m_bMove) {
         KeepCreationTime(fdTarget, TimesOf(fdSource, source).ftCreation);
     }
     static_cast<void>(::fchmod(fdTarget, source.st_mode & 0777));

@@ -2,6 +2,8 @@
 //
 // Permissions and last-write times go along, links go as links, reserved names stay behind. What
 // is neither file, folder nor link, and a file that is written while it is copied, end the copy.
+// Where the source is to go behind the copy, creation times go along too, and folders whose entries
+// change meanwhile or on which something is mounted, which could not go, end the copy as well.
 #pragma once
 
 #include <cstdint>
@@ -15,14 +17,17 @@
 
 namespace agent {
 
+// Whether what is the same file or folder has not been written in between.
+bool SameContent(const struct stat& a, const struct stat& b);
+
 class CTreeCopy {
   public:
     // fdSource is open for reading. The copy becomes strName in fdFolder, which must be free.
-    // bKeepCreation: the creation times go along too. fdFolder and quota outlive the object.
+    // bMove: the source is to go. fdFolder and quota outlive the object.
     CTreeCopy(CFd fdSource, const struct stat& source, int fdFolder, std::string strName,
-              bool bKeepCreation, CQuota& quota)
+              bool bMove, CQuota& quota)
         : m_fdSource(std::move(fdSource)), m_bFolder(S_ISDIR(source.st_mode)), m_fdFolder(fdFolder),
-          m_strName(std::move(strName)), m_bKeepCreation(bKeepCreation), m_quota(quota) {}
+          m_strName(std::move(strName)), m_bMove(bMove), m_quota(quota) {}
 
     bool IsFolder() const { return m_bFolder; }
 
@@ -49,14 +54,14 @@ class CTreeCopy {
     EResult CopyLink(const char* lpszName);
     EResult CopyBytes();
     EResult FinishFile();
-    void FinishFolder();
+    EResult FinishFolder();
     void Dress(int fdTarget, int fdSource, const struct stat& source) const;
 
     CFd m_fdSource; // until the work begins
     const bool m_bFolder;
     const int m_fdFolder;
     const std::string m_strName;
-    const bool m_bKeepCreation;
+    const bool m_bMove;
     CQuota& m_quota;
     std::vector<std::unique_ptr<CLevel>> m_levels;
     std::optional<CFileInWork> m_file;

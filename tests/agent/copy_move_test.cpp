@@ -1,6 +1,8 @@
 // Copies and moves on the device, against real folders.
 #include "agent_host.h"
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 namespace {
@@ -142,6 +144,7 @@ TEST(CopyMove, WhatMayTakeWhosePlace) {
         EXPECT_EQ(Move(host, c.lpszSource, c.lpszTarget), 0);
         ASSERT_EQ(host.Tree(), before);
     }
+    EXPECT_EQ(host.Plain(2, Text(u"\\fifo")), 0);
     // A link that leads out cannot be opened, a copy of what it leads to would be the way out. A
     // storage can be copied, but not moved.
     EXPECT_EQ(Copy(host, u"\\out", u"\\new"), 0);
@@ -154,8 +157,10 @@ TEST(CopyMove, WhatMayTakeWhosePlace) {
     }
     EXPECT_EQ(Move(host, u"\\d\\f", u"\\d\\g"), 0);
     EXPECT_EQ(host.ReadFile("d/g"), Bytes{2});
+    fs::permissions(host.Root() / "d/g", fs::perms(0600));
     EXPECT_EQ(Copy(host, u"\\d\\f", u"\\d\\g"), 1);
     EXPECT_EQ(host.ReadFile("d/g"), Bytes{1});
+    EXPECT_EQ(fs::status(host.Root() / "d/g").permissions(), fs::perms(0600));
     EXPECT_EQ(Copy(host, u"\\link", u"\\d\\h", 1), 1);
     EXPECT_FALSE(fs::is_symlink(host.Root() / "d/h"));
     EXPECT_EQ(Move(host, u"/d/ro", u"\\Card\\ro"), 1); // what is in it stays as it is
@@ -188,12 +193,17 @@ TEST(CopyMove, AFolderArrivesWholeAndTakesThePlaceOfAnother) {
     host.WriteFile("old/mine", {1});
     EXPECT_EQ(Copy(host, u"\\t", u"\\old"), 0);
     EXPECT_EQ(host.ReadFile("old/mine"), Bytes{1});
-    // Nor does one take the place of a folder in which a storage happens to lie.
+    // Nor does one take the place of a folder in which a storage happens to lie, which stays
+    // where it is altogether.
     fs::create_directory(host.Root() / "old/card");
     fs::remove(host.Base() / "card");
     fs::create_directory_symlink(host.Root() / "old/card", host.Base() / "card");
     host.Restart();
     EXPECT_EQ(Copy(host, u"\\d", u"\\old"), 0);
+    EXPECT_EQ(Move(host, u"\\old", u"\\d\\old"), 0);
+    EXPECT_EQ(Move(host, u"\\old\\card", u"\\d\\card"), 0);
+    EXPECT_EQ(host.Plain(2, Text(u"\\old\\card")), 0);
+    EXPECT_TRUE(fs::exists(host.Root() / "old/card"));
     EXPECT_EQ(host.ReadFile("old/mine"), Bytes{1});
     EXPECT_FALSE(fs::exists(host.Root() / "other"));
     ExpectNothingOwn(host);
@@ -323,6 +333,73 @@ TEST(CopyMove, AcrossFileSystemsAMoveIsACopyThatIsWholeBeforeTheSourceGoes) {
     EXPECT_EQ(Below(szOther), (std::vector<std::string>{"f", "g"}));
     EXPECT_EQ(Copy(host, u"\\back", u"\\Card\\back"), 1); // the quota has not lost count
     fs::remove_all(szOther);
+}
+
+// A file system of its own, gone with the object.
+class CMount {
+  public:
+    explicit CMount(const fs::path& at)
+        : m_strAt(at.string()), m_bDone(::mount("none", at.c_str(), "tmpfs", 0, nullptr) == 0) {}
+    ~CMount() {
+        if (m_bDone) {
+            ::umount(m_strAt.c_str());
+        }
+    }
+    CMount(const CMount&) = delete;
+    CMount& operator=(const CMount&) = delete;
+    explicit operator bool() const { return m_bDone; }
+
+    // The rest of the system does not see what is mounted from now on.
+    static bool KeepToOneself() {
+        return ::unshare(CLONE_NEWNS) == 0 &&
+               ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    }
+
+  private:
+    const std::string m_strAt;
+    const bool m_bDone;
+};
+
+TEST(CopyMove, WhatIsMountedBelowTheRootGoesWholeOrNotAtAll) {
+    if (!CMount::KeepToOneself()) {
+        GTEST_SKIP() << "nothing can be mounted";
+    }
+    CAgentHost host;
+    fs::create_directory(host.Root() / "m");
+    const CMount mount(host.Root() / "m");
+    ASSERT_TRUE(mount);
+    const std::vector<std::string> names = MakeTree(host, "m/a");
+    EXPECT_EQ(Move(host, u"\\m\\a", u"\\b"), 1);
+    ExpectTree(host, "b", names);
+    EXPECT_EQ(Below(host.Root() / "m"), std::vector<std::string>{}); // the trash is there as well
+    EXPECT_EQ(Move(host, u"\\b", u"\\m\\a"), 1);
+    fs::create_directory(host.Root() / "m/a/sub/inner");
+    {
+        const CMount inner(host.Root() / "m/a/sub/inner");
+        ASSERT_TRUE(inner);
+        host.WriteFile("m/a/sub/inner/x", {1});
+        const std::vector<std::string> before = host.Tree();
+        EXPECT_EQ(Move(host, u"\\m\\a", u"\\b"), 0);
+        EXPECT_EQ(Move(host, u"\\m\\a\\sub\\inner", u"\\b"), 0);
+        EXPECT_EQ(Move(host, u"\\m", u"\\b"), 0);
+        EXPECT_EQ(host.Tree(), before);
+        EXPECT_EQ(host.ReadFile("m/a/sub/inner/x"), Bytes{1});
+    }
+    // Written to behind its own copy: it stays, with what has been written.
+    host.Put(Command(1, [] {
+        Bytes payload = Text(u"\\m\\a");
+        AppendText(payload, u"\\b");
+        return payload;
+    }()));
+    ASSERT_EQ(host.TakeWord(), DAK_SUCCESS);
+    host.Core().SetTime(*host.Core().NextDueMs());
+    host.WriteFile("m/a/late", {1});
+    Settle(host);
+    EXPECT_EQ(host.TakeResult(1), 0);
+    Settle(host);
+    EXPECT_EQ(host.ReadFile("m/a/late"), Bytes{1});
+    EXPECT_FALSE(fs::exists(host.Root() / "b"));
+    ExpectNothingOwn(host);
 }
 
 } // namespace
