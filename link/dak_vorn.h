@@ -133,7 +133,7 @@ class DAK_API CDAKVorn {
 
     // The worker of a job; lpParameter is a _tagCommitParam (transfer/copy_job.h). 0, or -1 when
     // the parameter or its owner is null.
-    static DWORD Commit_Thread(void* lpParameter);
+    static DWORD WINAPI Commit_Thread(void* lpParameter);
 
   private:
     friend class CExchange;
@@ -157,8 +157,8 @@ class DAK_API CDAKVorn {
     // A dwTimeout of 0 stands for dwSize + 500 ms.
     int ReadUSBData(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount, DWORD dwTimeout);
     int WriteUSBData(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount);
-    static DWORD ReadUSBThread(void* lpParam);
-    static DWORD WriteUSBThread(void* lpParam);
+    static DWORD WINAPI ReadUSBThread(void* lpParam);
+    static DWORD WINAPI WriteUSBThread(void* lpParam);
 
     // The operation frame: link/operation_frame.h.
     template <class TCommit>

@@ -75,7 +75,7 @@ int CDAKVorn::WriteUSBData(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount)
     return *lpdwCount > 0 ? 1 : 0;
 }
 
-DWORD CDAKVorn::ReadUSBThread(void* lpParam) {
+DWORD WINAPI CDAKVorn::ReadUSBThread(void* lpParam) {
     auto* usbApi = static_cast<CDAKVorn*>(lpParam);
     if (usbApi == nullptr) {
         return 0;
@@ -94,7 +94,7 @@ DWORD CDAKVorn::ReadUSBThread(void* lpParam) {
     return 0;
 }
 
-DWORD CDAKVorn::WriteUSBThread(void* lpParam) {
+DWORD WINAPI CDAKVorn::WriteUSBThread(void* lpParam) {
     auto* usbApi = static_cast<CDAKVorn*>(lpParam);
     if (usbApi == nullptr) {
         return 0;

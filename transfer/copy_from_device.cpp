@@ -16,8 +16,6 @@
 
 namespace {
 
-using platform::CFile;
-
 constexpr DWORD SETTLE_MS = 500;
 // Kept free on the host's disk beside the file itself.
 constexpr std::uint64_t SPARE_ROOM = 0x19000;
@@ -38,7 +36,7 @@ CString Joined(const CString& strFolder, const char* lpszName) {
 CString WithBackslashes(const char* lpszName) {
     std::string str(lpszName);
     std::replace(str.begin(), str.end(), '/', '\\');
-    return CString(str);
+    return CString(str.c_str());
 }
 
 bool IsDrivePath(const char* lpszName) {
@@ -355,8 +353,9 @@ void CCopyFromDevice::CheckRoom(const FileRecord& record) {
 
 // The file's bytes into the part file, straight out of the package.
 bool CCopyFromDevice::ReceiveContents(FileRecord& record) {
-    UINT nOpenFlags = CFile::modeCreate | CFile::modeWrite | CFile::typeBinary;
-    CFile part;
+    UINT nOpenFlags =
+        platform::CFile::modeCreate | platform::CFile::modeWrite | platform::CFile::typeBinary;
+    platform::CFile part;
     if (!part.Open(record.strPart, nOpenFlags)) {
         return GiveUpFile(record, HostFailure());
     }
@@ -382,7 +381,7 @@ bool CCopyFromDevice::ReceiveContents(FileRecord& record) {
             part.Close();
             return GiveUpFile(record, DAKERROR_PROTOCOL);
         }
-        nOpenFlags |= CFile::modeNoTruncate;
+        nOpenFlags |= platform::CFile::modeNoTruncate;
     }
     part.Close();
     return WriteRest(record, nOpenFlags, static_cast<DWORD>(qwLeft));
@@ -391,7 +390,7 @@ bool CCopyFromDevice::ReceiveContents(FileRecord& record) {
 // What is left of the file lies in the package in hand. The part file must then be whole: a
 // cancelling caller may have deleted it under us.
 bool CCopyFromDevice::WriteRest(FileRecord& record, UINT nOpenFlags, DWORD dwLeft) {
-    CFile part;
+    platform::CFile part;
     const bool bWritten = part.Open(record.strPart, nOpenFlags) && part.SeekToEnd() &&
                           part.Write(m_package.Get() + m_dwOffset, dwLeft);
     const DWORD dwHostFailure = HostFailure();

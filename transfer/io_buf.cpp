@@ -122,7 +122,7 @@ int CIoBuf::ReadFileData() {
     return 1;
 }
 
-DWORD CIoBuf::ReadDataToBufferThread(void* lpParameter) {
+DWORD WINAPI CIoBuf::ReadDataToBufferThread(void* lpParameter) {
     if (lpParameter != nullptr) {
         static_cast<CIoBuf*>(lpParameter)->FillBuffers();
     }

@@ -35,7 +35,7 @@ class DAK_API CIoBuf {
     int ReadFileData();
 
     // One fill pass of the CIoBuf at lpParameter. Always 1; a null parameter does nothing.
-    static DWORD ReadDataToBufferThread(void* lpParameter);
+    static DWORD WINAPI ReadDataToBufferThread(void* lpParameter);
 
     // The size taken at open.
     DWORD IoGetFileSize(DWORD* lpdwSizeHigh);

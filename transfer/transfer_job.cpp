@@ -151,7 +151,7 @@ DWORD CDAKVorn::StartJob(UINT nDirection, const WCHAR* lpSource, const WCHAR* lp
     return DAKERROR_FAIL;
 }
 
-DWORD CDAKVorn::Commit_Thread(void* lpParameter) {
+DWORD WINAPI CDAKVorn::Commit_Thread(void* lpParameter) {
     auto* lpParam = static_cast<_tagCommitParam*>(lpParameter);
     if (lpParam == nullptr || lpParam->pOwner == nullptr) {
         return static_cast<DWORD>(-1);

@@ -44,7 +44,14 @@ struct GUID {
     std::uint8_t Data4[8];
 };
 
-using LPTHREAD_START_ROUTINE = DWORD (*)(void* lpParameter);
+// The calling convention of the platform's own calls and of a thread's procedure: none of its own
+// here.
+#define WINAPI
+
+using LPTHREAD_START_ROUTINE = DWORD(WINAPI*)(void* lpParameter);
+
+// A literal of WCHAR.
+#define DAK_WIDE(literal) u##literal
 
 inline constexpr BOOL FALSE = 0;
 inline constexpr BOOL TRUE = 1;

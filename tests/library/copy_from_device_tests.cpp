@@ -57,7 +57,7 @@ TEST_F(CopyFromDevice, AWholeCopyInBytes) {
                            0,    0x2E, 0, 0x74, 0,  0x78, 0, 0x74, 0, 0, 0};
     ASSERT_EQ(request.size(), 43u);
     device.Expect(request).At(LINK_UP_MS).Reply(Ack());
-    GiveStream(Stream(Record(u"a.txt", {'h', 'e', 'l', 'l', 'o'})));
+    GiveStream(Stream(Record(DAK_WIDE("a.txt"), {'h', 'e', 'l', 'l', 'o'})));
     RunPull(DAKERROR_NONE, OPEN_MS + PACKAGE_MS + ACKNOWLEDGED_MS + DRAIN_MS);
     ExpectFile("C:/s/a.txt", {'h', 'e', 'l', 'l', 'o'});
     EXPECT_STREQ(Access::m_szSourcePath(*dak), "\\d\\a.txt");
@@ -67,19 +67,23 @@ TEST_F(CopyFromDevice, AWholeCopyInBytes) {
 }
 
 TEST_F(CopyFromDevice, FoldersAreMadeAndFilesReplaced) {
-    const Bytes exact = sim::Pattern(DAK_DATA_SIZE - 8 - Record(u"a\\b\\exact", {}).size());
+    const Bytes exact =
+        sim::Pattern(DAK_DATA_SIZE - 8 - Record(DAK_WIDE("a\\b\\exact"), {}).size());
     const Bytes large = sim::Pattern(30'000);
     world.MakeHostFolder("D:/x/a");
     world.WriteHostFile("D:/x/large", OLD);
     world.WriteHostFile("D:/x/locked", OLD);
     world.HostFile("D:/x/locked")->bReadOnly = true;
     device
-        .ExpectCommand(8, Bytes{0}, Text(u"\\d\\"), Text(u"D:\\x\\\\"), U32(0)) // as it was given
+        .ExpectCommand(8, Bytes{0}, Text(DAK_WIDE("\\d\\")), Text(DAK_WIDE("D:\\x\\\\")),
+                       U32(0)) // as it was given
         .Reply(Ack());
-    GiveStream(Stream(Record(u"a\\b\\exact", exact), Record(u"a\\c/empty", {}),
-                      Record(u"large", large), Record(u"..\u00FC..\\\u65E5", {1}),
-                      Record(u"locked", {2})));
-    EXPECT_EQ(dak->DAKTransmitFiles(DAK_FROM_DEVICE, u"\\d\\", u"D:\\x\\\\", &list, window), 0u);
+    GiveStream(Stream(Record(DAK_WIDE("a\\b\\exact"), exact), Record(DAK_WIDE("a\\c/empty"), {}),
+                      Record(DAK_WIDE("large"), large), Record(DAK_WIDE("..\u00FC..\\\u65E5"), {1}),
+                      Record(DAK_WIDE("locked"), {2})));
+    EXPECT_EQ(dak->DAKTransmitFiles(DAK_FROM_DEVICE, DAK_WIDE("\\d\\"), DAK_WIDE("D:\\x\\\\"),
+                                    &list, window),
+              0u);
     ExpectEnd(DAKERROR_NONE);
     ExpectFile("D:/x/a/b/exact", exact);
     ExpectFile("D:/x/a/c/empty", {});
@@ -97,10 +101,10 @@ TEST_F(CopyFromDevice, FoldersAreMadeAndFilesReplaced) {
 TEST_F(CopyFromDevice, ALongRequestIsCutAnywhere) {
     for (const std::size_t dwCut : {1u, 3u, 5u, 7u}) {
         SCOPED_TRACE(dwCut);
-        Bytes run = Join(Bytes{0}, Text(u"\\d"), Text(u"C:\\s"), U32(49));
+        Bytes run = Join(Bytes{0}, Text(DAK_WIDE("\\d")), Text(DAK_WIDE("C:\\s")), U32(49));
         const auto add = [&](std::size_t dwChars) {
             list.Add(std::string(dwChars, 'n').c_str());
-            run = Join(run, Text(std::u16string(dwChars, u'n')));
+            run = Join(run, Text(std::basic_string<WCHAR>(dwChars, DAK_WIDE('n'))));
         };
         list.RemoveAll();
         for (int i = 0; i < 23; ++i) {
@@ -189,7 +193,7 @@ TEST_F(CopyFromDevice, ARequestThatFailsEndsTheJob) {
 TEST_F(CopyFromDevice, AStreamThatBreaksLeavesTheOldFile) {
     constexpr std::uint64_t SILENCE = READS_AT_MOST * FAILED_HEAD_TRY_MS;
     constexpr std::uint64_t GONE = FAILED_HEAD_TRY_MS - 514 - 4 * 508; // all reads fail at once
-    const Bytes stream = Stream(Record(u"a.bin", sim::Pattern(30'000)));
+    const Bytes stream = Stream(Record(DAK_WIDE("a.bin"), sim::Pattern(30'000)));
     const auto packages = PullPackages(stream);
     const auto end = [&](const Bytes& data) {
         device.Reply(sim::DataPackage(DAK_LAST_REPLY, 8, data)).Expect(Ack());
@@ -254,7 +258,7 @@ TEST_F(CopyFromDevice, AHostThatFailsLeavesTheOldFile) {
         {"last write", WriteFile, 3, ERROR_DISK_FULL, false, DAKERROR_NO_SPACE},
         {"move", MoveFileExA, 1, 0, false, DAKERROR_FAIL},
     };
-    const Bytes stream = Stream(Record(u"a.bin", sim::Pattern(30'000)));
+    const Bytes stream = Stream(Record(DAK_WIDE("a.bin"), sim::Pattern(30'000)));
     world.WriteHostFile("C:/s/a.bin", OLD);
     for (const auto& one : cases) {
         SCOPED_TRACE(one.lpszWhat);
@@ -265,10 +269,11 @@ TEST_F(CopyFromDevice, AHostThatFailsLeavesTheOldFile) {
     // A destination that is not there, and one that the host's code page does not have, not even
     // where a folder has the name that comes out.
     world.MakeHostFolder("C:/\xEF\xBF\xBD");
-    for (const WCHAR* lpDest : {u"C:\\t", u"C:\\\xD800"}) {
-        device.ExpectCommand(8, Bytes{0}, Text(u"\\d"), Text(lpDest), U32(0)).Reply(Ack());
-        GiveStream(Stream(Record(u"a.bin", {1})));
-        EXPECT_EQ(dak->DAKTransmitFiles(DAK_FROM_DEVICE, u"\\d", lpDest, &list, window), 0u);
+    for (const WCHAR* lpDest : {DAK_WIDE("C:\\t"), DAK_WIDE("C:\\\xD800")}) {
+        device.ExpectCommand(8, Bytes{0}, Text(DAK_WIDE("\\d")), Text(lpDest), U32(0)).Reply(Ack());
+        GiveStream(Stream(Record(DAK_WIDE("a.bin"), {1})));
+        EXPECT_EQ(dak->DAKTransmitFiles(DAK_FROM_DEVICE, DAK_WIDE("\\d"), lpDest, &list, window),
+                  0u);
         ExpectEnd(DAKERROR_FAIL);
     }
     ExpectOldFile();
@@ -302,7 +307,7 @@ TEST_F(CopyFromDevice, RoomIsAskedForEachFile) {
         SCOPED_TRACE(std::to_string(one.qwSize) + " over " + std::to_string(one.qwOldSize) +
                      " with " + std::to_string(one.qwFree));
         const Bytes contents = sim::Pattern(std::min(one.qwSize, LARGE));
-        const Bytes stream = Stream(Record(u"a.bin", contents, one.qwSize));
+        const Bytes stream = Stream(Record(DAK_WIDE("a.bin"), contents, one.qwSize));
         const std::size_t dwDeleted = world.Trace({"file delete C:/s/a.bin"}).size();
         world.files.clear();
         if (one.qwOldSize != 0) {
@@ -326,17 +331,18 @@ TEST_F(CopyFromDevice, RoomIsAskedForEachFile) {
     // Where the room was short, no later failure says otherwise.
     world.qwFreeBytes = SMALL;
     world.FailCall(sim::ECall::MoveFileExA, 1);
-    RunStream(Stream(Record(u"a.bin", sim::Pattern(SMALL))), DAKERROR_NO_SPACE);
+    RunStream(Stream(Record(DAK_WIDE("a.bin"), sim::Pattern(SMALL))), DAKERROR_NO_SPACE);
 }
 
 TEST_F(CopyFromDevice, ANameStaysBelowTheFolder) {
     world.WriteHostFile("C:/s/a.bin", OLD);
-    const std::u16string strLong(255, u'x');
-    const std::u16string strLongest(259, u'x');
-    for (const std::u16string_view name :
-         {u"..", u"..\\x", u"../x", u"b\\..\\..\\x", u"b\\../x", u"b\\..", u"\\x", u"/x", u"C:\\x",
-          u"c:x", u"b\\\\x", u"b\\", u".\\x", u"", u"x\xD800y", strLong.c_str(),
-          strLongest.c_str()}) {
+    const std::basic_string<WCHAR> strLong(255, DAK_WIDE('x'));
+    const std::basic_string<WCHAR> strLongest(259, DAK_WIDE('x'));
+    for (const std::basic_string_view<WCHAR> name :
+         {DAK_WIDE(".."), DAK_WIDE("..\\x"), DAK_WIDE("../x"), DAK_WIDE("b\\..\\..\\x"),
+          DAK_WIDE("b\\../x"), DAK_WIDE("b\\.."), DAK_WIDE("\\x"), DAK_WIDE("/x"),
+          DAK_WIDE("C:\\x"), DAK_WIDE("c:x"), DAK_WIDE("b\\\\x"), DAK_WIDE("b\\"), DAK_WIDE(".\\x"),
+          DAK_WIDE(""), DAK_WIDE("x\xD800y"), strLong.c_str(), strLongest.c_str()}) {
         SCOPED_TRACE(::testing::PrintToString(name));
         const auto folders = world.folders;
         RunStoppedStream(Stream(Record(name, sim::Pattern(20'000))),
@@ -345,7 +351,8 @@ TEST_F(CopyFromDevice, ANameStaysBelowTheFolder) {
         EXPECT_EQ(world.files.size(), 1u);
     }
     // The longest there can be: 259 characters in all. What came ahead of a bad name stays.
-    RunStream(Stream(Record(strLong.substr(1), {1}), Record(u"..\\x", {2}), Record(u"c", {3})),
+    RunStream(Stream(Record(strLong.substr(1), {1}), Record(DAK_WIDE("..\\x"), {2}),
+                     Record(DAK_WIDE("c"), {3})),
               DAKERROR_PROTOCOL);
     ExpectFile("C:/s/" + std::string(254, 'x'), {1});
     EXPECT_EQ(world.files.size(), 2u);
@@ -353,7 +360,7 @@ TEST_F(CopyFromDevice, ANameStaysBelowTheFolder) {
 
 // A cancel is seen where the worker looks, and nowhere else.
 TEST_F(CopyFromDevice, ACancelAtEachOfItsPlaces) {
-    const auto packages = PullPackages(Stream(Record(u"a.bin", sim::Pattern(30'000))));
+    const auto packages = PullPackages(Stream(Record(DAK_WIDE("a.bin"), sim::Pattern(30'000))));
     const Bytes abort = sim::Control(DAK_ABORT);
     Bytes bad = packages[1];
     ++bad.back();

@@ -55,8 +55,8 @@ TEST_F(CopyToDevice, FilesFollowOneAnother) {
     list.Add(("C:\\s\\" + std::string(255, 'x')).c_str()); // 260 characters
     AddFile("C:\\s\\b\\\xC3\xBC\xE6\x97\xA5", {});
     AddFile("C:\\s\\z", {7});
-    ExpectWholePush(Join(U32(5), Record(u"a.bin", contents), Record(u"b\\\u00FC\u65E5", {}),
-                         Record(u"z", {7})));
+    ExpectWholePush(Join(U32(5), Record(DAK_WIDE("a.bin"), contents),
+                         Record(DAK_WIDE("b\\\u00FC\u65E5"), {}), Record(DAK_WIDE("z"), {7})));
     RunPush(DAKERROR_NONE);
 
     // A list of which nothing can be opened, and the entry that is the source folder itself.
@@ -67,19 +67,22 @@ TEST_F(CopyToDevice, FilesFollowOneAnother) {
 
     list.RemoveAll();
     AddFile("C:\\f", {5});
-    device.ExpectCommand(8, Bytes{1}, Text(u"C:\\f"), Text(u"\\d\\\\")).Reply(Ack());
-    ExpectStream(Join(U32(1), Record(u"", {5})));
+    device.ExpectCommand(8, Bytes{1}, Text(DAK_WIDE("C:\\f")), Text(DAK_WIDE("\\d\\\\")))
+        .Reply(Ack());
+    ExpectStream(Join(U32(1), Record(DAK_WIDE(""), {5})));
     device.Do([this] { EXPECT_STREQ(Access::m_szDestPath(*dak), "\\d\\"); }); // trimmed here alone
     device.Reply(sim::Response(8, 1));
-    EXPECT_EQ(dak->DAKTransmitFiles(DAK_TO_DEVICE, u"C:\\f", u"\\d\\\\", &list, window), 0u);
+    EXPECT_EQ(
+        dak->DAKTransmitFiles(DAK_TO_DEVICE, DAK_WIDE("C:\\f"), DAK_WIDE("\\d\\\\"), &list, window),
+        0u);
     ExpectEnd(DAKERROR_NONE);
 }
 
 // A first file of such a size that the package ends dwCut bytes into the next record: ahead of it,
 // in each of its fields, in its contents and behind them.
 TEST_F(CopyToDevice, ARecordIsCutAnywhere) {
-    const Bytes next = Record(u"\u00E4\\\u65E5.x", sim::Pattern(9, 3));
-    const std::size_t dwAhead = 4 + Record(u"a", {}).size();
+    const Bytes next = Record(DAK_WIDE("\u00E4\\\u65E5.x"), sim::Pattern(9, 3));
+    const std::size_t dwAhead = 4 + Record(DAK_WIDE("a"), {}).size();
     list.Add("C:\\s\\a");
     list.Add("C:\\s\\\xC3\xA4\\\xE6\x97\xA5.x");
     world.WriteHostFile(list[1].operator const char*(), sim::Pattern(9, 3), Time(CREATED),
@@ -88,7 +91,7 @@ TEST_F(CopyToDevice, ARecordIsCutAnywhere) {
         SCOPED_TRACE(dwCut);
         const Bytes contents = sim::Pattern(DAK_DATA_SIZE - dwAhead - dwCut);
         world.WriteHostFile("C:/s/a", contents, Time(CREATED), Time(WRITTEN));
-        ExpectWholePush(Join(U32(2), Record(u"a", contents), next));
+        ExpectWholePush(Join(U32(2), Record(DAK_WIDE("a"), contents), next));
         RunPush(DAKERROR_NONE);
     }
     // The package with the 14 bytes of an empty end has gone over the wire, too.
@@ -173,7 +176,7 @@ TEST_F(CopyToDevice, TheFinalReplyDecides) {
 TEST_F(CopyToDevice, ASendThatFailsInContentsReplacesTheNode) {
     const Bytes contents = sim::Pattern(30'000);
     AddFile("C:\\s\\a", contents);
-    const auto packages = PushPackages(Join(U32(1), Record(u"a", contents)));
+    const auto packages = PushPackages(Join(U32(1), Record(DAK_WIDE("a"), contents)));
     constexpr std::uint64_t FIRST_MS = OPEN_MS + FILL_MS;
     const auto open = [&]() -> auto& {
         return ExpectPush().Reply(Ack());
@@ -211,7 +214,7 @@ TEST_F(CopyToDevice, ASendThatFailsInContentsReplacesTheNode) {
     }
     // One that has grown goes out as it was when it was opened.
     Resize(40'000, 30'000);
-    ExpectWholePush(Join(U32(1), Record(u"a", sim::Pattern(30'000))));
+    ExpectWholePush(Join(U32(1), Record(DAK_WIDE("a"), sim::Pattern(30'000))));
     RunPush(DAKERROR_NONE);
 }
 
@@ -223,7 +226,8 @@ TEST_F(CopyToDevice, ASendThatFailsInARecordClosesTheStream) {
             sim::Pattern(DAK_DATA_SIZE - AHEAD - 10)); // the next record's times are cut
     AddFile("C:\\s\\b", {1});
     const Bytes stream =
-        Join(U32(2), Record(u"a", sim::Pattern(DAK_DATA_SIZE - AHEAD - 10)), Record(u"b", {1}));
+        Join(U32(2), Record(DAK_WIDE("a"), sim::Pattern(DAK_DATA_SIZE - AHEAD - 10)),
+             Record(DAK_WIDE("b"), {1}));
     const Bytes first = PushPackages(stream)[0];
     const auto isLast = [](const Bytes& got) {
         EXPECT_EQ(DakGetU32(got.data()), DAK_LAST_PACKAGE);
@@ -259,7 +263,7 @@ TEST_F(CopyToDevice, ASendThatFailsInARecordClosesTheStream) {
 TEST_F(CopyToDevice, ACancelInContents) {
     const Bytes contents = sim::Pattern(60'000);
     AddFile("C:\\s\\a", contents);
-    const auto packages = PushPackages(Join(U32(1), Record(u"a", contents)));
+    const auto packages = PushPackages(Join(U32(1), Record(DAK_WIDE("a"), contents)));
     ExpectPush().Reply(Ack()).Expect(packages[0]).ReplyAfter(600, Ack());
     ExpectAborts(50); // packages 2 to 51
     EXPECT_EQ(Push(), DAKERROR_NONE);
@@ -271,7 +275,7 @@ TEST_F(CopyToDevice, ACancelInContents) {
     ExpectEnd(DAKERROR_CANCELLED, qwEnd);
     EXPECT_EQ(device.Handshakes().size(), 1u);
     // The cancelled job's leftovers are no matter of the next one.
-    ExpectWholePush(Join(U32(1), Record(u"a", contents)));
+    ExpectWholePush(Join(U32(1), Record(DAK_WIDE("a"), contents)));
     RunPush(DAKERROR_NONE);
 }
 
@@ -281,8 +285,8 @@ TEST_F(CopyToDevice, ACancelInARecord) {
     constexpr std::size_t SIZE = 2 * DAK_DATA_SIZE - 32 - 10;
     AddFile("C:\\s\\a", sim::Pattern(SIZE));
     AddFile("C:\\s\\b", {1});
-    const auto packages =
-        PushPackages(Join(U32(2), Record(u"a", sim::Pattern(SIZE)), Record(u"b", {1})));
+    const auto packages = PushPackages(
+        Join(U32(2), Record(DAK_WIDE("a"), sim::Pattern(SIZE)), Record(DAK_WIDE("b"), {1})));
     ExpectPush().Reply(Ack()).Expect(packages[0]).ReplyAfter(600, Ack());
     ExpectAborts(2 * 50);
     device.ReplyAfter(5000, Join(sim::Control(DAK_ABORT), sim::Response(8, 1)));

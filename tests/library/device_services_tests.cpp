@@ -35,15 +35,15 @@ class DeviceServices : public testing::Test {
 TEST_F(DeviceServices, ProcessResults) {
     DWORD dwResult = 7;
     Answer({sim::Response(12, 1, U32(0x80000003))});
-    Check(dak.DAKCreateProcess(u"a", u"b", &dwResult), 0);
+    Check(dak.DAKCreateProcess(DAK_WIDE("a"), DAK_WIDE("b"), &dwResult), 0);
     EXPECT_EQ(dwResult, 0x80000003);
     Answer({sim::Response(12, 0, U32(5))});
-    Check(dak.DAKCreateProcess(u"a", u"b", &dwResult), DAKERROR_FAIL);
+    Check(dak.DAKCreateProcess(DAK_WIDE("a"), DAK_WIDE("b"), &dwResult), DAKERROR_FAIL);
     EXPECT_EQ(dwResult, 5u) << "stored whatever the result says";
     // Without a place for the value the device is not to wait for the program either.
-    device.ExpectCommand(12, Text(u"a"), Text(u""), U32(0)).Reply(sim::Ack());
+    device.ExpectCommand(12, Text(DAK_WIDE("a")), Text(DAK_WIDE("")), U32(0)).Reply(sim::Ack());
     device.Reply(sim::Response(12, 1, U32(1)));
-    Check(dak.DAKCreateProcess(u"a", nullptr, nullptr), 0);
+    Check(dak.DAKCreateProcess(DAK_WIDE("a"), nullptr, nullptr), 0);
 }
 
 TEST_F(DeviceServices, KernelIoControl) {
@@ -101,18 +101,19 @@ TEST_F(DeviceServices, WindowMessages) {
     for (const std::uint16_t code : {std::uint16_t{19}, std::uint16_t{21}, std::uint16_t{22}}) {
         DWORD dwMessage = 7;
         Answer({sim::Response(code, 0xC001)});
-        Check(dak.DAKRegisterWindowMessage(u"name", &dwMessage), code == 22 ? DAKERROR_FAIL : 0);
+        Check(dak.DAKRegisterWindowMessage(DAK_WIDE("name"), &dwMessage),
+              code == 22 ? DAKERROR_FAIL : 0);
         EXPECT_EQ(dwMessage, code == 22 ? 0u : 0xC001u);
     }
     DWORD dwMessage = 7;
     Answer({sim::Response(19, 0)});
-    Check(dak.DAKRegisterWindowMessage(u"name", &dwMessage), DAKERROR_FAIL);
+    Check(dak.DAKRegisterWindowMessage(DAK_WIDE("name"), &dwMessage), DAKERROR_FAIL);
     EXPECT_EQ(dwMessage, 0u);
     Answer({sim::Response(19, 1)});
     Check(dak.DAKBroadCastMessage(1, 2, 3), DAKERROR_FAIL);
     dwMessage = 7;
     world.Unplug();
-    Check(dak.DAKRegisterWindowMessage(u"name", &dwMessage), DAKERROR_NO_DEVICE);
+    Check(dak.DAKRegisterWindowMessage(DAK_WIDE("name"), &dwMessage), DAKERROR_NO_DEVICE);
     EXPECT_EQ(dwMessage, 0u);
 }
 
@@ -129,27 +130,28 @@ TEST_F(DeviceServices, FreeSpace) {
     EXPECT_EQ(dwFirst, 5u);
     EXPECT_EQ(dwSecond, 9u);
     Answer({sim::Response(25, 0, space)});
-    Check(dak.DAKGetFolderFreeSpace(u"\\", &qwSpace), DAKERROR_FOLDER_SPACE);
+    Check(dak.DAKGetFolderFreeSpace(DAK_WIDE("\\"), &qwSpace), DAKERROR_FOLDER_SPACE);
     EXPECT_EQ(qwSpace, 0x0000000900000005u);
     // An empty path goes out as it is.
     device.ExpectCommand(25, Bytes(2)).Reply(sim::Ack()).Reply(sim::Response(25, 1, space));
-    Check(dak.DAKGetFolderFreeSpace(u"", nullptr), 0);
+    Check(dak.DAKGetFolderFreeSpace(DAK_WIDE(""), nullptr), 0);
     // The words stay as they were where no response came, the value is cleared.
     device.ExpectThat([](const Bytes&) {}).VanishAfter(100);
     Check(dak.DAKGetDeviceFreeSpace(&dwFirst, &dwSecond), DAKERROR_FAIL);
     EXPECT_EQ(dwFirst, 5u);
     EXPECT_EQ(dwSecond, 9u);
-    Check(dak.DAKGetFolderFreeSpace(u"\\", &qwSpace), DAKERROR_NO_DEVICE);
+    Check(dak.DAKGetFolderFreeSpace(DAK_WIDE("\\"), &qwSpace), DAKERROR_NO_DEVICE);
     EXPECT_EQ(qwSpace, 0u);
 }
 
 TEST_F(DeviceServices, StorageInfo) {
-    const auto record = [](std::u16string_view name, DWORD dwValue) {
+    const auto record = [](std::basic_string_view<WCHAR> name, DWORD dwValue) {
         Bytes bytes = Text(name);
         bytes.resize(104, 0xCC); // behind the name the device's memory shows
         return sim::Join(bytes, U32(dwValue), U32(dwValue + 1), U32(dwValue + 2), U32(99));
     };
-    const Bytes two = sim::Join(record(u"Root", 10), record(std::u16string(51, u'x'), 20));
+    const Bytes two = sim::Join(record(DAK_WIDE("Root"), 10),
+                                record(std::basic_string<WCHAR>(51, DAK_WIDE('x')), 20));
     const Bytes endless = sim::Join(Bytes(104, 'y'), Bytes(16, 1));
     const Bytes torn(two.begin(), two.begin() + 239);
     struct {
@@ -190,7 +192,8 @@ TEST_F(DeviceServices, StorageInfo) {
         EXPECT_EQ(list.GetSize(), row.nAdded + 1) << "behind what was there";
         for (int i = 1; i < list.GetSize() && row.records != endless; ++i) {
             _tagStorageInfo expected{};
-            (i == 1 ? u"Root" : std::u16string(51, u'x')).copy(expected.szStorageName, 52);
+            (i == 1 ? DAK_WIDE("Root") : std::basic_string<WCHAR>(51, DAK_WIDE('x')))
+                .copy(expected.szStorageName, 52);
             const DWORD dwValue = i == 1 ? 10 : 20;
             expected.dwValue1 = dwValue;
             expected.dwValue2 = dwValue + 1;

@@ -76,38 +76,40 @@ struct COperation {
 
 std::vector<COperation> Operations() {
     const Bytes none;
-    const Bytes path = Text(u"\\a");
-    const Bytes two = sim::Join(Text(u"\\a"), Text(u"\\bc"));
+    const Bytes path = Text(DAK_WIDE("\\a"));
+    const Bytes two = sim::Join(Text(DAK_WIDE("\\a")), Text(DAK_WIDE("\\bc")));
     const Bytes handle = U32(0x11223344);
     const Bytes stream = sim::Join(handle, U32(4));
     const Bytes space = sim::U64(5);
     const Bytes zero = U32(0);
     const Bytes process = sim::Join(two, U32(1));
-    const Bytes start = sim::Join(path, Text(u""), zero);
+    const Bytes start = sim::Join(path, Text(DAK_WIDE("")), zero);
     const Bytes control = sim::Join(U32(7), U32(1), Bytes(1, 1), U32(4), U32(0x04030201));
     const Bytes create = sim::Join(path, U32(1), U32(2), U32(3));
     const Bytes seek = sim::Join(handle, U32(0xFFFFFFFE), U32(1));
     const Bytes copy = sim::Join(two, U32(0xFFFFFFFB));
     const Bytes broadcast = sim::Join(U32(1), U32(2), U32(0xFFFFFFFD));
     std::vector<COperation> all = {
-        {"Move", 1, CALL(DAKMoveFile(u"\\a", u"\\bc")), two, POLLED, 121, none, true},
-        {"Delete", 2, CALL(DAKDeleteFile(u"\\a")), path, UNBOUNDED, 0, none},
+        {"Move", 1, CALL(DAKMoveFile(DAK_WIDE("\\a"), DAK_WIDE("\\bc"))), two, POLLED, 121, none,
+         true},
+        {"Delete", 2, CALL(DAKDeleteFile(DAK_WIDE("\\a"))), path, UNBOUNDED, 0, none},
         {"DeviceFreeSpace", 6, CALL(DAKGetDeviceFreeSpace(&out.dwFirst, &out.dwSecond)), none,
          POLLED, 1201, space},
-        {"FolderContent", 7, CALL(DAKGetFolderContent(u"\\a", &out.files)), path, POLLED, 121, zero,
-         true, 500, 518, 100},
-        {"CreateDirectory", 10, CALL(DAKCreateDirectory(u"\\a", nullptr)), path, POLLED, 1201,
-         none},
-        {"CreateProcess", 12, CALL(DAKCreateProcess(u"\\a", u"\\bc", &out.dwFirst)), process,
+        {"FolderContent", 7, CALL(DAKGetFolderContent(DAK_WIDE("\\a"), &out.files)), path, POLLED,
+         121, zero, true, 500, 518, 100},
+        {"CreateDirectory", 10, CALL(DAKCreateDirectory(DAK_WIDE("\\a"), nullptr)), path, POLLED,
+         1201, none},
+        {"CreateProcess", 12,
+         CALL(DAKCreateProcess(DAK_WIDE("\\a"), DAK_WIDE("\\bc"), &out.dwFirst)), process,
          UNBOUNDED, 0, zero},
-        {"StartProcess", 12, CALL(DAKCreateProcess(u"\\a", nullptr, nullptr)), start, SINGLE, 1,
-         zero, false, 500},
+        {"StartProcess", 12, CALL(DAKCreateProcess(DAK_WIDE("\\a"), nullptr, nullptr)), start,
+         SINGLE, 1, zero, false, 500},
         {"KernelIoControl", 13, CALL(DAKKernelIoControl(7, out.bytes, 1, out.bytes, 4, nullptr)),
          control, POLLED, 1201, zero},
-        {"GetFileInfo", 14, CALL(DAKGetFileInfo(u"\\a", &out.info)), path, SINGLE, 1,
+        {"GetFileInfo", 14, CALL(DAKGetFileInfo(DAK_WIDE("\\a"), &out.info)), path, SINGLE, 1,
          Bytes(1236, 1)},
-        {"CreateFile", 15, CALL(DAKCreateFile(u"\\a", 1, 2, 3, &out.hFile)), create, POLLED, 1201,
-         handle},
+        {"CreateFile", 15, CALL(DAKCreateFile(DAK_WIDE("\\a"), 1, 2, 3, &out.hFile)), create,
+         POLLED, 1201, handle},
         {"ReadFile", 16, CALL(DAKReadFile(FILE_HANDLE, out.bytes, 4, &out.dwFirst)), stream,
          NO_RESPONSE, 0, none},
         {"WriteFile", 17, CALL(DAKWriteFile(FILE_HANDLE, out.bytes, 4, &out.dwFirst)), stream,
@@ -115,15 +117,16 @@ std::vector<COperation> Operations() {
         {"SetFilePointer", 18, CALL(DAKSetFilePointer(FILE_HANDLE, -2, 1, &out.dwFirst)), seek,
          COMPLETED, 1, none},
         {"CloseFile", 19, CALL(DAKCloseFile(FILE_HANDLE)), handle, COMPLETED, 1, none},
-        {"CopyFile", 20, CALL(DAKCopyFile(u"\\a", u"\\bc", -5)), copy, POLLED, 1201, none},
-        {"RegisterWindowMessage", 21, CALL(DAKRegisterWindowMessage(u"\\a", &out.dwFirst)), path,
-         COMPLETED, 1, none},
+        {"CopyFile", 20, CALL(DAKCopyFile(DAK_WIDE("\\a"), DAK_WIDE("\\bc"), -5)), copy, POLLED,
+         1201, none},
+        {"RegisterWindowMessage", 21, CALL(DAKRegisterWindowMessage(DAK_WIDE("\\a"), &out.dwFirst)),
+         path, COMPLETED, 1, none},
         {"BroadCastMessage", 22, CALL(DAKBroadCastMessage(1, 2, -3)), broadcast, COMPLETED, 1,
          none},
         {"StorageInfo", 23, CALL(DAKGetStorageInfo(&out.storages)), none, UNBOUNDED, 0, zero, true},
-        {"FormatPartition", 24, CALL(DAKFormatPartition(u"\\a")), path, SINGLE, 1, none},
-        {"FolderFreeSpace", 25, CALL(DAKGetFolderFreeSpace(u"\\a", &out.qwValue)), path, POLLED,
-         361, space, true}};
+        {"FormatPartition", 24, CALL(DAKFormatPartition(DAK_WIDE("\\a"))), path, SINGLE, 1, none},
+        {"FolderFreeSpace", 25, CALL(DAKGetFolderFreeSpace(DAK_WIDE("\\a"), &out.qwValue)), path,
+         POLLED, 361, space, true}};
     for (COperation& op : all) {
         op.bPolledAck = op.code == 7 || op.code == 16 || op.code == 17;
         op.bAvailability = op.code == 2 || op.code == 12;
@@ -379,17 +382,17 @@ TEST(Frame, RefusedArgumentsTouchNothing) {
     };
     DWORD dw = 5;
     void* hFile = &dw;
-    for (const WCHAR* lpsz : {static_cast<const WCHAR*>(nullptr), u""}) {
+    for (const WCHAR* lpsz : {static_cast<const WCHAR*>(nullptr), DAK_WIDE("")}) {
         EXPECT_TRUE(fails(dak.DAKCreateDirectory(lpsz, nullptr)));
         EXPECT_TRUE(fails(dak.DAKDeleteFile(lpsz)));
-        EXPECT_TRUE(fails(dak.DAKMoveFile(lpsz, u"b")));
-        EXPECT_TRUE(fails(dak.DAKMoveFile(u"a", lpsz)));
-        EXPECT_TRUE(fails(dak.DAKCopyFile(lpsz, u"b", 0)));
-        EXPECT_TRUE(fails(dak.DAKCopyFile(u"a", lpsz, 0)));
+        EXPECT_TRUE(fails(dak.DAKMoveFile(lpsz, DAK_WIDE("b"))));
+        EXPECT_TRUE(fails(dak.DAKMoveFile(DAK_WIDE("a"), lpsz)));
+        EXPECT_TRUE(fails(dak.DAKCopyFile(lpsz, DAK_WIDE("b"), 0)));
+        EXPECT_TRUE(fails(dak.DAKCopyFile(DAK_WIDE("a"), lpsz, 0)));
         EXPECT_TRUE(fails(dak.DAKGetFileInfo(lpsz, &out.info)));
         EXPECT_TRUE(fails(dak.DAKGetFolderContent(lpsz, &out.files)));
         EXPECT_TRUE(fails(dak.DAKCreateFile(lpsz, 0, 0, 0, &hFile)));
-        EXPECT_TRUE(fails(dak.DAKCreateProcess(lpsz, u"", &dw)));
+        EXPECT_TRUE(fails(dak.DAKCreateProcess(lpsz, DAK_WIDE(""), &dw)));
         EXPECT_TRUE(fails(dak.DAKRegisterWindowMessage(lpsz, &dw)));
         EXPECT_TRUE(fails(dak.DAKFormatPartition(lpsz)));
     }
@@ -401,11 +404,11 @@ TEST(Frame, RefusedArgumentsTouchNothing) {
         EXPECT_TRUE(fails(dak.DAKSetFilePointer(h, 0, 0, &out.dwFirst)));
         EXPECT_TRUE(fails(dak.DAKCloseFile(h)));
     }
-    EXPECT_TRUE(fails(dak.DAKCreateFile(u"a", 0, 0, 0, nullptr)));
+    EXPECT_TRUE(fails(dak.DAKCreateFile(DAK_WIDE("a"), 0, 0, 0, nullptr)));
     EXPECT_TRUE(fails(dak.DAKReadFile(FILE_HANDLE, out.bytes, 4, nullptr)));
     EXPECT_TRUE(fails(dak.DAKWriteFile(FILE_HANDLE, out.bytes, 4, nullptr)));
     EXPECT_TRUE(fails(dak.DAKSetFilePointer(FILE_HANDLE, 0, 0, nullptr)));
-    EXPECT_TRUE(fails(dak.DAKRegisterWindowMessage(u"a", nullptr)));
+    EXPECT_TRUE(fails(dak.DAKRegisterWindowMessage(DAK_WIDE("a"), nullptr)));
     EXPECT_TRUE(fails(dak.DAKBroadCastMessage(0, 1, 2)));
     EXPECT_TRUE(fails(dak.DAKGetStorageInfo(nullptr)));
     EXPECT_TRUE(fails(dak.DAKKernelIoControl(0, nullptr, 0, &dw, 4, &dw)));

@@ -314,7 +314,7 @@ TEST(Lock, IsHeldUnderEveryPackageAndOverTheExchange) {
     run.world.At(600, [&] { EXPECT_TRUE(IsLockHeld(run.world)) << "awaiting the response"; });
     run.device.ReplyAfter(5000, sim::Response(DAK_FUNC_DELETE_FILE, 1));
     run.device.ExpectThat(held).Reply(sim::Handshake(DAK_DISCONNECT));
-    EXPECT_EQ(run.dak.DAKDeleteFile(u"\\a"), 0u);
+    EXPECT_EQ(run.dak.DAKDeleteFile(DAK_WIDE("\\a")), 0u);
     run.ExpectIdle();
     // Taking down what is not up touches nothing.
     const auto calls = [&] {
@@ -330,16 +330,21 @@ TEST(Lock, OperationsOfTwoThreadsWaitForOneAnother) {
     CRun run;
     CDAKVorn second;
     const Bytes response = sim::Response(DAK_FUNC_DELETE_FILE, 1);
-    run.device.ExpectCommand(DAK_FUNC_DELETE_FILE, sim::Text(u"\\1")).At(310).Reply(sim::Ack());
+    run.device.ExpectCommand(DAK_FUNC_DELETE_FILE, sim::Text(DAK_WIDE("\\1")))
+        .At(310)
+        .Reply(sim::Ack());
     run.device.ReplyAfter(400, response);
-    run.device.ExpectCommand(DAK_FUNC_DELETE_FILE, sim::Text(u"\\2")).At(1030).Reply(sim::Ack());
+    run.device.ExpectCommand(DAK_FUNC_DELETE_FILE, sim::Text(DAK_WIDE("\\2")))
+        .At(1030)
+        .Reply(sim::Ack());
     run.device.Reply(response);
-    const auto threads = {run.world.Spawn([&] { EXPECT_EQ(run.dak.DAKDeleteFile(u"\\1"), 0u); }),
-                          run.world.Spawn([&] { EXPECT_EQ(second.DAKDeleteFile(u"\\2"), 0u); }),
-                          run.world.Spawn([&] {
-                              platform::Sleep(500);
-                              EXPECT_EQ(run.dak.ConnectDevice(), 0u); // the first one's object
-                          })};
+    const auto threads = {
+        run.world.Spawn([&] { EXPECT_EQ(run.dak.DAKDeleteFile(DAK_WIDE("\\1")), 0u); }),
+        run.world.Spawn([&] { EXPECT_EQ(second.DAKDeleteFile(DAK_WIDE("\\2")), 0u); }),
+        run.world.Spawn([&] {
+            platform::Sleep(500);
+            EXPECT_EQ(run.dak.ConnectDevice(), 0u); // the first one's object
+        })};
     for (const HANDLE hThread : threads) {
         run.world.Join(hThread);
     }
@@ -487,9 +492,9 @@ TEST_F(Pipe, TraceLines) {
         }
     });
     g_strTrace.clear();
-    device.ExpectCommand(DAK_FUNC_MOVE_FILE, sim::Text(u"\\a"), sim::Text(u"b"));
+    device.ExpectCommand(DAK_FUNC_MOVE_FILE, sim::Text(DAK_WIDE("\\a")), sim::Text(DAK_WIDE("b")));
     device.Reply(sim::Ack()).Reply(sim::Response(DAK_FUNC_MOVE_FILE, 1));
-    EXPECT_EQ(dak.DAKMoveFile(u"\\a", u"b"), 0u);
+    EXPECT_EQ(dak.DAKMoveFile(DAK_WIDE("\\a"), DAK_WIDE("b")), 0u);
     TraceLine("after %s\n", std::string(1000, 'x').c_str());
     SetDebugTraceSink(nullptr);
     TraceLine("after all, nowhere\n");

@@ -221,7 +221,7 @@ TEST(FileHandles, ValuesAsTheDeviceGivesThem) {
     };
     void* hFile = nullptr;
     answer(15, sim::Response(15, 0, U32(0x80000001)));
-    EXPECT_EQ(run.dak.DAKCreateFile(u"a", 0, 0, 0, &hFile), DAKERROR_FAIL);
+    EXPECT_EQ(run.dak.DAKCreateFile(DAK_WIDE("a"), 0, 0, 0, &hFile), DAKERROR_FAIL);
     EXPECT_EQ(hFile, reinterpret_cast<void*>(std::uintptr_t{0x80000001})) << "stored all the same";
     for (const DWORD dwPosition : {0u, 0x80000000u, 0xFFFFFFFFu}) {
         answer(18, sim::Response(18, static_cast<int>(dwPosition)));
@@ -237,24 +237,25 @@ TEST(FileHandles, ValuesAsTheDeviceGivesThem) {
     const Bytes record = sim::Pattern(1236);
     _tagFileInfo info{};
     answer(14, sim::Response(14, 1, Bytes(record.begin(), record.end() - 1)));
-    EXPECT_EQ(run.dak.DAKGetFileInfo(u"a", &info), DAKERROR_FAIL);
+    EXPECT_EQ(run.dak.DAKGetFileInfo(DAK_WIDE("a"), &info), DAKERROR_FAIL);
     EXPECT_EQ(info.szText1[0], 0);
     answer(14, sim::Response(14, 0, record));
-    EXPECT_EQ(run.dak.DAKGetFileInfo(u"a", &info), DAKERROR_FAIL);
+    EXPECT_EQ(run.dak.DAKGetFileInfo(DAK_WIDE("a"), &info), DAKERROR_FAIL);
     EXPECT_EQ(std::memcmp(&info, record.data(), 1236), 0);
     // A folder's attributes go nowhere.
     int nAttributes = 0;
-    run.device.ExpectCommand(10, Text(u"a")).Reply(sim::Ack()).Reply(sim::Response(10, 2));
-    EXPECT_EQ(
-        run.dak.DAKCreateDirectory(u"a", reinterpret_cast<_SECURITY_ATTRIBUTES*>(&nAttributes)),
-        0u);
+    run.device.ExpectCommand(10, Text(DAK_WIDE("a"))).Reply(sim::Ack()).Reply(sim::Response(10, 2));
+    EXPECT_EQ(run.dak.DAKCreateDirectory(DAK_WIDE("a"),
+                                         reinterpret_cast<_SECURITY_ATTRIBUTES*>(&nAttributes)),
+              0u);
 }
 
 // Listings.
 
 // An entry as it is to come out, with numbers of its own.
-_tagFileInfo Info(DWORD dwSeed, std::u16string_view text1 = u"a", std::u16string_view text2 = u"bc",
-                  std::u16string_view text3 = u"def") {
+_tagFileInfo Info(DWORD dwSeed, std::basic_string_view<WCHAR> text1 = DAK_WIDE("a"),
+                  std::basic_string_view<WCHAR> text2 = DAK_WIDE("bc"),
+                  std::basic_string_view<WCHAR> text3 = DAK_WIDE("def")) {
     _tagFileInfo info{};
     info.dwFileAttributes = dwSeed;
     text1.copy(info.szText1, 260);
@@ -267,8 +268,9 @@ _tagFileInfo Info(DWORD dwSeed, std::u16string_view text1 = u"a", std::u16string
     std::memcpy(&info.nFileSizeHigh, numbers.data() + 24, 8);
     return info;
 }
-Bytes Entry(DWORD dwSeed, std::u16string_view text1 = u"a", std::u16string_view text2 = u"bc",
-            std::u16string_view text3 = u"def") {
+Bytes Entry(DWORD dwSeed, std::basic_string_view<WCHAR> text1 = DAK_WIDE("a"),
+            std::basic_string_view<WCHAR> text2 = DAK_WIDE("bc"),
+            std::basic_string_view<WCHAR> text3 = DAK_WIDE("def")) {
     return sim::Join(U32(dwSeed), Text(text1), Text(text2), Text(text3), sim::Pattern(32, dwSeed));
 }
 void ExpectEntry(const _tagFileInfo& got, const _tagFileInfo& expected) {
@@ -287,12 +289,13 @@ using FileList = CArray<_tagFileInfo, _tagFileInfo>;
 
 // The head of the reply is read at 1458 ms.
 sim::CScriptedDevice& ExpectListing(CRun& run) {
-    run.device.ExpectCommand(7, Text(u"\\")).At(828);
+    run.device.ExpectCommand(7, Text(DAK_WIDE("\\"))).At(828);
     return run.device.Reply(sim::Ack());
 }
 
 TEST(Listing, CutAtEveryByte) {
-    const Bytes entries = sim::Join(Entry(1), Entry(2, u"", u"", u""), Entry(3));
+    const Bytes entries =
+        sim::Join(Entry(1), Entry(2, DAK_WIDE(""), DAK_WIDE(""), DAK_WIDE("")), Entry(3));
     for (std::size_t dwCut = 1; dwCut <= entries.size(); ++dwCut) {
         SCOPED_TRACE(dwCut);
         CRun run;
@@ -303,10 +306,10 @@ TEST(Listing, CutAtEveryByte) {
             run.device.Reply(Later(true, Bytes(middle, entries.end()))).Expect(sim::Ack()).At(1478);
         }
         FileList list;
-        EXPECT_EQ(run.dak.DAKGetFolderContent(u"\\", &list), 0u);
+        EXPECT_EQ(run.dak.DAKGetFolderContent(DAK_WIDE("\\"), &list), 0u);
         ASSERT_EQ(list.GetSize(), 3);
         ExpectEntry(list[0], Info(1));
-        ExpectEntry(list[1], Info(2, u"", u"", u""));
+        ExpectEntry(list[1], Info(2, DAK_WIDE(""), DAK_WIDE(""), DAK_WIDE("")));
         ExpectEntry(list[2], Info(3));
         EXPECT_EQ(run.world.NowMs(), bOne ? 1468u : 1488u);
     }
@@ -327,7 +330,7 @@ TEST(Listing, WindowsOfPackages) {
         }
         FileList list;
         list.Add({});
-        EXPECT_EQ(run.dak.DAKGetFolderContent(u"\\", &list), 0u);
+        EXPECT_EQ(run.dak.DAKGetFolderContent(DAK_WIDE("\\"), &list), 0u);
         EXPECT_EQ(run.world.NowMs(), qwMs + 10);
         ASSERT_EQ(list.GetSize(), static_cast<int>(dwPackages) + 1) << "behind what was there";
         ExpectEntry(list[static_cast<int>(dwPackages)], Info(dwPackages));
@@ -339,8 +342,8 @@ TEST(Listing, WindowsOfPackages) {
 }
 
 TEST(Listing, FullPackagesAndLongTexts) {
-    const std::u16string t260(259, u'x');
-    const std::u16string t80(79, u'y');
+    const std::basic_string<WCHAR> t260(259, DAK_WIDE('x'));
+    const std::basic_string<WCHAR> t80(79, DAK_WIDE('y'));
     Bytes stream;
     for (DWORD i = 1; i <= 30; ++i) {
         const Bytes entry = i % 2 != 0 ? Entry(i, t260, t260, t80) : Entry(i);
@@ -350,12 +353,12 @@ TEST(Listing, FullPackagesAndLongTexts) {
     CRun run;
     // What somebody left in the pipe is drained, 8 bytes at a time.
     run.world.At(320, [&] { run.device.Give(Bytes(20, 1)); });
-    run.device.ExpectCommand(7, Text(u"\\")).At(858).Reply(sim::Ack());
+    run.device.ExpectCommand(7, Text(DAK_WIDE("\\"))).At(858).Reply(sim::Ack());
     const auto middle = stream.begin() + 12270;
     run.device.Reply(First(false, 30, Bytes(stream.begin(), middle)));
     run.device.Reply(Later(true, Bytes(middle, stream.end()))).Expect(sim::Ack());
     FileList list;
-    EXPECT_EQ(run.dak.DAKGetFolderContent(u"\\", &list), 0u);
+    EXPECT_EQ(run.dak.DAKGetFolderContent(DAK_WIDE("\\"), &list), 0u);
     ASSERT_EQ(list.GetSize(), 30);
     ExpectEntry(list[28], Info(29, t260, t260, t80));
     ExpectEntry(list[29], Info(30));
@@ -377,7 +380,7 @@ TEST(Listing, RepliesThatAreNone) {
     const Bytes foreign = sim::Package(DAK_LAST_REPLY, sim::Join(sim::U16(8), two));
     const Bytes none;
     const int nTwo = static_cast<int>(two.size());
-    const std::u16string t260(260, u'x');
+    const std::basic_string<WCHAR> t260(260, DAK_WIDE('x'));
     struct {
         const char* lpszName;
         std::vector<Bytes> packages;
@@ -402,9 +405,10 @@ TEST(Listing, RepliesThatAreNone) {
         {"another word", packages(first, patch(later, 0, DAK_PACKAGE)), false, DAKERROR_FAIL, 1},
         {"later L of 1", packages(first, patch(later, 4, 1)), false, DAKERROR_FAIL, 1},
         {"later L of 12281", packages(first, patch(later, 4, 12281)), false, DAKERROR_FAIL, 1},
-        {"no end of a text", packages(First(true, 1, Entry(1, u"", t260))), false, DAKERROR_FAIL,
-         0},
-        {"nor of the third", packages(First(true, 1, Entry(1, u"", u"", t260.substr(180)))), false,
+        {"no end of a text", packages(First(true, 1, Entry(1, DAK_WIDE(""), t260))), false,
+         DAKERROR_FAIL, 0},
+        {"nor of the third",
+         packages(First(true, 1, Entry(1, DAK_WIDE(""), DAK_WIDE(""), t260.substr(180)))), false,
          DAKERROR_FAIL, 0}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.lpszName);
@@ -417,7 +421,7 @@ TEST(Listing, RepliesThatAreNone) {
             run.device.Expect(sim::Ack());
         }
         FileList list;
-        EXPECT_EQ(run.dak.DAKGetFolderContent(u"\\", &list), row.dwResult);
+        EXPECT_EQ(run.dak.DAKGetFolderContent(DAK_WIDE("\\"), &list), row.dwResult);
         EXPECT_EQ(run.dak.GetLastError(), row.dwResult);
         EXPECT_EQ(list.GetSize(), row.nEntries);
         EXPECT_LT(run.world.NowMs(), 20'000u);

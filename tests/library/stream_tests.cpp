@@ -466,11 +466,11 @@ struct CCursor {
                                    static_cast<DWORD>(field.size()), dwOffset, dwPackageBytes, bEnd,
                                    CODE);
     }
-    int GetText(std::u16string& text) {
-        text.assign(DAK_MAX_NAME, u'\0');
+    int GetText(std::basic_string<WCHAR>& text) {
+        text.assign(DAK_MAX_NAME, DAK_WIDE('\0'));
         const int nResult = Access::GetBuffString(link.dak, buffer.data(), text.data(), dwOffset,
                                                   dwPackageBytes, bEnd, int{DAK_MAX_NAME});
-        text.resize(std::min(text.find(u'\0'), text.size()));
+        text.resize(std::min(text.find(DAK_WIDE('\0')), text.size()));
         return nResult;
     }
     // At the end of a full package that holds dwLeft further bytes; the next one holds the rest.
@@ -553,15 +553,17 @@ TEST(Packing, WrittenFieldsCutAtEveryByte) {
 TEST(Packing, ReadFieldsCutAtEveryByte) {
     CLink link;
     CCursor reader(link);
-    const std::u16string texts[] = {u"", u"a", u"ab\u0100\u00FFc", u"\u4E00\u0100\U0001F4C1\uFF00z",
-                                    std::u16string(DAK_MAX_NAME - 1, u'\u0101')};
-    for (const std::u16string& text : texts) {
+    const std::basic_string<WCHAR> texts[] = {
+        DAK_WIDE(""), DAK_WIDE("a"), DAK_WIDE("ab\u0100\u00FFc"),
+        DAK_WIDE("\u4E00\u0100\U0001F4C1\uFF00z"),
+        std::basic_string<WCHAR>(DAK_MAX_NAME - 1, DAK_WIDE('\u0101'))};
+    for (const std::basic_string<WCHAR>& text : texts) {
         const Bytes bytes = sim::Text(text);
         const Bytes stream = sim::Join(bytes, Bytes(600, 0xA5));
         for (std::size_t dwLeft = 0; dwLeft <= bytes.size() + 9; ++dwLeft) {
             SCOPED_TRACE(std::to_string(text.size()) + " characters, left " +
                          std::to_string(dwLeft));
-            std::u16string got;
+            std::basic_string<WCHAR> got;
             reader.StandBefore(stream, dwLeft);
             ASSERT_EQ(reader.GetText(got), 1);
             EXPECT_TRUE(got == text);
@@ -582,7 +584,7 @@ TEST(Packing, FieldsThatDoNotEnd) {
     for (const std::size_t dwBytes : {3u, 4u, 6u, 500u, 4000u}) {
         for (const std::size_t dwLeft : {0u, 1u, 3u, 200u, 519u, 520u, 521u, 4000u}) {
             SCOPED_TRACE(std::to_string(dwLeft) + " of " + std::to_string(dwBytes));
-            std::u16string got;
+            std::basic_string<WCHAR> got;
             reader.StandBefore(Bytes(std::max(dwBytes, dwLeft), 'x'), dwLeft);
             EXPECT_EQ(reader.GetText(got), 0);
             EXPECT_EQ(link.dak.GetLastError(), DAKERROR_PROTOCOL);
@@ -605,7 +607,7 @@ TEST(Packing, CancelledRecovery) {
             (Give(Spoilt(Reply(1)), package) + CancelAfter(50))(link);
             CCursor reader(link);
             Bytes field(3);
-            std::u16string got;
+            std::basic_string<WCHAR> got;
             EXPECT_EQ(bText ? reader.GetText(got) : reader.Get(field), 0);
             EXPECT_EQ(link.dak.GetLastError(), DAKERROR_CANCELLED);
             EXPECT_EQ(link.Controls(), "RA");

@@ -41,7 +41,7 @@ class TransferJob : public TransferTest {
 };
 
 TEST_F(TransferJob, BadArgumentsTouchNothing) {
-    const std::u16string strLong(260, u'x');
+    const std::basic_string<WCHAR> strLong(260, DAK_WIDE('x'));
     const WCHAR* const lpLong = strLong.c_str();
     const auto expectRefusal = [&](UINT nDirection, const WCHAR* lpSource, const WCHAR* lpDest,
                                    CStringArray* pList) {
@@ -51,17 +51,17 @@ TEST_F(TransferJob, BadArgumentsTouchNothing) {
         EXPECT_EQ(dak->GetLastError(), DAKERROR_FAIL);
         EXPECT_EQ(dak->IsTransmitting(), FALSE);
     };
-    expectRefusal(2, u"C:\\s", u"\\d", &list);
-    expectRefusal(1, nullptr, u"\\d", &list);
-    expectRefusal(0, u"\\d", nullptr, &list);
-    expectRefusal(1, u"C:\\s", u"\\d", nullptr);
-    expectRefusal(1, lpLong, u"\\d", &list);
-    expectRefusal(0, u"\\d", lpLong, &list);
+    expectRefusal(2, DAK_WIDE("C:\\s"), DAK_WIDE("\\d"), &list);
+    expectRefusal(1, nullptr, DAK_WIDE("\\d"), &list);
+    expectRefusal(0, DAK_WIDE("\\d"), nullptr, &list);
+    expectRefusal(1, DAK_WIDE("C:\\s"), DAK_WIDE("\\d"), nullptr);
+    expectRefusal(1, lpLong, DAK_WIDE("\\d"), &list);
+    expectRefusal(0, DAK_WIDE("\\d"), lpLong, &list);
     EXPECT_EQ(device.Opens(), 0);
     EXPECT_EQ(world.CallCount(sim::ECall::CreateMutexA), 0u);
     EXPECT_EQ(world.NowMs(), 0u);
 
-    for (const WCHAR* lpFolder : {lpLong + 1, u""}) {
+    for (const WCHAR* lpFolder : {lpLong + 1, DAK_WIDE("")}) {
         device.ExpectCommand(8, Bytes{DAK_TO_DEVICE}, Text(lpFolder), Text(lpFolder))
             .Reply(sim::Control(DAK_ABORT));
         EXPECT_EQ(dak->DAKTransmitFiles(DAK_TO_DEVICE, lpFolder, lpFolder, &list, window),
@@ -79,7 +79,7 @@ TEST_F(TransferJob, ALongDebugLogIsDeletedAheadOfEverythingElse) {
         SCOPED_TRACE(one.qwSize);
         world.WriteHostFile("C:/DAKDebug.txt", {});
         world.HostFile("C:/DAKDebug.txt")->qwReportedSize = one.qwSize;
-        dak->DAKTransmitFiles(DAK_TO_DEVICE, u"C:\\s", nullptr, &list, window);
+        dak->DAKTransmitFiles(DAK_TO_DEVICE, DAK_WIDE("C:\\s"), nullptr, &list, window);
         EXPECT_EQ(world.HostFileExists("C:/DAKDebug.txt"), one.bStays);
     }
     EXPECT_EQ(device.Opens(), 0);
@@ -135,7 +135,7 @@ TEST_F(TransferJob, TheMessageComesOnceAheadOfTheClosing) {
 TEST_F(TransferJob, WithoutAWindowTheStateStaysUntilItIsEnded) {
     window = nullptr;
     AddFile("C:\\s\\a.txt", {1, 2, 3});
-    ExpectWholePush(Join(U32(1), Record(u"a.txt", {1, 2, 3})));
+    ExpectWholePush(Join(U32(1), Record(DAK_WIDE("a.txt"), {1, 2, 3})));
     EXPECT_EQ(Push(), DAKERROR_NONE);
     AwaitEnd();
     EXPECT_EQ(device.OpenNow(), 0);
@@ -183,7 +183,7 @@ TEST_F(TransferJob, CopyStatusShowsTheCurrentFile) {
     // While a job waits for the first verdict: bytes count once their package has gone out whole.
     const Bytes contents = sim::Pattern(20'000);
     AddFile("C:\\s\\b\\a.bin", contents);
-    const auto packages = PushPackages(Join(U32(1), Record(u"b\\a.bin", contents)));
+    const auto packages = PushPackages(Join(U32(1), Record(DAK_WIDE("b\\a.bin"), contents)));
     ExpectPush().Reply(Ack()).Expect(packages[0]).ReplyAfter(400, Ack());
     device.Expect(packages[1]).Reply(Ack()).Reply(sim::Response(8, 1));
     EXPECT_EQ(Push(), DAKERROR_NONE);
@@ -295,8 +295,10 @@ TEST_F(TransferJob, ObjectsShareTheLinkAndNothingElse) {
     const std::uint64_t qwCalls = world.CallCount();
     for (CDAKVorn* pDak : {&*dak, &other}) {
         const DWORD dwErrCode = pDak->GetLastError();
-        EXPECT_EQ(pDak->DAKTransmitFiles(DAK_FROM_DEVICE, u"", u"", &list, hOther), DAKERROR_BUSY);
-        EXPECT_EQ(pDak->DAKTransmitFiles(7, nullptr, u"", nullptr, hOther), DAKERROR_BUSY);
+        EXPECT_EQ(
+            pDak->DAKTransmitFiles(DAK_FROM_DEVICE, DAK_WIDE(""), DAK_WIDE(""), &list, hOther),
+            DAKERROR_BUSY);
+        EXPECT_EQ(pDak->DAKTransmitFiles(7, nullptr, DAK_WIDE(""), nullptr, hOther), DAKERROR_BUSY);
         EXPECT_EQ(pDak->GetLastError(), dwErrCode);
     }
     EXPECT_EQ(world.CallCount(), qwCalls);
@@ -322,7 +324,8 @@ TEST_F(TransferJob, OfTwoJobsThatWaitTheSecondIsRefused) {
         world.Spawn([&] { other.ConnectDevice(); }),
         world.Spawn([&] { results[0] = Push(); }),
         world.Spawn([&] {
-            results[1] = other.DAKTransmitFiles(DAK_TO_DEVICE, u"", u"", &list, nullptr);
+            results[1] =
+                other.DAKTransmitFiles(DAK_TO_DEVICE, DAK_WIDE(""), DAK_WIDE(""), &list, nullptr);
             qwRefusedMs = world.NowMs();
         }),
     };

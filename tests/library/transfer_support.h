@@ -41,7 +41,7 @@ inline FILETIME Time(std::uint64_t qwTime) {
 // The record of a file; all files of the tests have these times.
 inline constexpr std::uint64_t CREATED = 0x0807060504030201;
 inline constexpr std::uint64_t WRITTEN = 0x1817161514131211;
-inline Bytes Record(std::u16string_view name, const Bytes& contents,
+inline Bytes Record(std::basic_string_view<WCHAR> name, const Bytes& contents,
                     std::optional<std::uint64_t> qwSize = {}) {
     return Join(U64(qwSize.value_or(contents.size())), U64(CREATED), U64(WRITTEN), Text(name),
                 contents);
@@ -62,8 +62,14 @@ class TransferTest : public ::testing::Test {
     }
 
     // Starts a job; the folders are \d and C:\s.
-    DWORD Push() { return dak->DAKTransmitFiles(DAK_TO_DEVICE, u"C:\\s", u"\\d", &list, window); }
-    DWORD Pull() { return dak->DAKTransmitFiles(DAK_FROM_DEVICE, u"\\d", u"C:\\s", &list, window); }
+    DWORD Push() {
+        return dak->DAKTransmitFiles(DAK_TO_DEVICE, DAK_WIDE("C:\\s"), DAK_WIDE("\\d"), &list,
+                                     window);
+    }
+    DWORD Pull() {
+        return dak->DAKTransmitFiles(DAK_FROM_DEVICE, DAK_WIDE("\\d"), DAK_WIDE("C:\\s"), &list,
+                                     window);
+    }
 
     // Waits for the worker's end.
     void AwaitEnd() {
@@ -124,7 +130,8 @@ class TransferTest : public ::testing::Test {
     // To the device.
 
     sim::CScriptedDevice& ExpectPush() {
-        return device.ExpectCommand(8, Bytes{DAK_TO_DEVICE}, Text(u"C:\\s"), Text(u"\\d"));
+        return device.ExpectCommand(8, Bytes{DAK_TO_DEVICE}, Text(DAK_WIDE("C:\\s")),
+                                    Text(DAK_WIDE("\\d")));
     }
     static std::vector<Bytes> PushPackages(const Bytes& stream) {
         return sim::StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true);
@@ -149,7 +156,8 @@ class TransferTest : public ::testing::Test {
     // From the device.
 
     sim::CScriptedDevice& ExpectPull(const Bytes& names = {}) {
-        return device.ExpectCommand(8, Bytes{DAK_FROM_DEVICE}, Text(u"\\d"), Text(u"C:\\s"),
+        return device.ExpectCommand(8, Bytes{DAK_FROM_DEVICE}, Text(DAK_WIDE("\\d")),
+                                    Text(DAK_WIDE("C:\\s")),
                                     U32(static_cast<std::uint32_t>(list.GetSize())), names);
     }
     static std::vector<Bytes> PullPackages(const Bytes& stream) {

