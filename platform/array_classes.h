@@ -5,6 +5,8 @@
 
 #include "platform/types.h"
 
+#if !defined(DAK_WITH_MFC)
+
 #include <cstring>
 #include <new>
 #include <string>
@@ -131,3 +133,5 @@ class CStringArray {
   private:
     std::vector<CString> m_list;
 };
+
+#endif

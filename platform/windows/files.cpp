@@ -1,0 +1,151 @@
+#include "platform/file.h"
+#include "platform/windows/handles.h"
+#include "platform/windows/paths.h"
+
+#include <cstring>
+
+namespace platform {
+namespace {
+
+using windows::IsPlainPath;
+using windows::MayBeHandle;
+
+// What the system wants to be left behind the folder of a temporary file: a separator, a name of
+// eight characters with an ending of three, and the terminator.
+constexpr std::size_t TEMP_NAME_ROOM = 14;
+
+// A time to set: none where it is zero.
+const FILETIME* UnlessZero(const FILETIME* lpTime) {
+    return lpTime != nullptr && (lpTime->dwLowDateTime | lpTime->dwHighDateTime) != 0 ? lpTime
+                                                                                      : nullptr;
+}
+
+bool IsTime(const FILETIME* lpTime) {
+    return lpTime == nullptr || lpTime->dwHighDateTime < 0x80000000;
+}
+
+// Whether a file may not be changed, with the error number set then: it is read-only or a folder,
+// which not every file system or user is refused by the system.
+bool IsProtected(const char* lpszPath) {
+    const DWORD dwAttributes = ::GetFileAttributesA(lpszPath);
+    if (dwAttributes == INVALID_FILE_ATTRIBUTES ||
+        (dwAttributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY)) == 0) {
+        return false;
+    }
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    return true;
+}
+
+} // namespace
+
+HANDLE CreateFileA(const char* lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                   _SECURITY_ATTRIBUTES* lpSecurityAttributes, DWORD dwCreationDisposition,
+                   DWORD dwFlagsAndAttributes, HANDLE hTemplateFile) {
+    if (windows::IsInterfacePath(lpFileName)) {
+        // Overlapped, so that a stop can end a transfer (transfers.cpp).
+        return ::CreateFileA(lpFileName, dwDesiredAccess, dwShareMode, lpSecurityAttributes,
+                             dwCreationDisposition, dwFlagsAndAttributes | FILE_FLAG_OVERLAPPED,
+                             hTemplateFile);
+    }
+    if (!IsPlainPath(lpFileName) ||
+        ((dwDesiredAccess & GENERIC_WRITE) != 0 && dwCreationDisposition != CREATE_NEW &&
+         IsProtected(lpFileName))) {
+        return INVALID_HANDLE_VALUE;
+    }
+    const HANDLE hFile =
+        ::CreateFileA(lpFileName, dwDesiredAccess, dwShareMode, lpSecurityAttributes,
+                      dwCreationDisposition, dwFlagsAndAttributes, hTemplateFile);
+    if (hFile != INVALID_HANDLE_VALUE && ::GetFileType(hFile) != FILE_TYPE_DISK) {
+        ::CloseHandle(hFile);
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return INVALID_HANDLE_VALUE;
+    }
+    return hFile;
+}
+
+DWORD SetFilePointer(HANDLE hFile, LONG lDistance, LONG* lpDistanceHigh, DWORD dwMoveMethod) {
+    return MayBeHandle(hFile) ? ::SetFilePointer(hFile, lDistance, lpDistanceHigh, dwMoveMethod)
+                              : INVALID_SET_FILE_POINTER;
+}
+
+DWORD GetFileSize(HANDLE hFile, DWORD* lpFileSizeHigh) {
+    return MayBeHandle(hFile) ? ::GetFileSize(hFile, lpFileSizeHigh) : INVALID_FILE_SIZE;
+}
+
+BOOL GetFileTime(HANDLE hFile, FILETIME* lpCreationTime, FILETIME* lpLastAccessTime,
+                 FILETIME* lpLastWriteTime) {
+    return MayBeHandle(hFile)
+               ? ::GetFileTime(hFile, lpCreationTime, lpLastAccessTime, lpLastWriteTime)
+               : FALSE;
+}
+
+BOOL SetFileTime(HANDLE hFile, const FILETIME* lpCreationTime, const FILETIME* lpLastAccessTime,
+                 const FILETIME* lpLastWriteTime) {
+    if (!MayBeHandle(hFile)) {
+        return FALSE;
+    }
+    if (!IsTime(lpCreationTime) || !IsTime(lpLastAccessTime) || !IsTime(lpLastWriteTime)) {
+        ::SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    return ::SetFileTime(hFile, UnlessZero(lpCreationTime), UnlessZero(lpLastAccessTime),
+                         UnlessZero(lpLastWriteTime));
+}
+
+BOOL DeleteFileA(const char* lpFileName) {
+    return IsPlainPath(lpFileName) && !IsProtected(lpFileName) ? ::DeleteFileA(lpFileName) : FALSE;
+}
+
+// Not the system's call of this name, which copies a file to another volume.
+BOOL MoveFileA(const char* lpExistingFileName, const char* lpNewFileName) {
+    return IsPlainPath(lpExistingFileName) && IsPlainPath(lpNewFileName)
+               ? ::MoveFileExA(lpExistingFileName, lpNewFileName, 0)
+               : FALSE;
+}
+
+BOOL MoveFileExA(const char* lpExistingFileName, const char* lpNewFileName, DWORD dwFlags) {
+    return IsPlainPath(lpExistingFileName) && IsPlainPath(lpNewFileName) &&
+                   !IsProtected(lpNewFileName)
+               ? ::MoveFileExA(lpExistingFileName, lpNewFileName, dwFlags)
+               : FALSE;
+}
+
+BOOL SetFileAttributesA(const char* lpFileName, DWORD dwFileAttributes) {
+    return IsPlainPath(lpFileName) ? ::SetFileAttributesA(lpFileName, dwFileAttributes) : FALSE;
+}
+
+BOOL CreateDirectoryA(const char* lpPathName, _SECURITY_ATTRIBUTES* lpSecurityAttributes) {
+    return IsPlainPath(lpPathName) ? ::CreateDirectoryA(lpPathName, lpSecurityAttributes) : FALSE;
+}
+
+UINT GetTempFileNameA(const char* lpPathName, const char* lpPrefixString, UINT uUnique,
+                      char* lpTempFileName) {
+    // Not every system refuses by itself a folder that leaves no room for the name.
+    if (std::strlen(lpPathName) > MAX_PATH - TEMP_NAME_ROOM) {
+        ::SetLastError(ERROR_INVALID_NAME);
+        return 0;
+    }
+    return IsPlainPath(lpPathName)
+               ? ::GetTempFileNameA(lpPathName, lpPrefixString, uUnique, lpTempFileName)
+               : 0;
+}
+
+BOOL GetDiskFreeSpaceExA(const char* lpDirectoryName, std::uint64_t* lpFreeBytesAvailable,
+                         std::uint64_t* lpTotalNumberOfBytes,
+                         std::uint64_t* lpTotalNumberOfFreeBytes) {
+    ULARGE_INTEGER counts[3];
+    if (!IsPlainPath(lpDirectoryName) ||
+        ::GetDiskFreeSpaceExA(lpDirectoryName, &counts[0], &counts[1], &counts[2]) == FALSE) {
+        return FALSE;
+    }
+    std::uint64_t* const targets[] = {lpFreeBytesAvailable, lpTotalNumberOfBytes,
+                                      lpTotalNumberOfFreeBytes};
+    for (int i = 0; i < 3; ++i) {
+        if (targets[i] != nullptr) {
+            *targets[i] = counts[i].QuadPart;
+        }
+    }
+    return TRUE;
+}
+
+} // namespace platform

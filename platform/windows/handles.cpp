@@ -1,0 +1,28 @@
+#include "platform/windows/handles.h"
+
+#include "platform/thread.h"
+#include "platform/windows/threads.h"
+
+namespace platform {
+
+bool windows::MayBeHandle(HANDLE hObject) {
+    if (reinterpret_cast<std::intptr_t>(hObject) > 0) {
+        return true;
+    }
+    ::SetLastError(ERROR_INVALID_HANDLE);
+    return false;
+}
+
+DWORD GetLastError() {
+    return ::GetLastError();
+}
+
+BOOL CloseHandle(HANDLE hObject) {
+    if (!windows::MayBeHandle(hObject)) {
+        return FALSE;
+    }
+    windows::ForgetThread(hObject);
+    return ::CloseHandle(hObject);
+}
+
+} // namespace platform

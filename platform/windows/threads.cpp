@@ -1,0 +1,181 @@
+#include "platform/windows/threads.h"
+
+#include "platform/thread.h"
+#include "platform/windows/handles.h"
+
+#include <new>
+
+namespace platform {
+namespace windows {
+namespace {
+
+// How often a thread that is being stopped is looked for on a word it waits on: it may have begun
+// its wait just behind the wake.
+constexpr DWORD LOOK_AGAIN_MS = 1;
+
+const DWORD g_dwRecordIndex = ::TlsAlloc();
+
+// The threads whose handles are open: few at a time.
+SRWLOCK g_TableLock = SRWLOCK_INIT;
+CThread* g_pFirst = nullptr;
+
+class CTableHold {
+  public:
+    CTableHold() { ::AcquireSRWLockExclusive(&g_TableLock); }
+    ~CTableHold() { ::ReleaseSRWLockExclusive(&g_TableLock); }
+    CTableHold(const CTableHold&) = delete;
+    CTableHold& operator=(const CTableHold&) = delete;
+};
+
+void RememberThread(CThread* pThread, HANDLE hThread) {
+    const CTableHold hold;
+    pThread->m_hThread = hThread;
+    pThread->m_pNext = g_pFirst;
+    g_pFirst = pThread;
+}
+
+// The record behind a handle with a reference for the caller, or null with the error number set.
+CThread* FindThread(HANDLE hThread) {
+    const CTableHold hold;
+    for (CThread* pThread = g_pFirst; pThread != nullptr; pThread = pThread->m_pNext) {
+        if (pThread->m_hThread == hThread) {
+            pThread->AddReference();
+            return pThread;
+        }
+    }
+    ::SetLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
+}
+
+DWORD WINAPI RunThread(void* lpThread) {
+    return static_cast<CThread*>(lpThread)->Run();
+}
+
+} // namespace
+
+CThread* CThread::Make(LPTHREAD_START_ROUTINE lpStartAddress, void* lpParameter, bool bSuspended) {
+    if (g_dwRecordIndex == TLS_OUT_OF_INDEXES) {
+        return nullptr;
+    }
+    const HANDLE hStop = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    if (hStop == nullptr) {
+        return nullptr;
+    }
+    auto* pThread = new (std::nothrow) CThread(lpStartAddress, lpParameter, bSuspended, hStop);
+    if (pThread == nullptr) {
+        ::CloseHandle(hStop);
+    }
+    return pThread;
+}
+
+CThread* CThread::Current() {
+    // The look-up clears the error number, which is the caller's to keep.
+    const DWORD dwError = ::GetLastError();
+    auto* pThread = static_cast<CThread*>(::TlsGetValue(g_dwRecordIndex));
+    ::SetLastError(dwError);
+    return pThread;
+}
+
+void CThread::Release() {
+    if (m_nReferences.fetch_sub(1) == 1) {
+        delete this;
+    }
+}
+
+DWORD CThread::Run() {
+    ::TlsSetValue(g_dwRecordIndex, this);
+    const DWORD dwExitCode = m_bNeverRuns ? 0 : m_lpStartAddress(m_lpParameter);
+    ::TlsSetValue(g_dwRecordIndex, nullptr);
+    Release();
+    return dwExitCode;
+}
+
+void CThread::Stop(bool bNeverRuns) {
+    m_bNeverRuns = m_bNeverRuns || bNeverRuns;
+    m_bStopping.store(true);
+    ::SetEvent(m_hStop);
+}
+
+void ForgetThread(HANDLE hObject) {
+    CThread* pForgotten = nullptr;
+    {
+        const CTableHold hold;
+        for (CThread** ppThread = &g_pFirst; *ppThread != nullptr;
+             ppThread = &(*ppThread)->m_pNext) {
+            if ((*ppThread)->m_hThread == hObject) {
+                pForgotten = *ppThread;
+                *ppThread = pForgotten->m_pNext;
+                break;
+            }
+        }
+    }
+    if (pForgotten != nullptr) {
+        pForgotten->Release();
+    }
+}
+
+} // namespace windows
+
+HANDLE CreateThread(_SECURITY_ATTRIBUTES* lpThreadAttributes, SIZE_T dwStackSize,
+                    LPTHREAD_START_ROUTINE lpStartAddress, void* lpParameter, DWORD dwCreationFlags,
+                    DWORD* lpThreadId) {
+    using windows::CThread;
+    const DWORD dwSuspended = dwCreationFlags & CREATE_SUSPENDED;
+    CThread* pThread = CThread::Make(lpStartAddress, lpParameter, dwSuspended != 0);
+    if (pThread == nullptr) {
+        ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    pThread->AddReference(); // the thread's own
+    DWORD dwThreadId = 0;
+    const HANDLE hThread = ::CreateThread(lpThreadAttributes, dwStackSize, windows::RunThread,
+                                          pThread, dwSuspended, &dwThreadId);
+    if (hThread == nullptr) {
+        pThread->Release();
+        pThread->Release();
+        return nullptr;
+    }
+    windows::RememberThread(pThread, hThread);
+    if (lpThreadId != nullptr) {
+        *lpThreadId = dwThreadId;
+    }
+    return hThread;
+}
+
+DWORD ResumeThread(HANDLE hThread) {
+    windows::CThread* pThread = windows::FindThread(hThread);
+    if (pThread == nullptr) {
+        return 0xFFFFFFFF;
+    }
+    const bool bResumes = pThread->Resume();
+    pThread->Release();
+    if (!bResumes) {
+        ::SetLastError(ERROR_INVALID_HANDLE);
+        return 0xFFFFFFFF;
+    }
+    return ::ResumeThread(hThread);
+}
+
+BOOL TerminateThread(HANDLE hThread, DWORD /*dwExitCode*/) {
+    windows::CThread* pThread = windows::FindThread(hThread);
+    if (pThread == nullptr) {
+        return FALSE;
+    }
+    const bool bSuspended = pThread->Resume();
+    pThread->Stop(bSuspended);
+    if (bSuspended) {
+        ::ResumeThread(hThread);
+    }
+    DWORD dwResult = WAIT_TIMEOUT;
+    while (dwResult == WAIT_TIMEOUT) {
+        DWORD* const lpAddress = pThread->m_lpWaitAddress.load();
+        if (lpAddress != nullptr) {
+            ::WakeByAddressAll(lpAddress);
+        }
+        dwResult = ::WaitForSingleObject(hThread, windows::LOOK_AGAIN_MS);
+    }
+    pThread->Release();
+    return dwResult == WAIT_OBJECT_0 ? TRUE : FALSE;
+}
+
+} // namespace platform

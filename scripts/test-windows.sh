@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Builds the library for Windows with the cross compiler, and runs its tests under Wine, without a
+# display and in a Wine folder of their own.
+set -euo pipefail
+# shellcheck source-path=SCRIPTDIR source=lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+PACKAGES=(g++-mingw-w64-x86-64-posix wine64 libgtest-dev googletest)
+WINE_FOLDER=/usr/lib/wine
+# What the DLL may need: libraries that every Windows brings along.
+SYSTEM_LIBRARIES='ADVAPI32|KERNEL32|msvcrt|SETUPAPI|USER32|api-ms-win-core-synch-l1-2-0'
+
+need_packages cmake ninja-build "${PACKAGES[@]}"
+cd "$DAK_HOME"
+
+work=$(mktemp -d)
+finish() {
+    timeout 60 "$WINE_FOLDER/wineserver" -k 2>/dev/null || true
+    rm -rf "$work"
+}
+trap finish EXIT
+
+export WINEPREFIX=$work/prefix WINEDEBUG=-all
+export WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilder.exe,winedbg.exe=d"
+unset DISPLAY WAYLAND_DISPLAY
+# Wine takes UTF-8 for the ANSI code page of a language that never had one. Only the language's name
+# matters to it, so the system's own UTF-8 locale serves under that name.
+mkdir -p "$work/locale"
+ln -s "$(find /usr/lib/locale -maxdepth 1 -iname 'C.utf*8' | head -n 1)" "$work/locale/hi_IN.UTF-8"
+
+headline "Building for Windows"
+cmake --preset windows >/dev/null
+cmake --build --preset windows
+foreign=$(x86_64-w64-mingw32-objdump -p build-windows/DAK.dll |
+    sed -n 's/^\s*DLL Name: //p' | grep -viE "^($SYSTEM_LIBRARIES)\.dll$" || true)
+[[ -z $foreign ]] || die "DAK.dll needs more than the system: $foreign"
+
+headline "Testing under Wine"
+export LOCPATH=$work/locale LC_ALL=hi_IN.UTF-8
+timeout 180 "$WINE_FOLDER/wine64" wineboot --init >/dev/null 2>&1 </dev/null ||
+    die "Wine could not be set up"
+# One after the other: Wine's tests share one registry, and one device can be there at a time.
+timeout 1500 ctest --preset windows --no-tests=error --verbose </dev/null >"$work/log" 2>&1 || {
+    tr -d '\r' <"$work/log" | grep -vE '\[ +(RUN|OK) ' | tail -n 200
+    die "tests failed under Wine"
+}
+grep -E 'Test +#' "$work/log"
+say "Under Wine: $(tr -d '\r' <"$work/log" | awk '/\[  PASSED  \]/ { count += $(NF - 1) } END { print count }')" \
+    "tests passed"
