@@ -36,11 +36,12 @@ foreign=$(x86_64-w64-mingw32-objdump -p build-windows/DAK.dll |
 [[ -z $foreign ]] || die "DAK.dll needs more than the system: $foreign"
 
 headline "Testing under Wine"
-export LOCPATH=$work/locale LC_ALL=hi_IN.UTF-8
-timeout 180 "$WINE_FOLDER/wine64" wineboot --init >/dev/null 2>&1 </dev/null ||
+in_utf8=(env LOCPATH="$work/locale" LC_ALL=hi_IN.UTF-8)
+timeout 180 "${in_utf8[@]}" "$WINE_FOLDER/wine64" wineboot --init >/dev/null 2>&1 </dev/null ||
     die "Wine could not be set up"
 # One after the other: Wine's tests share one registry, and one device can be there at a time.
-timeout 1500 ctest --preset windows --no-tests=error --verbose </dev/null >"$work/log" 2>&1 || {
+timeout 1500 "${in_utf8[@]}" ctest --preset windows --no-tests=error --verbose \
+    </dev/null >"$work/log" 2>&1 || {
     tr -d '\r' <"$work/log" | grep -vE '\[ +(RUN|OK) ' | tail -n 200
     die "tests failed under Wine"
 }

@@ -68,11 +68,12 @@ std::string Contents(const std::string& strPath) {
 
 CONTRACT_TEST(Handles, ThatAreNotOpenOrOfAnotherKindAreRefused) {
     MakeFile(InFolder("a"), "abc");
+    // Made first: a system may give a closed handle's number to the next one.
+    HANDLE hLock = CreateMutexA(nullptr, FALSE, nullptr);
     HANDLE hClosed = Open(InFolder("a"));
     ASSERT_NE(hClosed, INVALID_HANDLE_VALUE);
     ASSERT_NE(hClosed, nullptr);
     EXPECT_TRUE(CloseHandle(hClosed));
-    HANDLE hLock = CreateMutexA(nullptr, FALSE, nullptr);
     for (HANDLE hBad : {hClosed, HANDLE{nullptr}, INVALID_HANDLE_VALUE, hLock}) {
         char ch = 'x';
         DWORD dwCount = 77;
