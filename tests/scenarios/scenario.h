@@ -195,7 +195,9 @@ class CScenario {
             }
             std::ifstream stream(entry.path(), std::ios::binary);
             CFileState& file = tree[strName];
-            file.bytes.assign(std::istreambuf_iterator<char>(stream), {});
+            file.bytes.resize(entry.file_size());
+            stream.read(reinterpret_cast<char*>(file.bytes.data()),
+                        static_cast<std::streamsize>(file.bytes.size()));
             struct stat status {};
             ::stat(entry.path().c_str(), &status);
             file.qwWritten = 116'444'736'000'000'000ull +
