@@ -2,6 +2,7 @@
 #include <array>
 
 #include "agent/device.h"
+#include "agent/fields_exchange.h"
 #include "agent/operations.h"
 
 namespace agent {
@@ -56,54 +57,24 @@ std::optional<COpenMode> ModeOf(std::uint32_t dwAccess, std::uint32_t dwShare,
     return mode.bWrite || !disposition.bMustWrite ? std::optional(mode) : std::nullopt;
 }
 
-// The response of an open: result and handle.
-class COpenExchange final : public CExchange {
-  public:
-    COpenExchange(CDevice& device, std::u16string strPath, std::optional<COpenMode> mode)
-        : m_device(device), m_strPath(std::move(strPath)), m_mode(mode) {}
-
-    void Take(std::span<const std::uint8_t>, COutbox&, std::uint64_t) override {}
-
-    void Prepare(COutbox& outbox) override {
-        const std::uint32_t dwHandle = Open();
-        std::vector<std::uint8_t> package(DAK_RESPONSE_FIELDS + 4);
-        DakPutHeader(package.data(), DAK_LAST_REPLY,
-                     static_cast<std::uint32_t>(package.size()) - DAK_HEADER_SIZE);
-        DakPutU16(package.data() + DAK_OFFSET_CODE, DAK_FUNC_CREATE_FILE);
-        DakPutU32(package.data() + DAK_OFFSET_RESULT, dwHandle == s_dwNone ? 0 : 1);
-        DakPutU32(package.data() + DAK_RESPONSE_FIELDS, dwHandle);
-        outbox.Put(std::move(package));
-        m_bEnded = true;
-    }
-
-    bool Ended() const override { return m_bEnded; }
-
-  private:
-    std::uint32_t Open();
-
-    CDevice& m_device;
-    const std::u16string m_strPath;
-    const std::optional<COpenMode> m_mode;
-    bool m_bEnded = false;
-};
-
-std::uint32_t COpenExchange::Open() {
-    COpenFiles& files = m_device.OpenFiles();
-    const std::optional<CDevicePath> path = CDevicePath::Parse(m_strPath);
+// The handle, or s_dwNone.
+std::uint32_t OpenHandle(CDevice& device, const std::u16string& strPath,
+                         const std::optional<COpenMode>& mode) {
+    COpenFiles& files = device.OpenFiles();
+    const std::optional<CDevicePath> path = CDevicePath::Parse(strPath);
     const std::string strWhat = "open " + (path ? path->Text() : "?");
     if (!files.HasRoom()) {
-        m_device.Log(strWhat + ": as many files are open as may be");
+        device.Log(strWhat + ": as many files are open as may be");
         return s_dwNone;
     }
     CFileHandle file;
-    if (!path || !m_mode ||
-        m_device.Folder().OpenFile(*path, *m_mode, file.pFile) != EResult::SUCCESS) {
-        m_device.Log(strWhat + ": refused");
+    if (!path || !mode || device.Folder().OpenFile(*path, *mode, file.pFile) != EResult::SUCCESS) {
+        device.Log(strWhat + ": refused");
         return s_dwNone;
     }
     file.strPath = path->Text();
     const std::uint32_t dwHandle = files.Add(std::move(file));
-    m_device.Log(strWhat + ": handle " + std::to_string(dwHandle));
+    device.Log(strWhat + ": handle " + std::to_string(dwHandle));
     return dwHandle;
 }
 
@@ -138,8 +109,13 @@ std::unique_ptr<CExchange> OpenCreateFile(CDevice& device, CPayload payload) {
         !payload.TakeU32(dwShare) || !payload.TakeU32(dwDisposition) || !payload.AtEnd()) {
         return nullptr;
     }
-    return std::make_unique<COpenExchange>(device, std::move(strPath),
-                                           ModeOf(dwAccess, dwShare, dwDisposition));
+    return std::make_unique<CFieldsExchange>(
+        DAK_FUNC_CREATE_FILE, [=, &device](CFieldBytes& fields) {
+            const std::uint32_t dwHandle =
+                OpenHandle(device, strPath, ModeOf(dwAccess, dwShare, dwDisposition));
+            AppendU32(fields, dwHandle);
+            return dwHandle == s_dwNone ? 0 : 1;
+        });
 }
 
 std::unique_ptr<CExchange> OpenSetFilePointer(CDevice& device, CPayload payload) {

@@ -5,6 +5,7 @@
 
 #include "agent/copy_files.h"
 #include "agent/device.h"
+#include "agent/fields_exchange.h"
 #include "agent/operations.h"
 
 namespace agent {
@@ -49,51 +50,30 @@ void PutText(std::uint8_t* lpField, const std::u16string& strText) {
     }
 }
 
+void PutRecord(std::uint8_t* lpRecord, const CFileFields& fields) {
+    PutText(lpRecord, fields.strName);
+    PutText(lpRecord + s_dwPathOffset, fields.strPath);
+    PutText(lpRecord + s_dwTypeOffset, fields.strType);
+    std::uint8_t* lpNumbers = lpRecord + s_dwAttributesOffset;
+    DakPutU32(lpNumbers, fields.dwAttributes);
+    DakPutU64(lpNumbers + 4, fields.times.ftCreation);
+    DakPutU64(lpNumbers + 12, fields.ftLastAccess);
+    DakPutU64(lpNumbers + 20, fields.times.ftLastWrite);
+    DakPutU32(lpNumbers + 28, static_cast<std::uint32_t>(fields.qwSize >> 32));
+    DakPutU32(lpNumbers + 32, static_cast<std::uint32_t>(fields.qwSize));
+}
+
 // Zeroes when there is nothing under the path.
-class CFileInfo final : public CExchange {
-  public:
-    CFileInfo(CDevice& device, std::u16string strPath)
-        : m_device(device), m_strPath(std::move(strPath)) {}
-
-    void Take(std::span<const std::uint8_t>, COutbox&, std::uint64_t) override {}
-
-    void Prepare(COutbox& outbox) override {
-        const std::optional<CDevicePath> path = CDevicePath::Parse(m_strPath);
-        const std::optional<CEntryInfo> info =
-            path ? m_device.Folder().Describe(*path) : std::nullopt;
-        m_device.Log("file info " + (path ? path->Text() : "?") + (info ? "" : ": not there"));
-        std::vector<std::uint8_t> package(DAK_DATA_OFFSET + s_dwRecordSize);
-        DakPutHeader(package.data(), DAK_LAST_REPLY,
-                     static_cast<std::uint32_t>(package.size()) - DAK_HEADER_SIZE);
-        DakPutU16(package.data() + DAK_OFFSET_CODE, DAK_FUNC_GET_FILE_INFO);
-        if (info) {
-            DakPutU32(package.data() + DAK_OFFSET_RESULT, 1);
-            PutRecord(package.data() + DAK_DATA_OFFSET, FieldsOf(*path, info));
-        }
-        outbox.Put(std::move(package));
-        m_bEnded = true;
+std::int32_t TellFile(CDevice& device, const std::u16string& strPath, CFieldBytes& record) {
+    const std::optional<CDevicePath> path = CDevicePath::Parse(strPath);
+    const std::optional<CEntryInfo> info = path ? device.Folder().Describe(*path) : std::nullopt;
+    device.Log("file info " + (path ? path->Text() : "?") + (info ? "" : ": not there"));
+    record.resize(s_dwRecordSize);
+    if (info) {
+        PutRecord(record.data(), FieldsOf(*path, info));
     }
-
-    bool Ended() const override { return m_bEnded; }
-
-  private:
-    static void PutRecord(std::uint8_t* lpRecord, const CFileFields& fields) {
-        PutText(lpRecord, fields.strName);
-        PutText(lpRecord + s_dwPathOffset, fields.strPath);
-        PutText(lpRecord + s_dwTypeOffset, fields.strType);
-        std::uint8_t* lpNumbers = lpRecord + s_dwAttributesOffset;
-        DakPutU32(lpNumbers, fields.dwAttributes);
-        DakPutU64(lpNumbers + 4, fields.times.ftCreation);
-        DakPutU64(lpNumbers + 12, fields.ftLastAccess);
-        DakPutU64(lpNumbers + 20, fields.times.ftLastWrite);
-        DakPutU32(lpNumbers + 28, static_cast<std::uint32_t>(fields.qwSize >> 32));
-        DakPutU32(lpNumbers + 32, static_cast<std::uint32_t>(fields.qwSize));
-    }
-
-    CDevice& m_device;
-    const std::u16string m_strPath;
-    bool m_bEnded = false;
-};
+    return info ? 1 : 0;
+}
 
 } // namespace
 
@@ -124,7 +104,9 @@ std::unique_ptr<CExchange> OpenGetFileInfo(CDevice& device, CPayload payload) {
     if (!payload.TakeText(strPath, MAX_PATH_CHARS) || !payload.AtEnd()) {
         return nullptr;
     }
-    return std::make_unique<CFileInfo>(device, std::move(strPath));
+    return std::make_unique<CFieldsExchange>(
+        DAK_FUNC_GET_FILE_INFO,
+        [&device, strPath](CFieldBytes& record) { return TellFile(device, strPath, record); });
 }
 
 } // namespace agent

@@ -9,6 +9,7 @@
 
 #include "agent/copy_files.h"
 #include "agent/device.h"
+#include "agent/fields_exchange.h"
 #include "agent/file_info.h"
 #include "agent/name_queue.h"
 #include "agent/operations.h"
@@ -26,12 +27,7 @@ constexpr std::size_t s_dwCountOffset = 14;
 // Of all names together. The host would need gigabytes for the records of a folder that has more.
 constexpr std::size_t s_dwMaxNames = std::size_t{64} << 20;
 
-using Bytes = std::vector<std::uint8_t>;
-
-void AppendU32(Bytes& bytes, std::uint32_t dwValue) {
-    bytes.resize(bytes.size() + 4);
-    DakPutU32(bytes.data() + bytes.size() - 4, dwValue);
-}
+using Bytes = CFieldBytes;
 
 void AppendU64(Bytes& bytes, std::uint64_t qwValue) {
     AppendU32(bytes, static_cast<std::uint32_t>(qwValue));

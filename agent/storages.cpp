@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "agent/device.h"
+#include "agent/fields_exchange.h"
 #include "agent/operations.h"
 
 namespace agent {
@@ -20,49 +21,13 @@ constexpr std::size_t s_dwKindOffset = 112;
 constexpr std::uint32_t s_dwKindRoot = 1;
 constexpr std::uint32_t s_dwKindStorage = 2;
 
-// A response with fields behind its result: the work lays them, once, when the host asks.
-class CFieldsExchange final : public CExchange {
-  public:
-    using Work = std::function<std::int32_t(std::vector<std::uint8_t>& fields)>;
-
-    CFieldsExchange(std::uint16_t codeFunc, Work work)
-        : m_codeFunc(codeFunc), m_work(std::move(work)) {}
-
-    void Take(std::span<const std::uint8_t>, COutbox&, std::uint64_t) override {}
-
-    void Prepare(COutbox& outbox) override {
-        std::vector<std::uint8_t> fields;
-        const std::int32_t nResult = m_work(fields);
-        std::vector<std::uint8_t> package(DAK_DATA_OFFSET);
-        package.insert(package.end(), fields.begin(), fields.end());
-        DakPutHeader(package.data(), DAK_LAST_REPLY,
-                     static_cast<std::uint32_t>(package.size() - DAK_HEADER_SIZE));
-        DakPutU16(package.data() + DAK_OFFSET_CODE, m_codeFunc);
-        DakPutU32(package.data() + DAK_OFFSET_RESULT, static_cast<std::uint32_t>(nResult));
-        outbox.Put(std::move(package));
-        m_bEnded = true;
-    }
-
-    bool Ended() const override { return m_bEnded; }
-
-  private:
-    std::uint16_t m_codeFunc;
-    Work m_work;
-    bool m_bEnded = false;
-};
-
-void AppendU32(std::vector<std::uint8_t>& fields, std::uint32_t dwValue) {
-    fields.resize(fields.size() + 4);
-    DakPutU32(fields.data() + fields.size() - 4, dwValue);
-}
-
 std::uint32_t KibOf(std::uint64_t qwBytes) {
     return static_cast<std::uint32_t>(
         std::min<std::uint64_t>(qwBytes / 1024, std::numeric_limits<std::uint32_t>::max()));
 }
 
-void AppendRecord(std::vector<std::uint8_t>& fields, std::u16string_view strName,
-                  const CSpace& space, std::uint32_t dwKind) {
+void AppendRecord(CFieldBytes& fields, std::u16string_view strName, const CSpace& space,
+                  std::uint32_t dwKind) {
     fields.resize(fields.size() + s_dwRecordSize);
     std::uint8_t* const lpRecord = fields.data() + fields.size() - s_dwRecordSize;
     for (std::size_t i = 0; i < std::min(strName.size(), MAX_STORAGE_NAME); ++i) {
@@ -73,7 +38,7 @@ void AppendRecord(std::vector<std::uint8_t>& fields, std::u16string_view strName
     DakPutU32(lpRecord + s_dwKindOffset, dwKind);
 }
 
-std::int32_t TellStorages(CDevice& device, std::vector<std::uint8_t>& fields) {
+std::int32_t TellStorages(CDevice& device, CFieldBytes& fields) {
     const std::vector<std::string> names = device.Folder().StorageNames();
     AppendU32(fields, static_cast<std::uint32_t>(names.size()) + 1);
     const auto spaceOf = [&device](const CDevicePath& path) {
