@@ -37,19 +37,7 @@ std::optional<COpenFile::CState> CPosixOpenFile::StateForReading() const {
 }
 
 std::size_t CPosixOpenFile::Read(std::uint64_t qwAt, std::span<std::uint8_t> data) {
-    std::size_t dwDone = 0;
-    while (dwDone < data.size()) {
-        const ssize_t nRead = ::pread(m_fd.Get(), data.data() + dwDone, data.size() - dwDone,
-                                      static_cast<off_t>(qwAt + dwDone));
-        if (nRead < 0 && errno == EINTR) {
-            continue;
-        }
-        if (nRead <= 0) {
-            break;
-        }
-        dwDone += static_cast<std::size_t>(nRead);
-    }
-    return dwDone;
+    return ReadAt(m_fd.Get(), qwAt, data);
 }
 
 // What is written to a file that has no name, or lies where the host cannot see it any more, would

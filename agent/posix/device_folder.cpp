@@ -44,24 +44,16 @@ class CPosixSourceFile final : public CSourceFile {
     }
 
     std::size_t Read(std::span<std::uint8_t> data) override {
-        std::size_t dwDone = 0;
-        while (dwDone < data.size()) {
-            const ssize_t nRead = ::read(m_fd.Get(), data.data() + dwDone, data.size() - dwDone);
-            if (nRead < 0 && errno == EINTR) {
-                continue;
-            }
-            if (nRead <= 0) {
-                break;
-            }
-            dwDone += static_cast<std::size_t>(nRead);
-        }
-        return dwDone;
+        const std::size_t dwRead = ReadAt(m_fd.Get(), m_qwAt, data);
+        m_qwAt += dwRead;
+        return dwRead;
     }
 
     std::uint64_t Identity() const override { return m_qwIdentity; }
 
   private:
     CFd m_fd;
+    std::uint64_t m_qwAt = 0;
     std::uint64_t m_qwIdentity;
 };
 

@@ -106,6 +106,22 @@ bool WriteWhole(int fd, const void* lpBytes, std::size_t dwBytes) {
     return true;
 }
 
+std::size_t ReadAt(int fd, std::uint64_t qwAt, std::span<std::uint8_t> data) {
+    std::size_t dwDone = 0;
+    while (dwDone < data.size()) {
+        const ssize_t nRead = ::pread(fd, data.data() + dwDone, data.size() - dwDone,
+                                      static_cast<off_t>(qwAt + dwDone));
+        if (nRead < 0 && errno == EINTR) {
+            continue;
+        }
+        if (nRead <= 0) {
+            break;
+        }
+        dwDone += static_cast<std::size_t>(nRead);
+    }
+    return dwDone;
+}
+
 bool IsMountPoint(int fd, dev_t deviceAbove) {
     struct statx status {};
     struct stat plain {};

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <span>
 #include <string>
 
 #include <sys/stat.h>
@@ -53,6 +54,10 @@ std::string PathOf(int fd);
 
 // A whole write, over short ones and signals. False with errno set.
 bool WriteWhole(int fd, const void* lpBytes, std::size_t dwBytes);
+
+// Bytes from a position on, over short reads and signals: fewer than data holds only at the end of
+// the file or on an error.
+std::size_t ReadAt(int fd, std::uint64_t qwAt, std::span<std::uint8_t> data);
 
 // The read-only attribute: nobody may write.
 inline bool IsReadOnly(const struct stat& status) {
