@@ -4,7 +4,7 @@
 #include <list>
 
 #include "agent/posix/format.h"
-#include "agent/posix/quota.h"
+#include "agent/quota.h"
 #include "agent/posix/system_file.h"
 
 namespace agent {

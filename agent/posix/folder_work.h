@@ -8,7 +8,7 @@
 
 #include "agent/device_folder.h"
 #include "agent/posix/part_journal.h"
-#include "agent/posix/quota.h"
+#include "agent/quota.h"
 #include "agent/posix/system_file.h"
 #include "agent/posix/trash.h"
 

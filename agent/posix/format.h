@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/posix/quota.h"
+#include "agent/quota.h"
 #include "agent/posix/removal.h"
 #include "agent/posix/system_file.h"
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "agent/posix/part_journal.h"
-#include "agent/posix/quota.h"
+#include "agent/quota.h"
 #include "agent/posix/system_file.h"
 
 namespace agent {

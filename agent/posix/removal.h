@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "agent/posix/directory.h"
-#include "agent/posix/quota.h"
+#include "agent/quota.h"
 
 namespace agent {
 

@@ -16,7 +16,7 @@
 #include <fcntl.h>
 
 #include "agent/posix/directory.h"
-#include "agent/posix/quota.h"
+#include "agent/quota.h"
 
 namespace agent {
 

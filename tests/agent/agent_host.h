@@ -13,11 +13,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "agent/agent_core.h"
 #include "agent/device.h"
 #include "link/wire.h"
+#include "tests/test_files.h"
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -136,9 +136,6 @@ inline std::vector<Bytes> Packages(const Bytes& stream) {
 class CAgentHost {
   public:
     explicit CAgentHost(std::optional<std::uint64_t> qwQuota = {}) {
-        std::string strTemplate =
-            (std::filesystem::temp_directory_path() / "dak-agent-test-XXXXXX").string();
-        m_base = ::mkdtemp(strTemplate.data());
         std::filesystem::create_directories(m_base / "root" / "d");
         std::filesystem::create_directories(m_base / "card");
         std::ofstream(m_base / "outside.txt") << "outside";
@@ -345,7 +342,7 @@ class CAgentHost {
     }
 
     void WriteFile(const std::string& strName, const Bytes& data) const {
-        const std::filesystem::path path = Root() / strName;
+        const std::filesystem::path path = Root() / PathOf(strName);
         std::filesystem::create_directories(path.parent_path());
         std::ofstream(path, std::ios::binary)
             .write(reinterpret_cast<const char*>(data.data()),
@@ -353,7 +350,7 @@ class CAgentHost {
     }
 
     std::optional<Bytes> ReadFile(const std::string& strName) const {
-        std::ifstream file(Root() / strName, std::ios::binary);
+        std::ifstream file(Root() / PathOf(strName), std::ios::binary);
         if (!file) {
             return std::nullopt;
         }
@@ -364,14 +361,14 @@ class CAgentHost {
     std::vector<std::string> Tree() const {
         std::vector<std::string> names;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(m_base)) {
-            names.push_back(std::filesystem::relative(entry.path(), m_base).string());
+            names.push_back(NameOf(entry.path().lexically_relative(m_base)));
         }
         std::sort(names.begin(), names.end());
         return names;
     }
 
   private:
-    std::filesystem::path m_base;
+    const std::filesystem::path m_base = MakeTemporaryFolder("dak-agent-test-");
     std::unique_ptr<agent::CDevice> m_pDevice;
     std::unique_ptr<agent::CAgentCore> m_pCore;
 };
