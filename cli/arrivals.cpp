@@ -1,5 +1,7 @@
 #include "cli/arrivals.h"
 
+#include "cli/host_names.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <system_error>
@@ -19,11 +21,12 @@ CArrivals::CArrivals(std::string strFolder, std::vector<std::string> names)
 CArrivals::Stamps CArrivals::Look(const std::string& strName) const {
     Stamps stamps;
     const auto take = [&](const fs::path& path) {
-        if (const auto stamp = GetFileStamp(path.string())) {
-            stamps.emplace(path.string(), *stamp);
+        const std::string strPath = PathText(path);
+        if (const auto stamp = GetFileStamp(strPath)) {
+            stamps.emplace(strPath, *stamp);
         }
     };
-    const fs::path top = fs::path(m_strFolder) / strName;
+    const fs::path top = (ToPath(m_strFolder) / ToPath(strName)).make_preferred();
     std::error_code error;
     if (!fs::is_directory(top, error)) {
         take(top);
@@ -32,6 +35,9 @@ CArrivals::Stamps CArrivals::Look(const std::string& strName) const {
     fs::recursive_directory_iterator it(top, fs::directory_options::skip_permission_denied, error);
     for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
         take(it->path());
+        if (IsLink(it->path())) {
+            it.disable_recursion_pending();
+        }
     }
     return stamps;
 }

@@ -1,12 +1,26 @@
-// What the command asks of the system about its terminal, its signals, and the bytes of standard
-// input and output. One file a system: console_posix.cpp.
+// What the command asks of the system about its words, its terminal, its signals, and what goes
+// through standard input and output. One file a system: console_posix.cpp, console_windows.cpp.
 #pragma once
 
 #include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace console {
 
 enum class Stream { In, Out, Error };
+
+// The words of the command line behind the command's own name, as UTF-8; argc and argv are those of
+// main.
+std::vector<std::string> Words(int argc, char** argv);
+
+// Prints UTF-8 text to Out or Error, which show as they are printed from here alone. A terminal
+// gets characters, everything else the bytes. Failures are kept for Flush.
+void Print(Stream stream, std::string_view strText);
+
+// Hands on what Print has kept back; false when some text could not be written to standard output.
+bool Flush();
 
 // Whether the stream is a terminal; for Out and Error, one that can redraw a line.
 bool IsTerminal(Stream stream);

@@ -12,8 +12,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
-#include <string_view>
+#include <span>
 
 namespace console {
 namespace {
@@ -51,6 +52,19 @@ bool IsPassing(int nError) {
 }
 
 } // namespace
+
+std::vector<std::string> Words(int argc, char** argv) {
+    const auto words = std::span(argv, static_cast<std::size_t>(argc)).subspan(1);
+    return {words.begin(), words.end()};
+}
+
+void Print(Stream stream, std::string_view strText) {
+    std::fwrite(strText.data(), 1, strText.size(), stream == Stream::Out ? stdout : stderr);
+}
+
+bool Flush() {
+    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+}
 
 bool IsTerminal(Stream stream) {
     if (stream == Stream::In) {

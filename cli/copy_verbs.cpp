@@ -58,7 +58,7 @@ void AddCopyVerbs(CLI::App& app, CONTEXT& context) {
         "Examples:\n"
         "  dak pull /Docs/notes.txt .         gives ./notes.txt\n"
         "  dak pull /Docs /Pictures backup    gives backup/Docs/... and backup/Pictures/...\n"
-        "  dak pull '\\Docs\\notes.txt' .       backslashes work too, in quotes\n",
+        "  dak pull \"\\Docs\\notes.txt\" .       backslashes work too, in quotes\n",
         RunPull);
 }
 

@@ -1,6 +1,7 @@
 #include "cli/host_tree.h"
 
 #include "cli/device_path.h"
+#include "cli/host_names.h"
 #include "cli/text.h"
 #include "link/wire.h"
 
@@ -41,7 +42,7 @@ void TrimSeparators(std::string& strPath) {
     }
 }
 
-SOURCEPATH SplitSource(std::string strPath) {
+SOURCEPATH SplitBelowDrive(std::string strPath) {
     TrimSeparators(strPath);
     const auto itLast = std::find_if(strPath.rbegin(), strPath.rend(), IsSeparator);
     const std::string strName(itLast.base(), strPath.end());
@@ -57,6 +58,27 @@ SOURCEPATH SplitSource(std::string strPath) {
     return {strFolder, strBelow};
 }
 
+SOURCEPATH SplitSource(const std::string& strPath) {
+    const std::string strDrive = PathText(ToPath(strPath).root_name());
+    if (strDrive.empty()) {
+        return SplitBelowDrive(strPath);
+    }
+    const std::string strBelow = strPath.substr(strDrive.size());
+    const bool bFromRoot = !strBelow.empty() && IsSeparator(strBelow.front());
+    // "C:a" lies in the drive's current folder, "C:.".
+    SOURCEPATH path = SplitBelowDrive(bFromRoot ? strBelow : "./" + strBelow);
+    path.strFolder = strDrive + (IsSeparator(path.strFolder.front()) && path.strFolder.size() == 1
+                                     ? std::string()
+                                     : path.strFolder);
+    return path;
+}
+
+// A drive alone, which is no path to every call of the system, as the drive's current folder.
+fs::path AsFolder(const fs::path& path) {
+    return path.has_root_name() && path == path.root_name() ? fs::path(path) += fs::path(".")
+                                                            : path;
+}
+
 // One walk for one push.
 class CWalk {
   public:
@@ -64,18 +86,18 @@ class CWalk {
 
     void AddSource(const std::string& strSource) {
         const SOURCEPATH path = SplitSource(strSource);
+        const fs::path hostPath = AsFolder(ToPath(strSource));
         if (BACKSLASH_IN_NAMES && path.strFolder.find('\\') != std::string::npos) {
-            LeaveOut(strSource, "the folder's name contains a backslash, which separates folders "
-                                "in a copy: rename it");
+            LeaveOut(hostPath, "the folder's name contains a backslash, which separates folders "
+                               "in a copy: rename it");
             return;
         }
         m_pGroup = &GroupOf(path.strFolder);
         std::error_code error;
-        const fs::path hostPath = strSource;
         const fs::file_status status = fs::status(hostPath, error);
         if (!fs::exists(status)) {
-            LeaveOut(strSource, fs::status_known(status) ? "there is no such file or folder"
-                                                         : error.message());
+            LeaveOut(hostPath, fs::status_known(status) ? "there is no such file or folder"
+                                                        : error.message());
         } else if (path.strName.empty()) {
             AddFolderContents(hostPath, "");
         } else {
@@ -90,7 +112,7 @@ class CWalk {
 
   private:
     void LeaveOut(const fs::path& path, std::string strReason) {
-        m_tree.leftOut.push_back({path.string(), std::move(strReason)});
+        m_tree.leftOut.push_back({PathText(path), std::move(strReason)});
     }
 
     PUSHGROUP& GroupOf(const std::string& strFolder) {
@@ -112,6 +134,9 @@ class CWalk {
         }
         if (!Utf8ToWide(strLastName)) {
             return "its name is not valid UTF-8: rename it";
+        }
+        if (!ToLibraryText(m_pGroup->strSource + "/" + strName)) {
+            return "its path has characters that this system's code page lacks: rename it";
         }
         if (m_pGroup->strSource.size() + 1 + strName.size() > MAX_PATH_BYTES) {
             return "its path is longer than 259 bytes: start from a folder nearer to it, or "
@@ -174,18 +199,20 @@ class CWalk {
             return;
         }
         if (entries.empty()) {
-            m_tree.emptyFolders.push_back(folder.string());
+            m_tree.emptyFolders.push_back(PathText(folder));
         }
         std::sort(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
             return left.path().native() < right.path().native();
         });
         for (const fs::directory_entry& entry : entries) {
-            const fs::file_status status = entry.symlink_status(error);
+            const fs::file_status status = IsLink(entry.path())
+                                               ? fs::file_status(fs::file_type::symlink)
+                                               : entry.symlink_status(error);
             if (error) {
                 LeaveOut(entry.path(), "it cannot be read: " + error.message());
                 continue;
             }
-            AddEntry(entry.path(), status, strName, entry.path().filename().string());
+            AddEntry(entry.path(), status, strName, PathText(entry.path().filename()));
         }
     }
 
@@ -231,9 +258,8 @@ HOSTTREE CollectForPush(const std::vector<std::string>& sources,
 
 std::string HostPath(const std::string& strEntry) {
     std::string strPath = strEntry.starts_with("./") ? strEntry.substr(2) : strEntry;
-    if (BACKSLASH_IN_NAMES) {
-        std::replace(strPath.begin(), strPath.end(), '\\', '/');
-    }
+    const char chOwn = BACKSLASH_IN_NAMES ? '/' : '\\';
+    std::replace(strPath.begin(), strPath.end(), BACKSLASH_IN_NAMES ? '\\' : '/', chOwn);
     return strPath;
 }
 
@@ -242,11 +268,12 @@ std::vector<CHANGED> ChangedSince(const PUSHGROUP& group) {
     for (std::size_t i = 0; i < group.entries.size(); ++i) {
         const HOSTENTRY& entry = group.entries[i];
         const std::string strPath = HostPath(entry.strEntry);
+        const fs::path path = ToPath(strPath);
         std::error_code error;
-        const std::uint64_t qwSize = fs::file_size(strPath, error);
+        const std::uint64_t qwSize = fs::file_size(path, error);
         const fs::file_time_type timeWritten =
-            error ? fs::file_time_type{} : fs::last_write_time(strPath, error);
-        if (error || !std::ifstream(strPath, std::ios::binary)) {
+            error ? fs::file_time_type{} : fs::last_write_time(path, error);
+        if (error || !std::ifstream(path, std::ios::binary)) {
             changed.push_back({i, {strPath, "it could no longer be read during the copy"}});
         } else if (qwSize != entry.qwSize || timeWritten != entry.timeWritten) {
             changed.push_back({i, {strPath, "it changed during the copy: push it again"}});

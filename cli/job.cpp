@@ -1,6 +1,7 @@
 #include "cli/job.h"
 
 #include "cli/console.h"
+#include "cli/host_names.h"
 #include "cli/text.h"
 
 #include "platform/message_window.h"
@@ -51,12 +52,17 @@ COPYSTATUS Look(CDAKVorn& dak, const COPYSTATUS& before) {
     if (szSource[0] == '\0') {
         return before;
     }
-    COPYSTATUS now{szSource.data(), szDest.data(), dwTotal, dwCopied, false};
+    COPYSTATUS now{FromLibraryText(szSource.data()), FromLibraryText(szDest.data()), dwTotal,
+                   dwCopied, false};
     now.bSettled = now.strSource == before.strSource && now.strDest == before.strDest;
     return now;
 }
 
 } // namespace
+
+void COPYJOB::Add(const std::string& strPath) {
+    list.Add(ToLibraryText(strPath)->c_str());
+}
 
 JOBOUTCOME RunCopyJob(CDAKVorn& dak, COPYJOB& job,
                       const std::function<void(const COPYSTATUS&)>& onStatus,

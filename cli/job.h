@@ -26,6 +26,9 @@ struct COPYJOB {
     std::string strSource; // the folders, valid UTF-8
     std::string strDest;
     CStringArray list;
+
+    // Puts a path, or a name of a pull, into the list; the library can hold it (ToLibraryText).
+    void Add(const std::string& strPath);
 };
 
 struct JOBOUTCOME {

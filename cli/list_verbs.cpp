@@ -151,7 +151,7 @@ void AddListVerbs(CLI::App& app, CONTEXT& context) {
         "Examples:\n"
         "  dak ls                  what the root holds\n"
         "  dak ls -l /Docs         sizes and times\n"
-        "  dak ls '/Docs/*.txt'    a pattern needs quotes in a shell\n");
+        "  dak ls \"/Docs/*.txt\"    a pattern needs quotes in a shell\n");
     const auto pPattern = std::make_shared<std::string>("/");
     const auto pLong = std::make_shared<bool>(false);
     pList->add_flag("-l,--long", *pLong, "Attributes, sizes and times as well");

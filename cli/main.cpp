@@ -1,13 +1,12 @@
+#include "cli/console.h"
 #include "cli/text.h"
 #include "cli/verbs.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
-#include <span>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -39,27 +38,26 @@ class CHelpFormatter : public CLI::Formatter {
 };
 
 // Says what is wrong with the command line.
-int Refuse(const CLI::App& app, int argc, char** argv, const CLI::ParseError& error) {
+int Refuse(const CLI::App& app, const std::vector<std::string>& words,
+           const CLI::ParseError& error) {
     const auto verbs = app.get_subcommands();
     const std::string strVerb = verbs.empty() ? "" : " " + verbs.front()->get_name();
     std::string strFault = error.what();
     if (verbs.empty() && error.get_name() == "RequiredError") {
-        const auto args = std::span(argv, static_cast<std::size_t>(argc)).subspan(1);
-        const auto itWord = std::find_if(args.begin(), args.end(),
-                                         [](const char* lpszWord) { return *lpszWord != '-'; });
-        strFault = itWord == args.end() ? "say what to do: give a verb"
-                                        : "there is no verb " + std::string(*itWord);
+        const auto itWord =
+            std::find_if_not(words.begin(), words.end(),
+                             [](const std::string& strWord) { return strWord.starts_with('-'); });
+        strFault =
+            itWord == words.end() ? "say what to do: give a verb" : "there is no verb " + *itWord;
     }
-    std::fprintf(stderr, "dak: %s\n\"dak%s --help\" shows how it is used\n",
-                 cli::Printable(strFault).c_str(), strVerb.c_str());
+    console::Print(console::Stream::Error, "dak: " + cli::Printable(strFault) + "\n\"dak" +
+                                               strVerb + " --help\" shows how it is used\n");
     return cli::EXIT_USAGE;
 }
 
 // The words of the command line, the last first, as CLI11 wants them. It does not know "--" ahead
 // of the words that it leaves to "run": there it is taken out.
-std::vector<std::string> Words(int argc, char** argv) {
-    const auto args = std::span(argv, static_cast<std::size_t>(argc)).subspan(1);
-    std::vector<std::string> words(args.begin(), args.end());
+std::vector<std::string> ForParser(std::vector<std::string> words) {
     const auto isOption = [](const std::string& strWord) {
         return strWord.starts_with('-') && strWord != "--";
     };
@@ -74,7 +72,7 @@ std::vector<std::string> Words(int argc, char** argv) {
     return words;
 }
 
-int ParseAndRun(int argc, char** argv, cli::CONTEXT& context) {
+int ParseAndRun(const std::vector<std::string>& words, cli::CONTEXT& context) {
     CLI::App app{"dak works on a handheld device attached by USB: it copies files to the device\n"
                  "and back, and works on the files there.",
                  "dak"};
@@ -104,9 +102,14 @@ int ParseAndRun(int argc, char** argv, cli::CONTEXT& context) {
     cli::AddRunVerb(app, context);
     cli::AddSystemVerbs(app, context);
     try {
-        app.parse(Words(argc, argv));
+        app.parse(ForParser(words));
     } catch (const CLI::ParseError& error) {
-        return error.get_exit_code() == 0 ? app.exit(error) : Refuse(app, argc, argv, error);
+        if (error.get_exit_code() != 0) {
+            return Refuse(app, words, error);
+        }
+        std::ostringstream help;
+        app.exit(error, help, help);
+        console::Print(console::Stream::Out, help.str());
     }
     return context.nExit;
 }
@@ -117,12 +120,12 @@ int main(int argc, char** argv) {
     cli::CONTEXT context;
     int nExit = cli::EXIT_HOST;
     try {
-        nExit = ParseAndRun(argc, argv, context);
+        nExit = ParseAndRun(console::Words(argc, argv), context);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "dak: %s\n", error.what());
+        console::Print(console::Stream::Error, std::string("dak: ") + error.what() + "\n");
     }
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        std::fprintf(stderr, "dak: the output could not be written\n");
+    if (!console::Flush()) {
+        console::Print(console::Stream::Error, "dak: the output could not be written\n");
         nExit = nExit == cli::EXIT_DONE ? int{cli::EXIT_HOST} : nExit;
     }
     if (context.bAbandoned) {

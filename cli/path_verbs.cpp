@@ -168,7 +168,7 @@ void AddPathVerbs(CLI::App& app, CONTEXT& context) {
                 {"rm", "Delete a file or an empty folder on the device", "a path of the device",
                  "Examples:\n"
                  "  dak rm /Docs/old.txt     delete a file\n"
-                 "  dak rm '\\Docs\\old.txt'   the same; a shell wants backslashes in quotes\n"
+                 "  dak rm \"\\Docs\\old.txt\"   the same; a shell wants backslashes in quotes\n"
                  "  dak rm /Docs/empty       delete a folder that has nothing in it\n",
                  Action::RemoveFile, "deleted",
                  [](CDAKVorn& dak, const WCHAR* lpPath) { return dak.DAKDeleteFile(lpPath); }});

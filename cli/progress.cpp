@@ -21,6 +21,10 @@ constexpr std::uint64_t IDLE_SHOWN_SECONDS = 5;
 constexpr int BAR_COLUMNS = 20;
 constexpr int NAME_COLUMNS = 12; // the name's share that the bar itself gives way to
 
+std::string Blanks(int nColumns) {
+    return std::string(static_cast<std::size_t>(std::max(0, nColumns)), ' ');
+}
+
 std::string FormatBar(int nPercent) {
     const int nFilled = nPercent * BAR_COLUMNS / 100;
     return " [" + std::string(static_cast<std::size_t>(nFilled), '#') +
@@ -97,7 +101,7 @@ CProgressDisplay::CProgressDisplay(const CONTEXT& context) : m_context(context) 
 void CProgressDisplay::BeginFile(const std::string& strFrom, const std::string& strTo) {
     if (m_eMode == Mode::Lines) {
         Say(m_context, strFrom + " -> " + strTo);
-        std::fflush(stdout);
+        console::Flush();
     }
 }
 
@@ -113,8 +117,7 @@ void CProgressDisplay::Show(PROGRESS progress, std::uint64_t qwMoved) {
     // The last column stays free: some terminals begin a new line when it is written.
     const std::string strLine = FormatProgress(progress, console::Width() - 1);
     const int nColumns = DisplayWidth(strLine);
-    std::fprintf(stderr, "\r%s%*s", strLine.c_str(), std::max(0, m_nColumnsDrawn - nColumns), "");
-    std::fflush(stderr);
+    console::Print(console::Stream::Error, "\r" + strLine + Blanks(m_nColumnsDrawn - nColumns));
     m_nColumnsDrawn = nColumns;
 }
 
@@ -122,8 +125,8 @@ void CProgressDisplay::Clear() {
     if (m_nColumnsDrawn > 0) {
         // A terminal shows Ctrl-C as two characters behind the bar.
         const int nColumns = std::min(m_nColumnsDrawn + 2, console::Width() - 1);
-        std::fprintf(stderr, "\r%*s\r", nColumns, "");
-        std::fflush(stderr);
+        console::Print(console::Stream::Error,
+                       std::string("\r").append(Blanks(nColumns)).append("\r"));
         m_nColumnsDrawn = 0;
     }
 }

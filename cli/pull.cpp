@@ -2,6 +2,7 @@
 #include "cli/console.h"
 #include "cli/copy.h"
 #include "cli/device_path.h"
+#include "cli/host_names.h"
 #include "cli/host_tree.h"
 #include "cli/progress.h"
 #include "cli/text.h"
@@ -36,7 +37,8 @@ class CMadeFolders {
     std::error_code Make(const fs::path& folder) {
         std::vector<fs::path> missing;
         std::error_code error;
-        for (fs::path path = folder; !path.empty() && !fs::exists(path, error);
+        // What has nothing above it, such as a drive that is not there, cannot be made.
+        for (fs::path path = folder; path.has_relative_path() && !fs::exists(path, error);
              path = path.parent_path()) {
             missing.push_back(path);
         }
@@ -80,6 +82,7 @@ class CPull {
     JOBOUTCOME RunGroup(COPYSESSION& session, const PULLGROUP& group);
     void ShowStatus(const COPYSTATUS& status);
     void ShowUnseen(const PULLGROUP& group, const std::vector<ARRIVAL>& arrived);
+    std::string NameFailedFile(const std::string& strPath);
     void Report(const JOBOUTCOME& outcome, double dSeconds);
 
     CONTEXT& m_context;
@@ -125,7 +128,8 @@ void CPull::ShowStatus(const COPYSTATUS& status) {
 void CPull::ShowUnseen(const PULLGROUP& group, const std::vector<ARRIVAL>& arrived) {
     for (const ARRIVAL& file : arrived) {
         if (m_shown.insert(file.strPath).second) {
-            std::string strBelow = fs::path(file.strPath).lexically_relative(m_strDest).string();
+            std::string strBelow =
+                PathText(ToPath(file.strPath).lexically_relative(ToPath(m_strDest)));
             std::replace(strBelow.begin(), strBelow.end(), '/', '\\');
             m_display.BeginFile(JoinDevicePath(group.strFolder, strBelow), file.strPath);
         }
@@ -138,7 +142,7 @@ JOBOUTCOME CPull::RunGroup(COPYSESSION& session, const PULLGROUP& group) {
     pJob->strSource = group.strFolder;
     pJob->strDest = m_strDest;
     for (const std::string& strName : group.names) {
-        pJob->list.Add(strName.c_str());
+        pJob->Add(strName);
     }
     session.jobs.push_back(std::move(pJob));
     const CArrivals arrivals(m_strDest, group.names);
@@ -155,6 +159,22 @@ JOBOUTCOME CPull::RunGroup(COPYSESSION& session, const PULLGROUP& group) {
         m_missing.push_back(JoinDevicePath(group.strFolder, strName));
     }
     return outcome;
+}
+
+// The file that a copy was at when it failed; one that cannot be here at all counts as left out.
+std::string CPull::NameFailedFile(const std::string& strPath) {
+    if (strPath.empty()) {
+        return "";
+    }
+    std::string strText = "; the file in work was " + strPath;
+    for (DEVICEPATH path = SplitDevicePath(strPath); !path.strName.empty();
+         path = SplitDevicePath(path.strFolder)) {
+        if (const char* const lpszFault = NameFault(path.strName)) {
+            m_plan.leftOut.push_back({strPath, lpszFault});
+            return strText + " (" + lpszFault + ": rename it on the device)";
+        }
+    }
+    return strText;
 }
 
 void CPull::Report(const JOBOUTCOME& outcome, double dSeconds) {
@@ -190,6 +210,9 @@ void CPull::Report(const JOBOUTCOME& outcome, double dSeconds) {
             }
         }
     } else if (outcome.bStarted || !m_arrived.empty()) {
+        if (meaning.nExit == EXIT_FAILED) {
+            meaning.strSentence += NameFailedFile(outcome.last.strSource);
+        }
         meaning.strSentence += ". " + Count(m_arrived.size(), "file") + " arrived whole" +
                                (m_arrived.empty() ? "" : " (" + FormatSome(paths) + ")") +
                                "; the rest did not arrive";
@@ -206,7 +229,7 @@ void CPull::Report(const JOBOUTCOME& outcome, double dSeconds) {
 
 void CPull::Run() {
     CMadeFolders made;
-    if (const std::error_code error = made.Make(m_strDest)) {
+    if (const std::error_code error = made.Make(ToPath(m_strDest))) {
         Finish(m_context, "pull",
                {EXIT_HOST, "host",
                 "the folder " + m_strDest + " cannot be made or used: " + error.message()},
@@ -248,9 +271,16 @@ PULLPLAN PlanPull(const std::vector<std::string>& sources, const std::string& st
         } else if (strPath->size() >= MAX_PATH ||
                    strDest.size() + 1 + path.strName.size() >= MAX_PATH) {
             plan.leftOut.push_back({*strPath, "its path, there or here, is 260 bytes or longer"});
-        } else if (!taken.insert(path.strName).second) {
-            plan.leftOut.push_back({*strPath, "another source already goes to " +
-                                                  (fs::path(strDest) / path.strName).string()});
+        } else if (const char* const lpszFault = NameFault(path.strName)) {
+            plan.leftOut.push_back(
+                {*strPath, lpszFault + std::string(": rename it on the device")});
+        } else if (!ToLibraryText(path.strName)) {
+            plan.leftOut.push_back(
+                {*strPath, "its name has characters that this system's code page lacks"});
+        } else if (!taken.insert(NameKey(path.strName)).second) {
+            plan.leftOut.push_back(
+                {*strPath, "another source already goes to " +
+                               PathText(ToPath(strDest) / ToPath(path.strName))});
         } else {
             const auto itGroup =
                 std::find_if(plan.groups.begin(), plan.groups.end(), [&](const PULLGROUP& group) {
@@ -272,10 +302,24 @@ const char* DestinationFault(const std::string& strDest) {
         fs::path::preferred_separator != '\\' && strDest.find('\\') != std::string::npos;
     return strDest.empty()        ? "DEST is empty: give a folder of this computer"
            : !Utf8ToWide(strDest) ? "DEST is not valid UTF-8: a copy needs a folder whose path is"
-           : bBackslash           ? "DEST contains a backslash, which separates folders in a copy"
+           : !ToLibraryText(strDest) ? "DEST has characters that this system's code page lacks"
+           : bBackslash ? "DEST contains a backslash, which separates folders in a copy"
            : strDest.size() >= MAX_PATH
                ? "DEST is 260 bytes or longer: give it from a folder nearer to it"
                : nullptr;
+}
+
+// A folder as the library takes it. A root keeps its separator, and a drive alone stands for its
+// current folder.
+std::string TrimDestination(std::string strDest) {
+    const fs::path path = ToPath(strDest);
+    const std::size_t nRoot = std::max<std::size_t>(PathText(path.root_path()).size(), 1);
+    while (strDest.size() > nRoot &&
+           (strDest.back() == '/' ||
+            fs::path::value_type(strDest.back()) == fs::path::preferred_separator)) {
+        strDest.pop_back();
+    }
+    return path.has_root_name() && path.root_name() == path ? strDest + "." : strDest;
 }
 
 } // namespace
@@ -283,9 +327,7 @@ const char* DestinationFault(const std::string& strDest) {
 void RunPull(CONTEXT& context, std::vector<std::string> paths) {
     std::string strDest = paths.back();
     paths.pop_back();
-    while (strDest.size() > 1 && strDest.back() == '/') {
-        strDest.pop_back();
-    }
+    strDest = TrimDestination(strDest);
     if (const char* const lpszFault = DestinationFault(strDest)) {
         Finish(context, "pull", {EXIT_USAGE, "usage", lpszFault}, {{"destination", strDest}});
         return;

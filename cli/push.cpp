@@ -1,6 +1,7 @@
 #include "cli/console.h"
 #include "cli/copy.h"
 #include "cli/device_path.h"
+#include "cli/host_names.h"
 #include "cli/host_tree.h"
 #include "cli/progress.h"
 #include "cli/text.h"
@@ -80,7 +81,7 @@ JOBOUTCOME CPush::RunGroup(COPYSESSION& session, const PUSHGROUP& group) {
     m_nBegun = 0;
     m_nCurrent = 0;
     for (std::size_t i = 0; i < group.entries.size(); ++i) {
-        pJob->list.Add(group.entries[i].strEntry.c_str());
+        pJob->Add(group.entries[i].strEntry);
         m_indexOf.emplace(group.entries[i].strEntry, i);
     }
     session.jobs.push_back(std::move(pJob));
@@ -222,7 +223,12 @@ void RunPush(CONTEXT& context, std::vector<std::string> paths) {
                {EXIT_USAGE, "usage", "DEST is empty or not valid UTF-8: give a device folder"}, {});
         return;
     }
-    HOSTTREE tree = CollectForPush(paths, *strDest);
+    std::vector<std::string> sources;
+    for (const std::string& strPath : paths) {
+        const std::vector<std::string> expanded = ExpandWord(strPath);
+        sources.insert(sources.end(), expanded.begin(), expanded.end());
+    }
+    HOSTTREE tree = CollectForPush(sources, *strDest);
     Complain(context, tree.leftOut);
     for (const std::string& strFolder : tree.emptyFolders) {
         Say(context, "not copied, for it is empty: " + strFolder);

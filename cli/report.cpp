@@ -1,8 +1,7 @@
 #include "cli/report.h"
 
+#include "cli/console.h"
 #include "cli/text.h"
-
-#include <cstdio>
 
 #include <nlohmann/json.hpp>
 
@@ -10,19 +9,19 @@ namespace cli {
 
 void Say(const CONTEXT& context, const std::string& strSentence) {
     if (!context.output.bQuiet && !context.output.bJson) {
-        std::printf("%s\n", Printable(strSentence).c_str());
+        console::Print(console::Stream::Out, Printable(strSentence) + "\n");
     }
 }
 
 void PrintData(const CONTEXT& context, const std::string& strLine) {
     if (!context.output.bJson) {
-        std::printf("%s\n", Printable(strLine).c_str());
+        console::Print(console::Stream::Out, Printable(strLine) + "\n");
     }
 }
 
 void Complain(const CONTEXT& context, const std::string& strSentence) {
     if (!context.output.bJson) {
-        std::fprintf(stderr, "dak: %s\n", Printable(strSentence).c_str());
+        console::Print(console::Stream::Error, "dak: " + Printable(strSentence) + "\n");
     }
 }
 
@@ -55,8 +54,8 @@ void Finish(CONTEXT& context, const char* lpszVerb, const MEANING& meaning, nloh
         object["exit"] = meaning.nExit;
         object["message"] = meaning.strSentence;
         // A host name need not be UTF-8, JSON text must.
-        std::printf("%s\n",
-                    object.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        console::Print(console::Stream::Out,
+                       object.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
     } else if (meaning.nExit == EXIT_DONE) {
         Say(context, meaning.strSentence);
     } else {

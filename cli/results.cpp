@@ -122,7 +122,7 @@ MEANING Explain(Action action, Stage stage, DWORD dwState) {
     std::array<char, 96> szText{};
     std::snprintf(szText.data(), szText.size(),
                   "the library gave the unknown result 0x%X: this is a fault, please report it",
-                  dwState);
+                  static_cast<unsigned>(dwState));
     return {EXIT_FAILED, "unknown", szText.data()};
 }
 

@@ -104,8 +104,9 @@ void RunStorages(CONTEXT& context) {
 
 // Whether the person at the terminal means it.
 bool AskToFormat(const std::string& strName) {
-    std::cerr << "Everything on the device's storage " << Printable(strName)
-              << " will be deleted. Go on? [y/N] " << std::flush;
+    console::Print(console::Stream::Error, "Everything on the device's storage " +
+                                               Printable(strName) +
+                                               " will be deleted. Go on? [y/N] ");
     std::string strAnswer;
     std::getline(std::cin, strAnswer);
     return strAnswer == "y" || strAnswer == "Y" || strAnswer == "yes";
@@ -148,7 +149,7 @@ void AddSpaceVerb(CLI::App& app, CONTEXT& context) {
         AddVerb(app, context, "df", "Tell the free space of the device, or of one folder",
                 "Examples:\n"
                 "  dak df                    the device\n"
-                "  dak df '/Storage Card'    the storage that holds the folder\n");
+                "  dak df \"/Storage Card\"    the storage that holds the folder\n");
     const auto pPath = std::make_shared<std::string>();
     const CLI::Option* const pOption =
         pVerb->add_option("PATH", *pPath, "a folder of the device")->option_text(" ");
@@ -179,8 +180,8 @@ void AddStorageVerbs(CLI::App& app, CONTEXT& context) {
         "formats only when it was started with --allow-format.\n\n"
         "Examples:\n"
         "  dak storages                       shows the names\n"
-        "  dak format 'Storage Card'          asks\n"
-        "  dak format --yes 'Storage Card'    does not\n");
+        "  dak format \"Storage Card\"          asks\n"
+        "  dak format --yes \"Storage Card\"    does not\n");
     const auto pName = std::make_shared<std::string>();
     const auto pYes = std::make_shared<bool>(false);
     pFormat->add_flag("-y,--yes", *pYes, "Do not ask");

@@ -1,4 +1,5 @@
 #include "cli/console.h"
+#include "cli/host_names.h"
 #include "cli/patience.h"
 #include "cli/text.h"
 #include "cli/verbs.h"
@@ -43,7 +44,7 @@ std::optional<std::string> ReadInputFile(const std::string& strFile) {
             return std::nullopt;
         }
     } else {
-        std::ifstream file(strFile, std::ios::binary);
+        std::ifstream file(ToPath(strFile), std::ios::binary);
         file.read(strInput.data(), static_cast<std::streamsize>(strInput.size()));
         nRead = static_cast<std::size_t>(file.gcount());
         if (!file.eof() && !file.good()) {
@@ -69,7 +70,7 @@ MEANING GiveOutput(const CONTEXT& context, const MEANING& meaning, const std::st
         return meaning;
     }
     if (!bRaw) {
-        std::printf("%s", HexDump(strOutput).c_str());
+        console::Print(console::Stream::Out, HexDump(strOutput));
         return meaning;
     }
     const console::Flow flow = console::WriteOutput(strOutput.data(), strOutput.size());
@@ -175,7 +176,7 @@ std::optional<DWORD> ParseParameter(const std::string& strText) {
 
 std::string FormatHex(DWORD dwNumber) {
     std::array<char, 16> szText{};
-    std::snprintf(szText.data(), szText.size(), "0x%X", dwNumber);
+    std::snprintf(szText.data(), szText.size(), "0x%X", static_cast<unsigned>(dwNumber));
     return szText.data();
 }
 

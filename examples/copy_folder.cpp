@@ -1,6 +1,9 @@
 // Copies the files of a host folder, and of all folders below it, to a folder of the device.
 //
-//   copy_folder pictures '\Pictures'
+//   copy_folder pictures "\Pictures"
+//
+// Narrow text is UTF-8 for the library on every system; on Windows the program's manifest sees to
+// that (cli/dak.manifest).
 #include "link/dak_vorn.h"
 #include "platform/message_window.h"
 
@@ -11,8 +14,18 @@
 
 namespace fs = std::filesystem;
 
+static fs::path ToPath(const std::string& strUtf8) {
+    return std::u8string(strUtf8.begin(), strUtf8.end());
+}
+
+static std::string ToUtf8(const fs::path& path) {
+    const std::u8string strText = path.u8string();
+    return {strText.begin(), strText.end()};
+}
+
 static int Fail(const char* lpszWhat, DWORD dwResult) {
-    std::fprintf(stderr, "%s: result 0x%X (link/result.h)\n", lpszWhat, dwResult);
+    std::fprintf(stderr, "%s: result 0x%X (link/result.h)\n", lpszWhat,
+                 static_cast<unsigned>(dwResult));
     return 1;
 }
 
@@ -21,18 +34,18 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: copy_folder HOST_FOLDER DEVICE_FOLDER\n");
         return 2;
     }
-    const fs::path source = argv[1];
+    const fs::path source = ToPath(argv[1]);
     const std::basic_string<WCHAR> strSource = source.string<WCHAR>();
-    const std::basic_string<WCHAR> strDest = fs::path(argv[2]).string<WCHAR>();
+    const std::basic_string<WCHAR> strDest = ToPath(argv[2]).string<WCHAR>();
 
     // Every entry is the source folder, a separator, and the name on the device, whose folders are
     // separated by backslashes. The list stays as it is until the job has ended.
     CStringArray list;
     for (const auto& entry : fs::recursive_directory_iterator(source)) {
         if (entry.is_regular_file()) {
-            std::string strName = fs::relative(entry.path(), source).string();
+            std::string strName = ToUtf8(fs::relative(entry.path(), source));
             std::replace(strName.begin(), strName.end(), '/', '\\');
-            list.Add((source.string() + "/" + strName).c_str());
+            list.Add((ToUtf8(source) + "/" + strName).c_str());
         }
     }
 

@@ -5,10 +5,10 @@ set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-PACKAGES=(g++-mingw-w64-x86-64-posix wine64 libgtest-dev googletest)
+PACKAGES=(g++-mingw-w64-x86-64-posix wine64 libcli11-dev nlohmann-json3-dev libgtest-dev googletest)
 WINE_FOLDER=/usr/lib/wine
-# What the DLL may need: libraries that every Windows brings along.
-SYSTEM_LIBRARIES='ADVAPI32|KERNEL32|msvcrt|SETUPAPI|USER32|api-ms-win-core-synch-l1-2-0'
+# What the DLL and the command may need: libraries that every Windows brings along.
+SYSTEM_LIBRARIES='ADVAPI32|KERNEL32|msvcrt|SETUPAPI|SHELL32|USER32|api-ms-win-core-synch-l1-2-0'
 
 need_packages cmake ninja-build "${PACKAGES[@]}"
 cd "$DAK_HOME"
@@ -31,9 +31,11 @@ ln -s "$(find /usr/lib/locale -maxdepth 1 -iname 'C.utf*8' | head -n 1)" "$work/
 headline "Building for Windows"
 cmake --preset windows >/dev/null
 cmake --build --preset windows
-foreign=$(x86_64-w64-mingw32-objdump -p build-windows/DAK.dll |
-    sed -n 's/^\s*DLL Name: //p' | grep -viE "^($SYSTEM_LIBRARIES)\.dll$" || true)
-[[ -z $foreign ]] || die "DAK.dll needs more than the system: $foreign"
+for program in DAK.dll dak.exe; do
+    foreign=$(x86_64-w64-mingw32-objdump -p "build-windows/$program" |
+        sed -n 's/^\s*DLL Name: //p' | grep -viE "^($SYSTEM_LIBRARIES|DAK)\.dll$" || true)
+    [[ -z $foreign ]] || die "$program needs more than the system: $foreign"
+done
 
 headline "Testing under Wine"
 in_utf8=(env LOCPATH="$work/locale" LC_ALL=hi_IN.UTF-8)

@@ -6,13 +6,12 @@
 #include "cli/table.h"
 
 #include "agent/command_line.h"
+#include "tests/cli/time_zone.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cstdlib>
-#include <ctime>
 #include <iterator>
 
 namespace cli {
@@ -22,9 +21,9 @@ constexpr std::uint64_t A_TIME = 126'444'736'001'234'567; // 2001-09-09T01:46:40
 
 TEST(FileFacts, OfARecordWithoutTerminatorsNothingBehindAFieldIsTaken) {
     _tagFileInfo info = {};
-    std::fill(std::begin(info.szText1), std::end(info.szText1), u'n');
-    std::fill(std::begin(info.szText2), std::end(info.szText2), u'p');
-    std::fill(std::begin(info.szText3), std::end(info.szText3), u't');
+    std::fill(std::begin(info.szText1), std::end(info.szText1), DAK_WIDE('n'));
+    std::fill(std::begin(info.szText2), std::end(info.szText2), DAK_WIDE('p'));
+    std::fill(std::begin(info.szText3), std::end(info.szText3), DAK_WIDE('t'));
     info.dwFileAttributes = 0x11;
     info.nFileSizeHigh = 3;
     info.nFileSizeLow = 0xFFFFFFFF;
@@ -42,17 +41,22 @@ TEST(FileFacts, OfARecordWithoutTerminatorsNothingBehindAFieldIsTaken) {
 }
 
 TEST(FileFacts, TimesAreThoseHere) {
-    ::setenv("TZ", "DAK-2", 1);
-    ::tzset();
+    const CTimeZone zone("DAK-2");
     EXPECT_EQ(FormatLocalTime(A_TIME, false), "2001-09-09 03:46");
     EXPECT_EQ(FormatLocalTime(A_TIME, true), "2001-09-09 03:46:40 +0200");
     EXPECT_EQ(FormatLocalTime(1, false), "1601-01-01 02:00");
     EXPECT_EQ(FormatLocalTime(0, false), "-");
     EXPECT_EQ(FormatUtcTime(0), "");
     // Beyond all calendars there is still a text.
+    EXPECT_EQ(FormatUtcTime(UINT64_MAX), "60056-05-28T05:36:10.9551615Z");
     EXPECT_FALSE(FormatLocalTime(UINT64_MAX, true).empty());
-    ::unsetenv("TZ");
-    ::tzset();
+}
+
+TEST(FileFacts, WestOfGreenwichTimeBeginsAYearEarlier) {
+    const CTimeZone zone("DAK3:30");
+    EXPECT_EQ(FormatLocalTime(1, true), "1600-12-31 20:30:00 -0330");
+    EXPECT_EQ(FormatUtcTime(1), "1601-01-01T00:00:00.0000001Z");
+    EXPECT_EQ(FormatLocalTime(A_TIME, true), "2001-09-08 22:16:40 -0330");
 }
 
 TEST(FileFacts, AttributesHaveLettersAndWords) {

@@ -1,6 +1,8 @@
 // An empty folder of the host for one test, gone with the object.
 #pragma once
 
+#include "cli/host_names.h"
+
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -22,13 +24,16 @@ class CTempFolder {
     CTempFolder(const CTempFolder&) = delete;
     CTempFolder& operator=(const CTempFolder&) = delete;
 
-    std::string Path() const { return m_path.string(); }
-    std::string Path(const std::string& strBelow) const { return (m_path / strBelow).string(); }
+    std::string Path() const { return cli::PathText(m_path); }
+    std::string Path(const std::string& strBelow) const {
+        return cli::PathText((m_path / cli::ToPath(strBelow)).make_preferred());
+    }
 
     // Makes a file and the folders above it.
     void Write(const std::string& strBelow, const std::string& strBytes) const {
-        std::filesystem::create_directories((m_path / strBelow).parent_path());
-        std::ofstream(m_path / strBelow, std::ios::binary) << strBytes;
+        const std::filesystem::path path = m_path / cli::ToPath(strBelow);
+        std::filesystem::create_directories(path.parent_path());
+        std::ofstream(path, std::ios::binary) << strBytes;
     }
 
   private:

@@ -10,7 +10,8 @@ namespace cli {
 namespace {
 
 TEST(Text, Utf8IsTakenOnlyWhenItIsUtf8) {
-    EXPECT_EQ(Utf8ToWide("a\xC3\xA4\xE6\xBC\xA2\xF0\x9F\x98\x80"), u"a\u00E4\u6F22\U0001F600");
+    EXPECT_EQ(Utf8ToWide("a\xC3\xA4\xE6\xBC\xA2\xF0\x9F\x98\x80"),
+              DAK_WIDE("a\u00E4\u6F22\U0001F600"));
     const char* const bad[] = {"\x80",         "\xC3",
                                "\xC0\xAF",     "\xE0\x80\xAF",
                                "\xED\xA0\x80", "\xF4\x90\x80\x80",
@@ -19,7 +20,8 @@ TEST(Text, Utf8IsTakenOnlyWhenItIsUtf8) {
     for (const char* const lpszBad : bad) {
         EXPECT_FALSE(Utf8ToWide(lpszBad)) << Printable(lpszBad);
     }
-    EXPECT_EQ(WideToUtf8(u"a\u00E4\u6F22\U0001F600"), "a\xC3\xA4\xE6\xBC\xA2\xF0\x9F\x98\x80");
+    EXPECT_EQ(WideToUtf8(DAK_WIDE("a\u00E4\u6F22\U0001F600")),
+              "a\xC3\xA4\xE6\xBC\xA2\xF0\x9F\x98\x80");
     const WCHAR unpaired[] = {0xD83D, 'x', 0xDE00, 0};
     EXPECT_EQ(WideToUtf8(unpaired), "\xEF\xBF\xBDx\xEF\xBF\xBD");
 }
