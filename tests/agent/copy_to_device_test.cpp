@@ -102,7 +102,6 @@ TEST(CopyToDevice, BadPackageMeansTheWholeWindowAgain) {
         const char* lpszWhat;
         void (*lpDo)(Bytes& package);
     };
-    const auto lpFalseEnd = +[](Bytes& p) { p[0] = 0x21; };
     const CDamage damages[] = {
         {"a byte of the data", [](Bytes& p) { p[p.size() / 2] ^= 1; }},
         {"the checksum", [](Bytes& p) { p[9] ^= 0x80; }},
@@ -110,48 +109,49 @@ TEST(CopyToDevice, BadPackageMeansTheWholeWindowAgain) {
         {"the length", [](Bytes& p) { p[4] ^= 1; }},
         {"a length beyond the package", [](Bytes& p) { p[7] = 0xFF; }},
         {"the command word", [](Bytes& p) { p[0] = 0x77; }},
-        {"the word of the final package", lpFalseEnd},
+        // At the end of a window this would be a good end of the stream: no checksum covers the
+        // header.
+        {"the word of the final package", [](Bytes& p) { p[0] = 0x21; }},
         {"its end is missing", [](Bytes& p) { p.resize(p.size() / 2); }},
         {"nearly all is missing", [](Bytes& p) { p.resize(3); }},
     };
     const CFileRecord file = FileOfPackages(95); // the last window is a short one
     const std::vector<Bytes> packages = Packages(Stream({file}));
-    const std::pair<std::size_t, std::size_t> windows[] = {{0, 1}, {1, 51}, {51, 95}};
-    for (const CDamage& damage : damages) {
-        for (const auto& [nFrom, nTo] : windows) {
-            for (const std::size_t nBad : {nFrom, (nFrom + nTo) / 2, nTo - 1}) {
-                SCOPED_TRACE(std::string(damage.lpszWhat) + ", package " +
-                             std::to_string(nBad + 1));
-                if (nBad + 1 == nTo && damage.lpDo == lpFalseEnd) {
-                    continue; // no checksum covers the header: this is a good end of the stream
+    // The beginning, the middle and the end of windows of all kinds: each for the first damage, one
+    // for every other.
+    const struct {
+        std::size_t nFrom, nBad, nTo;
+    } places[] = {{0, 0, 1},    {1, 1, 51},   {1, 25, 51}, {1, 50, 51},
+                  {51, 51, 95}, {51, 73, 95}, {51, 94, 95}};
+    for (std::size_t i = 0; i < std::size(places) + std::size(damages) - 1; ++i) {
+        const auto& [nFrom, nBad, nTo] = places[i % std::size(places)];
+        const CDamage& damage = damages[i < std::size(places) ? 0 : i - std::size(places) + 1];
+        SCOPED_TRACE(std::string(damage.lpszWhat) + ", package " + std::to_string(nBad + 1));
+        CAgentHost host;
+        std::vector<Bytes> sent = packages;
+        damage.lpDo(sent[nBad]);
+        // A host reads only where it waits for a verdict.
+        OpenAndSend(host, sent, nTo - 1);
+        host.Put(sent[nTo - 1]);
+        ASSERT_EQ(host.TakeWord(), DAK_RETRANSMIT);
+        // Once more bad, then good.
+        for (const bool bGood : {false, true}) {
+            for (std::size_t nNext = nFrom; nNext < nTo; ++nNext) {
+                Bytes package = Resent(packages[nNext]);
+                if (!bGood && nNext == nBad) {
+                    package[600] ^= 1;
+                    package[20] ^= 2;
                 }
-                CAgentHost host;
-                std::vector<Bytes> sent = packages;
-                damage.lpDo(sent[nBad]);
-                // A host reads only where it waits for a verdict.
-                OpenAndSend(host, sent, nTo - 1);
-                host.Put(sent[nTo - 1]);
-                ASSERT_EQ(host.TakeWord(), DAK_RETRANSMIT);
-                // Once more bad, then good.
-                for (const bool bGood : {false, true}) {
-                    for (std::size_t i = nFrom; i < nTo; ++i) {
-                        Bytes package = Resent(packages[i]);
-                        if (!bGood && i == nBad) {
-                            package[600] ^= 1;
-                            package[20] ^= 2;
-                        }
-                        host.Put(package);
-                    }
-                    ASSERT_EQ(host.TakeWord(), bGood ? DAK_SUCCESS : DAK_RETRANSMIT);
-                }
-                if (nTo == packages.size()) {
-                    ASSERT_EQ(host.TakeResult(8), 1);
-                } else {
-                    ASSERT_EQ(host.SendAll(packages, nTo), 1);
-                }
-                EXPECT_EQ(host.ReadFile("d/a.txt"), file.data);
+                host.Put(package);
             }
+            ASSERT_EQ(host.TakeWord(), bGood ? DAK_SUCCESS : DAK_RETRANSMIT);
         }
+        if (nTo == packages.size()) {
+            ASSERT_EQ(host.TakeResult(8), 1);
+        } else {
+            ASSERT_EQ(host.SendAll(packages, nTo), 1);
+        }
+        EXPECT_EQ(host.ReadFile("d/a.txt"), file.data);
     }
 }
 
