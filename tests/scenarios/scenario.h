@@ -8,8 +8,10 @@
 #include "agent/device.h"
 #include "link/dak_vorn.h"
 #include "tests/library/test_access.h"
+#include "tests/scenarios/file_times.h"
 #include "tests/sim/agent_peer.h"
 #include "tests/sim/packages.h"
+#include "tests/test_files.h"
 #include "transfer/copy_job.h"
 
 #include "platform/file.h"
@@ -17,8 +19,6 @@
 #include "platform/thread.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/xattr.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -31,6 +31,10 @@
 #include <vector>
 
 namespace scenario {
+
+// Of the many runs of a test one in so many is made, spread over all of them, where each costs
+// more.
+constexpr std::uint64_t ONE_IN = DAK_TEST_ONE_IN;
 
 using EFault = sim::CAgentPeer::EFault;
 using sim::Bytes;
@@ -63,6 +67,14 @@ inline std::uint64_t Ticks(const FILETIME& time) {
     return (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
 }
 
+inline std::string Narrow(const WCHAR* lpszText) {
+    std::string strText;
+    for (; *lpszText != 0; ++lpszText) {
+        strText.push_back(static_cast<char>(*lpszText));
+    }
+    return strText;
+}
+
 // What a job may leave of a tree: every file as it was or as it was wanted, none lost, and no
 // other. A job that is done has left nothing out.
 inline void ExpectSettled(const Tree& before, const Tree& wanted, const Tree& after, bool bDone) {
@@ -88,13 +100,8 @@ class CScenario {
   public:
     explicit CScenario(sim::CWorld& rWorld, std::optional<std::uint64_t> qwQuota = {})
         : world(rWorld), m_qwQuota(qwQuota) {
-        std::string strRoot =
-            (std::filesystem::temp_directory_path() / "dak-scenario-XXXXXX").string();
-        if (mkdtemp(strRoot.data()) == nullptr) {
-            ADD_FAILURE() << "no folder for the device";
-        }
-        m_roots.push_back(strRoot);
-        std::filesystem::create_directory(strRoot + "/d");
+        m_roots.push_back(NameOf(MakeTemporaryFolder("dak-scenario-")));
+        std::filesystem::create_directory(Root() + "/d");
         StartAgent();
         world.MakeHostFolder("C:/s");
         world.MakeHostFolder("C:/r");
@@ -174,7 +181,7 @@ class CScenario {
     }
     void PutDevice(const Tree& tree) const {
         for (const auto& [strName, file] : tree) {
-            const std::filesystem::path path = Root() + "/d/" + strName;
+            const std::filesystem::path path = PathOf(Root() + "/d/" + strName);
             std::filesystem::create_directories(path.parent_path());
             std::ofstream(path, std::ios::binary)
                 .write(reinterpret_cast<const char*>(file.bytes.data()),
@@ -186,7 +193,7 @@ class CScenario {
     Tree DeviceTree(bool bOwnFiles = true) const {
         Tree tree;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(Root())) {
-            std::string strName = entry.path().string().substr(Root().size());
+            std::string strName = NameOf(entry.path()).substr(Root().size());
             strName = strName.starts_with("/d/") ? strName.substr(3) : strName;
             if (!entry.is_regular_file() ||
                 (!bOwnFiles && strName.find(".dak-") != std::string::npos)) {
@@ -197,17 +204,11 @@ class CScenario {
             file.bytes.resize(entry.file_size());
             stream.read(reinterpret_cast<char*>(file.bytes.data()),
                         static_cast<std::streamsize>(file.bytes.size()));
-            struct stat status {};
-            ::stat(entry.path().c_str(), &status);
-            file.qwWritten = 116'444'736'000'000'000ull +
-                             static_cast<std::uint64_t>(status.st_mtim.tv_sec) * 10'000'000 +
-                             static_cast<std::uint64_t>(status.st_mtim.tv_nsec) / 100;
+            file.qwWritten = WriteTimeOf(entry.path());
         }
         return tree;
     }
-    bool DeviceKeepsCreationTimes() const {
-        return ::setxattr(Root().c_str(), "user.dak.probe", "1", 1, 0) == 0;
-    }
+    bool DeviceKeepsCreationTimes() const { return KeepsCreationTimes(Root()); }
 
     // Jobs.
 
@@ -219,8 +220,10 @@ class CScenario {
         }
         world.posted.clear();
         return nDirection == DAK_TO_DEVICE
-                   ? dak->DAKTransmitFiles(DAK_TO_DEVICE, u"C:\\s", strDevice, &list, window)
-                   : dak->DAKTransmitFiles(DAK_FROM_DEVICE, strDevice, u"C:\\r", &list, window);
+                   ? dak->DAKTransmitFiles(DAK_TO_DEVICE, DAK_WIDE("C:\\s"), strDevice, &list,
+                                           window)
+                   : dak->DAKTransmitFiles(DAK_FROM_DEVICE, strDevice, DAK_WIDE("C:\\r"), &list,
+                                           window);
     }
     // Waits for the worker's end and gives the outcome.
     DWORD AwaitEnd() {
@@ -274,7 +277,7 @@ class CScenario {
     std::optional<CDAKVorn> dak{std::in_place};
     HWND window = platform::CreateMessageWindow();
     CStringArray list;
-    const WCHAR* strDevice = u"\\d";
+    const WCHAR* strDevice = DAK_WIDE("\\d");
 
   private:
     const std::optional<std::uint64_t> m_qwQuota;

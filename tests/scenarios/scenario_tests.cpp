@@ -9,13 +9,6 @@ namespace {
 
 constexpr UINT BOTH[] = {DAK_FROM_DEVICE, DAK_TO_DEVICE};
 
-// Of the many runs of a test the thread sanitizer sees one in some, spread over all of them.
-#if defined(__SANITIZE_THREAD__)
-constexpr std::uint64_t ONE_IN = 4;
-#else
-constexpr std::uint64_t ONE_IN = 1;
-#endif
-
 // The lengths that a stream comes to.
 std::size_t Units(const std::string& strName) {
     std::size_t dwUnits = 0;
@@ -148,12 +141,12 @@ TEST(Copy, ALargeTreeGoesThereAndBackInTheTimeOfItsWaits) {
         world.HostFile("C:/r/01 one byte")->bReadOnly = true;
     }
 
-    EXPECT_EQ(s.dak->DAKCreateDirectory(u"\\d\\new", nullptr), 0u);
+    EXPECT_EQ(s.dak->DAKCreateDirectory(DAK_WIDE("\\d\\new"), nullptr), 0u);
     EXPECT_TRUE(std::filesystem::is_directory(s.Root() + "/d/new"));
-    EXPECT_EQ(s.dak->DAKCreateDirectory(u"\\d\\new", nullptr), DAKERROR_FAIL);
-    EXPECT_EQ(s.dak->DAKDeleteFile(u"\\d\\04\\b\\c\\deep"), 0u);
+    EXPECT_EQ(s.dak->DAKCreateDirectory(DAK_WIDE("\\d\\new"), nullptr), DAKERROR_FAIL);
+    EXPECT_EQ(s.dak->DAKDeleteFile(DAK_WIDE("\\d\\04\\b\\c\\deep")), 0u);
     EXPECT_FALSE(s.DeviceTree().contains("04/b/c/deep"));
-    EXPECT_EQ(s.dak->DAKDeleteFile(u"\\d\\04\\b\\c\\deep"), DAKERROR_FAIL);
+    EXPECT_EQ(s.dak->DAKDeleteFile(DAK_WIDE("\\d\\04\\b\\c\\deep")), DAKERROR_FAIL);
 }
 
 // What the jobs below are about: a file of some windows among small ones, all with old targets but
@@ -292,9 +285,9 @@ TEST(Room, AFullDeviceOrARefusedPathIsNamedAndNothingIsTorn) {
     std::filesystem::create_directories(job.Root() + "/d/d/in the way");
     EXPECT_EQ(job.RunJob(), DAKERROR_DEVICE_REFUSED);
     job.ExpectSettledNow(DAKERROR_DEVICE_REFUSED);
-    job.strDevice = u"\\d\\..\\..\\out";
+    job.strDevice = DAK_WIDE("\\d\\..\\..\\out");
     EXPECT_EQ(job.RunJob(), DAKERROR_DEVICE_REFUSED);
-    job.strDevice = u"\\d";
+    job.strDevice = DAK_WIDE("\\d");
     std::filesystem::remove_all(job.Root() + "/d/d");
     job.ExpectNextJobDoes();
 }

@@ -175,8 +175,8 @@ class CSeed {
         const std::vector<std::string> names = Names(before);
         const std::string strName =
             names.empty() || Below(4) == 0 ? "missing" : names[Below(names.size())];
-        std::u16string strPath = u"\\d\\";
-        strPath += std::filesystem::path(strName).u16string();
+        std::basic_string<WCHAR> strPath = DAK_WIDE("\\d\\");
+        strPath += PathOf(strName).string<WCHAR>();
         const EFaults eFaults = PlanFaults(false);
         if (bDelete) {
             const DWORD dwResult = m_s.dak->DAKDeleteFile(strPath.c_str());
@@ -189,9 +189,10 @@ class CSeed {
                 before.erase(strName);
             }
         } else {
-            strPath += u".new" + std::u16string(1, static_cast<char16_t>(u'a' + Below(26)));
+            strPath += DAK_WIDE(".new");
+            strPath += static_cast<WCHAR>('a' + Below(26));
             const std::filesystem::path folder =
-                m_s.Root() + "/d/" + std::filesystem::path(strPath.substr(3)).string();
+                PathOf(m_s.Root() + "/d") / std::filesystem::path(strPath.substr(3));
             const bool bWasThere = std::filesystem::exists(folder);
             const DWORD dwResult = m_s.dak->DAKCreateDirectory(strPath.c_str(), nullptr);
             EXPECT_TRUE(dwResult != 0 || std::filesystem::is_directory(folder));
@@ -216,7 +217,7 @@ std::uint64_t Number(const char* lpszName, std::uint64_t qwDefault) {
 TEST(Seeds, RandomWorkUnderRandomFaultsThenFaultsOff) {
     const bool bOne = std::getenv("DAK_SEED") != nullptr;
     const std::uint64_t qwFirst = Number("DAK_SEED", 1);
-    const std::uint64_t qwCount = bOne ? 1 : Number("DAK_SEEDS", 60);
+    const std::uint64_t qwCount = bOne ? 1 : Number("DAK_SEEDS", 60 / ONE_IN);
     for (std::uint64_t qwSeed = qwFirst; qwSeed < qwFirst + qwCount; ++qwSeed) {
         SCOPED_TRACE(::testing::Message() << "seed " << qwSeed);
         CSeed(qwSeed).Run();

@@ -88,9 +88,11 @@ class Services : public testing::Test {
 
 TEST_F(Services, ProgramsInVirtualTime) {
     // Nobody waits: the program starts at once, and the one read comes half a second later.
-    EXPECT_EQ(Timed([&] { return s.dak->DAKCreateProcess(u"a", u"60000 9", nullptr); }), 0u);
+    EXPECT_EQ(
+        Timed([&] { return s.dak->DAKCreateProcess(DAK_WIDE("a"), DAK_WIDE("60000 9"), nullptr); }),
+        0u);
     EXPECT_EQ(qwTookMs, READ_MS + 500 + READ_MS);
-    EXPECT_EQ(Timed([&] { return s.dak->DAKCreateProcess(u"a", nullptr, nullptr); }),
+    EXPECT_EQ(Timed([&] { return s.dak->DAKCreateProcess(DAK_WIDE("a"), nullptr, nullptr); }),
               DAKERROR_FAIL);
     EXPECT_EQ(qwTookMs, READ_MS + 500 + READ_MS);
 
@@ -106,8 +108,10 @@ TEST_F(Services, ProgramsInVirtualTime) {
         DWORD dwStatus = 0;
         const std::string strLine = std::to_string(qwRunsMs) + " 7";
         EXPECT_EQ(Timed([&] {
-                      return s.dak->DAKCreateProcess(u"\\d\\b", agent::ToUtf16(strLine)->c_str(),
-                                                     &dwStatus);
+                      return s.dak->DAKCreateProcess(
+                          DAK_WIDE("\\d\\b"),
+                          std::basic_string<WCHAR>(strLine.begin(), strLine.end()).c_str(),
+                          &dwStatus);
                   }),
                   0u);
         EXPECT_EQ(dwStatus, 7u);
@@ -118,24 +122,25 @@ TEST_F(Services, ProgramsInVirtualTime) {
     pProcesses->started.clear();
 
     DWORD dwStatus = 5;
-    EXPECT_EQ(s.dak->DAKCreateProcess(u"a", u"no", &dwStatus), DAKERROR_FAIL);
+    EXPECT_EQ(s.dak->DAKCreateProcess(DAK_WIDE("a"), DAK_WIDE("no"), &dwStatus), DAKERROR_FAIL);
     EXPECT_EQ(dwStatus, 0u);
     system.bAllowExec = false;
     s.StartAgent();
-    EXPECT_EQ(s.dak->DAKCreateProcess(u"a", u"0 0", &dwStatus), DAKERROR_FAIL);
-    EXPECT_EQ(s.dak->DAKCreateProcess(u"a", u"0 0", nullptr), DAKERROR_FAIL);
+    EXPECT_EQ(s.dak->DAKCreateProcess(DAK_WIDE("a"), DAK_WIDE("0 0"), &dwStatus), DAKERROR_FAIL);
+    EXPECT_EQ(s.dak->DAKCreateProcess(DAK_WIDE("a"), DAK_WIDE("0 0"), nullptr), DAKERROR_FAIL);
     EXPECT_EQ(pProcesses->started.size(), 1u);
 }
 
 TEST_F(Services, ADeviceThatGoesEndsTheWait) {
     DWORD dwStatus = 5;
     world.At(100'000, [this] { world.Unplug(); });
-    EXPECT_EQ(s.dak->DAKCreateProcess(u"a", u"3600000 7", &dwStatus), DAKERROR_NO_DEVICE);
+    EXPECT_EQ(s.dak->DAKCreateProcess(DAK_WIDE("a"), DAK_WIDE("3600000 7"), &dwStatus),
+              DAKERROR_NO_DEVICE);
     EXPECT_EQ(dwStatus, 5u);
     EXPECT_LT(world.NowMs(), 102'000u);
     // The program goes on, and its end disturbs nobody.
     s.Replug();
-    EXPECT_EQ(s.dak->DAKCreateProcess(u"a", u"3600000 8", &dwStatus), 0u);
+    EXPECT_EQ(s.dak->DAKCreateProcess(DAK_WIDE("a"), DAK_WIDE("3600000 8"), &dwStatus), 0u);
     EXPECT_EQ(dwStatus, 8u);
 }
 
@@ -171,7 +176,7 @@ TEST_F(Services, Echo) {
     output.assign(18, 0xEE);
     EXPECT_EQ(Control(3, {}, output, &dwReturned), 0u);
     EXPECT_EQ(dwReturned, 18u);
-    EXPECT_EQ(output, sim::Text(u"handheld"));
+    EXPECT_EQ(output, sim::Text(DAK_WIDE("handheld")));
     // The link is up, the command on its way: so old is the device.
     output.assign(8, 0xEE);
     const std::uint64_t qwAskedMs = world.NowMs() + LINK_UP_MS;
@@ -208,12 +213,13 @@ TEST_F(Services, TheLinkGoesAndComesBack) {
 TEST_F(Services, Messages) {
     DWORD dwFirst = 0;
     DWORD dwSecond = 0;
-    EXPECT_EQ(Timed([&] { return s.dak->DAKRegisterWindowMessage(u"first", &dwFirst); }), 0u);
+    EXPECT_EQ(Timed([&] { return s.dak->DAKRegisterWindowMessage(DAK_WIDE("first"), &dwFirst); }),
+              0u);
     EXPECT_EQ(qwTookMs, 2 * READ_MS);
-    EXPECT_EQ(s.dak->DAKRegisterWindowMessage(u"second", &dwSecond), 0u);
+    EXPECT_EQ(s.dak->DAKRegisterWindowMessage(DAK_WIDE("second"), &dwSecond), 0u);
     EXPECT_EQ(dwFirst, 0xC000u);
     EXPECT_EQ(dwSecond, 0xC001u);
-    EXPECT_EQ(s.dak->DAKRegisterWindowMessage(u"first", &dwSecond), 0u);
+    EXPECT_EQ(s.dak->DAKRegisterWindowMessage(DAK_WIDE("first"), &dwSecond), 0u);
     EXPECT_EQ(dwSecond, dwFirst);
     EXPECT_EQ(Timed([&] { return s.dak->DAKBroadCastMessage(dwFirst, 0xFFFFFFFF, -3); }), 0u);
     EXPECT_EQ(qwTookMs, 2 * READ_MS);
@@ -222,8 +228,9 @@ TEST_F(Services, Messages) {
     EXPECT_EQ(pProcesses->started,
               (std::vector<std::string>{"DAK_MESSAGE=49152", "DAK_MESSAGE_NAME=first",
                                         "DAK_WPARAM=4294967295", "DAK_LPARAM=-3"}));
-    EXPECT_EQ(s.dak->DAKRegisterWindowMessage(std::u16string(256, u'x').c_str(), &dwSecond),
-              DAKERROR_FAIL);
+    EXPECT_EQ(
+        s.dak->DAKRegisterWindowMessage(std::basic_string<WCHAR>(256, 'x').c_str(), &dwSecond),
+        DAKERROR_FAIL);
 }
 
 } // namespace

@@ -62,8 +62,9 @@ TEST(Storages, SpaceAndStoragesAreTold) {
         DWORD dwResult;
         std::uint64_t qwFree;
     };
-    for (const CRow& row : {CRow{u"", 0, qwFree}, CRow{u"\\d", 0, qwFree}, CRow{u"Card", 0, qwFree},
-                            CRow{u"\\d\\a", 6, 0}, CRow{u"\\none", 6, 0}, CRow{u"..", 6, 0}}) {
+    for (const CRow& row : {CRow{DAK_WIDE(""), 0, qwFree}, CRow{DAK_WIDE("\\d"), 0, qwFree},
+                            CRow{DAK_WIDE("Card"), 0, qwFree}, CRow{DAK_WIDE("\\d\\a"), 6, 0},
+                            CRow{DAK_WIDE("\\none"), 6, 0}, CRow{DAK_WIDE(".."), 6, 0}}) {
         std::uint64_t qwSpace = 1;
         s.Expect(row.dwResult, PLAIN_MS,
                  [&](CDAKVorn& dak) { return dak.DAKGetFolderFreeSpace(row.lpszPath, &qwSpace); });
@@ -75,7 +76,8 @@ TEST(Storages, SpaceAndStoragesAreTold) {
     ASSERT_EQ(storages.GetSize(), 2);
     for (int i = 0; i < 2; ++i) {
         const _tagStorageInfo& info = storages[i];
-        EXPECT_EQ(std::u16string(info.szStorageName), i == 0 ? u"\\" : u"Card");
+        EXPECT_EQ(std::basic_string<WCHAR>(info.szStorageName),
+                  i == 0 ? DAK_WIDE("\\") : DAK_WIDE("Card"));
         EXPECT_EQ(info.dwValue1, QUOTA / 1024);
         EXPECT_EQ(info.dwValue2, qwFree / 1024);
         EXPECT_EQ(info.dwValue3, static_cast<DWORD>(i + 1));
@@ -92,11 +94,11 @@ TEST(Storages, AFormatIsAnsweredInTimeAndTheRestIsUntouched) {
     s.PutDevice({{"kept", File(5000, 1)}});
     s.PutHost("C:/s", {{"1", File(20'000, 2)}, {"new", File(300'000, 3)}});
     s.StartAgent();
-    s.Expect(0, PLAIN_MS, [](CDAKVorn& dak) { return dak.DAKFormatPartition(u"Card"); });
+    s.Expect(0, PLAIN_MS, [](CDAKVorn& dak) { return dak.DAKFormatPartition(DAK_WIDE("Card")); });
     s.Expect(DAKERROR_FAIL, PLAIN_MS,
-             [](CDAKVorn& dak) { return dak.DAKDeleteFile(u"\\Card\\499"); });
+             [](CDAKVorn& dak) { return dak.DAKDeleteFile(DAK_WIDE("\\Card\\499")); });
     // A job right behind it, one name of which is still in the way on the disk.
-    s.strDevice = u"\\Card";
+    s.strDevice = DAK_WIDE("\\Card");
     EXPECT_EQ(s.Run(DAK_TO_DEVICE, {"1", "new"}), 0u);
     EXPECT_EQ(s.Run(DAK_FROM_DEVICE, {"1", "2", "new"}), 0u);
     EXPECT_EQ(world.HostFiles("C:/r"), (std::vector<std::string>{"1", "new"}));
@@ -107,7 +109,7 @@ TEST(Storages, AFormatIsAnsweredInTimeAndTheRestIsUntouched) {
     EXPECT_EQ(s.DeviceTree().size(), 3u);
 
     // The root: its own files go, the card's stay.
-    s.Expect(0, PLAIN_MS, [](CDAKVorn& dak) { return dak.DAKFormatPartition(u"\\"); });
+    s.Expect(0, PLAIN_MS, [](CDAKVorn& dak) { return dak.DAKFormatPartition(DAK_WIDE("\\")); });
     EXPECT_EQ(s.Run(DAK_FROM_DEVICE, {"1"}), 0u);
     platform::Sleep(1000);
     EXPECT_EQ(Names(s.DeviceTree()), (std::vector<std::string>{"/cards/1/1", "/cards/1/new"}));
@@ -121,8 +123,8 @@ TEST(Storages, AFormatIsRefused) {
         s.PutDevice({{"a", File(10, 1)}});
         s.StartAgent();
         const Tree before = s.DeviceTree();
-        for (const WCHAR* lpszName :
-             {bAllowed ? u"None" : u"Card", bAllowed ? u"." : u"\\", u"d"}) {
+        for (const WCHAR* lpszName : {bAllowed ? DAK_WIDE("None") : DAK_WIDE("Card"),
+                                      bAllowed ? DAK_WIDE(".") : DAK_WIDE("\\"), DAK_WIDE("d")}) {
             s.Expect(DAKERROR_FAIL, PLAIN_MS,
                      [&](CDAKVorn& dak) { return dak.DAKFormatPartition(lpszName); });
         }

@@ -67,13 +67,13 @@ void RunJob(sim::CWorld& world, UINT nDirection, std::optional<std::uint64_t> qw
 void RunPathOperations(sim::CWorld& world) {
     CScenario s(world);
     s.PutDevice(OldTree());
-    const DWORD dwDeleted = s.dak->DAKDeleteFile(u"\\d\\a");
+    const DWORD dwDeleted = s.dak->DAKDeleteFile(DAK_WIDE("\\d\\a"));
     const DWORD dwDeleteState = s.dak->GetLastError();
     EXPECT_EQ(dwDeleted == 0, dwDeleteState == 0);
     if (dwDeleted == 0) {
         EXPECT_FALSE(s.DeviceTree().contains("a"));
     }
-    const DWORD dwMade = s.dak->DAKCreateDirectory(u"\\d\\new", nullptr);
+    const DWORD dwMade = s.dak->DAKCreateDirectory(DAK_WIDE("\\d\\new"), nullptr);
     if (dwMade == 0) {
         EXPECT_TRUE(std::filesystem::is_directory(s.Root() + "/d/new"));
     }
@@ -81,8 +81,8 @@ void RunPathOperations(sim::CWorld& world) {
         EXPECT_EQ(dwDeleted | dwMade, 0u);
     }
     world.ClearFaults();
-    EXPECT_EQ(s.dak->DAKDeleteFile(u"\\d\\d"), 0u);
-    EXPECT_EQ(s.dak->DAKCreateDirectory(u"\\d\\newer", nullptr), 0u);
+    EXPECT_EQ(s.dak->DAKDeleteFile(DAK_WIDE("\\d\\d")), 0u);
+    EXPECT_EQ(s.dak->DAKCreateDirectory(DAK_WIDE("\\d\\newer"), nullptr), 0u);
     EXPECT_TRUE(std::filesystem::is_directory(s.Root() + "/d/newer"));
 }
 
