@@ -102,7 +102,11 @@ void Print(Stream stream, std::string_view strText) {
     if (IsConsole(hStream)) {
         windows::WriteToConsole(hStream, strText);
     } else {
-        std::fwrite(strText.data(), 1, strText.size(), FileOf(stream));
+        FILE* const pFile = FileOf(stream);
+        std::fwrite(strText.data(), 1, strText.size(), pFile);
+        if (stream == Stream::Error) {
+            std::fflush(pFile); // which not every version of the runtime does by itself
+        }
     }
 }
 

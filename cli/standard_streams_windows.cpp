@@ -30,6 +30,7 @@ DWORD ReadLine(HANDLE hConsole, std::string& strLine) {
     constexpr WCHAR chEnd = 0x1A;
     cli::WideText strWide(4096, L'\0');
     DWORD dwChars = 0;
+    ::SetLastError(ERROR_SUCCESS);
     if (::ReadConsoleW(hConsole, strWide.data(), static_cast<DWORD>(strWide.size() - 1), &dwChars,
                        nullptr) == FALSE) {
         return ::GetLastError();
