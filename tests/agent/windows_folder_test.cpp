@@ -255,6 +255,8 @@ TEST_F(CFolderTest, ProgramsRunInTheRoot) {
     ASSERT_NE(::GetSystemDirectoryA(szSystem, MAX_PATH), 0U);
     agent::CDeviceOptions options;
     options.system.execPaths = {szSystem};
+    options.system.messageCommands = {"cmd /c echo %DAK_MESSAGE_NAME%>'" +
+                                      (base / "root" / "said").string() + "'"};
     std::string strError;
     const auto pPrograms = agent::CDeviceProcesses::Open(options, *pFolder, strError);
     ASSERT_TRUE(pPrograms) << strError;
@@ -271,6 +273,12 @@ TEST_F(CFolderTest, ProgramsRunInTheRoot) {
     EXPECT_EQ(statusOf(u"cmd.exe", true, {"/c", "echo", "x>told"}), 0U);
     EXPECT_EQ(Tree(), (Names{"in", "in/card", "told"})) << "the root is its folder";
     EXPECT_FALSE(pPrograms->DueMs(0)) << "none is left";
+    pPrograms->StartMessageCommands({{"DAK_MESSAGE_NAME", "first"}});
+    for (int i = 0; pPrograms->DueMs(0) && i < 2000; ++i) {
+        ::Sleep(10);
+        pPrograms->Tick(0);
+    }
+    EXPECT_EQ(Get(u"said").value_or(Bytes()), (Bytes{'f', 'i', 'r', 's', 't', '\r', '\n'}));
     EXPECT_FALSE(statusOf(u"cmd.exe", false, {}));
     EXPECT_FALSE(statusOf(u"told", true, {}));
     EXPECT_FALSE(statusOf(u"none.exe", true, {}));
