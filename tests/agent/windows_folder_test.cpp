@@ -201,6 +201,79 @@ TEST_F(CFolderTest, CopiesAndMoves) {
     EXPECT_EQ(Get(u"s/b"), Bytes{2});
 }
 
+TEST_F(CFolderTest, HandlesOpenAndShareAsTheirModesSay) {
+    using EExisting = COpenMode::EExisting;
+    using EMissing = COpenMode::EMissing;
+    ASSERT_EQ(Put(u"ro", {1, 2}), EResult::SUCCESS);
+    fs::permissions(base / "root/ro", fs::perms::owner_read);
+    const struct {
+        const char16_t* lpszPath;
+        bool bWrite;
+        EMissing eMissing;
+        EExisting eExisting;
+        std::optional<std::uint64_t> qwSize; // nothing: refused
+    } opens[] = {
+        {u"f", false, EMissing::REFUSE, EExisting::KEEP, {}},
+        {u"f", true, EMissing::MAKE, EExisting::REFUSE, 0},
+        {u"f", true, EMissing::MAKE, EExisting::REFUSE, {}},
+        {u"f", false, EMissing::REFUSE, EExisting::KEEP, 2}, // what each open for writing writes
+        {u"f", false, EMissing::REFUSE, EExisting::EMPTY, 0},
+        {u"ro", false, EMissing::REFUSE, EExisting::KEEP, 2},
+        {u"ro", true, EMissing::REFUSE, EExisting::KEEP, {}},
+        {u"ro", false, EMissing::REFUSE, EExisting::EMPTY, {}},
+        {u"in", false, EMissing::MAKE, EExisting::KEEP, {}},
+        {u"Card", false, EMissing::MAKE, EExisting::KEEP, {}},
+        {u"none/f", true, EMissing::MAKE, EExisting::KEEP, {}},
+    };
+    for (const auto& open : opens) {
+        SCOPED_TRACE(&open - opens);
+        std::unique_ptr<agent::COpenFile> pFile;
+        const COpenMode mode = {.bRead = true,
+                                .bWrite = open.bWrite,
+                                .eMissing = open.eMissing,
+                                .eExisting = open.eExisting};
+        EXPECT_EQ(pFolder->OpenFile(Path(open.lpszPath), mode, pFile),
+                  open.qwSize ? EResult::SUCCESS : EResult::REFUSED);
+        EXPECT_EQ(pFile ? pFile->Size() : std::nullopt, open.qwSize);
+        EXPECT_EQ(pFile ? pFile->Write(0, Bytes{1, 2}) : EResult::SUCCESS,
+                  pFile && !open.bWrite ? EResult::REFUSED : EResult::SUCCESS);
+    }
+    // Each kind of use and of sharing against each.
+    for (unsigned nBits = 0; nBits < 256; ++nBits) {
+        const auto mode = [nBits](unsigned n) {
+            return COpenMode{.bRead = (nBits >> n & 1) != 0,
+                             .bWrite = (nBits >> n & 2) != 0,
+                             .bShareRead = (nBits >> n & 4) != 0,
+                             .bShareWrite = (nBits >> n & 8) != 0};
+        };
+        const COpenMode a = mode(0);
+        const COpenMode b = mode(4);
+        std::unique_ptr<agent::COpenFile> pFirst;
+        std::unique_ptr<agent::COpenFile> pSecond;
+        ASSERT_EQ(pFolder->OpenFile(Path(u"f"), a, pFirst), EResult::SUCCESS);
+        const bool bAllowed = (!b.bRead || a.bShareRead) && (!b.bWrite || a.bShareWrite) &&
+                              (!a.bRead || b.bShareRead) && (!a.bWrite || b.bShareWrite);
+        EXPECT_EQ(pFolder->OpenFile(Path(u"F"), b, pSecond),
+                  bAllowed ? EResult::SUCCESS : EResult::REFUSED)
+            << nBits;
+        EXPECT_TRUE(Get(u"f")) << "what is not open by handle is not held off";
+    }
+    // A hole counts, and reads as zeroes.
+    Open(100);
+    std::unique_ptr<agent::COpenFile> pFile;
+    ASSERT_EQ(pFolder->OpenFile(Path(u"f"), {.bRead = true, .bWrite = true}, pFile),
+              EResult::SUCCESS);
+    EXPECT_EQ(pFile->Write(98, Bytes{1}), EResult::NO_SPACE);
+    EXPECT_EQ(pFile->Size(), 0U);
+    EXPECT_EQ(pFile->Write(97, Bytes{1}), EResult::SUCCESS);
+    Bytes data(200, 7);
+    EXPECT_EQ(pFile->Read(0, data), 98U);
+    EXPECT_EQ(std::count(data.begin(), data.begin() + 97, 0), 97);
+    EXPECT_EQ(Put(u"g", {1}), EResult::NO_SPACE);
+    EXPECT_EQ(Copy(u"ro", u"g"), EResult::NO_SPACE);
+    EXPECT_EQ(Tree(), (Names{"f", "in", "in/card", "ro"}));
+}
+
 // The system neither deletes nor replaces a file that is open; the device does.
 TEST_F(CFolderTest, OpenFilesThatAreTakenAway) {
     COpenMode mode;
