@@ -180,6 +180,11 @@ std::size_t CAgentCore::GiveBytes(std::span<std::uint8_t> buffer) {
     return m_pState->m_outbox.Take(buffer);
 }
 
+std::span<const std::uint8_t> CAgentCore::NextBytes() {
+    m_pState->Prepare();
+    return m_pState->m_outbox.Next();
+}
+
 void CAgentCore::DropPending() {
     if (m_pState->m_outbox.Empty()) {
         return;

@@ -36,6 +36,11 @@ class CAgentCore {
     // package in hand; what is not taken of it stays for the next call. 0 when nothing is there.
     std::size_t GiveBytes(std::span<std::uint8_t> buffer);
 
+    // What GiveBytes would give of the package in hand, without giving it; empty when nothing is
+    // there. For a pipe into which a package is laid before the host asks, and which learns later
+    // whether it was taken. Valid until the next call.
+    std::span<const std::uint8_t> NextBytes();
+
     // Drops what the host has not taken yet, a package that is half taken included.
     void DropPending();
 

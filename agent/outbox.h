@@ -47,6 +47,12 @@ class COutbox {
         DakPutU32(package.data() + DAK_RESPONSE_FIELDS, dwField);
     }
 
+    // The rest of the first package.
+    std::span<const std::uint8_t> Next() const {
+        return m_packages.empty() ? std::span<const std::uint8_t>()
+                                  : std::span(m_packages.front()).subspan(m_dwTaken);
+    }
+
     // At most the rest of the first package.
     std::size_t Take(std::span<std::uint8_t> buffer) {
         if (m_packages.empty()) {

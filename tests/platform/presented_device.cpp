@@ -1,251 +1,239 @@
 #include "tests/platform/presented_device.h"
 
-#include <winternl.h>
-
+#include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
+#include <utility>
 
 namespace device_test {
 namespace {
 
-constexpr GUID DEVICE_CLASS = {
-    0x25DBCE51, 0x6C8F, 0x4A72, {0x8A, 0x6D, 0xB5, 0x4C, 0x2B, 0x4F, 0xC8, 0x35}};
-constexpr char INSTANCE[] = "ROOT\\DAK\\0001";
-constexpr char CONTROL_KEY[] = "SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\"
-                               "{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}\\"
-                               "##?#root#dak#0001#{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}\\#\\"
-                               "Control";
-constexpr wchar_t LINK_NAME[] = L"\\??\\ROOT#DAK#0001#{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}";
-constexpr char PIPE_NAME[] = "\\\\.\\pipe\\dak-presented-device";
-constexpr wchar_t PIPE_TARGET[] = L"\\Device\\NamedPipe\\dak-presented-device";
+// More than the longest command.
+constexpr std::size_t LARGEST_PACKAGE = (1U << 20) + 65536;
 
-constexpr std::size_t LARGEST_PACKAGE = 65536;
-// The pipe's buffer is a quota: a package that does not fit it waits until it is taken.
-constexpr DWORD PIPE_QUOTA = 1;
-// Time for a package that the pipe has passed on to be filed.
-constexpr auto SETTLE = std::chrono::milliseconds(30);
-
-// A test without its device proves nothing.
-void Require(bool bDone, const char* lpszWhat) {
-    if (!bDone) {
-        std::fprintf(stderr, "The device cannot be presented: %s, error %lu\n", lpszWhat,
-                     ::GetLastError());
-        std::abort();
-    }
-}
-
-// Enters the device and its interface into the system's lists, where they stay.
-void Register() {
-    const HDEVINFO hSet = ::SetupDiCreateDeviceInfoList(&DEVICE_CLASS, nullptr);
-    Require(hSet != INVALID_HANDLE_VALUE, "SetupDiCreateDeviceInfoList");
-    SP_DEVINFO_DATA device{};
-    device.cbSize = sizeof(device);
-    if (::SetupDiCreateDeviceInfoA(hSet, INSTANCE, &DEVICE_CLASS, nullptr, nullptr, 0, &device) ==
-        FALSE) {
-        Require(::SetupDiOpenDeviceInfoA(hSet, INSTANCE, nullptr, 0, &device) != FALSE,
-                "SetupDiOpenDeviceInfoA");
-    } else {
-        Require(::SetupDiRegisterDeviceInfo(hSet, &device, 0, nullptr, nullptr, nullptr) != FALSE,
-                "SetupDiRegisterDeviceInfo");
-    }
-    Require(::SetupDiCreateDeviceInterfaceA(hSet, &device, &DEVICE_CLASS, nullptr, 0, nullptr) !=
-                FALSE,
-            "SetupDiCreateDeviceInterfaceA");
-    ::SetupDiDestroyDeviceInfoList(hSet);
-}
-
-void SetPresent(DWORD dwLinked) {
-    HKEY hKey = nullptr;
-    Require(::RegCreateKeyExA(HKEY_LOCAL_MACHINE, CONTROL_KEY, 0, nullptr, REG_OPTION_VOLATILE,
-                              KEY_SET_VALUE, nullptr, &hKey, nullptr) == ERROR_SUCCESS,
-            "RegCreateKeyExA");
-    ::RegSetValueExA(hKey, "Linked", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dwLinked),
-                     sizeof(dwLinked));
-    ::RegCloseKey(hKey);
-}
-
-UNICODE_STRING Unicode(const wchar_t* lpszText) {
-    UNICODE_STRING text{};
-    text.Length = static_cast<USHORT>(std::wstring(lpszText).size() * sizeof(wchar_t));
-    text.MaximumLength = text.Length;
-    text.Buffer = const_cast<wchar_t*>(lpszText);
-    return text;
-}
-
-// The link ends with its handle.
-HANDLE MakeLink() {
-    using FCreate = NTSTATUS(NTAPI*)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*, UNICODE_STRING*);
-    const auto create = reinterpret_cast<FCreate>(reinterpret_cast<void*>(
-        ::GetProcAddress(::GetModuleHandleA("ntdll.dll"), "NtCreateSymbolicLinkObject")));
-    UNICODE_STRING name = Unicode(LINK_NAME);
-    UNICODE_STRING target = Unicode(PIPE_TARGET);
-    OBJECT_ATTRIBUTES attributes{};
-    attributes.Length = sizeof(attributes);
-    attributes.ObjectName = &name;
-    attributes.Attributes = 0x40; // regardless of case
-    HANDLE hLink = nullptr;
-    Require(create != nullptr && create(&hLink, 0xF0001, &attributes, &target) >= 0,
-            "NtCreateSymbolicLinkObject");
-    return hLink;
-}
-
-HANDLE MakePipe() {
-    const HANDLE hPipe =
-        ::CreateNamedPipeA(PIPE_NAME, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
-                           PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_REJECT_REMOTE_CLIENTS,
-                           PIPE_UNLIMITED_INSTANCES, PIPE_QUOTA, PIPE_QUOTA, 0, nullptr);
-    Require(hPipe != INVALID_HANDLE_VALUE, "CreateNamedPipeA");
-    return hPipe;
+std::uint64_t NowMs() {
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                          std::chrono::steady_clock::now().time_since_epoch())
+                                          .count());
 }
 
 } // namespace
 
 CPresentedDevice::CCall::CCall() {
     overlapped.hEvent = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    Require(overlapped.hEvent != nullptr, "CreateEventA");
 }
 
 CPresentedDevice::CCall::~CCall() {
     ::CloseHandle(overlapped.hEvent);
 }
 
-CPresentedDevice::CPresentedDevice()
-    : m_hChange(::CreateEventA(nullptr, FALSE, FALSE, nullptr)), m_hPipe(MakePipe()),
-      m_hLink(MakeLink()), m_reading(LARGEST_PACKAGE), m_thread([this] { Serve(); }) {
-    Register();
-    SetPresent(1);
+bool CPresentedDevice::CCall::HasEnded() const {
+    return bOpen && ::WaitForSingleObject(overlapped.hEvent, 0) == WAIT_OBJECT_0;
+}
+
+bool CPresentedDevice::CCall::TakeResult(HANDLE hPipe, DWORD& dwCount) {
+    const bool bDone = ::GetOverlappedResult(hPipe, &overlapped, &dwCount, TRUE) != FALSE;
+    bOpen = false;
+    ::ResetEvent(overlapped.hEvent);
+    return bDone;
+}
+
+bool CPresentedDevice::CCall::Cancel(HANDLE hPipe, DWORD& dwCount) {
+    if (!bOpen) {
+        return false;
+    }
+    ::CancelIoEx(hPipe, &overlapped);
+    return TakeResult(hPipe, dwCount);
+}
+
+bool CPresentedDevice::CCall::Begun(BOOL bDone) {
+    bOpen = bDone != FALSE || ::GetLastError() == ERROR_IO_PENDING;
+    return bOpen;
+}
+
+CPresentedDevice::CPresentedDevice(IPeer& peer)
+    : m_peer(peer), m_hChange(::CreateEventA(nullptr, FALSE, FALSE, nullptr)),
+      m_reading(LARGEST_PACKAGE), m_thread([this] { Serve(); }) {
+    Settle();
 }
 
 CPresentedDevice::~CPresentedDevice() {
-    SetPresent(0);
     {
         const std::lock_guard hold(m_mutex);
         m_bEnd = true;
     }
     ::SetEvent(m_hChange);
     m_thread.join();
-    ::CloseHandle(m_hLink);
-    ::CloseHandle(m_hPipe);
     ::CloseHandle(m_hChange);
 }
 
-void CPresentedDevice::Gives(Bytes package) {
+void CPresentedDevice::SetPlugged(bool bPlugged) {
     {
         const std::lock_guard hold(m_mutex);
-        m_gives.push_back(std::move(package));
+        m_bPlugged = bPlugged;
     }
-    ::SetEvent(m_hChange);
+    Settle();
 }
 
-void CPresentedDevice::Takes(bool bTakes) {
+void CPresentedDevice::Settle() {
+    std::unique_lock hold(m_mutex);
+    const std::uint64_t qwMine = ++m_qwAsked;
+    ::SetEvent(m_hChange);
+    m_settled.wait(hold, [&] { return m_qwSettled >= qwMine; });
+}
+
+// Ends a pass, and waits until there is reason for another: a call has ended, the peer's time has
+// come, or somebody asks.
+void CPresentedDevice::Wait(std::initializer_list<const CCall*> calls) {
     {
         const std::lock_guard hold(m_mutex);
-        m_bTakes = bTakes;
+        m_qwSettled = m_qwSeen;
     }
-    ::SetEvent(m_hChange);
-    std::this_thread::sleep_for(SETTLE);
-}
-
-std::vector<Bytes> CPresentedDevice::Took() {
-    std::this_thread::sleep_for(SETTLE);
+    m_settled.notify_all();
+    HANDLE events[3] = {m_hChange};
+    DWORD dwEvents = 1;
+    for (const CCall* pCall : calls) {
+        events[dwEvents++] = pCall->overlapped.hEvent;
+    }
+    DWORD dwWaitMs = INFINITE;
+    if (const auto qwDueMs = m_peer.NextDueMs()) {
+        dwWaitMs = static_cast<DWORD>(*qwDueMs - std::min(*qwDueMs, NowMs()));
+    }
+    ::WaitForMultipleObjects(dwEvents, events, FALSE, dwWaitMs);
     const std::lock_guard hold(m_mutex);
-    return m_took;
+    m_qwSeen = m_qwAsked;
 }
 
-// One host after the other.
-void CPresentedDevice::Serve() {
-    for (bool bMore = true; bMore;) {
-        CCall connect;
-        connect.bOpen = ::ConnectNamedPipe(m_hPipe, &connect.overlapped) == FALSE &&
-                        ::GetLastError() == ERROR_IO_PENDING;
-        while (bMore && connect.bOpen) {
-            const HANDLE events[] = {connect.overlapped.hEvent, m_hChange};
-            if (::WaitForMultipleObjects(2, events, FALSE, INFINITE) == WAIT_OBJECT_0) {
-                break;
-            }
-            const std::lock_guard hold(m_mutex);
-            bMore = !m_bEnd;
-        }
-        if (!bMore) {
-            Abandon(connect);
-            return;
-        }
-        // The next host may come before this end has seen the last one go.
-        const HANDLE hNext = MakePipe();
-        bMore = ServeHost();
+bool CPresentedDevice::IsWanted() {
+    const std::lock_guard hold(m_mutex);
+    return m_bPlugged && !m_bEnd && m_peer.IsAttached();
+}
+
+void CPresentedDevice::Attach(bool bAttached) {
+    if (bAttached == (m_hPipe != nullptr)) {
+        return;
+    }
+    if (bAttached) {
+        m_hPipe = m_registration.MakePipe();
+        m_registration.SetPresent(true);
+    } else {
+        m_registration.SetPresent(false);
         ::CloseHandle(m_hPipe);
-        m_hPipe = hNext;
+        m_hPipe = nullptr;
     }
 }
 
-// Until the host closes its end; false at the device's end.
-bool CPresentedDevice::ServeHost() {
-    CCall read;
-    CCall write;
-    bool bEnd = false;
-    while (StartCalls(read, write)) {
-        const HANDLE events[] = {read.overlapped.hEvent, write.overlapped.hEvent, m_hChange};
-        ::WaitForMultipleObjects(3, events, FALSE, INFINITE);
-        DWORD dwCount = 0;
+void CPresentedDevice::Serve() {
+    for (bool bEnd = false; !bEnd;) {
+        m_peer.SetTime(NowMs());
+        if (!IsWanted()) {
+            Attach(false);
+            Wait({});
+        } else {
+            Attach(true);
+            if (AwaitHost()) {
+                ServeHost();
+                m_peer.HostGone();
+            }
+        }
         const std::lock_guard hold(m_mutex);
         bEnd = m_bEnd;
-        if (bEnd) {
+    }
+    Attach(false);
+}
+
+// Waits for a host, or for a reason to look at the rest again.
+bool CPresentedDevice::AwaitHost() {
+    CCall connect;
+    const BOOL bDone = ::ConnectNamedPipe(m_hPipe, &connect.overlapped);
+    if (bDone == FALSE && ::GetLastError() != ERROR_IO_PENDING) {
+        // One that has come and gone meanwhile is found to have gone.
+        Require(::GetLastError() == ERROR_PIPE_CONNECTED || ::GetLastError() == ERROR_NO_DATA,
+                "ConnectNamedPipe");
+        return true;
+    }
+    connect.bOpen = true;
+    Wait({&connect});
+    DWORD dwCount = 0;
+    return connect.HasEnded() ? connect.TakeResult(m_hPipe, dwCount)
+                              : connect.Cancel(m_hPipe, dwCount);
+}
+
+// Until the host closes its end or the device is not wanted any more.
+void CPresentedDevice::ServeHost() {
+    // The next host may come before this end has seen the last one go.
+    const HANDLE hNext = m_registration.MakePipe();
+    CCall read;
+    CCall write;
+    while (FileEnded(read, write)) {
+        m_peer.SetTime(NowMs());
+        if (!IsWanted()) {
             break;
         }
-        if (!m_bTakes && read.bOpen) {
-            // A package may have come in spite of it, and then it was taken.
-            ::CancelIoEx(m_hPipe, &read.overlapped);
-            ::WaitForSingleObject(read.overlapped.hEvent, INFINITE);
+        FollowPeer(read, write);
+        if (!StartCalls(read, write)) {
+            break;
         }
-        if (EndCall(read, dwCount)) {
-            m_took.emplace_back(m_reading.begin(),
-                                m_reading.begin() + static_cast<std::ptrdiff_t>(dwCount));
-        }
-        if (EndCall(write, dwCount)) {
-            m_gives.pop_front();
-        }
+        Wait({&read, &write});
     }
-    Abandon(read);
-    Abandon(write);
-    return !bEnd;
+    DWORD dwCount = 0;
+    read.Cancel(m_hPipe, dwCount);
+    write.Cancel(m_hPipe, dwCount);
+    const HANDLE hServed = std::exchange(m_hPipe, hNext);
+    if (!IsWanted()) {
+        // Whoever finds the pipe cut is to find the device gone as well.
+        Attach(false);
+    }
+    ::CloseHandle(hServed);
+}
+
+// Hands on what the calls that have ended brought. What the host has taken comes first: it may have
+// written in answer to it. False when the host has gone.
+bool CPresentedDevice::FileEnded(CCall& read, CCall& write) {
+    DWORD dwCount = 0;
+    const bool bWritten = write.HasEnded();
+    if (bWritten) {
+        if (!write.TakeResult(m_hPipe, dwCount)) {
+            return false;
+        }
+        m_peer.OfferTaken(m_offered.size());
+    }
+    if (read.HasEnded()) {
+        if (!read.TakeResult(m_hPipe, dwCount)) {
+            return false;
+        }
+        m_peer.TakePackage(std::span(m_reading).first(dwCount));
+    }
+    return true;
+}
+
+// Takes back what the peer wants no longer.
+void CPresentedDevice::FollowPeer(CCall& read, CCall& write) {
+    DWORD dwCount = 0;
+    if (write.bOpen && !std::ranges::equal(m_offered, m_peer.Offer())) {
+        // Where the host has it all the same, it was quicker.
+        write.Cancel(m_hPipe, dwCount);
+    }
+    if (!m_peer.Takes() && read.Cancel(m_hPipe, dwCount)) {
+        m_peer.TakePackage(std::span(m_reading).first(dwCount));
+    }
 }
 
 // Opens the calls that are due. False when the host has gone.
 bool CPresentedDevice::StartCalls(CCall& read, CCall& write) {
-    const std::lock_guard hold(m_mutex);
-    const auto start = [&](CCall& call, BOOL bDone) {
-        call.bOpen = bDone != FALSE || ::GetLastError() == ERROR_IO_PENDING;
-        return call.bOpen;
-    };
-    if (m_bTakes && !read.bOpen &&
-        !start(read, ::ReadFile(m_hPipe, m_reading.data(), static_cast<DWORD>(m_reading.size()),
-                                nullptr, &read.overlapped))) {
+    if (!read.bOpen && m_peer.Takes() &&
+        !read.Begun(::ReadFile(m_hPipe, m_reading.data(), static_cast<DWORD>(m_reading.size()),
+                               nullptr, &read.overlapped))) {
         return false;
     }
-    return write.bOpen || m_gives.empty() ||
-           start(write, ::WriteFile(m_hPipe, m_gives.front().data(),
-                                    static_cast<DWORD>(m_gives.front().size()), nullptr,
-                                    &write.overlapped));
-}
-
-// Whether an open call has come to a good end. One that is ended otherwise is open no longer.
-bool CPresentedDevice::EndCall(CCall& call, DWORD& dwCount) {
-    if (!call.bOpen || ::WaitForSingleObject(call.overlapped.hEvent, 0) != WAIT_OBJECT_0) {
-        return false;
+    if (write.bOpen) {
+        return true;
     }
-    call.bOpen = false;
-    ::ResetEvent(call.overlapped.hEvent);
-    return ::GetOverlappedResult(m_hPipe, &call.overlapped, &dwCount, FALSE) != FALSE;
-}
-
-void CPresentedDevice::Abandon(CCall& call) {
-    if (call.bOpen) {
-        DWORD dwCount = 0;
-        ::CancelIoEx(m_hPipe, &call.overlapped);
-        ::GetOverlappedResult(m_hPipe, &call.overlapped, &dwCount, TRUE);
-        call.bOpen = false;
-    }
+    const std::span<const std::uint8_t> offer = m_peer.Offer();
+    m_offered.assign(offer.begin(), offer.end());
+    return m_offered.empty() ||
+           write.Begun(::WriteFile(m_hPipe, m_offered.data(), static_cast<DWORD>(m_offered.size()),
+                                   nullptr, &write.overlapped));
 }
 
 } // namespace device_test

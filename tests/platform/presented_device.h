@@ -1,12 +1,20 @@
 // A device for tests on this system, which has no driver for one: an interface of the class is put
 // into the system's list, and the path that the list gives leads to a named pipe of this process.
+//
+// One package at a time lies in the pipe, so that none runs into the next, and it lies there ahead
+// of the host, whose reads a pipe does not show. Where what stands behind the pipe has changed its
+// mind by then, a package that was not taken is withdrawn.
 #pragma once
 
 #include "platform/types.h"
+#include "tests/platform/device_registration.h"
 
+#include <condition_variable>
 #include <cstdint>
-#include <deque>
+#include <initializer_list>
 #include <mutex>
+#include <optional>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -14,45 +22,88 @@ namespace device_test {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Present while the object lives; one at a time. It holds what it is to give until the host has
-// taken it, one package after the other, and keeps what the host wrote.
+// What stands behind the pipe. All calls come from the device's thread.
+class IPeer {
+  public:
+    virtual ~IPeer() = default;
+
+    // Milliseconds from any fixed start; and when it wants to be told again though nothing comes.
+    virtual void SetTime(std::uint64_t /*qwNowMs*/) {}
+    virtual std::optional<std::uint64_t> NextDueMs() { return {}; }
+
+    // Whether the device is to be seen.
+    virtual bool IsAttached() { return true; }
+
+    // Whether it takes what the host writes; while it does not, the host's writes block.
+    virtual bool Takes() = 0;
+    virtual void TakePackage(std::span<const std::uint8_t> package) = 0;
+
+    // What the host is to have next, all in one package; empty: nothing. Asked again and again, and
+    // valid until the next call.
+    virtual std::span<const std::uint8_t> Offer() = 0;
+    // The host has taken as many bytes of what was offered, which is all of it.
+    virtual void OfferTaken(std::size_t dwBytes) = 0;
+
+    // The host has closed its end, or the device has been unplugged.
+    virtual void HostGone() {}
+};
+
+// Present while the object lives, unless it is unplugged; one at a time.
 class CPresentedDevice {
   public:
-    CPresentedDevice();
+    // The peer outlives the object.
+    explicit CPresentedDevice(IPeer& peer);
     ~CPresentedDevice();
     CPresentedDevice(const CPresentedDevice&) = delete;
     CPresentedDevice& operator=(const CPresentedDevice&) = delete;
 
-    void Gives(Bytes package);
-    // While it does not take, the host's writes block.
-    void Takes(bool bTakes);
-    std::vector<Bytes> Took();
+    // Unplugging takes the device from the list and then cuts the pipe.
+    void SetPlugged(bool bPlugged);
+
+    // Has the peer asked anew. On return what was in the pipe before has reached the peer, and
+    // what the peer wants now is done.
+    void Settle();
 
   private:
     // One overlapped call on the pipe.
     struct CCall {
         CCall();
         ~CCall();
+        bool HasEnded() const;
+        // Of a call that has ended, which is open no longer.
+        bool TakeResult(HANDLE hPipe, DWORD& dwCount);
+        // Ends an open call. True when it had completed all the same.
+        bool Cancel(HANDLE hPipe, DWORD& dwCount);
+        // bDone: what the system said when the call was made.
+        bool Begun(BOOL bDone);
         OVERLAPPED overlapped{};
         bool bOpen = false;
     };
 
     void Serve();
-    bool ServeHost();
+    void Attach(bool bAttached);
+    bool AwaitHost();
+    void ServeHost();
+    bool FileEnded(CCall& read, CCall& write);
+    void FollowPeer(CCall& read, CCall& write);
     bool StartCalls(CCall& read, CCall& write);
-    bool EndCall(CCall& call, DWORD& dwCount);
-    void Abandon(CCall& call);
+    bool IsWanted();
+    void Wait(std::initializer_list<const CCall*> calls);
 
+    IPeer& m_peer;
+    CDeviceRegistration m_registration;
     HANDLE m_hChange;
-    HANDLE m_hPipe;
-    HANDLE m_hLink;
-    std::mutex m_mutex;
-    bool m_bEnd = false;
-    bool m_bTakes = true;
-    std::deque<Bytes> m_gives;
-    std::vector<Bytes> m_took;
+    HANDLE m_hPipe = nullptr; // while attached
     Bytes m_reading;
-    std::thread m_thread; // last: it uses the others
+    Bytes m_offered; // in the pipe, while its write is open
+    std::mutex m_mutex;
+    std::condition_variable m_settled;
+    bool m_bEnd = false;
+    bool m_bPlugged = true;
+    std::uint64_t m_qwAsked = 0;   // passes that were asked for
+    std::uint64_t m_qwSeen = 0;    // of those, when the present pass began
+    std::uint64_t m_qwSettled = 0; // of those, when a pass last ended
+    std::thread m_thread;          // last: it uses the others
 };
 
 } // namespace device_test

@@ -1,7 +1,7 @@
 // This system under the contract tests of the seam: temporary folders, the real clock, and a device
 // that is presented to the system by the tests.
 #include "tests/platform/contract_world.h"
-#include "tests/platform/presented_device.h"
+#include "tests/platform/scripted_device.h"
 
 #include <chrono>
 #include <filesystem>
@@ -43,7 +43,7 @@ class CTempFolder {
 
 struct CWorld {
     CTempFolder files;
-    std::unique_ptr<device_test::CPresentedDevice> pDevice;
+    std::unique_ptr<device_test::CScriptedDevice> pDevice;
 };
 
 CWorld* g_pWorld = nullptr;
@@ -87,7 +87,7 @@ void SetCpuMHz(std::optional<DWORD> dwMHz) {
 }
 
 void PlugDevice() {
-    g_pWorld->pDevice = std::make_unique<device_test::CPresentedDevice>();
+    g_pWorld->pDevice = std::make_unique<device_test::CScriptedDevice>();
 }
 
 void UnplugDevice() {
@@ -103,7 +103,7 @@ std::vector<std::vector<std::uint8_t>> DeviceTook() {
 }
 
 void DeviceTakes(bool bTakes) {
-    g_pWorld->pDevice->Takes(bTakes);
+    g_pWorld->pDevice->WillTake(bTakes);
 }
 
 } // namespace contract
