@@ -1,0 +1,127 @@
+// A device that stops answering: every call and every job ends in bounded time with an error that
+// says so, and the library works again with a device that answers.
+#include "tests/windows_end_to_end/support.h"
+
+#include <functional>
+
+namespace windows_end_to_end {
+namespace {
+
+class Silence : public CWorldTest {
+  protected:
+    Silence() {
+        WriteTree(OnDevice("Docs"), m_tree);
+        WriteTree(OnHost("tree"), m_tree);
+        Plug();
+    }
+
+    // Runs what is expected to end within the bound though the device has stopped, and then asks
+    // the device, which answers again.
+    void Within(DWORD dwBoundMs, const std::function<void()>& body) {
+        const ULONGLONG qwBegin = ::GetTickCount64();
+        body();
+        EXPECT_LT(::GetTickCount64() - qwBegin, dwBoundMs);
+        EXPECT_TRUE(m_pAgent->HasStopped());
+        m_pAgent->GoOn();
+        EXPECT_EQ(m_dak.ConnectDevice(), DAKERROR_NONE);
+        ExpectSameTree(ReadTree(OnDevice("Docs")), m_tree);
+    }
+
+    // Calls it off from another thread when the device has stopped.
+    std::thread CancelLater() {
+        return std::thread([this] {
+            EXPECT_TRUE(Eventually([&] { return m_pAgent->HasStopped(); }));
+            m_dak.TerminateTransfer();
+        });
+    }
+
+    const TREE m_tree = {{L"f", File(1'000'000, 1)}, {L"g", File(10, 2)}};
+};
+
+TEST_F(Silence, InAReadOrAWriteOfACommand) {
+    _tagFileInfo info{};
+    const struct {
+        CPresentedAgent::CPoint point;
+        std::function<DWORD()> operation;
+        DWORD dwResult;
+    } rows[] = {
+        // The handshake: what the host writes, and what it reads.
+        {{EDirection::ToDevice, 1}, [&] { return m_dak.ConnectDevice(); }, DAKERROR_NO_DEVICE},
+        {{EDirection::ToHost, 1}, [&] { return m_dak.ConnectDevice(); }, DAKERROR_NO_DEVICE},
+        // A command, its acknowledgement, and its response.
+        {{EDirection::ToDevice, 2},
+         [&] { return m_dak.DAKDeleteFile(L"\\Docs\\g"); },
+         DAKERROR_FAIL},
+        {{EDirection::ToHost, 2}, [&] { return m_dak.DAKDeleteFile(L"\\Docs\\g"); }, DAKERROR_FAIL},
+        {{EDirection::ToHost, 3, 100},
+         [&] { return m_dak.DAKGetFileInfo(L"\\Docs\\g", &info); },
+         DAKERROR_FAIL},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        m_pAgent->HangAt(row.point);
+        Within(8000, [&] { EXPECT_EQ(row.operation(), row.dwResult); });
+    }
+}
+
+// The write of one package is given up after its bytes in milliseconds.
+TEST_F(Silence, InAStreamToTheDevice) {
+    m_pAgent->HangAt({EDirection::ToDevice, 20});
+    Within(30'000, [&] {
+        ASSERT_EQ(Transmit(DAK_TO_DEVICE, {L"f"}, m_hWnd), DAKERROR_NONE);
+        EXPECT_TRUE(AwaitEnd());
+        EXPECT_EQ(m_dak.GetLastError(), DAKERROR_NO_DEVICE);
+        EXPECT_FALSE(m_dak.IsTransmitting());
+    });
+}
+
+// What waits for the device's next word waits for minutes, unless somebody calls it off or the
+// device goes.
+TEST_F(Silence, InAStreamToTheHost) {
+    m_pAgent->HangAt({EDirection::ToHost, 10});
+    Within(20'000, [&] {
+        ASSERT_EQ(Transmit(DAK_FROM_DEVICE, {L"f"}, m_hWnd), DAKERROR_NONE);
+        CancelLater().join();
+        EXPECT_FALSE(m_dak.IsTransmitting());
+        EXPECT_TRUE(AwaitEnd());
+        EXPECT_EQ(m_dak.GetLastError(), DAKERROR_CANCELLED);
+        EXPECT_TRUE(fs::is_empty(OnHost("back")));
+    });
+    m_pAgent->HangAt({EDirection::ToHost, 10, 0, true});
+    Within(20'000, [&] {
+        ASSERT_EQ(Transmit(DAK_FROM_DEVICE, {L"f"}, m_hWnd), DAKERROR_NONE);
+        EXPECT_TRUE(AwaitEnd());
+        EXPECT_EQ(m_dak.GetLastError(), DAKERROR_NO_DEVICE);
+        EXPECT_TRUE(fs::is_empty(OnHost("back")));
+    });
+}
+
+TEST_F(Silence, InAReadOrAWriteOfAFile) {
+    void* hFile = nullptr;
+    ASSERT_EQ(
+        m_dak.DAKCreateFile(L"\\Docs\\f", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, &hFile),
+        DAKERROR_NONE);
+    std::string strRead(1'000'000, '\0');
+    DWORD dwCount = 0;
+    m_pAgent->HangAt({EDirection::ToHost, 10});
+    Within(20'000, [&] {
+        std::thread cancel = CancelLater();
+        // What came before counts as a short read.
+        EXPECT_EQ(m_dak.DAKReadFile(hFile, strRead.data(), 1'000'000, &dwCount), DAKERROR_NONE);
+        cancel.join();
+        EXPECT_TRUE(dwCount > 0 && dwCount < 200'000) << dwCount;
+        EXPECT_EQ(strRead.substr(0, dwCount), m_tree.at(L"f").strBytes.substr(0, dwCount));
+    });
+    EXPECT_EQ(m_dak.DAKCloseFile(hFile), DAKERROR_NONE);
+
+    ASSERT_EQ(m_dak.DAKCreateFile(L"\\written", GENERIC_WRITE, 0, CREATE_NEW, &hFile),
+              DAKERROR_NONE);
+    m_pAgent->HangAt({EDirection::ToHost, 4, 0, true}); // at the verdict on the second window
+    Within(20'000, [&] {
+        EXPECT_EQ(m_dak.DAKWriteFile(hFile, strRead.data(), 1'000'000, &dwCount), DAKERROR_FAIL);
+        EXPECT_EQ(m_dak.GetLastError(), DAKERROR_NO_DEVICE);
+    });
+}
+
+} // namespace
+} // namespace windows_end_to_end
