@@ -44,6 +44,8 @@ timeout 180 "${in_utf8[@]}" "$WINE_FOLDER/wine64" wineboot --init >/dev/null 2>&
 # Consoles need a window, and a window a driver: this one shows nothing.
 timeout 60 "${in_utf8[@]}" "$WINE_FOLDER/wine64" reg add 'HKCU\Software\Wine\Drivers' \
     /v Graphics /d null /f >/dev/null 2>&1 </dev/null || die "Wine's registry could not be written"
+# The desktop that is there has none yet, and the next one will.
+timeout 60 "$WINE_FOLDER/wineserver" -w || die "Wine did not come to rest"
 # One after the other: Wine's tests share one registry, and one device can be there at a time.
 timeout 1500 "${in_utf8[@]}" ctest --preset windows --no-tests=error --verbose \
     </dev/null >"$work/log" 2>&1 || {
