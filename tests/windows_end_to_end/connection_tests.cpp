@@ -1,5 +1,7 @@
 // Finding the device, one process at a time, and the processes that hold the pipe.
-#include "tests/windows_end_to_end/support.h"
+#include "tests/windows_end_to_end/world.h"
+
+#include <algorithm>
 
 namespace windows_end_to_end {
 namespace {
@@ -81,7 +83,10 @@ TEST_F(Connection, EndsTheProcessesThatHoldThePipe) {
     const auto start = [&](const char* lpszName) {
         fs::create_directories(OnHost(lpszName).parent_path());
         fs::copy_file(StandIn(), OnHost(lpszName));
-        auto pProgram = std::make_unique<CProgram>(OnHost(lpszName));
+        std::unique_ptr<CProgram> pProgram;
+        for (int nTry = 0; nTry < 3 && (!pProgram || !pProgram->HasBegun()); ++nTry) {
+            pProgram = std::make_unique<CProgram>(OnHost(lpszName));
+        }
         EXPECT_TRUE(pProgram->HasBegun()) << lpszName;
         return pProgram;
     };

@@ -1,5 +1,7 @@
 // Copies in both directions, with the message at their end, and copies that are cut short.
-#include "tests/windows_end_to_end/support.h"
+#include "tests/windows_end_to_end/world.h"
+
+#include <thread>
 
 namespace windows_end_to_end {
 namespace {

@@ -1,6 +1,6 @@
 // The tests, and the part of another process of theirs: with arguments of its own the program uses
 // the library as one more application.
-#include "tests/windows_end_to_end/support.h"
+#include "tests/windows_end_to_end/world.h"
 
 namespace windows_end_to_end {
 

@@ -1,5 +1,7 @@
 // Every operation but the copies, once, with what it did to the folder that the device serves.
-#include "tests/windows_end_to_end/support.h"
+#include "tests/windows_end_to_end/world.h"
+
+#include <algorithm>
 
 namespace windows_end_to_end {
 namespace {

@@ -1,8 +1,9 @@
 // A device that stops answering: every call and every job ends in bounded time with an error that
 // says so, and the library works again with a device that answers.
-#include "tests/windows_end_to_end/support.h"
+#include "tests/windows_end_to_end/world.h"
 
 #include <functional>
+#include <thread>
 
 namespace windows_end_to_end {
 namespace {
