@@ -1,6 +1,6 @@
 // The command with a device: every verb once, and ends in the middle.
 #include "tests/windows_cli/dak_process.h"
-#include "tests/windows_end_to_end/support.h"
+#include "tests/windows_end_to_end/world.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,5 +1,5 @@
 // The example of an application with a window, on a device.
-#include "tests/windows_end_to_end/support.h"
+#include "tests/windows_end_to_end/world.h"
 
 #include <array>
 #include <string>
