@@ -12,6 +12,18 @@
 
 static_assert(DAK_WINDOW_SIZE == 614400 && DAK_PACKAGE_SIZE == 12288);
 
+void* CDAKVorn::operator new(std::size_t dwBytes) {
+    return ::operator new(dwBytes);
+}
+
+void* CDAKVorn::operator new(std::size_t dwBytes, const std::nothrow_t& noThrow) noexcept {
+    return ::operator new(dwBytes, noThrow);
+}
+
+void CDAKVorn::operator delete(void* lpObject) noexcept {
+    ::operator delete(lpObject);
+}
+
 CDAKVorn::CDAKVorn()
     : m_dwRecvPackages(0), m_dwWindowPackages(DAK_WINDOW_PACKAGES), m_dwSentPackages(0),
       m_dwPackageSize(DAK_PACKAGE_SIZE),

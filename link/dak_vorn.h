@@ -25,6 +25,9 @@
 #include "platform/types.h"
 #include "remote_files/file_info.h"
 
+#include <cstddef>
+#include <new>
+
 enum class OperationFrame : int;
 
 class DAK_API CDAKVorn {
@@ -36,6 +39,12 @@ class DAK_API CDAKVorn {
     // and no worker. Assignment first ends what the target had open.
     CDAKVorn(const CDAKVorn& other);
     CDAKVorn& operator=(const CDAKVorn& other);
+
+    // An object's memory is the library's, whichever side makes or ends it: the two may have
+    // runtimes of their own.
+    static void* operator new(std::size_t dwBytes);
+    static void* operator new(std::size_t dwBytes, const std::nothrow_t& noThrow) noexcept;
+    static void operator delete(void* lpObject) noexcept;
 
     // Link.
 

@@ -8,12 +8,14 @@
 #if !defined(DAK_WITH_MFC)
 
 #include <cstring>
-#include <new>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 // A growing array of plain records. New elements are zero. ARG_TYPE is how an element is handed in.
+// The library grows arrays of the application's, and either side frees them, so their memory is
+// the system's and not that of one side's runtime.
 template <class TYPE, class ARG_TYPE = const TYPE&>
 class CArray {
   public:
@@ -42,26 +44,29 @@ class CArray {
 
     // Frees the data block: no data, size 0, capacity 0.
     void RemoveAll() {
-        delete[] m_pData;
+        platform::FreeRecords(m_pData);
         m_pData = nullptr;
         m_nSize = 0;
         m_nMaxSize = 0;
     }
 
   private:
+    static_assert(std::is_trivial_v<TYPE>);
+
     bool Grow() {
         if (m_nMaxSize > 0x3FFFFFFF) {
             return false;
         }
         const int nNewMax = m_nMaxSize == 0 ? 4 : m_nMaxSize * 2;
-        TYPE* pNewData = new (std::nothrow) TYPE[static_cast<SIZE_T>(nNewMax)]();
+        auto* pNewData = static_cast<TYPE*>(
+            platform::AllocateRecords(static_cast<SIZE_T>(nNewMax), sizeof(TYPE)));
         if (pNewData == nullptr) {
             return false;
         }
         for (int i = 0; i < m_nSize; ++i) {
-            pNewData[i] = std::move(m_pData[i]);
+            pNewData[i] = m_pData[i];
         }
-        delete[] m_pData;
+        platform::FreeRecords(m_pData);
         m_pData = pNewData;
         m_nMaxSize = nNewMax;
         return true;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 using BYTE = std::uint8_t;
 using WORD = std::uint16_t;
@@ -122,3 +123,15 @@ inline constexpr DWORD ERROR_NOT_OWNER = 288;
 inline constexpr DWORD ERROR_TOO_MANY_POSTS = 298;
 inline constexpr DWORD ERROR_OPERATION_ABORTED = 995;
 inline constexpr DWORD ERROR_INVALID_WINDOW_HANDLE = 1400;
+
+namespace platform {
+
+// Zeroed memory of the process, which every module can free; null when there is none.
+inline void* AllocateRecords(SIZE_T dwCount, SIZE_T dwSize) {
+    return std::calloc(dwCount, dwSize);
+}
+inline void FreeRecords(void* lpRecords) {
+    std::free(lpRecords);
+}
+
+} // namespace platform

@@ -3,6 +3,7 @@
 #include "platform/windows/paths.h"
 
 #include <cstring>
+#include <string>
 
 namespace platform {
 namespace {
@@ -118,24 +119,29 @@ BOOL CreateDirectoryA(const char* lpPathName, _SECURITY_ATTRIBUTES* lpSecurityAt
     return IsPlainPath(lpPathName) ? ::CreateDirectoryA(lpPathName, lpSecurityAttributes) : FALSE;
 }
 
-UINT GetTempFileNameA(const char* lpPathName, const char* lpPrefixString, UINT uUnique,
+// The name begins as the library's own: the system would take three units of the prefix as they
+// are, a stream's colon or half a character among them.
+UINT GetTempFileNameA(const char* lpPathName, const char* /*lpPrefixString*/, UINT uUnique,
                       char* lpTempFileName) {
     // Not every system refuses by itself a folder that leaves no room for the name.
     if (std::strlen(lpPathName) > MAX_PATH - TEMP_NAME_ROOM) {
         ::SetLastError(ERROR_INVALID_NAME);
         return 0;
     }
-    return IsPlainPath(lpPathName)
-               ? ::GetTempFileNameA(lpPathName, lpPrefixString, uUnique, lpTempFileName)
-               : 0;
+    return IsPlainPath(lpPathName) ? ::GetTempFileNameA(lpPathName, "dak", uUnique, lpTempFileName)
+                                   : 0;
 }
 
 BOOL GetDiskFreeSpaceExA(const char* lpDirectoryName, std::uint64_t* lpFreeBytesAvailable,
                          std::uint64_t* lpTotalNumberOfBytes,
                          std::uint64_t* lpTotalNumberOfFreeBytes) {
     ULARGE_INTEGER counts[3];
+    std::string strFolder = lpDirectoryName;
+    if (strFolder.starts_with("\\\\") && !strFolder.ends_with('\\')) {
+        strFolder += '\\'; // as the system wants it of a share's root
+    }
     if (!IsPlainPath(lpDirectoryName) ||
-        ::GetDiskFreeSpaceExA(lpDirectoryName, &counts[0], &counts[1], &counts[2]) == FALSE) {
+        ::GetDiskFreeSpaceExA(strFolder.c_str(), &counts[0], &counts[1], &counts[2]) == FALSE) {
         return FALSE;
     }
     std::uint64_t* const targets[] = {lpFreeBytesAvailable, lpTotalNumberOfBytes,

@@ -10,13 +10,15 @@ namespace platform::windows {
 // False, with the error number set, for a value that can be no handle of the seam.
 bool MayBeHandle(HANDLE hObject);
 
-// Closes its handle, unless that is null, at the end of a scope.
+// Closes its handle, unless that is null, at the end of a scope, and keeps the error number.
 class CScopedHandle {
   public:
     explicit CScopedHandle(HANDLE hObject) : m_hObject(hObject) {}
     ~CScopedHandle() {
         if (m_hObject != nullptr) {
+            const DWORD dwError = ::GetLastError();
             ::CloseHandle(m_hObject);
+            ::SetLastError(dwError);
         }
     }
     CScopedHandle(const CScopedHandle&) = delete;

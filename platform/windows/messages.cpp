@@ -15,13 +15,21 @@ bool IsOfThisThread(HWND hWnd) {
            ::GetWindowThreadProcessId(hWnd, nullptr) == ::GetCurrentThreadId();
 }
 
-bool TakeMessage(HWND hWnd, WINDOWMESSAGE* lpMessage) {
+enum class ETaken { NOTHING, MESSAGE, QUIT };
+
+ETaken TakeMessage(HWND hWnd, WINDOWMESSAGE* lpMessage) {
     MSG message;
     if (::PeekMessageA(&message, hWnd, 0, 0, PM_REMOVE) == FALSE) {
-        return false;
+        return ETaken::NOTHING;
+    }
+    if (message.message == WM_QUIT) {
+        // Comes for every window of the thread, behind all messages, and is for the thread's own
+        // loop.
+        ::PostQuitMessage(static_cast<int>(message.wParam));
+        return ETaken::QUIT;
     }
     *lpMessage = {message.message, message.wParam, message.lParam};
-    return true;
+    return ETaken::MESSAGE;
 }
 
 } // namespace
@@ -41,15 +49,17 @@ BOOL WaitWindowMessage(HWND hWnd, DWORD dwTimeoutMs, WINDOWMESSAGE* lpMessage) {
     const windows::CThread* const pThread = windows::CThread::Current();
     const HANDLE hStop = pThread != nullptr ? pThread->StopEvent() : nullptr;
     while (IsOfThisThread(hWnd)) {
-        if (TakeMessage(hWnd, lpMessage)) {
-            return TRUE;
+        if (const ETaken eTaken = TakeMessage(hWnd, lpMessage); eTaken != ETaken::NOTHING) {
+            return eTaken == ETaken::MESSAGE ? TRUE : FALSE;
         }
         const DWORD dwLeftMs = deadline.RemainingMs();
         if (dwLeftMs == 0 || windows::IsStopped()) {
             return FALSE;
         }
-        ::MsgWaitForMultipleObjects(hStop != nullptr ? 1 : 0, &hStop, FALSE, dwLeftMs,
-                                    QS_POSTMESSAGE | QS_SENDMESSAGE);
+        if (::MsgWaitForMultipleObjects(hStop != nullptr ? 1 : 0, &hStop, FALSE, dwLeftMs,
+                                        QS_POSTMESSAGE | QS_SENDMESSAGE) == WAIT_FAILED) {
+            return FALSE;
+        }
     }
     return FALSE;
 }

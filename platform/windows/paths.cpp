@@ -13,6 +13,25 @@ bool IsLetter(char ch) {
     return chLower >= 'a' && chLower <= 'z';
 }
 
+// Whether a component names a device wherever it stands, with whatever ending. Newer systems take
+// most of these for files in folders, older ones and shares do not.
+bool IsDeviceName(std::string_view component) {
+    std::string strName(component.substr(0, component.find('.')));
+    while (!strName.empty() && strName.back() == ' ') {
+        strName.pop_back();
+    }
+    for (char& ch : strName) {
+        ch = IsLetter(ch) ? static_cast<char>(ch & ~0x20) : ch;
+    }
+    for (const char* lpszDevice : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$"}) {
+        if (strName == lpszDevice) {
+            return true;
+        }
+    }
+    return strName.size() == 4 && (strName.starts_with("COM") || strName.starts_with("LPT")) &&
+           strName[3] >= '0' && strName[3] <= '9';
+}
+
 bool IsPlainComponent(std::string_view component) {
     if (component.empty() || component == "." || component == "..") {
         return true;
@@ -23,7 +42,7 @@ bool IsPlainComponent(std::string_view component) {
             return false;
         }
     }
-    return component.back() != '.' && component.back() != ' ';
+    return component.back() != '.' && component.back() != ' ' && !IsDeviceName(component);
 }
 
 bool ArePlainComponents(std::string_view path) {

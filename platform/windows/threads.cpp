@@ -4,6 +4,7 @@
 #include "platform/windows/handles.h"
 
 #include <new>
+#include <utility>
 
 namespace platform {
 namespace windows {
@@ -13,7 +14,19 @@ namespace {
 // its wait just behind the wake.
 constexpr DWORD LOOK_AGAIN_MS = 1;
 
-const DWORD g_dwRecordIndex = ::TlsAlloc();
+// Where the system keeps each thread's record. Until there is a place for it, and behind its end,
+// no thread has one.
+class CRecordIndex {
+  public:
+    CRecordIndex() { s_dwIndex = ::TlsAlloc(); }
+    ~CRecordIndex() { ::TlsFree(std::exchange(s_dwIndex, TLS_OUT_OF_INDEXES)); }
+    CRecordIndex(const CRecordIndex&) = delete;
+    CRecordIndex& operator=(const CRecordIndex&) = delete;
+
+    static constinit DWORD s_dwIndex;
+};
+constinit DWORD CRecordIndex::s_dwIndex = TLS_OUT_OF_INDEXES;
+const CRecordIndex g_recordIndex;
 
 // The threads whose handles are open: few at a time.
 SRWLOCK g_TableLock = SRWLOCK_INIT;
@@ -47,22 +60,39 @@ CThread* FindThread(HANDLE hThread) {
     return nullptr;
 }
 
+// The last reference to the module goes with the thread's last step, which is none of the module's:
+// an application may unload the library while a worker that it gave up still ends.
 DWORD WINAPI RunThread(void* lpThread) {
-    return static_cast<CThread*>(lpThread)->Run();
+    auto* const pThread = static_cast<CThread*>(lpThread);
+    const HMODULE hModule = pThread->Module();
+    const DWORD dwExitCode = pThread->Run();
+    ::FreeLibraryAndExitThread(hModule, dwExitCode);
+}
+
+// The module that this code lies in, kept loaded until it is freed. Null on failure.
+HMODULE HoldModule() {
+    HMODULE hModule = nullptr;
+    ::GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                         reinterpret_cast<const char*>(&g_recordIndex), &hModule);
+    return hModule;
 }
 
 } // namespace
 
 CThread* CThread::Make(LPTHREAD_START_ROUTINE lpStartAddress, void* lpParameter, bool bSuspended) {
-    if (g_dwRecordIndex == TLS_OUT_OF_INDEXES) {
+    if (CRecordIndex::s_dwIndex == TLS_OUT_OF_INDEXES) {
         return nullptr;
     }
     const HANDLE hStop = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    if (hStop == nullptr) {
-        return nullptr;
+    const HMODULE hModule = HoldModule();
+    auto* pThread = hStop != nullptr && hModule != nullptr
+                        ? new (std::nothrow)
+                              CThread(lpStartAddress, lpParameter, bSuspended, hStop, hModule)
+                        : nullptr;
+    if (pThread == nullptr && hModule != nullptr) {
+        ::FreeLibrary(hModule);
     }
-    auto* pThread = new (std::nothrow) CThread(lpStartAddress, lpParameter, bSuspended, hStop);
-    if (pThread == nullptr) {
+    if (pThread == nullptr && hStop != nullptr) {
         ::CloseHandle(hStop);
     }
     return pThread;
@@ -71,7 +101,9 @@ CThread* CThread::Make(LPTHREAD_START_ROUTINE lpStartAddress, void* lpParameter,
 CThread* CThread::Current() {
     // The look-up clears the error number, which is the caller's to keep.
     const DWORD dwError = ::GetLastError();
-    auto* pThread = static_cast<CThread*>(::TlsGetValue(g_dwRecordIndex));
+    auto* pThread = CRecordIndex::s_dwIndex != TLS_OUT_OF_INDEXES
+                        ? static_cast<CThread*>(::TlsGetValue(CRecordIndex::s_dwIndex))
+                        : nullptr;
     ::SetLastError(dwError);
     return pThread;
 }
@@ -83,15 +115,17 @@ void CThread::Release() {
 }
 
 DWORD CThread::Run() {
-    ::TlsSetValue(g_dwRecordIndex, this);
+    ::TlsSetValue(CRecordIndex::s_dwIndex, this);
     const DWORD dwExitCode = m_bNeverRuns ? 0 : m_lpStartAddress(m_lpParameter);
-    ::TlsSetValue(g_dwRecordIndex, nullptr);
+    ::TlsSetValue(CRecordIndex::s_dwIndex, nullptr);
     Release();
     return dwExitCode;
 }
 
 void CThread::Stop(bool bNeverRuns) {
-    m_bNeverRuns = m_bNeverRuns || bNeverRuns;
+    if (bNeverRuns) {
+        m_bNeverRuns = true; // one that runs reads it
+    }
     m_bStopping.store(true);
     ::SetEvent(m_hStop);
 }
@@ -131,8 +165,11 @@ HANDLE CreateThread(_SECURITY_ATTRIBUTES* lpThreadAttributes, SIZE_T dwStackSize
     const HANDLE hThread = ::CreateThread(lpThreadAttributes, dwStackSize, windows::RunThread,
                                           pThread, dwSuspended, &dwThreadId);
     if (hThread == nullptr) {
+        const DWORD dwError = ::GetLastError();
+        ::FreeLibrary(pThread->Module());
         pThread->Release();
         pThread->Release();
+        ::SetLastError(dwError);
         return nullptr;
     }
     windows::RememberThread(pThread, hThread);
@@ -172,6 +209,8 @@ BOOL TerminateThread(HANDLE hThread, DWORD /*dwExitCode*/) {
         if (lpAddress != nullptr) {
             ::WakeByAddressAll(lpAddress);
         }
+        // It may be reading a file of a server that does not answer.
+        ::CancelSynchronousIo(hThread);
         dwResult = ::WaitForSingleObject(hThread, windows::LOOK_AGAIN_MS);
     }
     pThread->Release();

@@ -22,6 +22,9 @@ class CThread {
     // The body of the system's thread, which owns one reference.
     DWORD Run();
 
+    // The module that the system's thread runs in; it stays loaded as long as that does.
+    HMODULE Module() const { return m_hModule; }
+
     // Whether this is the call that lets the thread run.
     bool Resume() { return m_bSuspended.exchange(false); }
     // A suspended thread that is stopped does not run its procedure.
@@ -38,14 +41,16 @@ class CThread {
     CThread* m_pNext = nullptr;
 
   private:
-    CThread(LPTHREAD_START_ROUTINE lpStartAddress, void* lpParameter, bool bSuspended, HANDLE hStop)
+    CThread(LPTHREAD_START_ROUTINE lpStartAddress, void* lpParameter, bool bSuspended, HANDLE hStop,
+            HMODULE hModule)
         : m_lpStartAddress(lpStartAddress), m_lpParameter(lpParameter), m_hStop(hStop),
-          m_bSuspended(bSuspended) {}
+          m_hModule(hModule), m_bSuspended(bSuspended) {}
     ~CThread() { ::CloseHandle(m_hStop); }
 
     LPTHREAD_START_ROUTINE m_lpStartAddress;
     void* m_lpParameter;
     HANDLE m_hStop;
+    HMODULE m_hModule;
     std::atomic<bool> m_bSuspended;
     std::atomic<bool> m_bStopping{false};
     bool m_bNeverRuns = false; // written ahead of the resumption

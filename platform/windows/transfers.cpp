@@ -1,5 +1,5 @@
-// Bytes from and to files and the device node. Files are read and written by the system at once;
-// every transfer of the node can be stopped.
+// Bytes from and to files and the device node. Every transfer can be stopped: one of a file, which
+// waits where the file lies with a server, by the system, and one of the node here.
 #include "platform/file.h"
 #include "platform/windows/handles.h"
 #include "platform/windows/waiting.h"
@@ -11,6 +11,13 @@ using windows::MayBeHandle;
 
 bool IsFile(HANDLE hFile) {
     return ::GetFileType(hFile) == FILE_TYPE_DISK;
+}
+
+// All that the system calls a lack of room.
+bool IsNoRoom(DWORD dwError) {
+    constexpr DWORD DISK_QUOTA_EXCEEDED = 1295; // not in every compiler's winerror.h
+    return dwError == ERROR_DISK_FULL || dwError == ERROR_HANDLE_DISK_FULL ||
+           dwError == DISK_QUOTA_EXCEEDED;
 }
 
 // Makes one overlapped transfer and waits for its end. True, with its count, when it completed,
@@ -51,7 +58,7 @@ BOOL ReadFile(HANDLE hFile, void* lpBuffer, DWORD nNumberOfBytesToRead,
     // What a read had received before a stop cut it short counts like a whole transfer: the device
     // will not send it again.
     const bool bDone = IsFile(hFile)
-                           ? read(nullptr) != FALSE
+                           ? !windows::IsStopped() && read(nullptr) != FALSE
                            : Transfer(hFile, dwCount, read) ||
                                  (::GetLastError() == ERROR_OPERATION_ABORTED && dwCount != 0);
     if (bDone) {
@@ -69,9 +76,12 @@ BOOL WriteFile(HANDLE hFile, const void* lpBuffer, DWORD nNumberOfBytesToWrite,
     const auto write = [&](OVERLAPPED* lpOverlapped) {
         return ::WriteFile(hFile, lpBuffer, nNumberOfBytesToWrite, &dwCount, lpOverlapped);
     };
-    const bool bDone = IsFile(hFile) ? write(nullptr) != FALSE : Transfer(hFile, dwCount, write);
+    const bool bDone = IsFile(hFile) ? !windows::IsStopped() && write(nullptr) != FALSE
+                                     : Transfer(hFile, dwCount, write);
     if (bDone) {
         *lpNumberOfBytesWritten = dwCount;
+    } else if (IsNoRoom(::GetLastError())) {
+        ::SetLastError(ERROR_DISK_FULL);
     }
     return bDone ? TRUE : FALSE;
 }

@@ -3,6 +3,8 @@
 #include "tests/platform/contract_world.h"
 
 #include "platform/file.h"
+#include "platform/message.h"
+#include "platform/message_window.h"
 #include "platform/text.h"
 #include "platform/thread.h"
 
@@ -51,6 +53,8 @@ TEST(Names, ThatMeanAnythingButThemselvesAreRefused) {
             strFolder + "NUL",
             strFolder + "nul.txt",
             strFolder + "com1",
+            strFolder + "Aux .txt",
+            strFolder + "lpt9.tar.gz",
             strFolder + "a\tb",
             strFolder + "a?",
             "NUL",
@@ -79,6 +83,36 @@ TEST(Names, ThatMeanAnythingButThemselvesAreRefused) {
             EXPECT_TRUE(Makes(strFolder + lpszName)) << lpszName;
         }
     });
+}
+
+// The beginning of a temporary file's name is none of the device's business.
+TEST(Names, OfATemporaryFileMeanNothingElse) {
+    contract::InWorld([] {
+        int nFiles = 0;
+        for (const char* lpszPrefix : {"ab:c", "1:x", "ab\xF0\x9F\x98\x80", "..\\x", "NUL", ""}) {
+            char szPath[MAX_PATH];
+            ASSERT_NE(platform::GetTempFileNameA(contract::Folder().c_str(), lpszPrefix, 0, szPath),
+                      0U)
+                << lpszPrefix;
+            EXPECT_EQ(EntryCount(contract::Folder()), ++nFiles) << lpszPrefix;
+            EXPECT_TRUE(Makes(szPath)) << szPath;
+            EXPECT_EQ(EntryCount(contract::Folder()), nFiles) << szPath;
+        }
+    });
+}
+
+TEST(Messages, TheEndOfTheThreadsLoopIsLeftToIt) {
+    const HWND hWnd = platform::CreateMessageWindow();
+    ::PostQuitMessage(7);
+    platform::PostMessageA(hWnd, 3028, 1, 2);
+    platform::WINDOWMESSAGE message{};
+    EXPECT_TRUE(platform::WaitWindowMessage(hWnd, AT_ONCE_MS, &message));
+    EXPECT_EQ(message.message, 3028U);
+    EXPECT_FALSE(platform::WaitWindowMessage(hWnd, AT_ONCE_MS, &message));
+    MSG quit;
+    EXPECT_TRUE(::PeekMessageA(&quit, nullptr, 0, 0, PM_REMOVE) != FALSE &&
+                quit.message == WM_QUIT && quit.wParam == 7);
+    EXPECT_TRUE(platform::DestroyMessageWindow(hWnd));
 }
 
 TEST(Names, AFolderIsNoPlaceToWriteTo) {
