@@ -4,8 +4,8 @@
 #include <list>
 
 #include "agent/posix/format.h"
-#include "agent/quota.h"
 #include "agent/posix/system_file.h"
+#include "agent/quota.h"
 
 namespace agent {
 

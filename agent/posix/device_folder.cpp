@@ -20,9 +20,9 @@
 #include "agent/posix/format.h"
 #include "agent/posix/part_file.h"
 #include "agent/posix/part_journal.h"
-#include "agent/quota.h"
 #include "agent/posix/system_file.h"
 #include "agent/posix/trash.h"
+#include "agent/quota.h"
 
 namespace agent {
 

@@ -8,9 +8,9 @@
 
 #include "agent/device_folder.h"
 #include "agent/posix/part_journal.h"
-#include "agent/quota.h"
 #include "agent/posix/system_file.h"
 #include "agent/posix/trash.h"
+#include "agent/quota.h"
 
 namespace agent {
 

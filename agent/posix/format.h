@@ -19,9 +19,9 @@
 #include <string>
 #include <vector>
 
-#include "agent/quota.h"
 #include "agent/posix/removal.h"
 #include "agent/posix/system_file.h"
+#include "agent/quota.h"
 
 namespace agent {
 

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "agent/posix/part_journal.h"
-#include "agent/quota.h"
 #include "agent/posix/system_file.h"
+#include "agent/quota.h"
 
 namespace agent {
 
