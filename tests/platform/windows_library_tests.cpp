@@ -66,13 +66,19 @@ TEST(DakDll, ExportsTheClassesWholeAndNothingBeside) {
           "CommitGetFileInfo", "CommitGetFolderContent", "CommitCreateProcess",
           "CommitKernelIoControl", "CommitRegisterWindowMessage", "CommitBroadCastMessage",
           "CommitGetDeviceFreeSpace", "CommitGetFolderFreeSpace", "CommitGetStorageInfo",
-          "CommitFormatPartition"}) {
+          "CommitFormatPartition", "StartJob", "EndJob", "DrainPipe", "BringLinkUp",
+          "LeaveOperation", "FetchPackage", "WriteControl"}) {
         EXPECT_TRUE(HasMember(names, "CDAKVorn", lpszMember)) << lpszMember;
     }
-    EXPECT_TRUE(HasMember(names, "CIoBuf", "ReadDataToBufferThread"));
+    for (const char* lpszMember :
+         {"InitIoBuf", "ReadIoBuf", "DeinitIoBuf", "ReadFileData", "ReadDataToBufferThread",
+          "IoGetFileSize", "IoGetFileTime", "FillBuffers", "StopFill"}) {
+        EXPECT_TRUE(HasMember(names, "CIoBuf", lpszMember)) << lpszMember;
+    }
     // Constructors, destructors, the copy, and what one finds the class by at run time.
-    for (const char* lpszName : {"_ZN8CDAKVornC1Ev", "_ZN8CDAKVornC1ERKS_", "_ZN8CDAKVornD1Ev",
-                                 "_ZN8CDAKVornaSERKS_", "_ZTV8CDAKVorn", "_ZN6CIoBufC1Ev"}) {
+    for (const char* lpszName :
+         {"_ZN8CDAKVornC1Ev", "_ZN8CDAKVornC1ERKS_", "_ZN8CDAKVornD1Ev", "_ZN8CDAKVornaSERKS_",
+          "_ZTV8CDAKVorn", "_ZN6CIoBufC1Ev", "_ZN8CDAKVornnwEy", "_ZN8CDAKVorndlEPv"}) {
         EXPECT_EQ(names.count(lpszName), 1U) << lpszName;
     }
     const std::set<std::string> globals = {"g_IoBuf", "g_bAbortPending", "g_hDeviceMutex"};
