@@ -6,7 +6,7 @@ set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-need_packages "${BUILD_PACKAGES[@]}" git clang-format clang-tidy shellcheck
+need_packages "${BUILD_PACKAGES[@]}" "${FORM_PACKAGES[@]}"
 cd "$DAK_HOME"
 
 headline "clang-format"

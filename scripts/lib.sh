@@ -4,10 +4,14 @@
 
 DAK_HOME=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# What a build needs, and what the tests and benchmarks need beyond it.
+# What a build needs; beyond it the tests and benchmarks, the check of the form, and the Windows tests.
 # shellcheck disable=SC2034 # used by the scripts that source this
 BUILD_PACKAGES=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
 TEST_PACKAGES=(libgtest-dev libbenchmark-dev)
+# shellcheck disable=SC2034 # used by the scripts that source this
+FORM_PACKAGES=(git clang-format clang-tidy shellcheck)
+# shellcheck disable=SC2034 # used by the scripts that source this
+WINDOWS_PACKAGES=(g++-mingw-w64-x86-64-posix wine64 googletest)
 
 say() { printf '%s\n' "$*"; }
 

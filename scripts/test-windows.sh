@@ -5,12 +5,11 @@ set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-PACKAGES=(g++-mingw-w64-x86-64-posix wine64 libcli11-dev nlohmann-json3-dev googletest)
 WINE_FOLDER=/usr/lib/wine
 # What the DLL may need, and the command beside it: libraries that every Windows brings along.
 SYSTEM_LIBRARIES='ADVAPI32|KERNEL32|msvcrt|SETUPAPI|USER32|api-ms-win-core-synch-l1-2-0'
 
-need_packages cmake ninja-build "${PACKAGES[@]}"
+need_packages "${BUILD_PACKAGES[@]}" "${WINDOWS_PACKAGES[@]}"
 cd "$DAK_HOME"
 
 # What tests of their own Wine folder have behind WINEPREFIX (tests/CMakeLists.txt).

@@ -14,7 +14,7 @@ enum class Trouble { HostKilled, AgentKilled, BothKilled, AgentReplaced, AgentSt
 constexpr std::array TROUBLES = {"host killed", "agent killed", "both killed", "agent replaced",
                                  "agent stopped"};
 constexpr int TROUBLE_COUNT = static_cast<int>(TROUBLES.size());
-#if defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int MOMENTS = 4; // processes start slowly there
 #else
 constexpr int MOMENTS = 7;
