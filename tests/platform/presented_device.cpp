@@ -10,6 +10,9 @@ namespace {
 // More than the longest command.
 constexpr std::size_t LARGEST_PACKAGE = (1U << 20) + 65536;
 
+// Far more than a pass takes.
+constexpr std::chrono::seconds AT_MOST{90};
+
 std::uint64_t NowMs() {
     return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                           std::chrono::steady_clock::now().time_since_epoch())
@@ -79,7 +82,8 @@ void CPresentedDevice::Settle() {
     std::unique_lock hold(m_mutex);
     const std::uint64_t qwMine = ++m_qwAsked;
     ::SetEvent(m_hChange);
-    m_settled.wait(hold, [&] { return m_qwSettled >= qwMine; });
+    Require(m_settled.wait_for(hold, AT_MOST, [&] { return m_qwSettled >= qwMine; }),
+            "its thread does not answer");
 }
 
 // Ends a pass, and waits until there is reason for another: a call has ended, the peer's time has

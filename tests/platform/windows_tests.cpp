@@ -1,6 +1,7 @@
 // What is this system's own behind the seam: names that it reads more into, code pages, and the
 // lock between processes.
 #include "tests/platform/contract_world.h"
+#include "tests/platform/start_program.h"
 
 #include "platform/file.h"
 #include "platform/message.h"
@@ -157,15 +158,13 @@ TEST(OtherProcess, DISABLED_HoldsTheLock) {
 
 TEST(Lock, OfAProcessEndsWithItHoweverItEnds) {
     const HANDLE hHeld = ::CreateEventA(nullptr, TRUE, FALSE, HELD_EVENT);
-    char szProgram[MAX_PATH];
-    ::GetModuleFileNameA(nullptr, szProgram, sizeof(szProgram));
-    std::string strCommand = std::string("\"") + szProgram +
-                             "\" --gtest_also_run_disabled_tests --gtest_filter=*HoldsTheLock";
-    STARTUPINFOA startup{};
-    startup.cb = sizeof(startup);
+    wchar_t szProgram[MAX_PATH];
+    ::GetModuleFileNameW(nullptr, szProgram, MAX_PATH);
     PROCESS_INFORMATION process{};
-    ASSERT_TRUE(::CreateProcessA(nullptr, strCommand.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                                 nullptr, &startup, &process));
+    ASSERT_TRUE(windows_test::StartProgram(
+        std::wstring(L"\"") + szProgram +
+            L"\" --gtest_also_run_disabled_tests --gtest_filter=*HoldsTheLock",
+        process));
     EXPECT_EQ(::WaitForSingleObject(hHeld, AT_ONCE_MS), WAIT_OBJECT_0);
 
     HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, LOCK_NAME);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/types.h"
+#include "tests/platform/start_program.h"
 
 #include <gtest/gtest.h>
 
@@ -74,7 +75,6 @@ class CDakProcess {
         }
         std::array<HANDLE, 2> console{};
         STARTUPINFOW startup{};
-        startup.cb = sizeof(startup);
         startup.dwFlags = STARTF_USESTDHANDLES;
         if (streams == Streams::Console) {
             console = {OpenConsole(L"CONIN$"), OpenConsole(L"CONOUT$")};
@@ -83,9 +83,7 @@ class CDakProcess {
         startup.hStdInput = bPipes ? m_in.hTheirs : console[0];
         startup.hStdOutput = bPipes ? m_out.hTheirs : console[1];
         startup.hStdError = bPipes ? m_error.hTheirs : console[1];
-        EXPECT_TRUE(::CreateProcessW(nullptr, strLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                                     nullptr, &startup, &m_process))
-            << ::GetLastError();
+        EXPECT_TRUE(windows_test::StartProgram(strLine, m_process, startup)) << ::GetLastError();
         for (HANDLE* const lpEnd :
              {&m_in.hTheirs, &m_out.hTheirs, &m_error.hTheirs, &console[0], &console[1]}) {
             CPipe::Close(*lpEnd);

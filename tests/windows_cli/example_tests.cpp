@@ -32,7 +32,9 @@ class Example : public windows_end_to_end::CWorldTest {
     static bool Shows(const std::wstring& strText) {
         const HWND hText = ::FindWindowExW(Window(), nullptr, L"Static", nullptr);
         std::array<wchar_t, 300> szText{};
-        ::SendMessageW(hText, WM_GETTEXT, szText.size(), reinterpret_cast<LPARAM>(szText.data()));
+        DWORD_PTR dwChars = 0;
+        ::SendMessageTimeoutW(hText, WM_GETTEXT, szText.size(),
+                              reinterpret_cast<LPARAM>(szText.data()), SMTO_NORMAL, 5000, &dwChars);
         return std::wstring(szText.data()).find(strText) != std::wstring::npos;
     }
 

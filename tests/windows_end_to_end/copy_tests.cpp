@@ -58,6 +58,7 @@ TEST_F(Copy, BringsATreeThereAndBack) {
     tree[L"folder\\own"] = File(100, 12);
     ExpectSameTree(ReadTree(OnHost("back")), tree);
     EXPECT_EQ(m_dak.ConnectDevice(), DAKERROR_NONE);
+    EXPECT_EQ(window.Ends(), 1);
 }
 
 // What has arrived by then stays, of the file in work there is nothing new.
@@ -117,7 +118,7 @@ TEST_F(Copy, AFileThatTheHostCannotTakeEndsIt) {
     const ULONGLONG qwBegin = ::GetTickCount64();
     ASSERT_EQ(Transmit(DAK_FROM_DEVICE, Names(tree), m_hWnd), DAKERROR_NONE);
     EXPECT_TRUE(AwaitEnd());
-    EXPECT_LT(::GetTickCount64() - qwBegin, 15'000U);
+    EXPECT_LT(::GetTickCount64() - qwBegin, 60'000U);
     EXPECT_EQ(m_dak.GetLastError(), DAKERROR_FAIL);
     ExpectSameTree(ReadTree(OnHost("back")), old);
     EXPECT_EQ(m_dak.ConnectDevice(), DAKERROR_NONE);

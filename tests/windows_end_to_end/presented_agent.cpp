@@ -16,14 +16,21 @@ CPresentedAgent::CPresentedAgent(agent::CDeviceOptions options)
       m_pCore(std::make_unique<agent::CAgentCore>(*m_pAgentDevice)), m_device(*this) {}
 
 void CPresentedAgent::HangAt(const CPoint& point) {
+    m_device.Settle(); // what the host has written and taken by now is counted
     const std::lock_guard hold(m_mutex);
     m_point = point;
     m_point->nPackage += Count(point.eDirection);
+    m_qwTakenBefore = m_qwToDevice;
 }
 
 bool CPresentedAgent::HasStopped() {
     const std::lock_guard hold(m_mutex);
     return m_eLife != ELife::Works;
+}
+
+std::uint64_t CPresentedAgent::Taken() {
+    const std::lock_guard hold(m_mutex);
+    return m_qwToDevice - m_qwTakenBefore;
 }
 
 void CPresentedAgent::GoOn() {
@@ -67,16 +74,19 @@ bool CPresentedAgent::IsNext(EDirection eDirection) {
 // What the host has written before the point is still answered.
 bool CPresentedAgent::IsAtPoint() {
     return IsNext(EDirection::ToHost)
-               ? m_point->dwHostHas == 0
+               ? m_point->dwHostHas == 0 && !m_pCore->NextBytes().empty()
                : IsNext(EDirection::ToDevice) && m_pCore->NextBytes().empty();
 }
 
-void CPresentedAgent::SetTime(std::uint64_t qwNowMs) {
-    const std::lock_guard hold(m_mutex);
+void CPresentedAgent::StopAtPoint() {
     if (IsAtPoint()) {
         m_eLife = m_point->bUnplugs ? ELife::Unplugged : ELife::Hangs;
         m_point.reset();
     }
+}
+
+void CPresentedAgent::SetTime(std::uint64_t qwNowMs) {
+    const std::lock_guard hold(m_mutex);
     if (m_eLife == ELife::Hangs) {
         return;
     }
@@ -85,6 +95,7 @@ void CPresentedAgent::SetTime(std::uint64_t qwNowMs) {
         m_pCore->HostGone();
     }
     m_pCore->SetTime(qwNowMs);
+    StopAtPoint(); // what the host has written or taken is always followed by the time
 }
 
 std::optional<std::uint64_t> CPresentedAgent::NextDueMs() {
@@ -99,7 +110,9 @@ bool CPresentedAgent::IsAttached() {
 
 bool CPresentedAgent::Takes() {
     const std::lock_guard hold(m_mutex);
-    return m_eLife == ELife::Works && !IsNext(EDirection::ToDevice);
+    // A host that has a package in part may write at once, and the device is to hang by then.
+    const bool bInPart = IsNext(EDirection::ToHost) && !m_pCore->NextBytes().empty();
+    return m_eLife == ELife::Works && !IsNext(EDirection::ToDevice) && !bInPart;
 }
 
 void CPresentedAgent::TakePackage(std::span<const std::uint8_t> package) {

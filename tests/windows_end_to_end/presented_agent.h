@@ -24,9 +24,13 @@ class CPresentedAgent : private device_test::IPeer {
         std::size_t dwHostHas = 0; // but for its first bytes, where it goes to the host
         bool bUnplugs = false;     // in place of hanging
     };
-    // The device hangs from the point on: it takes nothing, gives nothing, does no work.
+    // The device hangs from the point on: it takes nothing, gives nothing, does no work. The point
+    // is there when the package is: one to the host lies ready, and for one to the device all that
+    // was there for the host has gone out.
     void HangAt(const CPoint& point);
     bool HasStopped();
+    // Packages of the host that have arrived since HangAt.
+    std::uint64_t Taken();
     void GoOn();
 
     void SetPlugged(bool bPlugged);
@@ -48,6 +52,7 @@ class CPresentedAgent : private device_test::IPeer {
 
     bool IsNext(EDirection eDirection);
     bool IsAtPoint();
+    void StopAtPoint();
     std::uint64_t& Count(EDirection eDirection);
     void Note(const std::string& strLine);
 
@@ -60,6 +65,7 @@ class CPresentedAgent : private device_test::IPeer {
     std::optional<CPoint> m_point; // its package counted from the start
     std::uint64_t m_qwToHost = 0;
     std::uint64_t m_qwToDevice = 0;
+    std::uint64_t m_qwTakenBefore = 0;      // of those, at HangAt
     bool m_bHostGone = false;               // while the device was hanging
     device_test::CPresentedDevice m_device; // last: its thread uses the others
 };

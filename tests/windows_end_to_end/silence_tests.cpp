@@ -16,13 +16,16 @@ class Silence : public CWorldTest {
         Plug();
     }
 
-    // Runs what is expected to end within the bound though the device has stopped, and then asks
-    // the device, which answers again.
-    void Within(DWORD dwBoundMs, const std::function<void()>& body) {
+    // Runs what is expected to end in time though the device stops at the point, where so many
+    // packages of the host have arrived, and then asks the device, which answers again.
+    void StopsAt(const CPresentedAgent::CPoint& point, std::uint64_t qwTaken,
+                 const std::function<void()>& body) {
+        m_pAgent->HangAt(point);
         const ULONGLONG qwBegin = ::GetTickCount64();
         body();
-        EXPECT_LT(::GetTickCount64() - qwBegin, dwBoundMs);
+        EXPECT_LT(::GetTickCount64() - qwBegin, 60'000U); // what waits for minutes takes longer
         EXPECT_TRUE(m_pAgent->HasStopped());
+        EXPECT_EQ(m_pAgent->Taken(), qwTaken);
         m_pAgent->GoOn();
         EXPECT_EQ(m_dak.ConnectDevice(), DAKERROR_NONE);
         ExpectSameTree(ReadTree(OnDevice("Docs")), m_tree);
@@ -41,34 +44,31 @@ class Silence : public CWorldTest {
 
 TEST_F(Silence, InAReadOrAWriteOfACommand) {
     _tagFileInfo info{};
+    const auto connect = [&] { return m_dak.ConnectDevice(); };
+    const auto ask = [&] { return m_dak.DAKGetFileInfo(L"\\Docs\\g", &info); };
     const struct {
         CPresentedAgent::CPoint point;
+        std::uint64_t qwTaken;
         std::function<DWORD()> operation;
         DWORD dwResult;
     } rows[] = {
         // The handshake: what the host writes, and what it reads.
-        {{EDirection::ToDevice, 1}, [&] { return m_dak.ConnectDevice(); }, DAKERROR_NO_DEVICE},
-        {{EDirection::ToHost, 1}, [&] { return m_dak.ConnectDevice(); }, DAKERROR_NO_DEVICE},
-        // A command, its acknowledgement, and its response.
-        {{EDirection::ToDevice, 2},
-         [&] { return m_dak.DAKDeleteFile(L"\\Docs\\g"); },
-         DAKERROR_FAIL},
-        {{EDirection::ToHost, 2}, [&] { return m_dak.DAKDeleteFile(L"\\Docs\\g"); }, DAKERROR_FAIL},
-        {{EDirection::ToHost, 3, 100},
-         [&] { return m_dak.DAKGetFileInfo(L"\\Docs\\g", &info); },
-         DAKERROR_FAIL},
+        {{EDirection::ToDevice, 1}, 0, connect, DAKERROR_NO_DEVICE},
+        {{EDirection::ToHost, 1}, 1, connect, DAKERROR_NO_DEVICE},
+        // A command, its acknowledgement, and its response, which comes in part.
+        {{EDirection::ToDevice, 2}, 1, ask, DAKERROR_FAIL},
+        {{EDirection::ToHost, 2}, 2, ask, DAKERROR_FAIL},
+        {{EDirection::ToHost, 3, 100}, 2, ask, DAKERROR_FAIL},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(&row - rows);
-        m_pAgent->HangAt(row.point);
-        Within(8000, [&] { EXPECT_EQ(row.operation(), row.dwResult); });
+        StopsAt(row.point, row.qwTaken, [&] { EXPECT_EQ(row.operation(), row.dwResult); });
     }
 }
 
 // The write of one package is given up after its bytes in milliseconds.
 TEST_F(Silence, InAStreamToTheDevice) {
-    m_pAgent->HangAt({EDirection::ToDevice, 20});
-    Within(30'000, [&] {
+    StopsAt({EDirection::ToDevice, 20}, 19, [&] {
         ASSERT_EQ(Transmit(DAK_TO_DEVICE, {L"f"}, m_hWnd), DAKERROR_NONE);
         EXPECT_TRUE(AwaitEnd());
         EXPECT_EQ(m_dak.GetLastError(), DAKERROR_NO_DEVICE);
@@ -79,8 +79,7 @@ TEST_F(Silence, InAStreamToTheDevice) {
 // What waits for the device's next word waits for minutes, unless somebody calls it off or the
 // device goes.
 TEST_F(Silence, InAStreamToTheHost) {
-    m_pAgent->HangAt({EDirection::ToHost, 10});
-    Within(20'000, [&] {
+    StopsAt({EDirection::ToHost, 10}, 2, [&] {
         ASSERT_EQ(Transmit(DAK_FROM_DEVICE, {L"f"}, m_hWnd), DAKERROR_NONE);
         CancelLater().join();
         EXPECT_FALSE(m_dak.IsTransmitting());
@@ -88,8 +87,7 @@ TEST_F(Silence, InAStreamToTheHost) {
         EXPECT_EQ(m_dak.GetLastError(), DAKERROR_CANCELLED);
         EXPECT_TRUE(fs::is_empty(OnHost("back")));
     });
-    m_pAgent->HangAt({EDirection::ToHost, 10, 0, true});
-    Within(20'000, [&] {
+    StopsAt({EDirection::ToHost, 10, 0, true}, 2, [&] {
         ASSERT_EQ(Transmit(DAK_FROM_DEVICE, {L"f"}, m_hWnd), DAKERROR_NONE);
         EXPECT_TRUE(AwaitEnd());
         EXPECT_EQ(m_dak.GetLastError(), DAKERROR_NO_DEVICE);
@@ -104,8 +102,7 @@ TEST_F(Silence, InAReadOrAWriteOfAFile) {
         DAKERROR_NONE);
     std::string strRead(1'000'000, '\0');
     DWORD dwCount = 0;
-    m_pAgent->HangAt({EDirection::ToHost, 10});
-    Within(20'000, [&] {
+    StopsAt({EDirection::ToHost, 10}, 2, [&] {
         std::thread cancel = CancelLater();
         // What came before counts as a short read.
         EXPECT_EQ(m_dak.DAKReadFile(hFile, strRead.data(), 1'000'000, &dwCount), DAKERROR_NONE);
@@ -117,8 +114,8 @@ TEST_F(Silence, InAReadOrAWriteOfAFile) {
 
     ASSERT_EQ(m_dak.DAKCreateFile(L"\\written", GENERIC_WRITE, 0, CREATE_NEW, &hFile),
               DAKERROR_NONE);
-    m_pAgent->HangAt({EDirection::ToHost, 4, 0, true}); // at the verdict on the second window
-    Within(20'000, [&] {
+    // At the verdict on the second window; the first is of one package.
+    StopsAt({EDirection::ToHost, 4, 0, true}, 2 + 51, [&] {
         EXPECT_EQ(m_dak.DAKWriteFile(hFile, strRead.data(), 1'000'000, &dwCount), DAKERROR_FAIL);
         EXPECT_EQ(m_dak.GetLastError(), DAKERROR_NO_DEVICE);
     });

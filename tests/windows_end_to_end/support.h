@@ -3,6 +3,7 @@
 #pragma once
 
 #include "platform/types.h"
+#include "tests/platform/start_program.h"
 
 #include <gtest/gtest.h>
 
@@ -186,15 +187,8 @@ class CProgram {
         for (const std::wstring& strArgument : arguments) {
             strCommand += L" \"" + strArgument + L"\"";
         }
-        STARTUPINFOW startup{};
-        startup.cb = sizeof(startup);
-        // Wine, on a busy machine, fails now and then to start a program.
-        BOOL bStarted = FALSE;
-        for (int nTry = 0; nTry < 5 && bStarted == FALSE; ++nTry) {
-            bStarted = ::CreateProcessW(nullptr, strCommand.data(), nullptr, nullptr, FALSE, 0,
-                                        nullptr, nullptr, &startup, &m_process);
-        }
-        EXPECT_TRUE(bStarted) << program << ", error " << ::GetLastError();
+        EXPECT_TRUE(windows_test::StartProgram(strCommand, m_process))
+            << program << ", error " << ::GetLastError();
     }
     ~CProgram() {
         Kill();

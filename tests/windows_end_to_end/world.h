@@ -32,20 +32,30 @@ class CWindow {
 
     HWND Handle() const { return m_hWnd; }
 
-    // As the loop of an application; true when the message of a job's end has been dispatched once.
+    // As the loop of an application; true when the message of the first job's end has been
+    // dispatched, once.
     bool AwaitEnd() {
-        m_nEnds = 0;
         const ULONGLONG qwBegin = ::GetTickCount64();
         while (m_nEnds == 0 && ::GetTickCount64() - qwBegin < BOUND_MS) {
             ::MsgWaitForMultipleObjects(0, nullptr, FALSE, 100, QS_ALLINPUT);
-            for (MSG message; ::PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE) != FALSE;) {
-                ::DispatchMessageA(&message);
-            }
+            Dispatch();
         }
         return m_nEnds == 1;
     }
 
+    // How many have come so far.
+    int Ends() {
+        Dispatch();
+        return m_nEnds;
+    }
+
   private:
+    static void Dispatch() {
+        for (MSG message; ::PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE) != FALSE;) {
+            ::DispatchMessageA(&message);
+        }
+    }
+
     static LRESULT CALLBACK Procedure(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) {
         auto* const pWindow = reinterpret_cast<CWindow*>(::GetWindowLongPtrA(hWnd, GWLP_USERDATA));
         if (uMessage != 3028 || pWindow == nullptr) {
@@ -71,6 +81,12 @@ class CWorldTest : public testing::Test {
         m_hWnd = platform::CreateMessageWindow();
     }
     ~CWorldTest() override { platform::DestroyMessageWindow(m_hWnd); }
+
+    // A second message of a job would have come by the end of what a test does behind it.
+    void TearDown() override {
+        platform::WINDOWMESSAGE message{};
+        EXPECT_FALSE(platform::WaitWindowMessage(m_hWnd, 0, &message)) << message.message;
+    }
 
     static void SetCpuMHz(DWORD dwMHz) {
         HKEY hKey = nullptr;
