@@ -50,8 +50,8 @@ class CWindow {
     }
 
   private:
-    static void Dispatch() {
-        for (MSG message; ::PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE) != FALSE;) {
+    void Dispatch() const {
+        for (MSG message; ::PeekMessageA(&message, m_hWnd, 0, 0, PM_REMOVE) != FALSE;) {
             ::DispatchMessageA(&message);
         }
     }
