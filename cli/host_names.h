@@ -14,6 +14,9 @@ namespace cli {
 std::filesystem::path ToPath(const std::string& strText);
 std::string PathText(const std::filesystem::path& path);
 
+// Whether the character separates folders in paths of this computer.
+bool IsHostSeparator(char ch);
+
 // The narrow text that the library takes and gives for paths of this computer; nothing where that
 // cannot hold the path.
 std::optional<std::string> ToLibraryText(const std::string& strText);

@@ -12,6 +12,10 @@ std::string PathText(const std::filesystem::path& path) {
     return path.native();
 }
 
+bool IsHostSeparator(char ch) {
+    return ch == '/';
+}
+
 std::optional<std::string> ToLibraryText(const std::string& strText) {
     return strText;
 }

@@ -21,12 +21,9 @@ namespace {
 constexpr std::size_t MAX_PATH_BYTES = DAK_MAX_NAME - 1;
 constexpr std::uint64_t MAX_FILE_BYTES = 0xFFFFFFFF;
 
-// Whether a backslash can be part of a name on this host. The library would take it for a
-// separator.
-constexpr bool BACKSLASH_IN_NAMES = fs::path::preferred_separator != '\\';
-
-bool IsSeparator(char ch) {
-    return ch == '/' || (!BACKSLASH_IN_NAMES && ch == '\\');
+// Whether a backslash stands in a name of this host. The library would take it for a separator.
+bool HasBackslashInNames(const std::string& strText) {
+    return !IsHostSeparator('\\') && strText.find('\\') != std::string::npos;
 }
 
 // A source cut into the folder that the library is given and the name below it; an empty name
@@ -37,14 +34,14 @@ struct SOURCEPATH {
 };
 
 void TrimSeparators(std::string& strPath) {
-    while (strPath.size() > 1 && IsSeparator(strPath.back())) {
+    while (strPath.size() > 1 && IsHostSeparator(strPath.back())) {
         strPath.pop_back();
     }
 }
 
 SOURCEPATH SplitBelowDrive(std::string strPath) {
     TrimSeparators(strPath);
-    const auto itLast = std::find_if(strPath.rbegin(), strPath.rend(), IsSeparator);
+    const auto itLast = std::find_if(strPath.rbegin(), strPath.rend(), IsHostSeparator);
     const std::string strName(itLast.base(), strPath.end());
     if (strName.empty() || strName == "..") {
         return {strPath, ""};
@@ -64,12 +61,13 @@ SOURCEPATH SplitSource(const std::string& strPath) {
         return SplitBelowDrive(strPath);
     }
     const std::string strBelow = strPath.substr(strDrive.size());
-    const bool bFromRoot = !strBelow.empty() && IsSeparator(strBelow.front());
+    const bool bFromRoot = !strBelow.empty() && IsHostSeparator(strBelow.front());
     // "C:a" lies in the drive's current folder, "C:.".
     SOURCEPATH path = SplitBelowDrive(bFromRoot ? strBelow : "./" + strBelow);
-    path.strFolder = strDrive + (IsSeparator(path.strFolder.front()) && path.strFolder.size() == 1
-                                     ? std::string()
-                                     : path.strFolder);
+    path.strFolder =
+        strDrive + (IsHostSeparator(path.strFolder.front()) && path.strFolder.size() == 1
+                        ? std::string()
+                        : path.strFolder);
     return path;
 }
 
@@ -87,7 +85,7 @@ class CWalk {
     void AddSource(const std::string& strSource) {
         const SOURCEPATH path = SplitSource(strSource);
         const fs::path hostPath = AsFolder(ToPath(strSource));
-        if (BACKSLASH_IN_NAMES && path.strFolder.find('\\') != std::string::npos) {
+        if (HasBackslashInNames(path.strFolder)) {
             LeaveOut(hostPath, "the folder's name contains a backslash, which separates folders "
                                "in a copy: rename it");
             return;
@@ -128,7 +126,7 @@ class CWalk {
     // The name's own fault that keeps an entry from travelling, or nothing.
     std::optional<std::string> NameFault(const std::string& strLastName,
                                          const std::string& strName) const {
-        if (BACKSLASH_IN_NAMES && strLastName.find('\\') != std::string::npos) {
+        if (HasBackslashInNames(strLastName)) {
             return "its name contains a backslash, which separates folders on the device: "
                    "rename it";
         }
@@ -258,8 +256,8 @@ HOSTTREE CollectForPush(const std::vector<std::string>& sources,
 
 std::string HostPath(const std::string& strEntry) {
     std::string strPath = strEntry.starts_with("./") ? strEntry.substr(2) : strEntry;
-    const char chOwn = BACKSLASH_IN_NAMES ? '/' : '\\';
-    std::replace(strPath.begin(), strPath.end(), BACKSLASH_IN_NAMES ? '\\' : '/', chOwn);
+    const bool bBackslash = IsHostSeparator('\\');
+    std::replace(strPath.begin(), strPath.end(), bBackslash ? '/' : '\\', bBackslash ? '\\' : '/');
     return strPath;
 }
 

@@ -8,6 +8,7 @@
 #include "cli/text.h"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <set>
 #include <system_error>
@@ -298,8 +299,7 @@ PULLPLAN PlanPull(const std::vector<std::string>& sources, const std::string& st
 
 // Why a host folder cannot be the destination of a copy, or nothing.
 const char* DestinationFault(const std::string& strDest) {
-    const bool bBackslash =
-        fs::path::preferred_separator != '\\' && strDest.find('\\') != std::string::npos;
+    const bool bBackslash = !IsHostSeparator('\\') && strDest.find('\\') != std::string::npos;
     return strDest.empty()        ? "DEST is empty: give a folder of this computer"
            : !Utf8ToWide(strDest) ? "DEST is not valid UTF-8: a copy needs a folder whose path is"
            : !ToLibraryText(strDest) ? "DEST has characters that this system's code page lacks"
@@ -314,9 +314,7 @@ const char* DestinationFault(const std::string& strDest) {
 std::string TrimDestination(std::string strDest) {
     const fs::path path = ToPath(strDest);
     const std::size_t nRoot = std::max<std::size_t>(PathText(path.root_path()).size(), 1);
-    while (strDest.size() > nRoot &&
-           (strDest.back() == '/' ||
-            fs::path::value_type(strDest.back()) == fs::path::preferred_separator)) {
+    while (strDest.size() > nRoot && IsHostSeparator(strDest.back())) {
         strDest.pop_back();
     }
     return path.has_root_name() && path.root_name() == path ? strDest + "." : strDest;

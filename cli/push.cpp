@@ -7,6 +7,7 @@
 #include "cli/text.h"
 
 #include <algorithm>
+#include <chrono>
 #include <optional>
 #include <unordered_map>
 

@@ -22,8 +22,9 @@ struct TRANSFER {
     DWORD dwError = ERROR_SUCCESS;
 };
 
-// Bytes typed on the console that the latest read had no room for.
-std::string g_strTyped;
+// Bytes typed on the console that the latest read had no room for. Never destroyed: a thread that
+// had to be left may come back to it while the process ends.
+std::string& g_strTyped = *new std::string;
 
 // A line from the console, as UTF-8. Nothing at Ctrl-Z, which ends the input.
 DWORD ReadLine(HANDLE hConsole, std::string& strLine) {

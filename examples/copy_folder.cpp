@@ -10,7 +10,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <system_error>
 
 namespace fs = std::filesystem;
 
@@ -21,6 +23,32 @@ static fs::path ToPath(const std::string& strUtf8) {
 static std::string ToUtf8(const fs::path& path) {
     const std::u8string strText = path.u8string();
     return {strText.begin(), strText.end()};
+}
+
+// Every entry is the source folder, a separator, and the name on the device, whose folders are
+// separated by backslashes. What cannot travel is named and counted: the job would pass over a file
+// that cannot be opened without a word.
+static std::error_code CollectFiles(const fs::path& source, CStringArray& list, int& nLeftOut) {
+    std::error_code error;
+    for (fs::recursive_directory_iterator it(source, error);
+         !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
+        std::error_code unknown;
+        if (!it->is_regular_file(unknown) && !unknown) {
+            continue;
+        }
+        const std::u8string strGeneric = it->path().lexically_relative(source).generic_u8string();
+        std::string strName(strGeneric.begin(), strGeneric.end());
+        const bool bBackslash = strName.find('\\') != std::string::npos;
+        std::replace(strName.begin(), strName.end(), '/', '\\');
+        const std::string strEntry = ToUtf8(source) + "/" + strName;
+        if (!bBackslash && strEntry.size() < MAX_PATH && std::ifstream(it->path())) {
+            list.Add(strEntry.c_str());
+        } else {
+            std::fprintf(stderr, "left out: %s\n", strEntry.c_str());
+            ++nLeftOut;
+        }
+    }
+    return error;
 }
 
 static int Fail(const char* lpszWhat, DWORD dwResult) {
@@ -38,15 +66,15 @@ int main(int argc, char** argv) {
     const std::basic_string<WCHAR> strSource = source.string<WCHAR>();
     const std::basic_string<WCHAR> strDest = ToPath(argv[2]).string<WCHAR>();
 
-    // Every entry is the source folder, a separator, and the name on the device, whose folders are
-    // separated by backslashes. The list stays as it is until the job has ended.
-    CStringArray list;
-    for (const auto& entry : fs::recursive_directory_iterator(source)) {
-        if (entry.is_regular_file()) {
-            std::string strName = ToUtf8(fs::relative(entry.path(), source));
-            std::replace(strName.begin(), strName.end(), '/', '\\');
-            list.Add((ToUtf8(source) + "/" + strName).c_str());
-        }
+    CStringArray list; // stays as it is until the job has ended
+    int nLeftOut = 0;
+    if (const std::error_code error = CollectFiles(source, list, nLeftOut)) {
+        std::fprintf(stderr, "a folder cannot be read: %s\n", error.message().c_str());
+        return 1;
+    }
+    if (list.GetSize() == 0) {
+        std::fprintf(stderr, "there is no file to copy\n");
+        return 1;
     }
 
     // The device is found, and the job begins, in this call; it goes on while the program does
@@ -70,5 +98,6 @@ int main(int argc, char** argv) {
     if (const DWORD dwResult = dak.GetLastError()) {
         return Fail("the copy broke off", dwResult);
     }
-    std::printf("copied %d files\n", list.GetSize());
+    std::printf("files copied: %d, left out: %d\n", list.GetSize(), nLeftOut);
+    return nLeftOut == 0 ? 0 : 1;
 }

@@ -11,8 +11,10 @@
 #include <shellapi.h>
 
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
+#include <system_error>
 
 namespace fs = std::filesystem;
 
@@ -42,10 +44,8 @@ std::wstring ToWide(const char* lpszNarrow) {
     return ::MultiByteToWideChar(CP_ACP, 0, lpszNarrow, -1, szWide, MAX_PATH) > 0 ? szWide : L"";
 }
 
-std::wstring Outcome(DWORD dwResult) {
+std::wstring Failure(DWORD dwResult) {
     switch (dwResult) {
-    case DAKERROR_NONE:
-        return L"All files are on the device.";
     case DAKERROR_CANCELLED:
         return L"Cancelled. The files that were whole stay.";
     case DAKERROR_NO_SPACE:
@@ -74,7 +74,7 @@ class CCopyWindow {
     LRESULT OnMessage(UINT uMessage, WPARAM wParam, LPARAM lParam);
     HWND AddControl(const wchar_t* lpszClass, const wchar_t* lpszText, DWORD dwStyle, RECT place,
                     int nId);
-    void CollectFiles();
+    std::error_code CollectFiles();
     void OnCreate();
     void OnStart();
     void OnTimer();
@@ -82,6 +82,7 @@ class CCopyWindow {
     void OnClose();
     void Cancel();
     void ShowOutcome(DWORD dwResult);
+    void ShowEnd(std::wstring strText, bool bWhole);
 
     fs::path m_source;
     std::wstring m_strDest;
@@ -92,32 +93,45 @@ class CCopyWindow {
     int m_nLeftOut = 0;
     bool m_bRunning = false;
     bool m_bClosing = false;
-    CStringArray m_list; // the job reads it: it outlives m_dak, whose end waits for the job
+    bool m_bWhole = false; // every file is on the device
+    CStringArray m_list;   // the job reads it: it outlives m_dak, whose end waits for the job
     CDAKVorn m_dak;
 };
 
 // Every entry is the source folder, a separator, and the name on the device, whose folders are
-// separated by backslashes.
-void CCopyWindow::CollectFiles() {
+// separated by backslashes. A file that cannot be opened would be passed over by the job without a
+// word, so that is tried here. The error is that of a folder that cannot be read.
+std::error_code CCopyWindow::CollectFiles() {
     std::error_code error;
     for (fs::recursive_directory_iterator it(m_source, error);
          !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
-        if (!it->is_regular_file(error)) {
+        std::error_code unknown;
+        if (!it->is_regular_file(unknown) && !unknown) {
             continue;
         }
         const fs::path name = it->path().lexically_relative(m_source).make_preferred();
         const auto strEntry = ToNarrow(m_source.native() + L"\\" + name.native());
-        if (strEntry && strEntry->size() < MAX_PATH) {
+        if (strEntry && strEntry->size() < MAX_PATH && std::ifstream(it->path())) {
             m_list.Add(strEntry->c_str());
         } else {
             ++m_nLeftOut;
         }
     }
+    return error;
 }
 
 // The device is found in this call, which takes a moment: the window is there by then.
 void CCopyWindow::OnStart() {
-    CollectFiles();
+    if (const std::error_code error = CollectFiles()) {
+        ShowEnd(L"The folder, or one in it, cannot be read: error " +
+                    std::to_wstring(error.value()) + L".",
+                false);
+        return;
+    }
+    if (m_list.GetSize() == 0) {
+        ShowEnd(L"The folder has no file to copy.", false);
+        return;
+    }
     const DWORD dwResult =
         m_dak.DAKTransmitFiles(DAK_TO_DEVICE, m_source.c_str(), m_strDest.c_str(), &m_list, m_hWnd);
     if (dwResult != DAKERROR_NONE) {
@@ -158,14 +172,22 @@ void CCopyWindow::OnEnd() {
 }
 
 void CCopyWindow::ShowOutcome(DWORD dwResult) {
-    std::wstring strText = Outcome(dwResult);
+    const bool bWhole = dwResult == DAKERROR_NONE;
+    ShowEnd(bWhole ? L"Files copied: " + std::to_wstring(m_list.GetSize()) + L"."
+                   : Failure(dwResult),
+            bWhole);
+}
+
+void CCopyWindow::ShowEnd(std::wstring strText, bool bWhole) {
     if (m_nLeftOut > 0) {
-        strText += L" Left out for their names: " + std::to_wstring(m_nLeftOut) + L".";
+        strText +=
+            L" Left out, unreadable or by their names: " + std::to_wstring(m_nLeftOut) + L".";
     }
+    m_bWhole = bWhole && m_nLeftOut == 0;
     ::SetWindowTextW(m_hText, strText.c_str());
     ::SetWindowTextW(m_hButton, L"Close");
     ::EnableWindow(m_hButton, TRUE);
-    ::SendMessageW(m_hBar, PBM_SETPOS, dwResult == DAKERROR_NONE ? 100 : 0, 0);
+    ::SendMessageW(m_hBar, PBM_SETPOS, bWhole ? 100 : 0, 0);
 }
 
 // A job is cut short first, and the window goes with its message. A device that hangs can hold that
@@ -266,7 +288,7 @@ int CCopyWindow::Run() {
             ::DispatchMessageW(&message);
         }
     }
-    return m_dak.GetLastError() == DAKERROR_NONE ? 0 : 1;
+    return m_bWhole ? 0 : 1;
 }
 
 } // namespace

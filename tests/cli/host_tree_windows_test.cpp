@@ -9,7 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <string>
 
 namespace fs = std::filesystem;
 
@@ -69,25 +71,39 @@ TEST(HostTree, AFileCanLieInARoot) {
 
 TEST(HostNames, APatternIsWhatItFits) {
     const CTempFolder folder;
-    for (const char* const lpszName : {"b.txt", "\xC3\xA4.txt", "a.txt", "a.bin"}) {
+    for (const char* const lpszName :
+         {"b.txt", "\xC3\xA4.txt", "a.txt", "a.bin", "a.txtbak", "none"}) {
         folder.Write(lpszName, "1");
     }
     const std::string strFolder = folder.Path() + "/";
     EXPECT_EQ(ExpandWord(strFolder + "*.txt"),
               (std::vector<std::string>{strFolder + "a.txt", strFolder + "b.txt",
                                         strFolder + "\xC3\xA4.txt"}));
-    EXPECT_EQ(ExpandWord(strFolder + "a.???").size(), 2U);
-    for (const std::string& strWord : {strFolder + "*.none", strFolder + "a.txt"}) {
+    const struct {
+        const char* lpszPattern;
+        std::size_t nFits;
+    } rows[] = {
+        {"a.???", 2}, {"?.TXT", 3}, {"\xC3\x84.*", 1}, {"*", 6},     {"*.*", 6},
+        {"*.", 1},    {"n?ne*", 1}, {"*t*t", 3},       {"**a*k", 1}, {"*txt*b?k*", 1},
+    };
+    for (const auto& row : rows) {
+        const auto paths = ExpandWord(strFolder + row.lpszPattern);
+        EXPECT_EQ(paths.size(), row.nFits) << row.lpszPattern;
+        EXPECT_NE(paths[0], strFolder + row.lpszPattern);
+    }
+    for (const std::string& strWord :
+         {strFolder + "*.none", strFolder + "a.tx*t?", strFolder + "??", strFolder + "a.txt"}) {
         EXPECT_EQ(ExpandWord(strWord), std::vector<std::string>{strWord});
     }
 }
 
 TEST(HostNames, OfTheDeviceThatNoFileHereCanHaveAreKnown) {
-    for (const char* const lpszName :
-         {"a:b", "a?", "a<b", "\"", "a\tb", "a.", "a ", "NUL", "com1"}) {
+    for (const char* const lpszName : {"a:b", "a?", "a<b", "\"", "a\tb", "a/b", "a.", "a ", "NUL",
+                                       "com1", "Com0 .txt", "lpt9.a.b", "conin$"}) {
         EXPECT_NE(NameFault(lpszName), nullptr) << lpszName;
     }
-    for (const char* const lpszName : {"a", ".a", "a b", "nulls", "\xE6\xBC\xA2"}) {
+    for (const char* const lpszName :
+         {"a", ".a", "a b", "nulls", "com", "com10", "coma", "a.nul", "\xE6\xBC\xA2"}) {
         EXPECT_EQ(NameFault(lpszName), nullptr) << lpszName;
     }
     EXPECT_EQ(NameKey("Gr\xC3\xB6\xC3\x9F"
@@ -98,6 +114,10 @@ TEST(HostNames, OfTheDeviceThatNoFileHereCanHaveAreKnown) {
 }
 
 TEST(HostNames, WhatTheCodePageLacksIsNotHandedToTheLibrary) {
+    // Whoever starts the test says which code page it is meant for.
+    const char* const lpszCodePage = std::getenv("DAK_TEST_CODE_PAGE");
+    ASSERT_NE(lpszCodePage, nullptr);
+    ASSERT_EQ(std::to_string(::GetACP()), lpszCodePage);
     const bool bAll = ::GetACP() == CP_UTF8;
     const struct {
         const char* lpszText;

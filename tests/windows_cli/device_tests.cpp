@@ -153,6 +153,32 @@ TEST_F(Device, CtrlCEndsACopyInOrder) {
     EXPECT_EQ(RunDak({L"status"}).dwExit, 0U);
 }
 
+// The bar with a name longer than the console (100 columns, main.cpp), or nothing.
+std::wstring BarOnScreen() {
+    const std::wstring strScreen = ScreenText();
+    for (std::size_t i = 0; i < strScreen.size(); i += 100) {
+        const std::wstring strRow = strScreen.substr(i, 100);
+        if (strRow.find(L"% [") != std::wstring::npos) {
+            return strRow.substr(0, strRow.find_last_not_of(L' ') + 1);
+        }
+    }
+    return {};
+}
+
+TEST_F(Device, ABarFillsTheConsoleButForItsLastColumn) {
+    WriteTree(OnHost("tree"), {{std::wstring(90, L'n'), File(3'000'000, 1)}});
+    m_pAgent->HangAt({EDirection::ToDevice, 130});
+    CDakProcess dak({L"push", OnHost("tree").wstring(), L"/"}, "", CDakProcess::Streams::Console);
+    ASSERT_TRUE(Eventually([&] { return m_pAgent->HasStopped(); }));
+    EXPECT_TRUE(Eventually([] { return !BarOnScreen().empty(); }));
+    const std::wstring strBar = BarOnScreen();
+    EXPECT_EQ(strBar.size(), 99U) << fs::path(strBar);
+    EXPECT_TRUE(strBar.starts_with(L"...nnn")) << fs::path(strBar);
+    m_pAgent->GoOn();
+    EXPECT_EQ(dak.End().dwExit, 0U);
+    EXPECT_EQ(BarOnScreen(), L"");
+}
+
 // Stands ahead of the next test: Wine drops the line behind a read that was cut off.
 TEST_F(Device, WhatIsTypedIsWrittenAsUtf8) {
     CDakProcess dak({L"write", L"/typed"}, std::nullopt, CDakProcess::Streams::Console);

@@ -7,6 +7,7 @@
 namespace windows_cli {
 namespace {
 
+namespace fs = std::filesystem;
 using windows_end_to_end::EDirection;
 using windows_end_to_end::Eventually;
 using windows_end_to_end::ExpectSameTree;
@@ -21,9 +22,9 @@ class Example : public windows_end_to_end::CWorldTest {
         Plug();
     }
 
-    windows_end_to_end::CProgram Start() const {
+    windows_end_to_end::CProgram Start(const char* lpszFolder = "tree") const {
         return windows_end_to_end::CProgram(windows_end_to_end::ProgramFolder() / "copy_window.exe",
-                                            {OnHost("tree").wstring(), L"\\Docs"});
+                                            {OnHost(lpszFolder).wstring(), L"\\Docs"});
     }
 
     static HWND Window() { return ::FindWindowW(L"DakCopyWindow", nullptr); }
@@ -48,10 +49,32 @@ class Example : public windows_end_to_end::CWorldTest {
 
 TEST_F(Example, CopiesAndSaysSo) {
     const auto program = Start();
-    EXPECT_TRUE(Eventually([] { return Shows(L"All files are on the device."); }));
+    EXPECT_TRUE(Eventually([] { return Shows(L"Files copied: 2."); }));
     ExpectSameTree(ReadTree(OnDevice("Docs")), m_tree);
     Press(IDCANCEL); // "Close" by now
     EXPECT_EQ(program.End(), 0U);
+}
+
+TEST_F(Example, SaysWhatDidNotGo) {
+    fs::create_directory(OnHost("empty"));
+    const HANDLE hHeld = ::CreateFileW((OnHost("tree") / "a").c_str(), GENERIC_READ, 0, nullptr,
+                                       OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const struct {
+        const char* lpszFolder;
+        const wchar_t* lpszText;
+    } rows[] = {
+        {"none", L"cannot be read: error "},
+        {"empty", L"has no file"},
+        {"tree", L"Files copied: 1. Left out, unreadable or by their names: 1."},
+    };
+    for (const auto& row : rows) {
+        const auto program = Start(row.lpszFolder);
+        EXPECT_TRUE(Eventually([&] { return Shows(row.lpszText); })) << row.lpszFolder;
+        Press(IDCANCEL);
+        EXPECT_EQ(program.End(), 1U) << row.lpszFolder;
+    }
+    ::CloseHandle(hHeld);
+    EXPECT_EQ(ReadTree(OnDevice("Docs")).size(), 1U);
 }
 
 TEST_F(Example, ItsButtonCancels) {
