@@ -3,7 +3,7 @@
 
 #include "platform/memory.h"
 #include "platform/thread.h"
-#include "tests/sim/packages.h"
+#include "tests/support/packages.h"
 #include "tests/sim/world.h"
 #include "transfer/io_buf.h"
 

@@ -10,7 +10,7 @@
 #include "tests/library/test_access.h"
 #include "tests/scenarios/file_times.h"
 #include "tests/sim/agent_peer.h"
-#include "tests/sim/packages.h"
+#include "tests/support/packages.h"
 #include "tests/test_files.h"
 #include "transfer/copy_job.h"
 

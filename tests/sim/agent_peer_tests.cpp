@@ -2,7 +2,7 @@
 // takes in the place of the real one.
 
 #include "tests/sim/agent_peer.h"
-#include "tests/sim/packages.h"
+#include "tests/support/packages.h"
 
 #include "platform/file.h"
 #include "platform/thread.h"

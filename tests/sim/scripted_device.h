@@ -15,7 +15,7 @@
 // them, also across a closing of the node; a handshake drops them.
 #pragma once
 
-#include "tests/sim/packages.h"
+#include "tests/support/packages.h"
 #include "tests/sim/world.h"
 
 #include <deque>

@@ -23,6 +23,7 @@
 
 #include "platform/message_window.h"
 #include "platform/types.h"
+#include "tests/support/packages.h"
 
 #include <array>
 #include <condition_variable>
@@ -41,7 +42,7 @@
 
 namespace sim {
 
-using Bytes = std::vector<std::uint8_t>;
+using namespace test; // packages, and what they are made of
 
 // The calls that are counted. OpenNode, ReadPipe and WritePipe are CreateFileA, ReadFile and
 // WriteFile on the device node. Those of the first list can fail without a mistake of the caller.

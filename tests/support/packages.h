@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace sim {
+namespace test {
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -81,6 +81,18 @@ inline Bytes DataPackage(std::uint32_t dwWord, std::uint16_t codeFunc, const Byt
     DakPutU32(package.data() + DAK_OFFSET_CHECKSUM, DakChecksum(package.data(), package.size()));
     return package;
 }
+// The file as a record of a copy's stream, its contents behind it.
+struct CFileRecord {
+    std::basic_string_view<WCHAR> strName;
+    Bytes bytes;
+    std::uint64_t ftCreation = 131'000'000'000'000'001;
+    std::uint64_t ftLastWrite = 132'000'000'001'234'567;
+};
+inline Bytes Record(const CFileRecord& file) {
+    return Join(U64(file.bytes.size()), U64(file.ftCreation), U64(file.ftLastWrite),
+                Text(file.strName), file.bytes);
+}
+
 // A whole stream cut into data packages: all full but the last. A stream that ends with a package
 // closes with an empty one if bEmptyLast, as the host's sender does.
 inline std::vector<Bytes> StreamPackages(std::uint16_t codeFunc, const Bytes& stream,
@@ -102,4 +114,4 @@ inline std::vector<Bytes> StreamPackages(std::uint16_t codeFunc, const Bytes& st
     return packages;
 }
 
-} // namespace sim
+} // namespace test
