@@ -20,7 +20,6 @@ struct CDAKVornTestAccess {
     ACCESS_MEMBER(m_dwPackageSize)
     ACCESS_MEMBER(m_lpResendBuf)
     ACCESS_MEMBER(m_nResendCount)
-    ACCESS_MEMBER(m_dwLastPackageSize)
     ACCESS_MEMBER(m_bSyncStopped)
     ACCESS_MEMBER(m_dwRetryStep)
     ACCESS_MEMBER(m_dwRetryBase)
@@ -40,9 +39,6 @@ struct CDAKVornTestAccess {
     ACCESS_CALL(Initial)
     ACCESS_CALL(DeInitial)
     ACCESS_CALL(OpenDevice)
-    ACCESS_CALL(IsDeviceAvailable)
-    ACCESS_CALL(IsDeviceConnected)
-    ACCESS_CALL(TerminateActiveSync)
     ACCESS_CALL(Connect)
     ACCESS_CALL(DisConnect)
     ACCESS_CALL(ReadUSBData)
@@ -50,8 +46,6 @@ struct CDAKVornTestAccess {
     ACCESS_CALL(SendDataPackage)
     ACCESS_CALL(ReceiveDataPackage)
     ACCESS_CALL(AddBuffData)
-    ACCESS_CALL(GetBuffData)
-    ACCESS_CALL(GetBuffString)
 };
 
 #undef ACCESS_MEMBER

@@ -1,0 +1,128 @@
+// What the tests of the library share: a world with a device and an object, the device's part as a
+// line of words, and the times that operations are made of.
+#pragma once
+
+#include "link/device_connection.h"
+#include "platform/thread.h"
+#include "tests/library/test_access.h"
+#include "tests/sim/scripted_device.h"
+#include "transfer/copy_job.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using Access = CDAKVornTestAccess;
+using namespace test;
+using sim::ECall;
+
+// Of a host that does not tell its speed, with a device that answers at once.
+inline constexpr std::uint64_t READ_MS = 10;
+inline constexpr std::uint64_t LINK_UP_MS = READ_MS + 300;
+inline constexpr std::uint64_t RETRY_BASE_MS = 60;
+inline constexpr std::uint64_t FAILED_READ_MS = READ_MS + 508; // of 8 bytes
+inline constexpr std::uint64_t FAILED_TRY_MS = FAILED_READ_MS + 500;
+inline constexpr std::uint64_t FAILED_HEAD_TRY_MS = READ_MS + 514 + 500; // a data package's head
+inline constexpr std::uint64_t READS_AT_MOST = 1201;
+
+inline std::string Times(int nTimes, const std::string& strWords) {
+    std::string strAll;
+    for (; nTimes > 0; --nTimes) {
+        strAll += strWords + " ";
+    }
+    return strAll;
+}
+// The word name@qwMs.
+inline std::string In(const std::string& strName, std::uint64_t qwMs) {
+    return strName + "@" + std::to_string(qwMs);
+}
+
+// A world in which whatever has been opened is closed at the end.
+struct CRun {
+    explicit CRun(const std::string& strName = {}) : trace(__FILE__, __LINE__, strName) {}
+    ~CRun() {
+        dak.reset();
+        EXPECT_EQ(world.LiveThreads(), 0);
+        EXPECT_EQ(world.Open(), std::vector<std::string>{});
+        EXPECT_FALSE(IsHandleOpen(g_hDeviceMutex));
+        EXPECT_EQ(g_bAbortPending, FALSE);
+    }
+    CRun(const CRun&) = delete;
+    CRun& operator=(const CRun&) = delete;
+
+    void Cancel() { StoreShared(Access::m_bCopying(*dak), BOOL{0}); }
+
+    // Adds to the device's script, a step for each word:
+    //     name       gives that package
+    //     name@5     gives it 5 ms later
+    //     >name      takes that package, and no other one
+    //     >name@5    takes it, at 5 ms of the world's clock
+    //     >          takes any package
+    //     hang       the next write hangs until the host stops it
+    //     gone       goes away; gone@5 in 5 ms; gone?2 when it is asked for the second time
+    //     cancel     what TerminateTransfer tells a running stream; cancel@5 in 5 ms
+    //     !Call      the next such call of the host fails; !Call#2 the one behind it
+    //     3*word     the word three times
+    // An action's name runs it.
+    void Play(const std::string& strWords) {
+        std::istringstream words(strWords);
+        for (std::string strWord; words >> strWord;) {
+            const auto nStar = strWord.find('*');
+            int nTimes = nStar == std::string::npos ? 1 : std::stoi(strWord);
+            for (; nTimes > 0; --nTimes) {
+                PlayWord(strWord.substr(nStar == std::string::npos ? 0 : nStar + 1));
+            }
+        }
+    }
+
+    testing::ScopedTrace trace;
+    sim::CWorld world;
+    sim::CScriptedDevice device{world};
+    std::optional<CDAKVorn> dak{std::in_place};
+    std::map<std::string, Bytes> packages{{"ack", Ack()},
+                                          {"retransmit", Control(DAK_RETRANSMIT)},
+                                          {"abort", Control(DAK_ABORT)},
+                                          {"connect", Handshake(DAK_CONNECT)},
+                                          {"disconnect", Handshake(DAK_DISCONNECT)}};
+    std::map<std::string, std::function<void()>> actions;
+
+  private:
+    void PlayWord(const std::string& strWord) {
+        const auto nMark = strWord.find_first_of("@?#");
+        const bool bNumber = nMark != std::string::npos;
+        const std::string strName = strWord.substr(0, nMark);
+        const std::uint64_t qwNumber = bNumber ? std::stoull(strWord.substr(nMark + 1)) : 0;
+        if (actions.contains(strName)) {
+            device.Do(actions[strName]);
+        } else if (strName == "hang") {
+            device.DoNotTake();
+        } else if (strName == "gone") {
+            bNumber ? strWord[nMark] == '?' ? device.VanishAtQuestion(qwNumber)
+                                            : device.VanishAfter(qwNumber)
+                    : device.Vanish();
+        } else if (strName == "cancel") {
+            device.Do([this, qwNumber] {
+                qwNumber == 0 ? Cancel() : world.At(world.NowMs() + qwNumber, [&] { Cancel(); });
+            });
+        } else if (strName[0] == '!') {
+            device.Do([this, strName, qwNumber] {
+                int nCall = 0;
+                while (strName.substr(1) != sim::CallName(static_cast<ECall>(nCall))) {
+                    ++nCall;
+                }
+                world.FailCall(static_cast<ECall>(nCall), std::max<std::uint64_t>(qwNumber, 1));
+            });
+        } else if (strName[0] == '>') {
+            strName == ">" ? device.ExpectThat([](const Bytes&) {})
+                           : device.Expect(packages.at(strName.substr(1)));
+            bNumber ? device.At(qwNumber) : device;
+        } else {
+            device.ReplyAfter(qwNumber, packages.at(strName));
+        }
+    }
+};
