@@ -66,8 +66,9 @@ struct CRun {
     //     hang       the next write hangs until the host stops it
     //     gone       goes away; gone@5 in 5 ms; gone?2 when it is asked for the second time
     //     cancel     what TerminateTransfer tells a running stream; cancel@5 in 5 ms
-    //     !Call      the next such call of the host fails; !Call#2 the one behind it
-    //     3*word     the word three times
+    //     linked     answers the host's first handshake, so that what follows waits for it
+    //     !Call      the next such call of the host fails; !Call#2=112 the one behind it, with
+    //     error 112 3*word     the word three times
     // An action's name runs it.
     void Play(const std::string& strWords) {
         std::istringstream words(strWords);
@@ -97,10 +98,15 @@ struct CRun {
         const bool bNumber = nMark != std::string::npos;
         const std::string strName = strWord.substr(0, nMark);
         const std::uint64_t qwNumber = bNumber ? std::stoull(strWord.substr(nMark + 1)) : 0;
+        const auto nError = strWord.find('=');
+        const auto dwError = static_cast<DWORD>(
+            nError == std::string::npos ? 0 : std::stoul(strWord.substr(nError + 1)));
         if (actions.contains(strName)) {
             device.Do(actions[strName]);
         } else if (strName == "hang") {
             device.DoNotTake();
+        } else if (strName == "linked") {
+            device.ExpectHandshake(DAK_CONNECT);
         } else if (strName == "gone") {
             bNumber ? strWord[nMark] == '?' ? device.VanishAtQuestion(qwNumber)
                                             : device.VanishAfter(qwNumber)
@@ -110,12 +116,13 @@ struct CRun {
                 qwNumber == 0 ? Cancel() : world.At(world.NowMs() + qwNumber, [&] { Cancel(); });
             });
         } else if (strName[0] == '!') {
-            device.Do([this, strName, qwNumber] {
+            device.Do([this, strName, qwNumber, dwError] {
                 int nCall = 0;
                 while (strName.substr(1) != sim::CallName(static_cast<ECall>(nCall))) {
                     ++nCall;
                 }
-                world.FailCall(static_cast<ECall>(nCall), std::max<std::uint64_t>(qwNumber, 1));
+                world.FailCall(static_cast<ECall>(nCall), std::max<std::uint64_t>(qwNumber, 1),
+                               dwError);
             });
         } else if (strName[0] == '>') {
             strName == ">" ? device.ExpectThat([](const Bytes&) {})
