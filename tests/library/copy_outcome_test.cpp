@@ -38,8 +38,6 @@ struct CPush : CTransfer {
         actions["shrunk"] = [this] { Resize(25'000, 30'000); };
         actions["grown"] = [this] { Resize(40'000, 30'000); };
         actions["huge"] = [this] { Resize(30'000, 1ull << 32); };
-        actions["norequest"] = [this] { world.dwFailAllocationsOf = 27; };
-        actions["nocontents"] = [this] { world.dwFailAllocationsOf = 12'280; };
         actions["noread"] = [this] {
             world.onFileRead = [](sim::CFileRead& read) { read.bFail = true; };
         };
@@ -49,7 +47,8 @@ struct CPush : CTransfer {
         };
     }
     void Resize(std::size_t dwBytes, std::uint64_t qwReported) {
-        world.WriteHostFile("C:/s/a", Pattern(dwBytes), Time(CREATED), Time(WRITTEN));
+        list.RemoveAll();
+        AddFile("C:\\s\\a", Pattern(dwBytes));
         world.HostFile("C:/s/a")->qwReportedSize = qwReported;
     }
 };
@@ -58,7 +57,7 @@ TEST(CopyToDevice, EndsInEachWay) {
     const std::string strFirst = ">request ack >p1 ";
     const std::string strWhole = strFirst + "ack >p2 >p3 ack ";
     const CRow rows[] = {// The request.
-                         {"norequest", 0, LINK_UP_MS + DRAIN_MS},
+                         {"-27", 0, LINK_UP_MS + DRAIN_MS},
                          {"noresend", 0, LINK_UP_MS + DRAIN_MS},
                          {"linked hang", GONE, LINK_UP_MS + 27 + 500 + DRAIN_MS},
                          {">request", DAKERROR_FAIL, LINK_UP_MS + FAILED_READ_MS + DRAIN_MS},
@@ -69,7 +68,7 @@ TEST(CopyToDevice, EndsInEachWay) {
                          {strFirst + "ack !WritePipe reopened", GONE, PUSH_MS + VERDICT_MS},
                          {strFirst + "abort reopened", DAKERROR_PROTOCOL, PUSH_MS + READ_MS},
                          {strFirst + "gone", GONE, PUSH_MS + READ_MS + 500},
-                         {">request ack nocontents reopened", DAKERROR_FAIL, PUSH_MS - FILL_MS},
+                         {">request ack -12280 reopened", DAKERROR_FAIL, PUSH_MS - FILL_MS},
                          {">request ack noread reopened", DAKERROR_FAIL, PUSH_MS},
                          {"huge >request ack reopened", DAKERROR_FAIL, PUSH_MS - FILL_MS},
                          {"shrunk " + strFirst + "ack >p2 reopened", DAKERROR_FAIL,
@@ -179,7 +178,7 @@ TEST(CopyFromDevice, AnyFailureLeavesTheOldFile) {
          LINK_UP_MS + 1000 + READ_MS + DRAIN_MS}};
     for (const CRow& row : rows) {
         CPull run(row.strWords);
-        const Bytes stream = PullStream({FileRecord(DAK_WIDE("a.bin"), Pattern(30'000))});
+        const Bytes stream = Records(FileRecord(DAK_WIDE("a.bin"), Pattern(30'000)));
         const auto last = [&](std::ptrdiff_t nFrom, std::ptrdiff_t nTo) {
             return DataPackage(DAK_LAST_REPLY, 8,
                                Bytes(stream.begin() + nFrom, stream.begin() + nTo));
@@ -209,7 +208,7 @@ TEST(CopyFromDevice, ANameThatDoesNotEnd) {
                 FileRecord(DAK_WIDE("a"), Pattern(DAK_DATA_SIZE - 8 - 28 - 24 - dwLeft));
             const Bytes name(std::max(dwBytes, dwLeft), 'x');
             const bool bLast = dwLeft == name.size();
-            run.Stream(PullStream({first, Join(U64(9), U64(0), U64(0), name)}));
+            run.Stream(Records(first, Join(U64(9), U64(0), U64(0), name)));
             run.Play(">request ack p1" + std::string(bLast          ? " >ack"
                                                      : dwLeft < 520 ? " p2 >ack"
                                                                     : ""));
@@ -240,7 +239,7 @@ TEST(CopyFromDevice, ALongRequestIsCutAnywhere) {
                     Join(U16(8), Bytes(begin, begin + static_cast<std::ptrdiff_t>(dwBytes)))))
                 .Reply(Ack());
         }
-        run.Play(run.Stream(PullStream({})));
+        run.Play(run.Stream(Records()));
         run.Run(DAKERROR_NONE, PULL_MS + 2 * READ_MS + PACKAGE_MS + 500 + DRAIN_MS);
     }
 }
@@ -286,8 +285,8 @@ TEST(CopyFromDevice, RoomIsAskedForEachFile) {
         CTransfer run(DAK_FROM_DEVICE, std::to_string(row.qwFree) + " free");
         row.dwOldSize != 0 ? run.world.WriteHostFile("C:/s/a.bin", Bytes(row.dwOldSize)) : void();
         run.world.qwFreeBytes = row.qwFree;
-        run.Stream(PullStream(
-            {Join(U64(row.qwSize), U64(1), U64(2), Text(DAK_WIDE("a.bin")), Pattern(20'000))}));
+        run.Stream(Records(
+            Join(U64(row.qwSize), U64(1), U64(2), Text(DAK_WIDE("a.bin")), Pattern(20'000))));
         run.Play(std::string(">request ack p1 p2 ") + (row.bEnough ? ">ack" : ">abort"));
         run.Run(row.bEnough ? DAKERROR_NONE : NO_SPACE);
         EXPECT_EQ(run.world.Trace({"file delete C:/s/a.bin"}).size(), row.bOldGoesFirst ? 1u : 0u);
@@ -299,7 +298,7 @@ TEST(CopyFromDevice, RoomIsAskedForEachFile) {
         CTransfer run(DAK_FROM_DEVICE, strFault);
         run.world.qwFreeBytes = strFault == "!GetDiskFreeSpaceExA" ? 1ull << 40 : 100;
         run.Play(strFault);
-        run.PlayWhole(PullStream({FileRecord(DAK_WIDE("a.bin"), Pattern(100))}));
+        run.PlayWhole(Records(FileRecord(DAK_WIDE("a.bin"), Pattern(100))));
         run.Run(NO_SPACE);
         EXPECT_EQ(run.world.HostFileExists("C:/s/a.bin"), strFault != "!MoveFileExA");
     }
@@ -313,7 +312,7 @@ TEST(CopyFromDevice, ANameStaysBelowTheFolder) {
           DAK_WIDE("C:\\x"), DAK_WIDE("c:x"), DAK_WIDE("b\\\\x"), DAK_WIDE("b\\"), DAK_WIDE(".\\x"),
           DAK_WIDE(""), DAK_WIDE("x\xD800y"), strLong.c_str() + 4, strLong.c_str()}) {
         CPull run(testing::PrintToString(name));
-        run.Stream(PullStream({FileRecord(name, Pattern(20'000))}));
+        run.Stream(Records(FileRecord(name, Pattern(20'000))));
         run.Play(">request ack p1 p2 >abort");
         run.Run(name.size() > 200 ? DAKERROR_FAIL : DAKERROR_PROTOCOL);
         run.ExpectOldFile();
@@ -322,8 +321,8 @@ TEST(CopyFromDevice, ANameStaysBelowTheFolder) {
     }
     // The longest there can be: 259 characters in all. What came ahead of a bad name stays.
     CTransfer run(DAK_FROM_DEVICE);
-    run.PlayWhole(PullStream({FileRecord(strLong.c_str() + 5, {1}),
-                              FileRecord(DAK_WIDE("..\\x"), {2}), FileRecord(DAK_WIDE("c"), {3})}));
+    run.PlayWhole(Records(FileRecord(strLong.c_str() + 5, {1}), FileRecord(DAK_WIDE("..\\x"), {2}),
+                          FileRecord(DAK_WIDE("c"), {3})));
     run.Run(DAKERROR_PROTOCOL);
     EXPECT_EQ(run.world.HostFiles("C:/"), std::vector<std::string>{"s/" + std::string(254, 'x')});
 }
@@ -336,7 +335,7 @@ TEST(CopyFromDevice, ADestinationThatIsNone) {
         run.world.MakeHostFolder("C:/\xEF\xBF\xBD");
         run.packages["request"] =
             Command(8, Bytes{0}, Text(DAK_WIDE("\\d")), Text(lpszDest), U32(0));
-        run.PlayWhole(PullStream({FileRecord(DAK_WIDE("a"), {1})}));
+        run.PlayWhole(Records(FileRecord(DAK_WIDE("a"), {1})));
         EXPECT_EQ(run.Start(lpszDest), 0u);
         run.ExpectEnd(DAKERROR_FAIL);
         EXPECT_EQ(run.world.HostFiles("C:/").size(), 0u);

@@ -1,43 +1,40 @@
-// The copies in both directions: what goes over the wire, byte for byte, what becomes of it on the
-// host's disk, and what a job ends with.
+// The copies in both directions: what goes over the wire, byte for byte, and what becomes of it on
+// the host's disk.
 
 #include "tests/library/transfer_run.h"
 
 namespace {
 
-constexpr std::uint64_t FILL_MS = 10; // a look at a read-ahead buffer that is not filled yet
-constexpr std::uint64_t VERDICT_MS = READ_MS + RETRY_BASE_MS;
-constexpr std::uint64_t PUSH_MS = LINK_UP_MS + READ_MS + RETRY_BASE_MS + FILL_MS; // a first package
-constexpr std::uint64_t PULL_MS = LINK_UP_MS + READ_MS + 500; // a stream is asked for
-constexpr std::uint64_t PACKAGE_MS = 2 * READ_MS;
-const Bytes OLD = {'o', 'l', 'd'};
+constexpr std::uint64_t PUSH_MS =
+    LINK_UP_MS + READ_MS + RETRY_BASE_MS + 10; // and a look at the file
+constexpr std::uint64_t PULL_MS = LINK_UP_MS + READ_MS + 500;
 
 void ExpectFile(CRun& run, const std::string& strPath, const Bytes& bytes) {
     EXPECT_EQ(run.world.ReadHostFile(strPath), bytes) << strPath;
     const sim::CHostFile* pFile = run.world.HostFile(strPath);
-    ASSERT_NE(pFile, nullptr);
-    EXPECT_EQ(pFile->ftCreation.dwHighDateTime, CREATED >> 32);
-    EXPECT_EQ(pFile->ftWrite.dwLowDateTime, static_cast<DWORD>(WRITTEN));
+    EXPECT_TRUE(pFile != nullptr && pFile->ftCreation.dwHighDateTime == CREATED >> 32 &&
+                pFile->ftWrite.dwLowDateTime == static_cast<DWORD>(WRITTEN));
 }
 
 // The file's bytes hold such as a signed sum would take from the checksum.
-TEST(Copy, ToTheDeviceInBytes) {
-    CTransfer run(DAK_TO_DEVICE);
-    run.AddFile("C:\\s\\a.txt", {0x68, 0xFF, 0x80});
-    run.packages["request"] = {0x21, 0xE0, 0,    0,    0x13, 0,    0,    0, 0x08,
-                               0,    0x01, 0x43, 0,    0x3A, 0,    0x5C, 0, 0x73,
-                               0,    0,    0,    0x5C, 0,    0x64, 0,    0, 0};
-    run.packages["file"] = {0x21, 0xE0, 0,    0,    0x31, 0,    0,    0,    0xAA, 0x04, 0,    0,
-                            0x08, 0,    0x01, 0,    0,    0,    0x03, 0,    0,    0,    0,    0,
-                            0,    0,    0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x11, 0x12,
-                            0x13, 0x14, 0x15, 0x16, 0x17, 0x18, 0x61, 0,    0x2E, 0,    0x74, 0,
-                            0x78, 0,    0x74, 0,    0,    0,    0x68, 0xFF, 0x80};
-    run.packages["done"] = {0x22, 0xE0, 0, 0, 6, 0, 0, 0, 8, 0, 1, 0, 0, 0};
-    run.Play(In(">request", LINK_UP_MS) + " ack " + In(">file", PUSH_MS) + " ack done");
-    run.Run(DAKERROR_NONE, PUSH_MS + VERDICT_MS + 2 * READ_MS + DRAIN_MS);
-}
-
-TEST(Copy, FromTheDeviceInBytes) {
+TEST(Copy, InBytes) {
+    const Bytes file = {0x68, 0xFF, 0x80};
+    {
+        CTransfer run(DAK_TO_DEVICE);
+        run.AddFile("C:\\s\\a.txt", file);
+        run.packages["request"] = {0x21, 0xE0, 0,    0,    0x13, 0,    0,    0, 0x08,
+                                   0,    0x01, 0x43, 0,    0x3A, 0,    0x5C, 0, 0x73,
+                                   0,    0,    0,    0x5C, 0,    0x64, 0,    0, 0};
+        run.packages["file"] = {0x21, 0xE0, 0,    0,    0x31, 0,    0,    0,    0xAA, 0x04,
+                                0,    0,    0x08, 0,    0x01, 0,    0,    0,    0x03, 0,
+                                0,    0,    0,    0,    0,    0,    0x01, 0x02, 0x03, 0x04,
+                                0x05, 0x06, 0x07, 0x08, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16,
+                                0x17, 0x18, 0x61, 0,    0x2E, 0,    0x74, 0,    0x78, 0,
+                                0x74, 0,    0,    0,    0x68, 0xFF, 0x80};
+        run.packages["done"] = {0x22, 0xE0, 0, 0, 6, 0, 0, 0, 8, 0, 1, 0, 0, 0};
+        run.Play(In(">request", LINK_UP_MS) + " ack " + In(">file", PUSH_MS) + " ack done");
+        run.Run(DAKERROR_NONE, PUSH_MS + READ_MS + RETRY_BASE_MS + 2 * READ_MS + DRAIN_MS);
+    }
     CTransfer run(DAK_FROM_DEVICE);
     run.list.Add("a.txt");
     run.packages["request"] = {0x21, 0xE0, 0,    0, 35,   0, 0,    0, 8,    0,    0,
@@ -50,9 +47,9 @@ TEST(Copy, FromTheDeviceInBytes) {
                             0x04, 0x05, 0x06, 0x07, 0x08, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16,
                             0x17, 0x18, 0x61, 0,    0x2E, 0,    0x74, 0,    0x78, 0,    0x74,
                             0,    0,    0,    0x68, 0xFF, 0x80};
-    run.Play(In(">request", LINK_UP_MS) + " ack file " + In(">ack", PULL_MS + PACKAGE_MS));
-    run.Run(DAKERROR_NONE, PULL_MS + PACKAGE_MS + 500 + DRAIN_MS);
-    ExpectFile(run, "C:/s/a.txt", {0x68, 0xFF, 0x80});
+    run.Play(In(">request", LINK_UP_MS) + " ack file " + In(">ack", PULL_MS + 2 * READ_MS));
+    run.Run(DAKERROR_NONE, PULL_MS + 2 * READ_MS + 500 + DRAIN_MS);
+    ExpectFile(run, "C:/s/a.txt", file);
 }
 
 // Several files in one stream, among them an empty one and such that cannot be opened; they have
@@ -77,15 +74,15 @@ TEST(Copy, FromTheDeviceFoldersAreMadeAndFilesReplaced) {
     CTransfer run(DAK_FROM_DEVICE);
     const Bytes exact = Pattern(DAK_DATA_SIZE - 8 - FileRecord(DAK_WIDE("a\\b\\exact"), {}).size());
     run.world.MakeHostFolder("C:/s/a");
-    run.world.WriteHostFile("C:/s/large", OLD);
-    run.world.WriteHostFile("C:/s/locked", OLD);
+    run.world.WriteHostFile("C:/s/large", {1});
+    run.world.WriteHostFile("C:/s/locked", {1});
     run.world.HostFile("C:/s/locked")->bReadOnly = true;
     run.packages["request"] =
         Command(8, Bytes{0}, Text(DAK_WIDE("\\d\\")), Text(DAK_WIDE("C:\\s\\\\")), U32(0));
-    run.PlayWhole(PullStream(
-        {FileRecord(DAK_WIDE("a\\b\\exact"), exact), FileRecord(DAK_WIDE("a\\c/empty"), {}),
-         FileRecord(DAK_WIDE("large"), Pattern(30'000)),
-         FileRecord(DAK_WIDE("..\u00FC..\\\u65E5"), {1}), FileRecord(DAK_WIDE("locked"), {2})}));
+    run.PlayWhole(Records(
+        FileRecord(DAK_WIDE("a\\b\\exact"), exact), FileRecord(DAK_WIDE("a\\c/empty"), {}),
+        FileRecord(DAK_WIDE("large"), Pattern(30'000)),
+        FileRecord(DAK_WIDE("..\u00FC..\\\u65E5"), {1}), FileRecord(DAK_WIDE("locked"), {2})));
     EXPECT_EQ(run.Start(DAK_WIDE("C:\\s\\\\"), DAK_WIDE("\\d\\")), 0u);
     run.ExpectEnd(DAKERROR_NONE);
     ExpectFile(run, "C:/s/a/b/exact", exact);
@@ -112,7 +109,7 @@ TEST(Copy, ARecordIsCutAnywhere) {
                 run.AddFile("C:\\s\\a", contents);
                 run.AddFile("C:\\s\\\xC3\xA4\\\xE6\x97\xA5.x", Pattern(9, 3));
             }
-            run.PlayWhole(run.IsPush() ? Join(U32(2), first, next) : PullStream({first, next}));
+            run.PlayWhole(run.IsPush() ? Join(U32(2), first, next) : Records(first, next));
             run.Run(DAKERROR_NONE);
             ExpectFile(run, "C:/s/a", contents);
             ExpectFile(run, "C:/s/\xC3\xA4/\xE6\x97\xA5.x", Pattern(9, 3));

@@ -4,16 +4,13 @@
 
 namespace {
 
-constexpr std::uint64_t CLOSING_MS = READ_MS;
-
 // What an operation is called with, and what it may store into.
 struct CArguments {
-    std::basic_string<WCHAR> strPath = DAK_WIDE("\\a");
-    const WCHAR* lpszPath = nullptr; // strPath
+    const WCHAR* lpszPath = DAK_WIDE("\\a");
     const WCHAR* lpszNew = DAK_WIDE("\\bc");
-    void* hFile = reinterpret_cast<void*>(std::uintptr_t{0x11223344});
-    BYTE bytes[4] = {1, 2, 3, 4};
+    std::uintptr_t handle = 0x11223344;
     bool bStores = true;
+    BYTE bytes[4] = {1, 2, 3, 4};
     DWORD dwFirst = 77;
     DWORD dwSecond = 77;
     std::uint64_t qwValue = 77;
@@ -22,7 +19,7 @@ struct CArguments {
     CArray<_tagFileInfo, _tagFileInfo> files;
     CArray<_tagStorageInfo, _tagStorageInfo> storages;
 
-    CArguments() { lpszPath = strPath.c_str(); }
+    void* File() const { return reinterpret_cast<void*>(handle); }
     template <class T>
     T* Out(T& target) {
         return bStores ? &target : nullptr;
@@ -44,12 +41,12 @@ struct COperation {
     CWait wait;
     // Refused without: p, the path; n, the new one; h, the handle; o, a place for what comes.
     // A, the acknowledgement is awaited, and not read once; M, DAK_REPLY_PACKAGE ends the wait; V,
-    // a device that went away gives DAKERROR_NO_DEVICE.
+    // a device that went away gives DAKERROR_NO_DEVICE; R, it takes the result for something else.
     std::string strTraits;
 
     bool Is(char chTrait) const { return strTraits.find(chTrait) != std::string::npos; }
-    bool Polls() const { return wait.eShape == POLLED || wait.eShape == UNBOUNDED; }
-    bool IsOnce() const { return wait.eShape == SINGLE || wait.eShape == COMPLETED; }
+    bool Has(EShape eShape) const { return wait.eShape == eShape; }
+    bool Polls() const { return Has(POLLED) || Has(UNBOUNDED); }
     // One try that brings nothing.
     std::uint64_t TryMs() const { return READ_MS + 14 + wait.fields.size() + 500 + 500; }
     // When the command goes out, behind a listing's drain, and when the response is first asked
@@ -61,7 +58,13 @@ struct COperation {
         return WrittenMs() + AckPauseMs() + READ_MS + (bSettles ? 500 : 0) +
                (code == 17 ? READ_MS + RETRY_BASE_MS : 0);
     }
-    DWORD Gone() const { return Is('V') ? DAKERROR_NO_DEVICE : DAKERROR_FAIL; }
+    // The words of a device that takes the command and, of a write, its one package.
+    std::string Taken() const {
+        return In(">command", WrittenMs()) + (code == 17 ? " ack >bytes ack " : " ack ");
+    }
+    // What GetLastError tells behind it: of a write what its stream has left.
+    DWORD Left(DWORD dwResult) const { return code == 17 ? DAKERROR_NONE : dwResult; }
+    DWORD Refused() const { return code == 25 ? DAKERROR_FOLDER_SPACE : DAKERROR_FAIL; }
 };
 
 // NOLINTBEGIN(cppcoreguidelines-macro-usage)
@@ -69,7 +72,7 @@ struct COperation {
     [](CDAKVorn& dak, [[maybe_unused]] CArguments& in) -> DWORD { return dak.__VA_ARGS__; }
 #define SENDS(...) []([[maybe_unused]] const CArguments& in) { return Join(__VA_ARGS__); }
 #define PATH Text(in.lpszPath)
-#define FILE_WORD U32(static_cast<DWORD>(reinterpret_cast<std::uintptr_t>(in.hFile)))
+#define FILE_WORD U32(static_cast<DWORD>(in.handle))
 // NOLINTEND(cppcoreguidelines-macro-usage)
 
 const COperation OPERATIONS[] = {
@@ -79,7 +82,7 @@ const COperation OPERATIONS[] = {
     COperation(6, CALL(DAKGetDeviceFreeSpace(&in.dwFirst, &in.dwSecond)), SENDS(),
                {POLLED, 1201, U64(5)}, ""),
     COperation(7, CALL(DAKGetFolderContent(in.lpszPath, &in.files)), SENDS(PATH),
-               {POLLED, 121, U32(0)}, "pAM"),
+               {POLLED, 121, U32(0)}, "pAMR"),
     COperation(10, CALL(DAKCreateDirectory(in.lpszPath, nullptr)), SENDS(PATH), {POLLED, 1201},
                "p"),
     COperation(12, CALL(DAKCreateProcess(in.lpszPath, in.lpszNew, &in.dwFirst)),
@@ -93,13 +96,13 @@ const COperation OPERATIONS[] = {
                {SINGLE, 1, Bytes(1236, 1)}, "p"),
     COperation(15, CALL(DAKCreateFile(in.lpszPath, 1, 2, 3, in.Out(in.hOpened))),
                SENDS(PATH, U32(1), U32(2), U32(3)), {POLLED, 1201, U32(9)}, "po"),
-    COperation(16, CALL(DAKReadFile(in.hFile, in.bytes, 4, in.Out(in.dwFirst))),
+    COperation(16, CALL(DAKReadFile(in.File(), in.bytes, 4, in.Out(in.dwFirst))),
                SENDS(FILE_WORD, U32(4)), {NO_RESPONSE}, "hoA"),
-    COperation(17, CALL(DAKWriteFile(in.hFile, in.bytes, 4, in.Out(in.dwFirst))),
-               SENDS(FILE_WORD, U32(4)), {FIRST_READ, 1201}, "hoA"),
-    COperation(18, CALL(DAKSetFilePointer(in.hFile, -2, 1, in.Out(in.dwFirst))),
-               SENDS(FILE_WORD, U32(0xFFFFFFFE), U32(1)), {COMPLETED}, "ho"),
-    COperation(19, CALL(DAKCloseFile(in.hFile)), SENDS(FILE_WORD), {COMPLETED}, "h"),
+    COperation(17, CALL(DAKWriteFile(in.File(), in.bytes, 4, in.Out(in.dwFirst))),
+               SENDS(FILE_WORD, U32(4)), {FIRST_READ, 1201}, "hoAR"),
+    COperation(18, CALL(DAKSetFilePointer(in.File(), -2, 1, in.Out(in.dwFirst))),
+               SENDS(FILE_WORD, U32(0xFFFFFFFE), U32(1)), {COMPLETED}, "hoR"),
+    COperation(19, CALL(DAKCloseFile(in.File())), SENDS(FILE_WORD), {COMPLETED}, "h"),
     COperation(20, CALL(DAKCopyFile(in.lpszPath, in.lpszNew, -5)),
                SENDS(PATH, Text(in.lpszNew), U32(0xFFFFFFFB)), {POLLED, 1201}, "pn"),
     COperation(21, CALL(DAKRegisterWindowMessage(in.lpszPath, in.Out(in.dwFirst))), SENDS(PATH),
@@ -113,24 +116,24 @@ const COperation OPERATIONS[] = {
                {POLLED, 361, U64(5)}, "M")};
 
 // One operation with a device for it.
-struct CExchangeRun : CRun {
-    explicit CExchangeRun(const COperation& operation, const std::string& strName = {})
-        : CRun(std::to_string(operation.code) + ": " + strName), op(operation) {
+struct CExchange : CRun {
+    explicit CExchange(const COperation& operation, const std::string& strWords = {})
+        : CRun(std::to_string(operation.code) + ": " + strWords), op(operation) {
         world.bTrace = false;
-        const Bytes good = Response(op.code, 1, op.wait.fields);
-        const auto with = [&](std::uint32_t dwWord, std::uint16_t code) {
-            Bytes package = Response(code, 1, op.wait.fields);
+        const auto with = [&](std::uint32_t dwWord, std::uint16_t code, int nResult = 1) {
+            Bytes package = Response(code, nResult, op.wait.fields);
             DakPutU32(package.data(), dwWord);
             return package;
         };
+        const Bytes good = with(DAK_LAST_REPLY, op.code);
         packages.insert({{"good", good},
-                         {"zero", Response(op.code, 0, op.wait.fields)},
-                         {"two", Response(op.code, 2, op.wait.fields)},
-                         {"minus", Response(op.code, -1, op.wait.fields)},
+                         {"zero", with(DAK_LAST_REPLY, op.code, 0)},
+                         {"two", with(DAK_LAST_REPLY, op.code, 2)},
+                         {"minus", with(DAK_LAST_REPLY, op.code, -1)},
                          {"foreign", with(DAK_LAST_REPLY, 99)},
                          {"high", with(DAK_LAST_REPLY | 0x10000, op.code)},
                          {"more", with(DAK_REPLY_PACKAGE, op.code)},
-                         {"moreforeign", with(DAK_REPLY_PACKAGE, 99)},
+                         {"foreignmore", with(DAK_REPLY_PACKAGE, 99)},
                          {"head", Bytes(good.begin(), good.begin() + 6)},
                          {"middle", Bytes(good.begin() + 6, good.begin() + 10)},
                          {"end", Bytes(good.begin() + 10, good.end())},
@@ -139,25 +142,19 @@ struct CExchangeRun : CRun {
                          {"highack", Control(DAK_SUCCESS | 0x10000)},
                          {"longack", Join(U32(DAK_SUCCESS), U32(77))},
                          {"bytes", DataPackage(DAK_LAST_PACKAGE, 17, {1, 2, 3, 4})}});
+        packages["command"] = Command(op.code, op.payload(in));
+        actions["other"] = [&] { world.OtherProcessOpensLock("NadoxUSBAPI"); };
     }
-    // The device takes the command; with an acknowledgement also a write's one package.
-    void TakeCommand(const std::string& strAck = "ack") {
-        device.Expect(Command(op.code, op.payload(in))).At(op.WrittenMs());
-        Play(strAck +
-             (op.code == DAK_FUNC_WRITE_FILE && strAck.ends_with("ack") ? " >bytes ack" : ""));
-    }
+    std::size_t Size() const { return packages.at("command").size(); }
     // qwMs: when the exchange is over. The closing of a device that has gone fails at once.
-    void Expect(std::uint64_t qwMs, DWORD dwResult, DWORD dwError) {
+    void Expect(const std::string& strWords, std::uint64_t qwMs, DWORD dwResult, DWORD dwError) {
+        packages["command"] = Command(op.code, op.payload(in));
+        Play(strWords);
         EXPECT_EQ(op.call(*dak, in), dwResult);
         EXPECT_EQ(dak->GetLastError(), dwError);
-        EXPECT_EQ(world.NowMs(), qwMs + (world.IsPlugged() ? CLOSING_MS : 0));
+        EXPECT_EQ(world.NowMs(), qwMs + (world.IsPlugged() ? READ_MS : 0));
         EXPECT_FALSE(dak->IsTransmitting());
         EXPECT_EQ(device.OpenNow(), 0);
-    }
-    void Expect(std::uint64_t qwMs, DWORD dwResult) { Expect(qwMs, dwResult, dwResult); }
-    // Without a right response; the error of a write is then what its stream has left.
-    void ExpectNone(std::uint64_t qwMs, DWORD dwResult = DAKERROR_FAIL) {
-        Expect(qwMs, dwResult, op.code == DAK_FUNC_WRITE_FILE ? DAKERROR_NONE : dwResult);
     }
 
     const COperation& op;
@@ -185,203 +182,146 @@ TEST(Exchange, Answers) {
                 {"zero", -10, -10, -10},
                 {"foreign good", 20, -10, -10},
                 {"high good", 20, -10, -10},
-                {"moreforeign good", 20, -10, -10},
+                {"foreignmore good", 20, -10, -10},
                 {"more good", 20, -10, -10},
                 {"head rest good", 30, -10, 20},
                 {"head middle end good", 40, -10, -20}};
     for (const auto& row : rows) {
-        const bool bResult = row.nPolled <= 10 && row.strWords != "good";
+        const bool bResult = row.strWords.find(' ') == std::string::npos && row.strWords != "good";
         for (const COperation& op : OPERATIONS) {
-            // Those that read something else into the result.
-            if (op.wait.eShape == NO_RESPONSE ||
-                (bResult && (op.code == 7 || op.code == 17 || op.code == 18))) {
-                continue;
-            }
-            CExchangeRun run(op, row.strWords);
-            run.TakeCommand();
-            run.Play(row.strWords);
-            int nMs = op.Polls()                    ? row.nPolled
-                      : op.wait.eShape == COMPLETED ? row.nCompleted
-                                                    : row.nOnce;
-            if (op.Is('M') && row.strWords.starts_with("more ")) {
+            int nMs = op.Polls() ? row.nPolled : op.Has(COMPLETED) ? row.nCompleted : row.nOnce;
+            if (op.Is('M') && row.strWords == "more good") {
                 nMs = op.code == 7 ? 10 : -10; // a listing takes either word
             }
-            const std::uint64_t qwMs = op.AwaitMs() + static_cast<std::uint64_t>(std::abs(nMs));
-            const bool bRefused = op.code == 25 && row.strWords == "zero";
-            nMs > 0 ? run.Expect(qwMs, 0)
-                    : run.ExpectNone(qwMs, bRefused ? DAKERROR_FOLDER_SPACE : DAKERROR_FAIL);
+            const DWORD dwRefused = row.strWords == "zero" ? op.Refused() : DAKERROR_FAIL;
+            const DWORD dwResult = nMs > 0 ? 0 : dwRefused;
+            if (!op.Has(NO_RESPONSE) && !(op.Is('R') && bResult)) {
+                CExchange(op).Expect(op.Taken() + row.strWords,
+                                     op.AwaitMs() + static_cast<std::uint64_t>(std::abs(nMs)),
+                                     dwResult, op.Left(dwResult));
+            }
         }
     }
 }
 
-TEST(Exchange, Acknowledgements) {
-    for (const std::string strAck : {"shortack", "retransmit", "highack", "longack"}) {
-        for (const COperation& op : OPERATIONS) {
-            CExchangeRun run(op, strAck);
-            const bool bGood = strAck == "longack" && op.wait.eShape != NO_RESPONSE;
-            run.TakeCommand(bGood ? strAck : strAck == "longack" ? "retransmit" : strAck + " good");
-            bGood ? run.Play("good") : void();
-            bGood ? run.Expect(op.AwaitMs() + 10, 0)
-                  : run.Expect(op.WrittenMs() + op.AckPauseMs() + 10, DAKERROR_FAIL);
-        }
-    }
+TEST(Exchange, WhatElseEndsIt) {
+    constexpr DWORD FAIL = DAKERROR_FAIL;
+    constexpr DWORD GONE = DAKERROR_NO_DEVICE;
     for (const COperation& op : OPERATIONS) {
-        {
-            CExchangeRun run(op, "silence");
-            run.TakeCommand("");
-            run.Expect(op.WrittenMs() + (op.Is('A') ? 1201 * (op.AckPauseMs() + 1018) : 518),
-                       DAKERROR_FAIL);
+        const std::string strCommand = In(">command", op.WrittenMs()) + " ";
+        const std::uint64_t qwAcked = op.WrittenMs() + op.AckPauseMs() + READ_MS;
+        const std::uint64_t qwSilence = op.Is('A') ? 1201 * (op.AckPauseMs() + 1018) : 518;
+        const DWORD dwGone = op.Is('V') ? GONE : FAIL;
+        const bool bSays = op.code == 17 || op.code == 25;
+        struct CRow {
+            std::string strWords;
+            std::uint64_t qwMs;
+            DWORD dwResult;
+            DWORD dwError;
+        };
+        std::vector<CRow> rows = {
+            {"other", -READ_MS, DAKERROR_BUSY, DAKERROR_BUSY},
+            {"gone", 300, GONE, GONE},
+            {"!LocalAlloc#2", LINK_UP_MS, FAIL, FAIL}, // the request's, behind the node's
+            {"linked hang", op.WrittenMs() + CExchange(op).Size() + 500,
+             op.code == 25 ? GONE : FAIL, bSays ? GONE : FAIL},
+            {strCommand, op.WrittenMs() + qwSilence, FAIL, FAIL},
+            {strCommand + "gone@200", op.WrittenMs() + (op.Is('A') ? 700 : 200), dwGone,
+             op.code == 17 ? GONE : dwGone},
+            {strCommand + "shortack good", qwAcked, FAIL, FAIL},
+            {strCommand + "retransmit good", qwAcked, FAIL, FAIL},
+            {strCommand + "highack good", qwAcked, FAIL, FAIL}};
+        const auto add = [&](const std::string& strWords, std::uint64_t qwMs, DWORD dwResult) {
+            rows.push_back({strWords, op.AwaitMs() + qwMs, dwResult, op.Left(dwResult)});
+        };
+        if (!op.Has(NO_RESPONSE)) {
+            // The last try counts, at its last millisecond, and none behind it. Nothing bounds the
+            // unbounded waits but the device's going.
+            const bool bBound = !op.Has(UNBOUNDED);
+            const std::uint64_t qwLast = (bBound ? op.wait.nTries : 2000) * op.TryMs() - 500;
+            const std::uint64_t qwPause = op.Has(SINGLE) || op.Has(COMPLETED) ? 0 : 500;
+            const std::uint64_t qwGiven = op.WrittenMs() + (op.code == 17 ? READ_MS : 0);
+            const std::uint64_t qwAnswer = op.AwaitMs() - qwGiven + qwLast;
+            add(op.Taken() + In("good", qwAnswer), qwLast, 0);
+            add(op.Taken() + In("good", qwAnswer + 1), qwLast + qwPause + (bBound ? 0 : READ_MS),
+                bBound ? FAIL : 0);
+            bBound ? void() : add(op.Taken() + In("gone", qwAnswer + 600), qwLast + 1100, dwGone);
+            if (op.Polls() || op.Has(FIRST_READ)) { // the others ask nobody
+                // What arrived in the very try in which the device went away still counts.
+                const std::string strGone = std::string("gone?") + (op.code == 17 ? "4 "
+                                                                    : op.Is('A')  ? "2 "
+                                                                                  : "1 ");
+                const std::string strTaken = op.Taken().insert(strCommand.size(), strGone);
+                add(strTaken + "good", READ_MS, 0);
+                add(strTaken + "zero", READ_MS,
+                    op.code == 7 ? 0
+                    : op.Is('V') ? GONE
+                                 : op.Refused());
+            }
+            if (CExchange(op).Size() < 14 + op.wait.fields.size() && op.code != 7) {
+                rows.push_back({"!LocalAlloc#3 " + op.Taken(), op.AwaitMs(), FAIL, FAIL});
+            }
         }
-        {
-            CExchangeRun run(op, "gone");
-            run.TakeCommand("gone@200");
-            run.Expect(op.WrittenMs() + 200 + (op.Is('A') ? 500 : 0), op.Gone(),
-                       op.code == 17 ? DAKERROR_NO_DEVICE : op.Gone());
-        }
-        CExchangeRun run(op, "command not taken");
-        const std::uint64_t qwMs = op.WrittenMs() + Command(op.code, op.payload(run.in)).size();
-        run.device.ExpectHandshake(DAK_CONNECT).DoNotTake().At(qwMs + 500);
-        run.Expect(qwMs + 500, op.code == 25 ? DAKERROR_NO_DEVICE : DAKERROR_FAIL,
-                   op.code == 17 || op.code == 25 ? DAKERROR_NO_DEVICE : DAKERROR_FAIL);
-    }
-}
-
-// The last try counts, at its last millisecond, and none behind it. Nothing bounds the unbounded
-// waits but the device's going.
-TEST(Exchange, BoundOfTries) {
-    for (const COperation& op : OPERATIONS) {
-        if (op.wait.eShape == NO_RESPONSE) {
-            continue;
-        }
-        const bool bBound = op.wait.eShape != UNBOUNDED;
-        const std::uint64_t qwLast =
-            op.AwaitMs() + (bBound ? op.wait.nTries : 2000) * op.TryMs() - 500;
-        for (const std::uint64_t qwLate : {0u, 1u}) {
-            CExchangeRun run(op, "at " + std::to_string(qwLast + qwLate));
-            run.TakeCommand();
-            run.world.At(qwLast + qwLate, [&] { run.Play("good"); });
-            const std::uint64_t qwPause = op.IsOnce() ? 0 : 500;
-            qwLate == 0 ? run.Expect(qwLast, 0)
-            : bBound    ? run.ExpectNone(qwLast + qwPause)
-                        : run.Expect(qwLast + qwPause + 10, 0);
-        }
-        if (!bBound) {
-            CExchangeRun run(op, "silence, then gone");
-            run.TakeCommand();
-            run.Play(In("gone", 3000 * op.TryMs() + 200));
-            run.Expect(op.AwaitMs() + 3000 * op.TryMs() + 200 + 490, op.Gone());
-        }
-    }
-}
-
-// What arrived in the very try in which the device went away still counts.
-TEST(Exchange, DeviceGoneInTheTryOfItsAnswer) {
-    for (const COperation& op : OPERATIONS) {
-        if (!op.Polls() && op.wait.eShape != FIRST_READ) {
-            continue; // asks nobody
-        }
-        const int nEarlier = op.code == DAK_FUNC_WRITE_FILE ? 3 : op.Is('A') ? 1 : 0;
-        for (const std::string strAnswer : {"good", "zero"}) {
-            CExchangeRun run(op, strAnswer);
-            run.TakeCommand("gone?" + std::to_string(nEarlier + 1) + " ack");
-            run.Play(strAnswer);
-            const DWORD dwRefused = op.code == 25 ? DAKERROR_FOLDER_SPACE : op.Gone();
-            strAnswer == "good" || op.code == 7 ? run.Expect(op.AwaitMs() + 10, 0)
-                                                : run.ExpectNone(op.AwaitMs() + 10, dwRefused);
-        }
-    }
-}
-
-TEST(Frame, NoLockNoDeviceNoMemory) {
-    const struct {
-        const char* lpszWords;
-        std::uint64_t qwMs;
-        DWORD dwResult;
-    } rows[] = {{"other", -CLOSING_MS, DAKERROR_BUSY},
-                {"gone", 300, DAKERROR_NO_DEVICE},
-                {"!LocalAlloc#2", LINK_UP_MS, DAKERROR_FAIL}}; // the request's, behind the node's
-    for (const COperation& op : OPERATIONS) {
-        for (const auto& row : rows) {
-            CExchangeRun run(op, row.lpszWords);
-            run.actions["other"] = [&] { run.world.OtherProcessOpensLock("NadoxUSBAPI"); };
-            run.Play(row.lpszWords);
-            run.Expect(row.qwMs, row.dwResult);
-        }
-        CExchangeRun run(op, "no memory for a response that is larger");
-        if (Command(op.code, op.payload(run.in)).size() < 14 + op.wait.fields.size() &&
-            op.code != 7) {
-            run.Play("!LocalAlloc#3");
-            run.TakeCommand();
-            run.Expect(op.AwaitMs(), DAKERROR_FAIL);
+        for (const CRow& row : rows) {
+            CExchange(op, row.strWords).Expect(row.strWords, row.qwMs, row.dwResult, row.dwError);
         }
     }
 }
 
 TEST(Frame, PathsGoOutAsTheyAre) {
+    const std::basic_string<WCHAR> paths[] = {
+        std::basic_string<WCHAR>(7000, DAK_WIDE('x')), DAK_WIDE("/\u00FC\U0001F4C1\xD800"), {}};
     for (const COperation& op : OPERATIONS) {
-        for (const auto& strPath :
-             {std::basic_string<WCHAR>(7000, DAK_WIDE('x')),
-              std::basic_string<WCHAR>(DAK_WIDE("/\u00FC\U0001F4C1\xD800"))}) {
-            CExchangeRun run(op, std::to_string(strPath.size()));
-            run.in.lpszPath = strPath.c_str();
-            if (op.Is('p') || op.code == 25) {
-                run.TakeCommand();
-                run.Play("good");
-                run.Expect(op.AwaitMs() + 10, 0);
+        for (const auto& strPath : paths) {
+            if (op.code == 25 || (op.Is('p') && !strPath.empty())) {
+                CExchange run(op, std::to_string(strPath.size()));
+                run.in.lpszPath = strPath.c_str();
+                run.Expect(op.Taken() + "good", op.AwaitMs() + READ_MS, 0, 0);
             }
         }
     }
 }
 
 TEST(Frame, RefusedArgumentsTouchNothing) {
-    for (const COperation& op : OPERATIONS) {
-        const auto refuses = [&](char chWhat, auto&& spoil) {
-            CExchangeRun run(op, std::string("without ") + chWhat);
-            spoil(run.in);
-            if (op.Is(chWhat)) {
-                EXPECT_EQ(op.call(*run.dak, run.in), DAKERROR_FAIL);
-                EXPECT_EQ(run.dak->GetLastError(), DAKERROR_FAIL);
-                EXPECT_EQ(run.world.CallCount(), 1u) << "the resend buffer";
-                EXPECT_EQ(run.in.hOpened, nullptr);
-            }
-        };
-        for (const WCHAR* lpsz : {static_cast<const WCHAR*>(nullptr), DAK_WIDE("")}) {
-            refuses('p', [&](CArguments& in) { in.lpszPath = lpsz; });
-            refuses('n', [&](CArguments& in) { in.lpszNew = lpsz; });
-        }
-        for (const std::uintptr_t handle : {std::uintptr_t{0}, std::uintptr_t{0xFFFFFFFF},
-                                            UINTPTR_MAX, std::uintptr_t{1} << 32}) {
-            refuses('h', [&](CArguments& in) { in.hFile = reinterpret_cast<void*>(handle); });
-        }
-        refuses('o', [](CArguments& in) { in.bStores = false; });
-    }
     CRun run;
     CDAKVorn& dak = *run.dak;
-    BYTE bytes[4];
-    DWORD dwCount = 5;
-    EXPECT_EQ(dak.DAKBroadCastMessage(0, 1, 2), DAKERROR_FAIL);
-    EXPECT_EQ(dak.DAKKernelIoControl(0, nullptr, 0, bytes, 4, nullptr), DAKERROR_FAIL);
-    EXPECT_EQ(dak.DAKKernelIoControl(1, nullptr, 1, bytes, 4, nullptr), DAKERROR_FAIL);
-    EXPECT_EQ(dak.DAKKernelIoControl(1, nullptr, 0, bytes, 1u << 20, nullptr), DAKERROR_FAIL);
-    EXPECT_EQ(dak.DAKKernelIoControl(1, bytes, 0xFFFFFFFF, bytes, 4, nullptr), DAKERROR_FAIL);
-    std::uint64_t qwSpace = 9;
-    EXPECT_EQ(dak.DAKGetFolderFreeSpace(nullptr, &qwSpace), DAKERROR_FOLDER_SPACE);
-    EXPECT_EQ(dak.GetLastError(), DAKERROR_FOLDER_SPACE);
-    EXPECT_EQ(qwSpace, 0u);
-    // The counts are set once handle and pointer have passed. Nothing asked for is a success.
-    for (const auto& call : {&CDAKVorn::DAKReadFile, &CDAKVorn::DAKWriteFile}) {
-        for (const DWORD dwBytes : {0u, 1u}) {
-            dwCount = 5;
-            EXPECT_EQ((dak.*call)(CArguments().hFile, nullptr, dwBytes, &dwCount),
-                      dwBytes * DAKERROR_FAIL);
-            EXPECT_EQ(dak.GetLastError(), dwBytes * DAKERROR_FAIL);
-            EXPECT_EQ(dwCount, 0u);
+    for (const COperation& op : OPERATIONS) {
+        for (std::uintptr_t handle : {0ull, 0xFFFFFFFFull, ~0ull, 1ull << 32}) {
+            for (const char chNeed : {'p', 'n', 'h', 'o'}) {
+                CArguments in;
+                (chNeed == 'p' ? in.lpszPath : in.lpszNew) = handle == 0 ? nullptr : DAK_WIDE("");
+                in.handle = chNeed == 'h' ? handle : in.handle;
+                in.bStores = chNeed != 'o';
+                EXPECT_TRUE(!op.Is(chNeed) || (op.call(dak, in) == DAKERROR_FAIL &&
+                                               dak.GetLastError() == DAKERROR_FAIL))
+                    << op.code << chNeed << handle;
+            }
         }
     }
+    CArguments in;
+    const auto control = [&](DWORD dwCode, void* lpIn, DWORD dwIn, DWORD dwOut) {
+        return dak.DAKKernelIoControl(dwCode, lpIn, dwIn, in.bytes, dwOut, nullptr);
+    };
+    for (const DWORD dwResult :
+         {dak.DAKBroadCastMessage(0, 1, 2), control(0, nullptr, 0, 4), control(1, nullptr, 1, 4),
+          control(1, nullptr, 0, 1u << 20), control(1, in.bytes, 0xFFFFFFFF, 4)}) {
+        EXPECT_EQ(dwResult, DAKERROR_FAIL);
+    }
+    EXPECT_EQ(dak.DAKGetFolderFreeSpace(nullptr, &in.qwValue), DAKERROR_FOLDER_SPACE);
+    EXPECT_EQ(dak.GetLastError(), DAKERROR_FOLDER_SPACE);
+    EXPECT_EQ(in.qwValue, 0u);
+    // The counts are set once handle and pointer have passed. Nothing asked for is a success.
+    for (const auto& call : {&CDAKVorn::DAKReadFile, &CDAKVorn::DAKWriteFile}) {
+        for (const DWORD dwBytes : {1u, 0u}) {
+            in.dwFirst = 5;
+            EXPECT_EQ((dak.*call)(in.File(), nullptr, dwBytes, &in.dwFirst),
+                      dwBytes * DAKERROR_FAIL);
+            EXPECT_EQ(in.dwFirst, 0u);
+        }
+        EXPECT_EQ(dak.GetLastError(), 0u);
+    }
     EXPECT_EQ(dak.DAKGetDeviceFreeSpace(nullptr, nullptr), 0u);
-    EXPECT_EQ(dak.GetLastError(), 0u);
     EXPECT_EQ(run.world.CallCount(), 1u) << "the resend buffer";
-    EXPECT_EQ(run.world.NowMs(), 0u);
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -69,16 +70,38 @@ struct CRun {
     //     linked     answers the host's first handshake, so that what follows waits for it
     //     !Call      the next such call of the host fails; !Call#2=112 the one behind it, with
     //     error 112 3*word     the word three times
+    //     -12288     the host gets no memory of that many bytes
     // An action's name runs it.
     void Play(const std::string& strWords) {
         std::istringstream words(strWords);
         for (std::string strWord; words >> strWord;) {
-            const auto nStar = strWord.find('*');
-            int nTimes = nStar == std::string::npos ? 1 : std::stoi(strWord);
-            for (; nTimes > 0; --nTimes) {
-                PlayWord(strWord.substr(nStar == std::string::npos ? 0 : nStar + 1));
+            const auto nStar = strWord.find('*'); // npos + 1 is 0
+            for (int i = nStar == std::string::npos ? 1 : std::stoi(strWord); i > 0; --i) {
+                PlayWord(strWord.substr(nStar + 1));
             }
         }
+    }
+
+    // Names the packages of a stream: p1, p2 and so on; s2 is p2 as the host sends it again, in
+    // full, and a2 as it tells of a cancel. Returns the words for all of it, with an
+    // acknowledgement wherever one is due.
+    std::string Stream(std::uint16_t codeFunc, const Bytes& stream, bool bPush, bool bEmptyLast) {
+        const auto all = StreamPackages(codeFunc, stream, bPush ? DAK_PACKAGE : DAK_REPLY_PACKAGE,
+                                        bPush ? DAK_LAST_PACKAGE : DAK_LAST_REPLY, bEmptyLast);
+        std::string strWords;
+        for (std::size_t i = 1; i <= all.size(); ++i) {
+            const std::string strNumber = std::to_string(i);
+            Bytes slot = packages["p" + strNumber] = all[i - 1];
+            slot.resize(DAK_PACKAGE_SIZE);
+            packages["s" + strNumber] = slot;
+            DakPutHeader(slot.data(), DAK_ABORT, 0);
+            packages["a" + strNumber] = slot;
+            strWords += (bPush ? ">p" : "p") + strNumber + " ";
+            if (i == all.size() || i % 50 == (bPush ? 1 : 0)) {
+                strWords += bPush ? "ack " : ">ack ";
+            }
+        }
+        return strWords;
     }
 
     testing::ScopedTrace trace;
@@ -94,40 +117,40 @@ struct CRun {
 
   private:
     void PlayWord(const std::string& strWord) {
-        const auto nMark = strWord.find_first_of("@?#");
-        const bool bNumber = nMark != std::string::npos;
-        const std::string strName = strWord.substr(0, nMark);
-        const std::uint64_t qwNumber = bNumber ? std::stoull(strWord.substr(nMark + 1)) : 0;
-        const auto nError = strWord.find('=');
-        const auto dwError = static_cast<DWORD>(
-            nError == std::string::npos ? 0 : std::stoul(strWord.substr(nError + 1)));
+        char szName[40] = "";
+        char chMark = 0;
+        unsigned long long qwNumber = 0;
+        DWORD dwError = 0;
+        std::sscanf(strWord.c_str(), "%39[^@?#]%c%llu=%u", szName, &chMark, &qwNumber, &dwError);
+        const std::string strName = szName;
         if (actions.contains(strName)) {
             device.Do(actions[strName]);
-        } else if (strName == "hang") {
-            device.DoNotTake();
         } else if (strName == "linked") {
             device.ExpectHandshake(DAK_CONNECT);
+        } else if (strName == "hang") {
+            device.DoNotTake();
         } else if (strName == "gone") {
-            bNumber ? strWord[nMark] == '?' ? device.VanishAtQuestion(qwNumber)
-                                            : device.VanishAfter(qwNumber)
-                    : device.Vanish();
+            chMark == '?'   ? device.VanishAtQuestion(qwNumber)
+            : chMark == '@' ? device.VanishAfter(qwNumber)
+                            : device.Vanish();
         } else if (strName == "cancel") {
             device.Do([this, qwNumber] {
                 qwNumber == 0 ? Cancel() : world.At(world.NowMs() + qwNumber, [&] { Cancel(); });
             });
+        } else if (strName[0] == '-') {
+            device.Do(
+                [this, strName] { world.dwFailAllocationsOf = std::stoul(strName.substr(1)); });
         } else if (strName[0] == '!') {
-            device.Do([this, strName, qwNumber, dwError] {
-                int nCall = 0;
-                while (strName.substr(1) != sim::CallName(static_cast<ECall>(nCall))) {
-                    ++nCall;
-                }
-                world.FailCall(static_cast<ECall>(nCall), std::max<std::uint64_t>(qwNumber, 1),
-                               dwError);
+            int nCall = 0;
+            for (; strName.substr(1) != sim::CallName(static_cast<ECall>(nCall)); ++nCall) {
+            }
+            device.Do([=, this] {
+                world.FailCall(static_cast<ECall>(nCall), std::max(qwNumber, 1ull), dwError);
             });
         } else if (strName[0] == '>') {
             strName == ">" ? device.ExpectThat([](const Bytes&) {})
                            : device.Expect(packages.at(strName.substr(1)));
-            bNumber ? device.At(qwNumber) : device;
+            chMark == '@' ? device.At(qwNumber) : device;
         } else {
             device.ReplyAfter(qwNumber, packages.at(strName));
         }

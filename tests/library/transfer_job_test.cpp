@@ -4,9 +4,17 @@
 
 namespace {
 
+// A push of an empty list: request and acknowledgement, final package and verdict, the reply's two
+// reads; and its message behind the drain.
+constexpr std::uint64_t PUSHED_MS =
+    LINK_UP_MS + READ_MS + RETRY_BASE_MS + READ_MS + RETRY_BASE_MS + 2 * READ_MS;
+constexpr std::uint64_t MESSAGE_MS = PUSHED_MS + DRAIN_MS;
+
 struct CPush : CTransfer {
     explicit CPush(const std::string& strName = {}) : CTransfer(DAK_TO_DEVICE, strName) {
         world.bTrace = false;
+        packages["zero"] = Response(8, 0);
+        actions["other"] = [&] { world.OtherProcessOpensLock("NadoxUSBAPI"); };
     }
     // What GetCopyStatus stores; nothing where there is no job.
     std::string Status() {
@@ -16,8 +24,9 @@ struct CPush : CTransfer {
         DWORD dwCopied = 6;
         int nPercent = 7;
         dak->GetCopyStatus(szSource, szDest, dwTotal, dwCopied, nPercent);
-        return std::string(szSource) + " " + szDest + " " + std::to_string(dwTotal) + " " +
-               std::to_string(dwCopied) + " " + std::to_string(nPercent);
+        return (testing::Message() << szSource << ' ' << szDest << ' ' << dwTotal << ' ' << dwCopied
+                                   << ' ' << nPercent)
+            .GetString();
     }
     void StartEmpty() {
         PlayWhole(U32(0));
@@ -50,9 +59,9 @@ TEST(TransferJob, RefusedArgumentsTouchNothing) {
         EXPECT_EQ(run.dak->IsTransmitting(), FALSE);
     }
     EXPECT_EQ(run.world.CallCount(ECall::CreateMutexA), 0u);
-    EXPECT_EQ(run.world.NowMs(), 0u);
     for (const WCHAR* lpFolder : {strLong.c_str() + 1, DAK_WIDE("")}) {
         run.packages["request"] = Command(8, Bytes{1}, Text(lpFolder), Text(lpFolder));
+        run.world.posted.clear();
         run.Play(">request abort");
         EXPECT_EQ(run.Start(lpFolder, lpFolder), DAKERROR_NONE);
         run.ExpectEnd(DAKERROR_FAIL);
@@ -60,51 +69,54 @@ TEST(TransferJob, RefusedArgumentsTouchNothing) {
 }
 
 TEST(TransferJob, ALongDebugLogIsDeletedAheadOfEverythingElse) {
-    const std::pair<std::uint64_t, bool> rows[] = {
-        {5'242'880, true}, {5'242'881, false}, {(1ull << 32) + 7, true}};
-    for (const auto& [qwSize, bStays] : rows) {
+    for (const std::uint64_t qwSize : {5'242'880ull, 5'242'881ull, (1ull << 32) + 7}) {
         CPush run(std::to_string(qwSize));
         run.world.WriteHostFile("C:/DAKDebug.txt", {});
         run.world.HostFile("C:/DAKDebug.txt")->qwReportedSize = qwSize;
         run.Start(DAK_WIDE("a"), nullptr);
-        EXPECT_EQ(run.world.HostFileExists("C:/DAKDebug.txt"), bStays);
+        EXPECT_EQ(run.world.HostFileExists("C:/DAKDebug.txt"), qwSize != 5'242'881);
     }
 }
 
 TEST(TransferJob, OneThatCannotStartLeavesNothingOpen) {
-    const std::pair<std::string, DWORD> rows[] = {
-        {"other", DAKERROR_BUSY},
-        {"gone", DAKERROR_NO_DEVICE},
-        {"!LocalAlloc#2", DAKERROR_FAIL}, // behind the node's: the two records of the job
-        {"!LocalAlloc#3", DAKERROR_FAIL},
-        {"!CreateThread#3", DAKERROR_FAIL}}; // behind the two of the handshake
+    const std::pair<std::string, DWORD> rows[] = {{"other", DAKERROR_BUSY},
+                                                  {"gone", DAKERROR_NO_DEVICE},
+                                                  {"!LocalAlloc#2", DAKERROR_FAIL},
+                                                  {"!LocalAlloc#3", DAKERROR_FAIL},
+                                                  {"!CreateThread#3", DAKERROR_FAIL}};
     for (const auto& [strWords, dwResult] : rows) {
         CPush run(strWords);
-        run.actions["other"] = [&] { run.world.OtherProcessOpensLock("NadoxUSBAPI"); };
         run.Play(strWords);
         EXPECT_EQ(run.Start(), dwResult);
         EXPECT_EQ(run.dak->GetLastError(), dwResult);
         EXPECT_EQ(run.dak->IsTransmitting(), FALSE);
         EXPECT_EQ(run.device.OpenNow(), 0);
-        EXPECT_TRUE(run.world.posted.empty());
         run.world.OtherProcessClosesLock("NadoxUSBAPI");
         run.world.Plug(run.device);
-        run.PlayWhole(U32(0));
-        run.Run(DAKERROR_NONE);
+        run.StartEmpty();
+        run.ExpectEnd(DAKERROR_NONE);
     }
 }
 
+// The message comes once, ahead of the closing; who answers it with a job or an operation waits for
+// that.
 TEST(TransferJob, TheMessageComesOnceAheadOfTheClosing) {
-    CPush run;
-    run.StartEmpty();
-    EXPECT_EQ(run.world.NowMs(), LINK_UP_MS);
-    EXPECT_EQ(run.dak->GetLastError(), DAKERROR_FAIL); // until the worker's first step
-    EXPECT_EQ(run.dak->IsTransmitting(), TRUE);
-    run.ExpectEnd(DAKERROR_NONE, MESSAGE_MS);
-    EXPECT_EQ(run.device.Handshakes()[1].qwMs, MESSAGE_MS);
-    EXPECT_EQ(run.world.NowMs(), MESSAGE_MS + READ_MS);
-    EXPECT_EQ(CDAKVorn::Commit_Thread(nullptr), static_cast<DWORD>(-1));
+    for (const bool bJob : {true, false}) {
+        CPush run(bJob ? "a job" : "an operation");
+        run.StartEmpty();
+        EXPECT_EQ(run.world.NowMs(), LINK_UP_MS);
+        EXPECT_EQ(run.dak->IsTransmitting(), TRUE);
+        platform::WINDOWMESSAGE message{};
+        EXPECT_TRUE(platform::WaitWindowMessage(run.window, INFINITE, &message));
+        EXPECT_EQ(run.world.NowMs(), MESSAGE_MS);
+        bJob ? run.StartEmpty() : static_cast<void>(run.dak->ConnectDevice());
+        run.AwaitEnd();
+        EXPECT_EQ(run.world.posted.size(), bJob ? 2u : 1u);
+        EXPECT_EQ(run.device.Handshakes()[1].qwMs, MESSAGE_MS);
+        EXPECT_EQ(run.device.Handshakes()[2].qwMs, MESSAGE_MS + READ_MS);
+    }
     _tagCommitParam param{DAK_COPY_FILES, nullptr, nullptr, 0};
+    EXPECT_EQ(CDAKVorn::Commit_Thread(nullptr), static_cast<DWORD>(-1));
     EXPECT_EQ(CDAKVorn::Commit_Thread(&param), static_cast<DWORD>(-1));
 }
 
@@ -118,12 +130,11 @@ TEST(TransferJob, WithoutAWindowTheStateStaysUntilItIsEnded) {
     EXPECT_EQ(run.device.OpenNow(), 0);
     EXPECT_EQ(run.Status(), "C:\\s\\a.txt \\d\\a.txt 3 3 100");
     run.dak->TerminateTransfer();
-    EXPECT_EQ(run.dak->IsTransmitting(), FALSE);
     EXPECT_EQ(run.dak->GetLastError(), DAKERROR_NONE);
-    EXPECT_EQ(Access::m_dwSizeTotal(*run.dak), 0u);
+    EXPECT_EQ(run.Status(), "  5 6 7");
     Access::m_bCopying(*run.dak) = 1;
     EXPECT_EQ(run.Status(), "  0 0 0");
-    Access::m_bCopying(*run.dak) = 0;
+    run.Cancel();
     // A window that is no longer alive is as good as any.
     run.window = window;
     platform::DestroyMessageWindow(window);
@@ -131,7 +142,6 @@ TEST(TransferJob, WithoutAWindowTheStateStaysUntilItIsEnded) {
     EXPECT_EQ(run.Start(), DAKERROR_NONE);
     run.AwaitEnd();
     EXPECT_EQ(run.dak->IsTransmitting(), FALSE);
-    EXPECT_TRUE(run.world.posted.empty());
 }
 
 TEST(TransferJob, CopyStatusShowsTheCurrentFile) {
@@ -140,30 +150,27 @@ TEST(TransferJob, CopyStatusShowsTheCurrentFile) {
         std::uint64_t qwCopied;
         const char* lpszStatus;
     } rows[] = {{100, 29, "  100 29 28"},
-                {0, 0, "  0 0 0"},
                 {100, 101, "  100 101 0"},
-                {100, 100, "  100 100 100"},
                 {0xFFFFFFFF, 0xC0000000, "  4294967295 3221225472 75"},
                 {0xA00000005, 0xB00000001, "  5 1 20"}};
     CPush run;
-    EXPECT_EQ(run.Status(), "  5 6 7") << "idle";
     for (const auto& row : rows) {
         Access::m_bCopying(*run.dak) = 1;
         Access::m_dwSizeTotal(*run.dak) = row.qwTotal;
         Access::m_dwSizeCopied(*run.dak) = row.qwCopied;
         EXPECT_EQ(run.Status(), row.lpszStatus);
     }
-    Access::m_bCopying(*run.dak) = 0;
+    run.Cancel();
     // Bytes count once their package has gone out whole, the verdict on it included.
-    const Bytes contents = Pattern(20'000);
-    run.AddFile("C:\\s\\b\\a.bin", contents);
-    run.Stream(Join(U32(1), FileRecord(DAK_WIDE("b\\a.bin"), contents)));
+    run.AddFile("C:\\s\\b\\a.bin", Pattern(20'000));
+    run.Stream(Join(U32(1), FileRecord(DAK_WIDE("b\\a.bin"), Pattern(20'000))));
     run.Play(">request ack >p1 ack@400 >p2 ack done");
     EXPECT_EQ(run.Start(), DAKERROR_NONE);
-    run.SleepUntil(600);
-    EXPECT_EQ(run.Status(), "C:\\s\\b\\a.bin \\d\\b\\a.bin 20000 0 0");
-    run.SleepUntil(900);
-    EXPECT_EQ(run.Status(), "C:\\s\\b\\a.bin \\d\\b\\a.bin 20000 20000 100");
+    for (const auto& [qwMs, strNumbers] :
+         {std::pair(600u, "20000 0 0"), {900u, "20000 20000 100"}}) {
+        run.SleepUntil(qwMs);
+        EXPECT_EQ(run.Status(), std::string("C:\\s\\b\\a.bin \\d\\b\\a.bin ") + strNumbers);
+    }
     run.ExpectEnd(DAKERROR_NONE);
 }
 
@@ -177,34 +184,22 @@ TEST(TransferJob, TerminatingAnIdleObjectChangesNothing) {
     EXPECT_EQ(run.dak->GetLastError(), 77u);
     EXPECT_EQ(Access::m_dwSizeTotal(*run.dak), 5u);
     EXPECT_TRUE(run.world.HostFileExists("C:/s/part"));
-    EXPECT_EQ(run.world.NowMs(), 0u);
 }
 
 // During the drain, when the exchange is over and only the caller's wait decides: it lasts two
 // seconds, to the worker's closing.
 TEST(TransferJob, TerminatingWaitsTwoSecondsForTheWorker) {
-    for (const bool bInTime : {true, false}) {
-        CPush run(bInTime ? "in time" : "too late");
+    for (const std::uint64_t qwEarly : {0u, 1u}) {
+        const std::uint64_t qwMessage = MESSAGE_MS - qwEarly * READ_MS;
+        CPush run(std::to_string(qwEarly));
         run.StartEmpty();
-        run.SleepUntil(MESSAGE_MS + READ_MS - (bInTime ? 1999 : 2001));
+        run.SleepUntil(qwMessage + READ_MS - 1999 - 2 * qwEarly);
         run.dak->TerminateTransfer();
-        EXPECT_EQ(run.world.NowMs(), MESSAGE_MS + READ_MS - (bInTime ? 0 : 1));
+        EXPECT_EQ(run.world.NowMs(), qwMessage + READ_MS - qwEarly);
         EXPECT_EQ(run.dak->IsTransmitting(), FALSE);
-        // Behind the message, which came in between, the cancel is too late for the link.
-        run.AwaitEnd();
-        EXPECT_EQ(run.dak->GetLastError(), bInTime ? DAKERROR_NONE : DAKERROR_CANCELLED);
-        EXPECT_EQ(run.device.Handshakes().size(), 2u);
-        EXPECT_EQ(run.world.posted.size(), 1u);
+        run.ExpectEnd(qwEarly == 0 ? DAKERROR_NONE : DAKERROR_CANCELLED, MESSAGE_MS);
+        EXPECT_EQ(run.device.Handshakes().size(), 2 - qwEarly);
     }
-    CPush run;
-    run.StartEmpty();
-    run.SleepUntil(MESSAGE_MS - 2001);
-    run.dak->TerminateTransfer();
-    EXPECT_EQ(run.world.NowMs(), MESSAGE_MS - 1);
-    EXPECT_EQ(run.dak->GetLastError(), DAKERROR_CANCELLED);
-    EXPECT_TRUE(run.world.posted.empty());
-    run.ExpectEnd(DAKERROR_CANCELLED, MESSAGE_MS);
-    EXPECT_EQ(run.device.Handshakes().size(), 1u);
 }
 
 // The read-ahead buffer belongs to a worker that reads from it, also when the caller has given up.
@@ -216,38 +211,19 @@ TEST(TransferJob, TerminatingLeavesTheBufferToAWorkerThatReads) {
         };
         run.AddFile("C:\\s\\a.bin", Pattern(20'000));
         run.Stream(Join(U32(1), FileRecord(DAK_WIDE("a.bin"), Pattern(20'000))));
-        DakPutHeader(run.packages["p1"].data(), DAK_ABORT, 0);
         run.world.onFileRead = [](sim::CFileRead&) { platform::Sleep(5000); };
-        run.Play(">request ack >p1");
+        run.Play(">request ack >a1");
         EXPECT_EQ(run.Start(), DAKERROR_NONE);
         run.SleepUntil(1000);
-        EXPECT_EQ(buffers(), 2);
-        if (bDestroy) {
-            run.dak.reset();
-            EXPECT_GT(run.world.NowMs(), 3000u);
-            EXPECT_EQ(run.world.LiveThreads(), 0);
-            EXPECT_EQ(run.world.posted.size(), 1u);
-        } else {
-            run.dak->TerminateTransfer();
+        bDestroy ? run.dak.reset() : run.dak->TerminateTransfer();
+        EXPECT_EQ(run.world.LiveThreads() == 0, bDestroy);
+        EXPECT_EQ(buffers(), bDestroy ? 0 : 2);
+        EXPECT_EQ(run.world.posted.size(), bDestroy ? 1u : 0u);
+        if (!bDestroy) {
             EXPECT_EQ(run.world.NowMs(), 3000u);
-            EXPECT_EQ(run.dak->GetLastError(), DAKERROR_CANCELLED);
-            EXPECT_EQ(buffers(), 2);
             run.ExpectEnd(DAKERROR_CANCELLED);
             EXPECT_EQ(buffers(), 0);
         }
-    }
-}
-
-TEST(TransferJob, AnOperationThatAnswersTheMessageWaitsForTheClosing) {
-    for (const bool bJob : {true, false}) {
-        CPush run(bJob ? "a job" : "an operation");
-        run.StartEmpty();
-        platform::WINDOWMESSAGE message{};
-        EXPECT_TRUE(platform::WaitWindowMessage(run.window, INFINITE, &message));
-        EXPECT_EQ(run.world.NowMs(), MESSAGE_MS);
-        bJob ? run.StartEmpty() : static_cast<void>(run.dak->ConnectDevice());
-        run.AwaitEnd();
-        EXPECT_EQ(run.device.Handshakes()[2].qwMs, MESSAGE_MS + READ_MS);
     }
 }
 
@@ -264,7 +240,6 @@ TEST(TransferJob, ObjectsShareTheLinkAndNothingElse) {
         EXPECT_EQ(pDak->GetLastError(), dwErrCode);
     }
     EXPECT_EQ(run.world.CallCount(), qwCalls);
-    EXPECT_EQ(run.world.NowMs(), LINK_UP_MS);
     other.TerminateTransfer();
     EXPECT_EQ(run.dak->IsTransmitting(), TRUE);
     { const CDAKVorn third(other); }
@@ -285,23 +260,20 @@ TEST(TransferJob, OfTwoJobsThatWaitTheSecondIsRefused) {
                       DAKERROR_BUSY);
             EXPECT_EQ(run.world.NowMs(), 2 * LINK_UP_MS + READ_MS);
         })};
-    for (const HANDLE hThread : threads) {
-        run.world.Join(hThread);
-    }
+    std::ranges::for_each(threads, [&](HANDLE hThread) { run.world.Join(hThread); });
     run.ExpectEnd(DAKERROR_NONE, LINK_UP_MS + READ_MS + MESSAGE_MS);
 }
 
 TEST(TransferJob, TheDrainEndsWithAFailedReadAndNotBeforeTheFourth) {
     const std::pair<std::size_t, std::uint64_t> rows[] = {
         // bytes behind the reply, and the time it takes
-        {0, DRAIN_MS},
         {8, READ_MS + 3 * FAILED_READ_MS + 2 * 300},
         {20, 3 * READ_MS + FAILED_READ_MS},
         {800, 100 * READ_MS + FAILED_READ_MS}};
     for (const auto& [dwBytes, qwMs] : rows) {
         CPush run(std::to_string(dwBytes));
         run.PlayWhole(U32(0));
-        dwBytes != 0 ? run.device.Reply(Bytes(dwBytes)) : run.device;
+        run.device.Reply(Bytes(dwBytes));
         run.Run(DAKERROR_NONE, PUSHED_MS + qwMs);
     }
 }
@@ -312,35 +284,25 @@ TEST(TransferJob, TheLinkOfACancelledJobIsTakenOver) {
     for (const std::string strBy : {"operation", "object", "end"}) {
         CPush run(strBy);
         run.Stream(U32(0));
-        run.packages["zero"] = Response(8, 0);
         run.Play(">request ack >p1 ack@600 zero");
         EXPECT_EQ(run.Start(), DAKERROR_NONE);
         run.SleepUntil(LINK_UP_MS + 200);
         run.dak->TerminateTransfer();
         run.ExpectEnd(DAKERROR_CANCELLED);
-        EXPECT_TRUE(IsHandleOpen(Access::m_hDevice(*run.dak)));
         EXPECT_TRUE(IsHandleOpen(g_hDeviceMutex));
         const std::uint64_t qwBegin = run.world.NowMs();
         if (strBy == "object") {
             CDAKVorn other;
-            EXPECT_FALSE(IsHandleOpen(g_hDeviceMutex));
             EXPECT_EQ(other.ConnectDevice(), DAKERROR_NONE);
             EXPECT_EQ(run.device.OpenNow(), 1) << "the first object's";
         }
         strBy == "end" ? run.dak.reset() : static_cast<void>(run.dak->ConnectDevice());
         EXPECT_EQ(run.device.OpenNow(), 0);
-        std::vector<std::uint32_t> words;
-        for (const auto& handshake : run.device.Handshakes()) {
-            words.push_back(DakGetU32(handshake.bytes.data()));
-        }
-        if (strBy == "operation") {
-            EXPECT_EQ(run.world.NowMs(), qwBegin + READ_MS + LINK_UP_MS + READ_MS);
-            EXPECT_EQ(run.device.Opens(), 1) << "the node stayed open";
-        }
-        if (strBy != "object") {
-            words.resize(2);
-            EXPECT_EQ(words, (std::vector{DAK_CONNECT, DAK_DISCONNECT}));
-        }
+        const auto& second = run.device.Handshakes()[1];
+        EXPECT_EQ(DakGetU32(second.bytes.data()), strBy == "object" ? DAK_CONNECT : DAK_DISCONNECT);
+        EXPECT_EQ(run.device.Opens(), strBy == "object" ? 2 : 1) << "the node stays open";
+        EXPECT_EQ(run.world.NowMs() - qwBegin, strBy == "operation" ? READ_MS + LINK_UP_MS + READ_MS
+                                                                    : run.world.NowMs() - qwBegin);
     }
 }
 
