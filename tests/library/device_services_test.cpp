@@ -62,23 +62,17 @@ TEST_F(Values, OfProcessesAndMessages) {
               nResult == 1 ? 0 : DAKERROR_FAIL);
         EXPECT_EQ(std::exchange(dwValue, 7), 0x80000003);
     }
-    const struct {
-        std::uint16_t code;
-        int nMessage;
-        DWORD dwResult;
-        DWORD dwMessage;
-    } rows[] = {{19, 0xC001, 0, 0xC001},
-                {21, 0xC001, 0, 0xC001},
-                {22, 0xC001, DAKERROR_FAIL, 0},
-                {19, 0, DAKERROR_FAIL, 0}};
-    for (const auto& row : rows) {
-        Answer(Response(row.code, row.nMessage));
-        Check(dak->DAKRegisterWindowMessage(DAK_WIDE("name"), &dwValue), row.dwResult);
-        EXPECT_EQ(dwValue, row.dwMessage);
+    for (const auto code : std::initializer_list<std::uint16_t>{19, 21, 22}) {
+        for (const int nMessage : {0xC001, 0}) {
+            const bool bGood = code != 22 && nMessage != 0;
+            Answer(Response(code, nMessage));
+            Check(dak->DAKRegisterWindowMessage(DAK_WIDE("name"), &dwValue),
+                  bGood ? 0 : DAKERROR_FAIL);
+            EXPECT_EQ(std::exchange(dwValue, 7), bGood ? 0xC001u : 0u);
+        }
     }
     Answer(Response(19, 1));
     Check(dak->DAKBroadCastMessage(1, 2, 3), DAKERROR_FAIL);
-    dwValue = 7;
     world.Unplug();
     Check(dak->DAKRegisterWindowMessage(DAK_WIDE("name"), &dwValue), DAKERROR_NO_DEVICE);
     EXPECT_EQ(dwValue, 0u);
@@ -88,26 +82,21 @@ TEST_F(Values, OfKernelIoControls) {
     const struct {
         int nResult;
         DWORD dwReported;
-        Bytes output;
+        std::string strOutput;
         DWORD dwExpected;
         std::string strOut;
     } rows[] = {
-        {1, 3, {'x', 'y', 'z'}, 0, "xyz4"},
-        {1, 4, {'w', 'x', 'y', 'z'}, 0, "wxyz"},
-        {1, 0, {}, 0, "1234"},
-        {0, 1, {'x'}, DAKERROR_FAIL, "x234"},
-        {1, 3, {'x'}, 0, "x234"},          // short
-        {1, 3, {}, 0, "1234"},             // missing
-        {1, 5, {}, DAKERROR_FAIL, "1234"}, // more than there is room for
-    };
+        {1, 3, "xyz", 0, "xyz4"},           {1, 4, "wxyz", 0, "wxyz"}, {1, 0, "", 0, "1234"},
+        {0, 1, "x", DAKERROR_FAIL, "x234"}, {1, 3, "x", 0, "x234"},    {1, 3, "", 0, "1234"},
+        {1, 5, "", DAKERROR_FAIL, "1234"}};
+    char szIn[] = "in";
     for (const auto& row : rows) {
-        char szIn[] = "in";
         char szOut[] = "1234";
         dwValue = 77;
-        device.ExpectCommand(13, U32(5), U32(2), Bytes{'i', 'n'}, U32(4),
-                             Bytes{'1', '2', '3', '4'});
+        device.ExpectCommand(13, U32(5), U32(2), Bytes{'i', 'n'}, U32(4), Bytes(szOut, szOut + 4));
         device.Reply(Ack()).Reply(Response(13, row.nResult, U32(row.dwReported)));
-        row.output.empty() ? device : device.Reply(row.output);
+        row.strOutput.empty() ? device
+                              : device.Reply(Bytes(row.strOutput.begin(), row.strOutput.end()));
         Check(dak->DAKKernelIoControl(5, szIn, 2, szOut, 4, &dwValue), row.dwExpected);
         EXPECT_EQ(szOut, row.strOut);
         EXPECT_EQ(dwValue, row.dwReported > 4 ? 77 : row.dwReported);
@@ -115,47 +104,45 @@ TEST_F(Values, OfKernelIoControls) {
     // Without a place for output the device takes the command and nobody asks for more.
     for (const DWORD dwOut : {0u, 2u}) {
         const std::uint64_t qwStart = world.NowMs();
-        char szOut[] = "1234";
         device.ExpectCommand(13, U32(5), U32(0), U32(dwOut), Bytes(dwOut)).Reply(Ack());
-        Check(dak->DAKKernelIoControl(5, nullptr, 0, dwOut == 0 ? szOut : nullptr, dwOut, nullptr),
+        Check(dak->DAKKernelIoControl(5, nullptr, 0, dwOut == 0 ? szIn : nullptr, dwOut, nullptr),
               DAKERROR_FAIL);
         EXPECT_EQ(world.NowMs() - qwStart, 330u);
     }
 }
 
+// What the device says is stored whatever the result.
 TEST_F(Values, OfFreeSpace) {
     const Bytes space = U64(0x0000000900000005);
     DWORD dwSecond = 77;
     std::uint64_t qwSpace = 77;
-    // What the device says is stored whatever the result.
     Answer(Response(6, 0, space));
     Check(dak->DAKGetDeviceFreeSpace(&dwValue, nullptr), DAKERROR_FAIL);
     Answer(Response(6, 1, space));
     Check(dak->DAKGetDeviceFreeSpace(nullptr, &dwSecond), 0);
-    EXPECT_EQ(dwValue, 5u);
-    EXPECT_EQ(dwSecond, 9u);
+    EXPECT_TRUE(dwValue == 5 && dwSecond == 9);
     Answer(Response(25, 0, space));
     Check(dak->DAKGetFolderFreeSpace(DAK_WIDE("\\"), &qwSpace), DAKERROR_FOLDER_SPACE);
     EXPECT_EQ(qwSpace, 0x0000000900000005u);
-    // An empty path goes out as it is.
-    device.ExpectCommand(25, Bytes(2)).Reply(Ack()).Reply(Response(25, 1, space));
+    Answer(Response(25, 1, space));
     Check(dak->DAKGetFolderFreeSpace(DAK_WIDE(""), nullptr), 0);
     // The words stay as they were where no response came, the value is cleared.
-    device.ExpectThat([](const Bytes&) {}).VanishAfter(100);
+    Play("> gone@100");
     Check(dak->DAKGetDeviceFreeSpace(&dwValue, &dwSecond), DAKERROR_FAIL);
-    EXPECT_EQ(dwValue + dwSecond, 14u);
+    EXPECT_TRUE(dwValue == 5 && dwSecond == 9);
     Check(dak->DAKGetFolderFreeSpace(DAK_WIDE("\\"), &qwSpace), DAKERROR_NO_DEVICE);
     EXPECT_EQ(qwSpace, 0u);
 }
 
 TEST_F(Values, OfStorages) {
-    const auto record = [](std::basic_string_view<WCHAR> name, DWORD dwFirst) {
-        Bytes bytes = Text(name);
-        bytes.resize(104, 0xCC); // behind the name the device's memory shows
-        return Join(bytes, U32(dwFirst), U32(dwFirst + 1), U32(dwFirst + 2), U32(99));
+    const std::basic_string<WCHAR> names[] = {DAK_WIDE("Root"),
+                                              std::basic_string<WCHAR>(51, DAK_WIDE('y'))};
+    const auto record = [&](int nIndex) {
+        Bytes name = nIndex == 0 ? Text(names[0]) : Text(names[1] + DAK_WIDE("z")); // unended
+        name.resize(104, 0xCC); // behind the name the device's memory shows
+        return Join(name, Pattern(16, static_cast<DWORD>(nIndex)));
     };
-    const std::basic_string<WCHAR> longest(51, DAK_WIDE('y')); // of the second, unended here
-    const Bytes two = Join(record(DAK_WIDE("Root"), 10), record(longest + DAK_WIDE("zz"), 20));
+    const Bytes two = Join(record(0), record(1));
     const Bytes torn(two.begin(), two.begin() + 239);
     const struct {
         int nResult;
@@ -163,11 +150,9 @@ TEST_F(Values, OfStorages) {
         Bytes records;
         int nLengthMore; // announced beyond what comes
         int nAdded;
-    } rows[] = {{1, 2, two, 0, 2},     {0, 2, two, 0, 2}, // refused
-                {5, 2, {}, 0, 0},      {1, 1, two, 0, 1},  {1, 3, two, 0, 2},  {1, -1, two, 0, 0},
-                {1, 2, torn, 0, 1},    {1, 2, torn, 1, 1}, {1, 2, {}, 240, 0}, // nothing to read
-                {1, 2, {}, -1, 0},                                             // less than the head
-                {1, 2, {}, 1 << 20, 0}};                                       // out of all reason
+    } rows[] = {{1, 2, two, 0, 2},  {0, 2, two, 0, 2},  {5, 2, {}, 0, 0},      {1, 1, two, 0, 1},
+                {1, 3, two, 0, 2},  {1, -1, two, 0, 0}, {1, 2, torn, 0, 1},    {1, 2, torn, 1, 1},
+                {1, 2, {}, 240, 0}, {1, 2, {}, -1, 0},  {1, 2, {}, 1 << 20, 0}};
     for (const auto& row : rows) {
         Bytes reply = Response(23, row.nResult, U32(static_cast<DWORD>(row.nCount)), row.records);
         DakPutU32(reply.data() + DAK_OFFSET_LENGTH,
@@ -180,18 +165,15 @@ TEST_F(Values, OfStorages) {
               row.nResult == 0 || row.nLengthMore == 1 << 20 ? DAKERROR_FAIL : 0);
         const std::uint64_t qwRead = row.nLengthMore == 240 ? 750 : row.records.empty() ? 0 : 10;
         EXPECT_EQ(world.NowMs() - qwStart, 340 + qwRead);
-        EXPECT_EQ(list.GetSize(), row.nAdded + 1) << "behind what was there";
-        for (int i = 1; i < list.GetSize(); ++i) {
+        ASSERT_EQ(list.GetSize(), row.nAdded + 1) << "behind what was there";
+        for (int i = 0; i < row.nAdded; ++i) {
             _tagStorageInfo expected{};
-            (i == 1 ? DAK_WIDE("Root") : longest).copy(expected.szStorageName, 51);
-            expected.dwValue1 = i == 1 ? 10 : 20;
-            expected.dwValue2 = expected.dwValue1 + 1;
-            expected.dwValue3 = expected.dwValue1 + 2;
-            EXPECT_EQ(std::memcmp(&list[i], &expected, sizeof(expected)), 0);
+            names[i].copy(expected.szStorageName, 51);
+            std::memcpy(&expected.dwValue1, record(i).data() + 104, 12);
+            EXPECT_EQ(std::memcmp(&list[i + 1], &expected, sizeof(expected)), 0);
         }
         dak->ClearStorageList(&list);
         EXPECT_EQ(list.GetData(), nullptr);
-        EXPECT_EQ(list.GetSize(), 0);
     }
 }
 

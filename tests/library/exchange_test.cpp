@@ -6,8 +6,8 @@ namespace {
 
 // What an operation is called with, and what it may store into.
 struct CArguments {
-    const WCHAR* lpszPath = DAK_WIDE("\\a");
-    const WCHAR* lpszNew = DAK_WIDE("\\bc");
+    const WCHAR* lpPath = DAK_WIDE("\\a");
+    const WCHAR* lpNew = DAK_WIDE("\\bc");
     std::uintptr_t handle = 0x11223344;
     bool bStores = true;
     BYTE bytes[4] = {1, 2, 3, 4};
@@ -71,30 +71,29 @@ struct COperation {
 #define CALL(...)                                                                                  \
     [](CDAKVorn& dak, [[maybe_unused]] CArguments& in) -> DWORD { return dak.__VA_ARGS__; }
 #define SENDS(...) []([[maybe_unused]] const CArguments& in) { return Join(__VA_ARGS__); }
-#define PATH Text(in.lpszPath)
+#define PATH Text(in.lpPath)
 #define FILE_WORD U32(static_cast<DWORD>(in.handle))
 // NOLINTEND(cppcoreguidelines-macro-usage)
 
 const COperation OPERATIONS[] = {
-    COperation(1, CALL(DAKMoveFile(in.lpszPath, in.lpszNew)), SENDS(PATH, Text(in.lpszNew)),
+    COperation(1, CALL(DAKMoveFile(in.lpPath, in.lpNew)), SENDS(PATH, Text(in.lpNew)),
                {POLLED, 121}, "pnM"),
-    COperation(2, CALL(DAKDeleteFile(in.lpszPath)), SENDS(PATH), {UNBOUNDED}, "pV"),
+    COperation(2, CALL(DAKDeleteFile(in.lpPath)), SENDS(PATH), {UNBOUNDED}, "pV"),
     COperation(6, CALL(DAKGetDeviceFreeSpace(&in.dwFirst, &in.dwSecond)), SENDS(),
                {POLLED, 1201, U64(5)}, ""),
-    COperation(7, CALL(DAKGetFolderContent(in.lpszPath, &in.files)), SENDS(PATH),
+    COperation(7, CALL(DAKGetFolderContent(in.lpPath, &in.files)), SENDS(PATH),
                {POLLED, 121, U32(0)}, "pAMR"),
-    COperation(10, CALL(DAKCreateDirectory(in.lpszPath, nullptr)), SENDS(PATH), {POLLED, 1201},
-               "p"),
-    COperation(12, CALL(DAKCreateProcess(in.lpszPath, in.lpszNew, &in.dwFirst)),
-               SENDS(PATH, Text(in.lpszNew), U32(1)), {UNBOUNDED, 1, U32(0)}, "pV"),
-    COperation(12, CALL(DAKCreateProcess(in.lpszPath, nullptr, nullptr)),
+    COperation(10, CALL(DAKCreateDirectory(in.lpPath, nullptr)), SENDS(PATH), {POLLED, 1201}, "p"),
+    COperation(12, CALL(DAKCreateProcess(in.lpPath, in.lpNew, &in.dwFirst)),
+               SENDS(PATH, Text(in.lpNew), U32(1)), {UNBOUNDED, 1, U32(0)}, "pV"),
+    COperation(12, CALL(DAKCreateProcess(in.lpPath, nullptr, nullptr)),
                SENDS(PATH, Bytes(2), U32(0)), {SINGLE, 1, U32(0)}, "pV"),
     COperation(13, CALL(DAKKernelIoControl(7, in.bytes, 1, in.bytes, 4, nullptr)),
                SENDS(U32(7), U32(1), Bytes{1}, U32(4), Bytes{1, 2, 3, 4}), {POLLED, 1201, U32(0)},
                ""),
-    COperation(14, CALL(DAKGetFileInfo(in.lpszPath, &in.info)), SENDS(PATH),
+    COperation(14, CALL(DAKGetFileInfo(in.lpPath, &in.info)), SENDS(PATH),
                {SINGLE, 1, Bytes(1236, 1)}, "p"),
-    COperation(15, CALL(DAKCreateFile(in.lpszPath, 1, 2, 3, in.Out(in.hOpened))),
+    COperation(15, CALL(DAKCreateFile(in.lpPath, 1, 2, 3, in.Out(in.hOpened))),
                SENDS(PATH, U32(1), U32(2), U32(3)), {POLLED, 1201, U32(9)}, "po"),
     COperation(16, CALL(DAKReadFile(in.File(), in.bytes, 4, in.Out(in.dwFirst))),
                SENDS(FILE_WORD, U32(4)), {NO_RESPONSE}, "hoA"),
@@ -103,16 +102,16 @@ const COperation OPERATIONS[] = {
     COperation(18, CALL(DAKSetFilePointer(in.File(), -2, 1, in.Out(in.dwFirst))),
                SENDS(FILE_WORD, U32(0xFFFFFFFE), U32(1)), {COMPLETED}, "hoR"),
     COperation(19, CALL(DAKCloseFile(in.File())), SENDS(FILE_WORD), {COMPLETED}, "h"),
-    COperation(20, CALL(DAKCopyFile(in.lpszPath, in.lpszNew, -5)),
-               SENDS(PATH, Text(in.lpszNew), U32(0xFFFFFFFB)), {POLLED, 1201}, "pn"),
-    COperation(21, CALL(DAKRegisterWindowMessage(in.lpszPath, in.Out(in.dwFirst))), SENDS(PATH),
+    COperation(20, CALL(DAKCopyFile(in.lpPath, in.lpNew, -5)),
+               SENDS(PATH, Text(in.lpNew), U32(0xFFFFFFFB)), {POLLED, 1201}, "pn"),
+    COperation(21, CALL(DAKRegisterWindowMessage(in.lpPath, in.Out(in.dwFirst))), SENDS(PATH),
                {COMPLETED}, "po"),
     COperation(22, CALL(DAKBroadCastMessage(1, 2, -3)), SENDS(U32(1), U32(2), U32(0xFFFFFFFD)),
                {COMPLETED}, ""),
     COperation(23, CALL(DAKGetStorageInfo(in.Out(in.storages))), SENDS(), {UNBOUNDED, 1, U32(0)},
                "oM"),
-    COperation(24, CALL(DAKFormatPartition(in.lpszPath)), SENDS(PATH), {SINGLE}, "p"),
-    COperation(25, CALL(DAKGetFolderFreeSpace(in.lpszPath, &in.qwValue)), SENDS(PATH),
+    COperation(24, CALL(DAKFormatPartition(in.lpPath)), SENDS(PATH), {SINGLE}, "p"),
+    COperation(25, CALL(DAKGetFolderFreeSpace(in.lpPath, &in.qwValue)), SENDS(PATH),
                {POLLED, 361, U64(5)}, "M")};
 
 // One operation with a device for it.
@@ -275,7 +274,7 @@ TEST(Frame, PathsGoOutAsTheyAre) {
         for (const auto& strPath : paths) {
             if (op.code == 25 || (op.Is('p') && !strPath.empty())) {
                 CExchange run(op, std::to_string(strPath.size()));
-                run.in.lpszPath = strPath.c_str();
+                run.in.lpPath = strPath.c_str();
                 run.Expect(op.Taken() + "good", op.AwaitMs() + READ_MS, 0, 0);
             }
         }
@@ -289,7 +288,7 @@ TEST(Frame, RefusedArgumentsTouchNothing) {
         for (std::uintptr_t handle : {0ull, 0xFFFFFFFFull, ~0ull, 1ull << 32}) {
             for (const char chNeed : {'p', 'n', 'h', 'o'}) {
                 CArguments in;
-                (chNeed == 'p' ? in.lpszPath : in.lpszNew) = handle == 0 ? nullptr : DAK_WIDE("");
+                (chNeed == 'p' ? in.lpPath : in.lpNew) = handle == 0 ? nullptr : DAK_WIDE("");
                 in.handle = chNeed == 'h' ? handle : in.handle;
                 in.bStores = chNeed != 'o';
                 EXPECT_TRUE(!op.Is(chNeed) || (op.call(dak, in) == DAKERROR_FAIL &&

@@ -8,175 +8,136 @@ namespace {
 
 using WideText = std::basic_string<WCHAR>;
 
-// An entry with numbers of its own, as it comes, and as it is to come out.
-struct CEntry {
-    DWORD dwSeed = 1;
-    WideText strText1 = DAK_WIDE("a");
-    WideText strText2 = DAK_WIDE("bc");
-    WideText strText3 = DAK_WIDE("def");
-
-    Bytes Wire() const {
-        return Join(U32(dwSeed), Text(strText1), Text(strText2), Text(strText3),
-                    Pattern(32, dwSeed));
-    }
-    bool operator==(const _tagFileInfo& info) const {
-        const Bytes numbers = Pattern(32, dwSeed);
-        const auto is = [&](const void* lpField, int nAt) {
-            return std::memcmp(lpField, numbers.data() + nAt, 8) == 0;
-        };
-        return info.dwFileAttributes == dwSeed && info.szText1 == strText1 &&
-               info.szText2 == strText2 && info.szText3 == strText3 &&
-               is(&info.ftCreationTime, 0) && is(&info.ftLastWriteTime, 8) &&
-               is(&info.ftLastAccessTime, 16) && is(&info.nFileSizeHigh, 24);
-    }
-};
-
-// A listing, the head of whose reply is read at 1458 ms.
-struct CListing : CRun {
-    explicit CListing(const std::string& strName = {}) : CRun(strName) {
-        device.ExpectCommand(7, Text(DAK_WIDE("\\"))).At(828).Reply(Ack());
-    }
-    static Bytes First(bool bLast, DWORD dwEntries, const Bytes& bytes) {
-        return Package(bLast ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE,
-                       Join(U16(7), U32(0), U32(dwEntries), bytes));
-    }
-    static Bytes Later(bool bLast, const Bytes& bytes) {
-        return Package(bLast ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE, Join(U16(7), bytes));
-    }
-    void Expect(DWORD dwResult, const std::vector<CEntry>& entries, int nAhead = 0) {
-        EXPECT_EQ(dak->DAKGetFolderContent(DAK_WIDE("\\"), &list), dwResult);
-        EXPECT_EQ(dak->GetLastError(), dwResult);
-        ASSERT_EQ(list.GetSize(), nAhead + static_cast<int>(entries.size()));
-        for (std::size_t i = 0; i < entries.size(); ++i) {
-            EXPECT_EQ(entries[i], list[nAhead + static_cast<int>(i)]);
+// An entry as it comes; the seed makes its numbers.
+Bytes Entry(DWORD dwSeed, const WideText& strText1 = DAK_WIDE("a"),
+            const WideText& strText2 = DAK_WIDE("bc"), const WideText& strText3 = DAK_WIDE("def")) {
+    return Join(U32(dwSeed), Text(strText1), Text(strText2), Text(strText3), Pattern(32, dwSeed));
+}
+// The same as it comes out: the texts ahead of the attributes, in fields of their own size, and the
+// last access ahead of the last write.
+Bytes Info(const Bytes& entry) {
+    Bytes info;
+    auto it = entry.begin() + 4;
+    for (const std::size_t dwField : {520u, 520u, 160u}) {
+        const std::size_t dwBegin = info.size();
+        for (; it[0] != 0 || it[1] != 0; it += 2) {
+            info.insert(info.end(), it, it + 2);
         }
-        for (int i = 0; i < 2; ++i) {
-            dak->ClearFileList(&list);
-            EXPECT_EQ(list.GetData(), nullptr);
-        }
+        it += 2;
+        info.resize(dwBegin + dwField);
     }
+    return Join(info, Bytes(entry.begin(), entry.begin() + 4), Bytes(it, it + 8),
+                Bytes(it + 16, it + 24), Bytes(it + 8, it + 16), Bytes(it + 24, it + 32));
+}
+
+Bytes First(bool bLast, DWORD dwEntries, const Bytes& bytes) {
+    return Package(bLast ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE,
+                   Join(U16(7), U32(0), U32(dwEntries), bytes));
+}
+Bytes Later(bool bLast, const Bytes& bytes) {
+    return Package(bLast ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE, Join(U16(7), bytes));
+}
+
+// The head of the reply is read at 1458 ms.
+void ExpectListing(CRun& run, DWORD dwResult, const std::vector<Bytes>& entries) {
     CArray<_tagFileInfo, _tagFileInfo> list;
-};
+    list.Add({});
+    EXPECT_EQ(run.dak->DAKGetFolderContent(DAK_WIDE("\\"), &list), dwResult);
+    EXPECT_EQ(run.dak->GetLastError(), dwResult);
+    ASSERT_EQ(list.GetSize(), 1 + std::ssize(entries)) << "behind what was there";
+    for (int i = 1; i < list.GetSize(); ++i) {
+        const Bytes info = Info(entries[static_cast<std::size_t>(i - 1)]);
+        EXPECT_EQ(std::memcmp(&list[i], info.data(), sizeof(_tagFileInfo)), 0);
+    }
+    run.dak->ClearFileList(&list);
+    run.dak->ClearFileList(&list);
+    EXPECT_EQ(list.GetData(), nullptr);
+}
 
 TEST(Listing, IsCutAnywhere) {
-    const std::vector<CEntry> entries = {{}, {2, DAK_WIDE(""), DAK_WIDE(""), DAK_WIDE("")}, {3}};
-    const Bytes all = Join(entries[0].Wire(), entries[1].Wire(), entries[2].Wire());
-    for (auto middle = all.begin() + 1; middle != all.end(); ++middle) {
-        CListing run(std::to_string(middle - all.begin()));
-        run.device.Reply(run.First(false, 3, Bytes(all.begin(), middle)));
-        run.device.Reply(run.Later(true, Bytes(middle, all.end()))).Expect(Ack()).At(1478);
-        run.Expect(0, entries);
+    const std::vector<Bytes> entries = {
+        Entry(1), Entry(2, {}, {}, {}),
+        Entry(3, WideText(259, DAK_WIDE('x')), {}, WideText(79, 'y'))};
+    const Bytes all = Join(entries[0], entries[1], entries[2]);
+    for (std::size_t dwCut = 1; dwCut < all.size(); dwCut += dwCut < 130 ? 1 : 11) {
+        CRun run(std::to_string(dwCut));
+        const auto middle = all.begin() + static_cast<std::ptrdiff_t>(dwCut);
+        run.packages["command"] = Command(7, Text(DAK_WIDE("\\")));
+        run.packages["first"] = First(false, 3, Bytes(all.begin(), middle));
+        run.packages["last"] = Later(true, Bytes(middle, all.end()));
+        run.Play(">command@828 ack first last >ack@1478");
+        ExpectListing(run, 0, entries);
         EXPECT_EQ(run.world.NowMs(), 1488u);
     }
 }
 
-// Packages of one entry each, behind what the list holds already.
+// Packages of one entry each; the last, of 12288 bytes, brings what is beyond the count.
 TEST(Listing, WindowsOfPackages) {
     for (const DWORD dwPackages : {1u, 2u, 49u, 50u, 51u, 100u, 101u}) {
-        CListing run(std::to_string(dwPackages));
-        run.device.Reply(run.First(dwPackages == 1, dwPackages, CEntry().Wire()));
-        std::vector<CEntry> entries = {{}};
-        std::uint64_t qwMs = 1458;
-        for (DWORD i = 2; i <= dwPackages; ++i) {
-            entries.push_back({i});
-            run.device.Reply(run.Later(i == dwPackages, entries.back().Wire()));
+        CRun run(std::to_string(dwPackages));
+        run.device.ExpectCommand(7, Text(DAK_WIDE("\\"))).Reply(Ack());
+        std::vector<Bytes> entries;
+        std::uint64_t qwMs = 1458 - 2 * READ_MS;
+        for (DWORD i = 1; i <= dwPackages; ++i) {
+            const bool bLast = i == dwPackages;
+            entries.push_back(Entry(i));
+            run.device.Reply(
+                i == 1 ? First(bLast, dwPackages, Entry(i))
+                       : Later(bLast, Join(Entry(i), Bytes(bLast ? 12278 - Entry(i).size() : 0))));
             qwMs += 2 * READ_MS;
-            if (i % 50 == 0 || i == dwPackages) {
+            if (i > 1 && (i % 50 == 0 || bLast)) {
                 run.device.Expect(Ack()).At(qwMs);
             }
         }
-        run.list.Add({});
-        run.Expect(0, entries, 1);
+        ExpectListing(run, 0, entries);
         EXPECT_EQ(run.world.NowMs(), qwMs + READ_MS);
     }
 }
 
-TEST(Listing, FullPackagesAndLongTexts) {
-    CRun run;
-    // What somebody left in the pipe is drained, 8 bytes at a time.
-    run.world.At(320, [&] { run.device.Give(Bytes(20, 1)); });
-    const CEntry last{2, WideText(259, DAK_WIDE('x')), WideText(259, DAK_WIDE('y')),
-                      WideText(79, DAK_WIDE('z'))};
-    Bytes all;
-    for (int i = 0; i < 11; ++i) {
-        all = Join(all, last.Wire());
-    }
-    ASSERT_GT(all.size(), 12270u);
-    run.device.ExpectCommand(7, Text(DAK_WIDE("\\"))).At(858).Reply(Ack());
-    run.device.Reply(CListing::First(false, 11, Bytes(all.begin(), all.begin() + 12270)));
-    run.device.Reply(CListing::Later(true, Bytes(all.begin() + 12270, all.end()))).Expect(Ack());
-    CArray<_tagFileInfo, _tagFileInfo> list;
-    EXPECT_EQ(run.dak->DAKGetFolderContent(DAK_WIDE("\\"), &list), 0u);
-    ASSERT_EQ(list.GetSize(), 11);
-    EXPECT_EQ(last, list[10]);
-}
-
 TEST(Listing, RepliesThatAreNone) {
-    const Bytes two = Join(CEntry().Wire(), CEntry{2}.Wire());
-    const auto part = [&](std::ptrdiff_t nFrom, std::ptrdiff_t nTo) {
-        return Bytes(two.begin() + nFrom, two.begin() + nTo);
-    };
+    const Bytes one = Entry(1);
+    const Bytes two = Join(one, Entry(2));
     const auto with = [](Bytes package, std::size_t dwOffset, DWORD dwValue) {
         DakPutU32(package.data() + dwOffset, dwValue);
         return package;
     };
-    const Bytes one = CEntry().Wire();
-    const Bytes single = CListing::First(true, 1, one);
-    const Bytes later = CListing::Later(true, two);
-    const auto unended = [](std::size_t dwChars) {
-        return CListing::First(true, 1,
-                               CEntry{1, DAK_WIDE(""), WideText(dwChars, DAK_WIDE('x'))}.Wire());
-    };
-    const std::map<std::string, Bytes> packages = {
-        {"moreBytes", CListing::First(true, 0, one)},
-        {"length10", CListing::First(true, 3, {})},
-        {"oneOfTwo", CListing::First(true, 1, two)},
-        {"firstPart", CListing::First(false, 2, part(0, 2))},
-        {"secondPart", CListing::Later(false, part(2, 3))},
-        {"thirdPart", CListing::Later(false, part(3, 5))},
-        {"lastPart", CListing::Later(true, part(5, std::ssize(two)))},
-        {"length9", with(single, 4, 9)},
-        {"length12281", with(single, 4, 12281)},
-        {"endless", CListing::First(true, 0xFFFFFFFF, two)},
-        {"lastOfNine", CListing::First(true, 9, one)},
-        {"second", CListing::Later(false, CEntry{2}.Wire())},
-        {"first", CListing::First(false, 2, one)},
-        {"nothing", CListing::Later(false, {})},
-        {"later", later},
-        {"foreign", Package(DAK_LAST_REPLY, Join(U16(8), two))},
-        {"otherWord", with(later, 0, DAK_PACKAGE)},
-        {"later1", with(later, 4, 1)},
-        {"later12281", with(later, 4, 12281)},
-        {"unended260", unended(260)},
-        {"unended80",
-         CListing::First(
-             true, 1, CEntry{1, DAK_WIDE(""), DAK_WIDE(""), WideText(80, DAK_WIDE('x'))}.Wire())}};
+    const Bytes first = First(false, 2, one);
+    const Bytes later = Later(true, two);
+    const WideText long260(260, DAK_WIDE('x'));
+    const WideText long80(80, DAK_WIDE('x'));
     const struct {
-        const char* lpszWords;
+        std::vector<Bytes> packages;
+        bool bAcknowledged;
         DWORD dwResult;
         std::size_t dwEntries;
-    } rows[] = {{"moreBytes", 0, 0},
-                {"length10", 0, 0},
-                {"oneOfTwo", 0, 1},
-                {"firstPart secondPart thirdPart lastPart >ack", 0, 2},
-                {"length9", DAKERROR_FAIL, 0},
-                {"length12281", DAKERROR_FAIL, 0},
-                {"endless", DAKERROR_FAIL, 2},
-                {"lastOfNine second >ack", DAKERROR_FAIL, 2}, // the last from the first on
-                {"first nothing later", DAKERROR_FAIL, 1},
-                {"first foreign >ack", DAKERROR_FAIL, 1},
-                {"first otherWord", DAKERROR_FAIL, 1},
-                {"first later1", DAKERROR_FAIL, 1},
-                {"first later12281", DAKERROR_FAIL, 1},
-                {"unended260", DAKERROR_FAIL, 0},
-                {"unended80", DAKERROR_FAIL, 0}};
+    } rows[] = {
+        {{First(true, 0, one)}, false, 0, 0}, // bytes behind no entries
+        {{First(true, 3, {})}, false, 0, 0},
+        {{First(true, 1, two)}, false, 0, 1},
+        {{First(false, 1, {1}), Later(false, {0}), Later(true, Bytes(one.begin() + 2, one.end()))},
+         true,
+         0,
+         1}, // cut twice
+        {{with(First(true, 1, one), 4, 9)}, false, DAKERROR_FAIL, 0},
+        {{with(First(true, 1, one), 4, 12281)}, false, DAKERROR_FAIL, 0},
+        {{First(true, 0xFFFFFFFF, two)}, false, DAKERROR_FAIL, 2},
+        {{First(true, 9, one), Later(false, Entry(2))}, true, DAKERROR_FAIL, 2}, // is the last
+        {{first, Later(false, {}), later}, false, DAKERROR_FAIL, 1},
+        {{first, Package(DAK_LAST_REPLY, Join(U16(8), two))}, true, DAKERROR_FAIL, 1},
+        {{first, with(later, 0, DAK_PACKAGE)}, false, DAKERROR_FAIL, 1},
+        {{first, with(later, 4, 1)}, false, DAKERROR_FAIL, 1},
+        {{first, with(later, 4, 12281)}, false, DAKERROR_FAIL, 1},
+        {{First(true, 1, Entry(1, {}, long260))}, false, DAKERROR_FAIL, 0},
+        {{First(true, 1, Entry(1, {}, {}, long80))}, false, DAKERROR_FAIL, 0}};
     for (const auto& row : rows) {
-        CListing run(row.lpszWords);
-        run.packages.insert(packages.begin(), packages.end());
-        run.Play(row.lpszWords);
-        std::vector<CEntry> entries = {{1}, {2}};
+        CRun run(testing::PrintToString(&row - rows));
+        run.Play("> ack");
+        std::ranges::for_each(row.packages,
+                              [&](const Bytes& package) { run.device.Reply(package); });
+        run.Play(row.bAcknowledged ? ">ack" : "");
+        std::vector<Bytes> entries = {one, Entry(2)};
         entries.resize(row.dwEntries);
-        run.Expect(row.dwResult, entries);
+        ExpectListing(run, row.dwResult, entries);
         EXPECT_LT(run.world.NowMs(), 20'000u);
     }
 }
