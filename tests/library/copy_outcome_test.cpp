@@ -1,99 +1,93 @@
 // Every way in which a copy ends.
 
+#include "platform/file.h"
 #include "tests/library/transfer_run.h"
 
 namespace {
 
-constexpr DWORD GONE = DAKERROR_NO_DEVICE;
-constexpr DWORD NO_SPACE = DAKERROR_NO_SPACE;
-constexpr std::uint64_t FILL_MS = 10; // a look at a read-ahead buffer that is not filled yet
-constexpr std::uint64_t VERDICT_MS = READ_MS + RETRY_BASE_MS;
-constexpr std::uint64_t PUSH_MS = LINK_UP_MS + READ_MS + RETRY_BASE_MS + FILL_MS; // a first package
-constexpr std::uint64_t REPLY_MS = PUSH_MS + 2 * VERDICT_MS;
-constexpr std::uint64_t PULL_MS = LINK_UP_MS + READ_MS + 500; // a stream is asked for
-constexpr std::uint64_t PACKAGE_MS = 2 * READ_MS;
-constexpr std::uint64_t SILENCE_MS = READS_AT_MOST * FAILED_HEAD_TRY_MS;
-constexpr std::uint64_t GONE_DRAIN_MS = 4 * READ_MS + 3 * 300; // all reads fail at once
-constexpr std::uint64_t SWALLOW_MS = READ_MS + 5000;
+constexpr std::uint64_t SILENCE = READS_AT_MOST * FAILED_HEAD_TRY_MS;
+constexpr std::uint64_t ANY = ~0ull;
 const Bytes OLD = {'o', 'l', 'd'};
 
 struct CRow {
     std::string strWords;
     DWORD dwErrCode;
-    std::optional<std::uint64_t> qwMs = {}; // of the message
+    std::uint64_t qwMs = ANY; // from the request to the drain
 };
 
-// A push of one file of 30000 bytes, in three packages.
-struct CPush : CTransfer {
-    explicit CPush(const std::string& strName) : CTransfer(DAK_TO_DEVICE, strName) {
-        AddFile("C:\\s\\a", Pattern(30'000));
-        Stream(Join(U32(1), FileRecord(DAK_WIDE("a"), Pattern(30'000))));
-        for (const int nResult : {1, 0, -1, -2}) {
-            const std::string strResult = std::to_string(nResult);
-            packages["result" + strResult] = Response(17, nResult); // any code
-            packages["abort" + strResult] = Join(Control(DAK_ABORT), Response(8, nResult));
-        }
-        packages["short"] = {0x22, 0xE0, 0, 0};
-        packages["cut"] = Join(Control(DAK_LAST_REPLY), Bytes{8, 0, 0xFE, 0xFF});
-        actions["shrunk"] = [this] { Resize(25'000, 30'000); };
-        actions["grown"] = [this] { Resize(40'000, 30'000); };
-        actions["huge"] = [this] { Resize(30'000, 1ull << 32); };
-        actions["noread"] = [this] {
-            world.onFileRead = [](sim::CFileRead& read) { read.bFail = true; };
-        };
-        actions["noresend"] = [this] {
-            world.dwFailAllocationsOf = DAK_WINDOW_SIZE;
-            dak.emplace();
-        };
-    }
-    void Resize(std::size_t dwBytes, std::uint64_t qwReported) {
-        list.RemoveAll();
-        AddFile("C:\\s\\a", Pattern(dwBytes));
-        world.HostFile("C:/s/a")->qwReportedSize = qwReported;
-    }
-};
+// The same for both directions. All reads of a device that has gone fail at once.
+void ExpectOutcome(CTransfer& run, const CRow& row, bool bDrains = true) {
+    run.packages["short"] = {0, 0xE0, 0, 0};
+    run.Play(row.strWords);
+    const bool bGone = row.strWords.find("gone") != std::string::npos;
+    const std::uint64_t qwDrain = !bDrains ? 0 : bGone ? 4 * READ_MS + 3 * 300 : DRAIN_MS;
+    run.Run(row.dwErrCode,
+            row.qwMs == ANY ? std::optional<std::uint64_t>() : LINK_UP_MS + row.qwMs + qwDrain);
+}
 
+// Pushes of one file of 30000 bytes, in three packages.
 TEST(CopyToDevice, EndsInEachWay) {
     const std::string strFirst = ">request ack >p1 ";
-    const std::string strWhole = strFirst + "ack >p2 >p3 ack ";
-    const CRow rows[] = {// The request.
-                         {"-27", 0, LINK_UP_MS + DRAIN_MS},
-                         {"noresend", 0, LINK_UP_MS + DRAIN_MS},
-                         {"linked hang", GONE, LINK_UP_MS + 27 + 500 + DRAIN_MS},
-                         {">request", DAKERROR_FAIL, LINK_UP_MS + FAILED_READ_MS + DRAIN_MS},
-                         {">request short", DAKERROR_FAIL, LINK_UP_MS + READ_MS + DRAIN_MS},
-                         {">request retransmit", DAKERROR_FAIL, LINK_UP_MS + READ_MS + DRAIN_MS},
-                         {">request gone", DAKERROR_FAIL, LINK_UP_MS + READ_MS + GONE_DRAIN_MS},
-                         // The contents: no final package, no reply, no drain, but a fresh node.
-                         {strFirst + "ack !WritePipe reopened", GONE, PUSH_MS + VERDICT_MS},
-                         {strFirst + "abort reopened", DAKERROR_PROTOCOL, PUSH_MS + READ_MS},
-                         {strFirst + "gone", GONE, PUSH_MS + READ_MS + 500},
-                         {">request ack -12280 reopened", DAKERROR_FAIL, PUSH_MS - FILL_MS},
-                         {">request ack noread reopened", DAKERROR_FAIL, PUSH_MS},
-                         {"huge >request ack reopened", DAKERROR_FAIL, PUSH_MS - FILL_MS},
-                         {"shrunk " + strFirst + "ack >p2 reopened", DAKERROR_FAIL,
-                          PUSH_MS + VERDICT_MS + 2 * FILL_MS},
-                         {"grown " + strWhole + "done", 0},
-                         {">request ack cancel >a1 reopened", DAKERROR_CANCELLED, PUSH_MS},
-                         // The final reply.
-                         {strWhole + "done", 0, REPLY_MS + 2 * READ_MS + DRAIN_MS},
-                         {strWhole + "result0", 0},
-                         {strWhole + "result-1", NO_SPACE},
-                         {strWhole + "result-2", DAKERROR_DEVICE_REFUSED},
-                         {strWhole + "abort1", 0},
-                         {strWhole + "abort-1", 0},
-                         {strWhole + "abort-2", DAKERROR_DEVICE_REFUSED},
-                         {strWhole + "ack", 0, REPLY_MS + READ_MS + DRAIN_MS},
-                         {strWhole + "short", 0, REPLY_MS + READ_MS + DRAIN_MS},
-                         {strWhole + "cut", 0, REPLY_MS + 2 * READ_MS + DRAIN_MS},
-                         {strWhole, 0, REPLY_MS + READS_AT_MOST * FAILED_TRY_MS + DRAIN_MS}};
-    for (const CRow& row : rows) {
-        CPush run(row.strWords);
-        bool bReopened = false;
-        run.actions["reopened"] = [&] { bReopened = true; };
-        run.Play(row.strWords);
-        run.Run(row.dwErrCode, row.qwMs);
-        EXPECT_EQ(run.device.Opens(), bReopened ? 2 : 1);
+    const std::string strAll = strFirst + "ack >p2 >p3 ack ";
+    const std::vector<CRow> drained = {
+        {"-27", 0, 0}, // the request's memory, and the resend buffer's
+        {"noresend", 0, 0},
+        {"linked hang", GONE, 27 + 500},
+        {">request", FAIL, FAILED_READ_MS},
+        {">request short", FAIL, 10},
+        {">request retransmit", FAIL, 10},
+        {">request gone", FAIL, 10},
+        {"grown " + strAll + "done", 0},
+        {strAll + "done", 0, 80 + 2 * 70 + 20},
+        {strAll + "result0", 0},
+        {strAll + "result-1", NO_SPACE},
+        {strAll + "result-2", REFUSED},
+        {strAll + "abort1", 0},
+        {strAll + "abort-1", 0},
+        {strAll + "abort-2", REFUSED},
+        {strAll + "ack", 0, 80 + 2 * 70 + 10},
+        {strAll + "short", 0, 80 + 2 * 70 + 10},
+        {strAll + "cut", 0, 80 + 2 * 70 + 20},
+        {strAll, 0, 80 + 2 * 70 + READS_AT_MOST * FAILED_TRY_MS}};
+    // Behind a send that fails in the contents: no final package, no reply, no drain, but a fresh
+    // node.
+    const std::vector<CRow> reopened = {{strFirst + "ack !WritePipe", GONE, 80 + 70},
+                                        {strFirst + "abort", PROTOCOL, 80 + 10},
+                                        {strFirst + "gone", GONE, 80 + 10 + 500},
+                                        {">request ack -12280", FAIL, 70},
+                                        {">request ack noread", FAIL, 80},
+                                        {"huge >request ack", FAIL, 70},
+                                        {"shrunk " + strFirst + "ack >p2", FAIL, 80 + 70 + 20},
+                                        {">request ack cancel >a1", CANCELLED, 80}};
+    for (const auto* pRows : {&drained, &reopened}) {
+        for (const CRow& row : *pRows) {
+            CTransfer run(DAK_TO_DEVICE, row.strWords);
+            const auto resize = [&](std::size_t dwBytes, std::uint64_t qwReported) {
+                run.list.RemoveAll();
+                run.AddFile("C:\\s\\a", Pattern(dwBytes));
+                run.world.HostFile("C:/s/a")->qwReportedSize = qwReported;
+            };
+            resize(30'000, 30'000);
+            run.Stream(Join(U32(1), FileRecord(DAK_WIDE("a"), Pattern(30'000))));
+            for (const int nResult : {0, 1, -1, -2}) {
+                const std::string strResult = std::to_string(nResult);
+                run.packages["result" + strResult] = Response(17, nResult); // any code
+                run.packages["abort" + strResult] = Join(Control(DAK_ABORT), Response(8, nResult));
+            }
+            run.packages["cut"] = Join(Control(DAK_LAST_REPLY), Bytes{8, 0, 0xFE, 0xFF});
+            run.actions["shrunk"] = [&] { resize(25'000, 30'000); };
+            run.actions["grown"] = [&] { resize(40'000, 30'000); };
+            run.actions["huge"] = [&] { resize(30'000, 1ull << 32); };
+            run.actions["noread"] = [&] {
+                run.world.onFileRead = [](sim::CFileRead& read) { read.bFail = true; };
+            };
+            run.actions["noresend"] = [&] {
+                run.world.dwFailAllocationsOf = DAK_WINDOW_SIZE;
+                run.dak.emplace();
+            };
+            ExpectOutcome(run, row, pRows == &drained);
+            EXPECT_EQ(run.device.Opens(), pRows == &drained || !run.world.IsPlugged() ? 1 : 2);
+        }
     }
 }
 
@@ -101,119 +95,115 @@ TEST(CopyToDevice, EndsInEachWay) {
 // a dead device the reply is awaited.
 TEST(CopyToDevice, ARecordThatFailsClosesTheStream) {
     const Bytes contents = Pattern(DAK_DATA_SIZE - 32 - 10); // the next record's times are cut
-    const CRow rows[] = {{">request ack hang hang result-2", GONE},
-                         {">request ack hang > ack result-2", DAKERROR_DEVICE_REFUSED},
-                         {">request ack >p1 abort > abort ack", DAKERROR_PROTOCOL},
-                         {">request ack >p1 gone", GONE},
-                         {">request ack cancel 2*>a1 abort1@5000", DAKERROR_CANCELLED}};
-    for (const CRow& row : rows) {
-        CPush run(row.strWords);
+    for (const CRow& row : std::vector<CRow>{{">request ack hang hang refused", GONE},
+                                             {">request ack hang > ack refused", REFUSED},
+                                             {">request ack >p1 abort > abort ack", PROTOCOL},
+                                             {">request ack >p1 gone", GONE},
+                                             {">request ack cancel 2*>a1 refused@5000", REFUSED}}) {
+        CTransfer run(DAK_TO_DEVICE, row.strWords);
         run.AddFile("C:\\s\\a", contents);
-        run.list.RemoveAll();
-        run.list.Add("C:\\s\\a");
         run.AddFile("C:\\s\\b", {1});
         run.Stream(
             Join(U32(2), FileRecord(DAK_WIDE("a"), contents), FileRecord(DAK_WIDE("b"), {1})));
-        run.Play(row.strWords);
-        run.Run(row.dwErrCode);
+        run.packages["refused"] = Response(8, -2);
+        ExpectOutcome(run, row);
         EXPECT_EQ(run.device.Opens(), 1);
     }
 }
 
-// A pull of one file of 30000 bytes, in three packages, over an old one.
+// Pulls over an old file; of 30000 bytes, in three packages.
 struct CPull : CTransfer {
     explicit CPull(const std::string& strName) : CTransfer(DAK_FROM_DEVICE, strName) {
         world.WriteHostFile("C:/s/a.bin", OLD);
+        Stream(Records(FileRecord(DAK_WIDE("a.bin"), Pattern(30'000))));
     }
     void ExpectOldFile() {
-        EXPECT_EQ(world.HostFiles("C:/s"), std::vector<std::string>{"a.bin"});
+        EXPECT_EQ(world.HostFiles("C:/"), std::vector<std::string>{"s/a.bin"});
         EXPECT_EQ(world.ReadHostFile("C:/s/a.bin"), OLD);
+        EXPECT_FALSE(world.HostFolderExists("C:/s/b"));
     }
 };
 
 TEST(CopyFromDevice, AnyFailureLeavesTheOldFile) {
     const std::string strOpen = ">request ack ";
     const std::string strAll = strOpen + "p1 p2 p3 ";
-    constexpr std::uint64_t REQUEST_MS = LINK_UP_MS + FAILED_TRY_MS;
-    constexpr std::uint64_t HEAD_MS = PULL_MS + FAILED_HEAD_TRY_MS;
+    constexpr std::uint64_t SWALLOW = 5010;
     const CRow rows[] = {
         // The request.
-        {"!LocalAlloc#4", 0, LINK_UP_MS + DRAIN_MS},
-        {"linked hang", GONE, LINK_UP_MS + 31 + 500 + DRAIN_MS},
-        {">request", GONE, LINK_UP_MS + READS_AT_MOST * FAILED_TRY_MS + DRAIN_MS},
-        {">request short", DAKERROR_FAIL, LINK_UP_MS + READ_MS + DRAIN_MS},
-        {">request abort", DAKERROR_FAIL, LINK_UP_MS + READ_MS + DRAIN_MS},
+        {"!LocalAlloc#4", 0, 0},
+        {"linked hang", GONE, 31 + 500},
+        {">request", GONE, READS_AT_MOST * FAILED_TRY_MS},
+        {">request short", FAIL, 10},
+        {">request abort", FAIL, 10},
         // The stream.
-        {strOpen, DAKERROR_PROTOCOL, PULL_MS + SILENCE_MS + DRAIN_MS},
-        {strOpen + "gone@515", GONE, PULL_MS + READ_MS + 500 + GONE_DRAIN_MS},
-        {strOpen + "p1", DAKERROR_PROTOCOL, PULL_MS + PACKAGE_MS + SILENCE_MS + DRAIN_MS},
-        {strOpen + "p1 gone@535", GONE, PULL_MS + PACKAGE_MS + READ_MS + 500 + GONE_DRAIN_MS},
-        {strOpen + "p1 abort", DAKERROR_PROTOCOL, PULL_MS + PACKAGE_MS + READ_MS + DRAIN_MS},
-        {strOpen + "p1 disconnect", GONE, PULL_MS + 2 * PACKAGE_MS + DRAIN_MS},
-        {strOpen + "p1 three >ack", DAKERROR_PROTOCOL,
-         PULL_MS + 2 * PACKAGE_MS + 500 + SILENCE_MS + DRAIN_MS},
-        {strOpen + "inrecord >ack", DAKERROR_PROTOCOL,
-         PULL_MS + PACKAGE_MS + 500 + SILENCE_MS + DRAIN_MS},
-        {strOpen + "aheadofit >ack", DAKERROR_PROTOCOL, PULL_MS + PACKAGE_MS + 500 + DRAIN_MS},
-        {strOpen + "p1 nothing >abort", DAKERROR_PROTOCOL},
-        {strOpen + "endless >ack", DAKERROR_PROTOCOL},
+        {strOpen, PROTOCOL, 510 + SILENCE},
+        {strOpen + "gone@515", GONE, 510 + 10 + 500},
+        {strOpen + "p1", PROTOCOL, 530 + SILENCE},
+        {strOpen + "p1 gone@535", GONE, 530 + 10 + 500},
+        {strOpen + "p1 abort", PROTOCOL, 540},
+        {strOpen + "p1 disconnect", GONE, 550},
+        {strOpen + "p1 three >ack", PROTOCOL, 550 + 500 + SILENCE},
+        {strOpen + "inrecord >ack", PROTOCOL, 530 + 500 + SILENCE},
+        {strOpen + "aheadofit >ack", PROTOCOL, 530 + 500},
+        {strOpen + "p1 nothing >abort", PROTOCOL},
         // The host, while the stream goes on and when it is over.
-        {"!GetTempFileNameA " + strAll + ">abort", DAKERROR_FAIL},
+        {"!GetTempFileNameA " + strAll + ">abort", FAIL},
         {"!GetTempFileNameA#1=112 " + strAll + ">abort", NO_SPACE},
-        {"!CreateFileA#3 " + strAll + ">abort", DAKERROR_FAIL},
-        {"!WriteFile " + strAll + ">abort", DAKERROR_FAIL},
+        {"!CreateFileA#3 " + strAll + ">abort", FAIL},
+        {"!WriteFile " + strAll + ">abort", FAIL},
         {"!WriteFile#2=112 " + strAll + ">abort", NO_SPACE},
-        {"!CreateFileA#4 " + strAll + ">ack", DAKERROR_FAIL},
-        {"!SetFilePointer " + strAll + ">ack", DAKERROR_FAIL},
+        {"!CreateFileA#4 " + strAll + ">ack", FAIL},
+        {"!SetFilePointer " + strAll + ">ack", FAIL},
         {"!WriteFile#3=112 " + strAll + ">ack", NO_SPACE},
-        {"!MoveFileExA " + strAll + ">ack", DAKERROR_FAIL},
+        {"!MoveFileExA " + strAll + ">ack", FAIL},
         // A cancel, where the worker looks and nowhere else.
-        {">request cancel@100 >abort", DAKERROR_CANCELLED, REQUEST_MS + SWALLOW_MS + DRAIN_MS},
-        {">request cancel@100 hang", GONE, REQUEST_MS + SWALLOW_MS + 508 + DRAIN_MS},
-        {strOpen + "cancel@610 >abort", DAKERROR_CANCELLED, HEAD_MS + SWALLOW_MS + DRAIN_MS},
-        {strOpen + "p1 cancel@610", DAKERROR_PROTOCOL, HEAD_MS + PACKAGE_MS + DRAIN_MS},
-        {strOpen + "p1 p2 cancel@610 p3@1000 >abort", DAKERROR_CANCELLED,
-         LINK_UP_MS + 1000 + READ_MS + 500 + DRAIN_MS},
-        {strOpen + "p1 cancel@610 bad@1000 >abort", DAKERROR_CANCELLED,
-         LINK_UP_MS + 1000 + READ_MS + DRAIN_MS}};
+        {">request cancel@100 >abort", CANCELLED, FAILED_TRY_MS + SWALLOW},
+        {">request cancel@100 hang", GONE, FAILED_TRY_MS + SWALLOW + 508},
+        {strOpen + "cancel@610 >abort", CANCELLED, 510 + FAILED_HEAD_TRY_MS + SWALLOW},
+        {strOpen + "p1 cancel@610", PROTOCOL, 530 + FAILED_HEAD_TRY_MS},
+        {strOpen + "p1 p2 cancel@610 p3@1000 >abort", CANCELLED, 1010 + 500},
+        {strOpen + "p1 cancel@610 bad@1000 >abort", CANCELLED, 1010}};
     for (const CRow& row : rows) {
         CPull run(row.strWords);
-        const Bytes stream = Records(FileRecord(DAK_WIDE("a.bin"), Pattern(30'000)));
-        const auto last = [&](std::ptrdiff_t nFrom, std::ptrdiff_t nTo) {
+        const auto last = [first = run.packages["p1"]](std::ptrdiff_t nBytes) {
             return DataPackage(DAK_LAST_REPLY, 8,
-                               Bytes(stream.begin() + nFrom, stream.begin() + nTo));
+                               Bytes(first.begin() + 14, first.begin() + 14 + nBytes));
         };
-        run.Stream(stream);
-        run.packages["short"] = {0, 0xE0, 0, 0};
-        run.packages["three"] = last(40, 43);
-        run.packages["inrecord"] = last(0, 30);
-        run.packages["aheadofit"] = last(0, 8);
+        run.packages["three"] = last(3);
+        run.packages["inrecord"] = last(30);
+        run.packages["aheadofit"] = last(8);
         run.packages["nothing"] = DataPackage(DAK_REPLY_PACKAGE, 8, {});
-        run.packages["endless"] =
-            DataPackage(DAK_LAST_REPLY, 8, Join(last(0, 32), Bytes(520, 'x')));
-        run.packages["bad"] = run.packages["p2"];
-        ++run.packages["bad"].back();
-        run.Play(row.strWords);
-        run.Run(row.dwErrCode, row.qwMs);
+        run.packages["bad"] = DataPackage(DAK_REPLY_PACKAGE, 9, {1});
+        ExpectOutcome(run, row);
         run.ExpectOldFile();
     }
 }
 
+// A caller that gave up on a job deletes its part file, and what comes after that is no whole file.
+TEST(CopyFromDevice, APartFileThatIsLostIsNotTaken) {
+    CPull run("");
+    run.Play(">request ack p1 p2 p3@2000 >ack");
+    EXPECT_EQ(run.Start(), 0u);
+    platform::Sleep(1500);
+    for (const std::string& strFile : run.world.HostFiles("C:/s")) {
+        strFile != "a.bin" ? platform::DeleteFileA(("C:/s/" + strFile).c_str()) : FALSE;
+    }
+    run.ExpectEnd(FAIL);
+    run.ExpectOldFile();
+}
+
 // A text without an end, and one whose rest is not in the next package.
 TEST(CopyFromDevice, ANameThatDoesNotEnd) {
-    for (const std::size_t dwBytes : {3u, 4u, 6u, 500u, 4000u}) {
+    for (const std::size_t dwBytes : {3u, 6u, 500u, 4000u}) {
         for (const std::size_t dwLeft : {0u, 1u, 3u, 200u, 519u, 520u, 521u}) {
             CPull run(std::to_string(dwLeft) + " of " + std::to_string(dwBytes));
-            const Bytes first =
-                FileRecord(DAK_WIDE("a"), Pattern(DAK_DATA_SIZE - 8 - 28 - 24 - dwLeft));
             const Bytes name(std::max(dwBytes, dwLeft), 'x');
-            const bool bLast = dwLeft == name.size();
-            run.Stream(Records(first, Join(U64(9), U64(0), U64(0), name)));
-            run.Play(">request ack p1" + std::string(bLast          ? " >ack"
-                                                     : dwLeft < 520 ? " p2 >ack"
-                                                                    : ""));
-            run.Run(DAKERROR_PROTOCOL);
-            EXPECT_EQ(run.world.HostFiles("C:/s").size(), 2u);
+            run.Stream(Records(
+                FileRecord(DAK_WIDE("a.bin"), Pattern(DAK_DATA_SIZE - 8 - 36 - 24 - dwLeft)),
+                Join(U64(9), U64(0), U64(0), name)));
+            const char* lpszRest = dwLeft == name.size() ? ">ack" : dwLeft < 520 ? "p2 >ack" : "";
+            ExpectOutcome(run, {std::string(">request ack p1 ") + lpszRest, PROTOCOL});
+            EXPECT_EQ(run.world.HostFiles("C:/s").size(), 1u);
         }
     }
 }
@@ -231,37 +221,33 @@ TEST(CopyFromDevice, ALongRequestIsCutAnywhere) {
             names = Join(names, Text(std::basic_string<WCHAR>(dwChars, DAK_WIDE('n'))));
         }
         for (std::size_t dwAt = 0; dwAt < names.size(); dwAt += 12'278) {
-            const auto begin = names.begin() + static_cast<std::ptrdiff_t>(dwAt);
-            const std::size_t dwBytes = std::min<std::size_t>(12'278, names.size() - dwAt);
-            run.device
-                .Expect(Package(
-                    dwAt + dwBytes < names.size() ? DAK_PACKAGE : DAK_LAST_PACKAGE,
-                    Join(U16(8), Bytes(begin, begin + static_cast<std::ptrdiff_t>(dwBytes)))))
-                .Reply(Ack());
+            Bytes piece(names.begin() + static_cast<std::ptrdiff_t>(dwAt), names.end());
+            const bool bLast = piece.size() <= 12'278;
+            piece.resize(std::min<std::size_t>(12'278, piece.size()));
+            run.device.Expect(Package(bLast ? DAK_LAST_PACKAGE : DAK_PACKAGE, Join(U16(8), piece)));
+            run.Play("ack");
         }
-        run.Play(run.Stream(Records()));
-        run.Run(DAKERROR_NONE, PULL_MS + 2 * READ_MS + PACKAGE_MS + 500 + DRAIN_MS);
+        ExpectOutcome(run, {run.Stream(Records()), 0, 3 * 10 + 500 + 20 + 500});
     }
 }
 
 // Of two pieces. One count of failed reads serves all waits, of which each makes at least one read.
 TEST(CopyFromDevice, ALongRequestThatFails) {
-    constexpr std::uint64_t SILENT_MS = LINK_UP_MS + READS_AT_MOST * FAILED_TRY_MS + DRAIN_MS;
-    const CRow rows[] = {{"linked hang >", GONE, LINK_UP_MS + 12'788 + DRAIN_MS},
-                         {"> abort >", GONE, LINK_UP_MS + READ_MS + DRAIN_MS},
-                         {"> >", GONE, SILENT_MS},
-                         {"> gone", GONE, LINK_UP_MS + READ_MS + 500 + GONE_DRAIN_MS},
-                         {In("> ack", 600 * FAILED_TRY_MS + 15) + " >", GONE, SILENT_MS + 15},
-                         {In("> ack", 1200 * FAILED_TRY_MS + 15) + " >", GONE, SILENT_MS + 15},
-                         {"toolong", DAKERROR_FAIL, LINK_UP_MS + DRAIN_MS}};
-    for (const CRow& row : rows) {
+    constexpr std::uint64_t SILENT = READS_AT_MOST * FAILED_TRY_MS;
+    for (const CRow& row :
+         std::vector<CRow>{{"linked hang >", GONE, 12'788},
+                           {"> abort >", GONE, 10},
+                           {"> >", GONE, SILENT},
+                           {"> gone", GONE, 510},
+                           {In("> ack", 600 * FAILED_TRY_MS + 15) + " >", GONE, SILENT + 15},
+                           {In("> ack", 1200 * FAILED_TRY_MS + 15) + " >", GONE, SILENT + 15},
+                           {"toolong", FAIL, 0}}) {
         CPull run(row.strWords);
         for (int i = 0; i < 25; ++i) {
             run.list.Add(std::string(259, 'x').c_str());
         }
         run.actions["toolong"] = [&] { run.list.Add(std::string(260, 'x').c_str()); };
-        run.Play(row.strWords);
-        run.Run(row.dwErrCode, row.qwMs);
+        ExpectOutcome(run, row);
         run.ExpectOldFile();
     }
 }
@@ -287,8 +273,8 @@ TEST(CopyFromDevice, RoomIsAskedForEachFile) {
         run.world.qwFreeBytes = row.qwFree;
         run.Stream(Records(
             Join(U64(row.qwSize), U64(1), U64(2), Text(DAK_WIDE("a.bin")), Pattern(20'000))));
-        run.Play(std::string(">request ack p1 p2 ") + (row.bEnough ? ">ack" : ">abort"));
-        run.Run(row.bEnough ? DAKERROR_NONE : NO_SPACE);
+        run.Play(row.bEnough ? ">request ack p1 p2 >ack" : ">request ack p1 p2 >abort");
+        run.Run(row.bEnough ? 0 : NO_SPACE);
         EXPECT_EQ(run.world.Trace({"file delete C:/s/a.bin"}).size(), row.bOldGoesFirst ? 1u : 0u);
         EXPECT_EQ(run.world.HostFiles("C:/s").size(), row.bEnough || row.dwOldSize != 0 ? 1u : 0u);
     }
@@ -305,25 +291,22 @@ TEST(CopyFromDevice, RoomIsAskedForEachFile) {
 }
 
 TEST(CopyFromDevice, ANameStaysBelowTheFolder) {
-    const std::basic_string<WCHAR> strLong(259, DAK_WIDE('x'));
+    const std::basic_string<WCHAR> strLong(255, DAK_WIDE('x'));
     for (const std::basic_string_view<WCHAR> name :
          {DAK_WIDE(".."), DAK_WIDE("..\\x"), DAK_WIDE("../x"), DAK_WIDE("b\\..\\..\\x"),
           DAK_WIDE("b\\../x"), DAK_WIDE("b\\.."), DAK_WIDE("\\x"), DAK_WIDE("/x"),
           DAK_WIDE("C:\\x"), DAK_WIDE("c:x"), DAK_WIDE("b\\\\x"), DAK_WIDE("b\\"), DAK_WIDE(".\\x"),
-          DAK_WIDE(""), DAK_WIDE("x\xD800y"), strLong.c_str() + 4, strLong.c_str()}) {
+          DAK_WIDE(""), DAK_WIDE("x\xD800y"), strLong.c_str()}) {
         CPull run(testing::PrintToString(name));
         run.Stream(Records(FileRecord(name, Pattern(20'000))));
-        run.Play(">request ack p1 p2 >abort");
-        run.Run(name.size() > 200 ? DAKERROR_FAIL : DAKERROR_PROTOCOL);
+        ExpectOutcome(run, {">request ack p1 p2 >abort", name.size() > 200 ? FAIL : PROTOCOL});
         run.ExpectOldFile();
-        EXPECT_FALSE(run.world.HostFolderExists("C:/s/b"));
-        EXPECT_EQ(run.world.HostFiles("C:/").size(), 1u);
     }
     // The longest there can be: 259 characters in all. What came ahead of a bad name stays.
     CTransfer run(DAK_FROM_DEVICE);
-    run.PlayWhole(Records(FileRecord(strLong.c_str() + 5, {1}), FileRecord(DAK_WIDE("..\\x"), {2}),
+    run.PlayWhole(Records(FileRecord(strLong.c_str() + 1, {1}), FileRecord(DAK_WIDE("..\\x"), {2}),
                           FileRecord(DAK_WIDE("c"), {3})));
-    run.Run(DAKERROR_PROTOCOL);
+    run.Run(PROTOCOL);
     EXPECT_EQ(run.world.HostFiles("C:/"), std::vector<std::string>{"s/" + std::string(254, 'x')});
 }
 
@@ -331,14 +314,12 @@ TEST(CopyFromDevice, ANameStaysBelowTheFolder) {
 // a folder has the name that comes out.
 TEST(CopyFromDevice, ADestinationThatIsNone) {
     for (const WCHAR* lpszDest : {DAK_WIDE("C:\\t"), DAK_WIDE("C:\\\xD800")}) {
-        CTransfer run(DAK_FROM_DEVICE);
+        CPull run("");
         run.world.MakeHostFolder("C:/\xEF\xBF\xBD");
-        run.packages["request"] =
-            Command(8, Bytes{0}, Text(DAK_WIDE("\\d")), Text(lpszDest), U32(0));
-        run.PlayWhole(Records(FileRecord(DAK_WIDE("a"), {1})));
+        run.Play("> ack " + run.Stream(Records(FileRecord(DAK_WIDE("a"), {1}))));
         EXPECT_EQ(run.Start(lpszDest), 0u);
-        run.ExpectEnd(DAKERROR_FAIL);
-        EXPECT_EQ(run.world.HostFiles("C:/").size(), 0u);
+        run.ExpectEnd(FAIL);
+        run.ExpectOldFile();
     }
 }
 

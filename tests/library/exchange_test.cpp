@@ -6,20 +6,21 @@ namespace {
 
 // What an operation is called with, and what it may store into.
 struct CArguments {
-    const WCHAR* lpPath = DAK_WIDE("\\a");
-    const WCHAR* lpNew = DAK_WIDE("\\bc");
+    const WCHAR* path = DAK_WIDE("\\a");
+    const WCHAR* next = DAK_WIDE("\\bc");
     std::uintptr_t handle = 0x11223344;
     bool bStores = true;
-    BYTE bytes[4] = {1, 2, 3, 4};
-    DWORD dwFirst = 77;
-    DWORD dwSecond = 77;
-    std::uint64_t qwValue = 77;
-    void* hOpened = nullptr;
+    BYTE bytes[4] = {0xFE, 0xFF, 0xFF, 0xFF};
+    DWORD first = 77;
+    DWORD second = 77;
+    std::uint64_t space = 77;
+    void* opened = nullptr;
     _tagFileInfo info{};
     CArray<_tagFileInfo, _tagFileInfo> files;
     CArray<_tagStorageInfo, _tagStorageInfo> storages;
 
     void* File() const { return reinterpret_cast<void*>(handle); }
+    _SECURITY_ATTRIBUTES* Any() { return reinterpret_cast<_SECURITY_ATTRIBUTES*>(bytes); }
     template <class T>
     T* Out(T& target) {
         return bStores ? &target : nullptr;
@@ -37,16 +38,29 @@ struct CWait {
 struct COperation {
     std::uint16_t code;
     DWORD (*call)(CDAKVorn&, CArguments&);
-    Bytes (*payload)(const CArguments&);
+    const char* lpszPayload; // path, next, file, none (an empty text), and numbers
     CWait wait;
     // Refused without: p, the path; n, the new one; h, the handle; o, a place for what comes.
     // A, the acknowledgement is awaited, and not read once; M, DAK_REPLY_PACKAGE ends the wait; V,
-    // a device that went away gives DAKERROR_NO_DEVICE; R, it takes the result for something else.
+    // a device that went away gives GONE; R, it takes the result for something else.
     std::string strTraits;
 
     bool Is(char chTrait) const { return strTraits.find(chTrait) != std::string::npos; }
     bool Has(EShape eShape) const { return wait.eShape == eShape; }
     bool Polls() const { return Has(POLLED) || Has(UNBOUNDED); }
+    Bytes Request(const CArguments& in) const {
+        Bytes payload;
+        std::istringstream words(lpszPayload);
+        for (std::string strWord; words >> strWord;) {
+            const WCHAR* lpText = strWord == "path"   ? in.path
+                                  : strWord == "next" ? in.next
+                                                      : DAK_WIDE("");
+            payload = Join(payload, strWord == "file"  ? U32(static_cast<DWORD>(in.handle))
+                                    : strWord[0] < 'a' ? U32(static_cast<DWORD>(std::stoi(strWord)))
+                                                       : Text(lpText));
+        }
+        return Command(code, payload);
+    }
     // One try that brings nothing.
     std::uint64_t TryMs() const { return READ_MS + 14 + wait.fields.size() + 500 + 500; }
     // When the command goes out, behind a listing's drain, and when the response is first asked
@@ -64,55 +78,52 @@ struct COperation {
     }
     // What GetLastError tells behind it: of a write what its stream has left.
     DWORD Left(DWORD dwResult) const { return code == 17 ? DAKERROR_NONE : dwResult; }
-    DWORD Refused() const { return code == 25 ? DAKERROR_FOLDER_SPACE : DAKERROR_FAIL; }
+    DWORD Refused() const { return code == 25 ? DAKERROR_FOLDER_SPACE : FAIL; }
 };
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage)
-#define CALL(...)                                                                                  \
-    [](CDAKVorn& dak, [[maybe_unused]] CArguments& in) -> DWORD { return dak.__VA_ARGS__; }
-#define SENDS(...) []([[maybe_unused]] const CArguments& in) { return Join(__VA_ARGS__); }
-#define PATH Text(in.lpPath)
-#define FILE_WORD U32(static_cast<DWORD>(in.handle))
-// NOLINTEND(cppcoreguidelines-macro-usage)
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage)
+#define CALL(name, ...)                                                                            \
+    [](CDAKVorn& dak, [[maybe_unused]] CArguments& in) -> DWORD {                                  \
+        return dak.DAK##name(__VA_ARGS__);                                                         \
+    }
 
 const COperation OPERATIONS[] = {
-    COperation(1, CALL(DAKMoveFile(in.lpPath, in.lpNew)), SENDS(PATH, Text(in.lpNew)),
-               {POLLED, 121}, "pnM"),
-    COperation(2, CALL(DAKDeleteFile(in.lpPath)), SENDS(PATH), {UNBOUNDED}, "pV"),
-    COperation(6, CALL(DAKGetDeviceFreeSpace(&in.dwFirst, &in.dwSecond)), SENDS(),
-               {POLLED, 1201, U64(5)}, ""),
-    COperation(7, CALL(DAKGetFolderContent(in.lpPath, &in.files)), SENDS(PATH),
-               {POLLED, 121, U32(0)}, "pAMR"),
-    COperation(10, CALL(DAKCreateDirectory(in.lpPath, nullptr)), SENDS(PATH), {POLLED, 1201}, "p"),
-    COperation(12, CALL(DAKCreateProcess(in.lpPath, in.lpNew, &in.dwFirst)),
-               SENDS(PATH, Text(in.lpNew), U32(1)), {UNBOUNDED, 1, U32(0)}, "pV"),
-    COperation(12, CALL(DAKCreateProcess(in.lpPath, nullptr, nullptr)),
-               SENDS(PATH, Bytes(2), U32(0)), {SINGLE, 1, U32(0)}, "pV"),
-    COperation(13, CALL(DAKKernelIoControl(7, in.bytes, 1, in.bytes, 4, nullptr)),
-               SENDS(U32(7), U32(1), Bytes{1}, U32(4), Bytes{1, 2, 3, 4}), {POLLED, 1201, U32(0)},
-               ""),
-    COperation(14, CALL(DAKGetFileInfo(in.lpPath, &in.info)), SENDS(PATH),
-               {SINGLE, 1, Bytes(1236, 1)}, "p"),
-    COperation(15, CALL(DAKCreateFile(in.lpPath, 1, 2, 3, in.Out(in.hOpened))),
-               SENDS(PATH, U32(1), U32(2), U32(3)), {POLLED, 1201, U32(9)}, "po"),
-    COperation(16, CALL(DAKReadFile(in.File(), in.bytes, 4, in.Out(in.dwFirst))),
-               SENDS(FILE_WORD, U32(4)), {NO_RESPONSE}, "hoA"),
-    COperation(17, CALL(DAKWriteFile(in.File(), in.bytes, 4, in.Out(in.dwFirst))),
-               SENDS(FILE_WORD, U32(4)), {FIRST_READ, 1201}, "hoAR"),
-    COperation(18, CALL(DAKSetFilePointer(in.File(), -2, 1, in.Out(in.dwFirst))),
-               SENDS(FILE_WORD, U32(0xFFFFFFFE), U32(1)), {COMPLETED}, "hoR"),
-    COperation(19, CALL(DAKCloseFile(in.File())), SENDS(FILE_WORD), {COMPLETED}, "h"),
-    COperation(20, CALL(DAKCopyFile(in.lpPath, in.lpNew, -5)),
-               SENDS(PATH, Text(in.lpNew), U32(0xFFFFFFFB)), {POLLED, 1201}, "pn"),
-    COperation(21, CALL(DAKRegisterWindowMessage(in.lpPath, in.Out(in.dwFirst))), SENDS(PATH),
-               {COMPLETED}, "po"),
-    COperation(22, CALL(DAKBroadCastMessage(1, 2, -3)), SENDS(U32(1), U32(2), U32(0xFFFFFFFD)),
-               {COMPLETED}, ""),
-    COperation(23, CALL(DAKGetStorageInfo(in.Out(in.storages))), SENDS(), {UNBOUNDED, 1, U32(0)},
-               "oM"),
-    COperation(24, CALL(DAKFormatPartition(in.lpPath)), SENDS(PATH), {SINGLE}, "p"),
-    COperation(25, CALL(DAKGetFolderFreeSpace(in.lpPath, &in.qwValue)), SENDS(PATH),
-               {POLLED, 361, U64(5)}, "M")};
+    {1, CALL(MoveFile, in.path, in.next), "path next", {POLLED, 121}, "pnM"},
+    {2, CALL(DeleteFile, in.path), "path", {UNBOUNDED}, "pV"},
+    {6, CALL(GetDeviceFreeSpace, &in.first, &in.second), "", {POLLED, 1201, U64(5)}, ""},
+    {7, CALL(GetFolderContent, in.path, &in.files), "path", {POLLED, 121, U32(0)}, "pAMR"},
+    {10, CALL(CreateDirectory, in.path, in.Any()), "path", {POLLED, 1201}, "p"},
+    {12,
+     CALL(CreateProcess, in.path, in.next, &in.first),
+     "path next 1",
+     {UNBOUNDED, 1, U32(0)},
+     "pV"},
+    {12, CALL(CreateProcess, in.path, nullptr, nullptr), "path none 0", {SINGLE, 1, U32(0)}, "pV"},
+    {13,
+     CALL(KernelIoControl, 7, in.bytes, 4, in.bytes, 4, nullptr),
+     "7 4 -2 4 -2",
+     {POLLED, 1201, U32(0)},
+     ""},
+    {14, CALL(GetFileInfo, in.path, &in.info), "path", {SINGLE, 1, Bytes(1236, 1)}, "p"},
+    {15,
+     CALL(CreateFile, in.path, 1, 2, 3, in.Out(in.opened)),
+     "path 1 2 3",
+     {POLLED, 1201, U32(9)},
+     "po"},
+    {16, CALL(ReadFile, in.File(), in.bytes, 4, in.Out(in.first)), "file 4", {NO_RESPONSE}, "hoA"},
+    {17,
+     CALL(WriteFile, in.File(), in.bytes, 4, in.Out(in.first)),
+     "file 4",
+     {FIRST_READ, 1201},
+     "hoAR"},
+    {18, CALL(SetFilePointer, in.File(), -2, 1, in.Out(in.first)), "file -2 1", {COMPLETED}, "hoR"},
+    {19, CALL(CloseFile, in.File()), "file", {COMPLETED}, "h"},
+    {20, CALL(CopyFile, in.path, in.next, -5), "path next -5", {POLLED, 1201}, "pn"},
+    {21, CALL(RegisterWindowMessage, in.path, in.Out(in.first)), "path", {COMPLETED}, "po"},
+    {22, CALL(BroadCastMessage, 1, 2, -3), "1 2 -3", {COMPLETED}, ""},
+    {23, CALL(GetStorageInfo, in.Out(in.storages)), "", {UNBOUNDED, 1, U32(0)}, "oM"},
+    {24, CALL(FormatPartition, in.path), "path", {SINGLE}, "p"},
+    {25, CALL(GetFolderFreeSpace, in.path, &in.space), "path", {POLLED, 361, U64(5)}, "M"}};
 
 // One operation with a device for it.
 struct CExchange : CRun {
@@ -140,14 +151,14 @@ struct CExchange : CRun {
                          {"shortack", Bytes{0, 0xE0, 0, 0, 0, 0, 0}},
                          {"highack", Control(DAK_SUCCESS | 0x10000)},
                          {"longack", Join(U32(DAK_SUCCESS), U32(77))},
-                         {"bytes", DataPackage(DAK_LAST_PACKAGE, 17, {1, 2, 3, 4})}});
-        packages["command"] = Command(op.code, op.payload(in));
+                         {"bytes", DataPackage(DAK_LAST_PACKAGE, 17, {0xFE, 0xFF, 0xFF, 0xFF})}});
+        packages["command"] = op.Request(in);
         actions["other"] = [&] { world.OtherProcessOpensLock("NadoxUSBAPI"); };
     }
     std::size_t Size() const { return packages.at("command").size(); }
     // qwMs: when the exchange is over. The closing of a device that has gone fails at once.
     void Expect(const std::string& strWords, std::uint64_t qwMs, DWORD dwResult, DWORD dwError) {
-        packages["command"] = Command(op.code, op.payload(in));
+        packages["command"] = op.Request(in);
         Play(strWords);
         EXPECT_EQ(op.call(*dak, in), dwResult);
         EXPECT_EQ(dak->GetLastError(), dwError);
@@ -192,7 +203,7 @@ TEST(Exchange, Answers) {
             if (op.Is('M') && row.strWords == "more good") {
                 nMs = op.code == 7 ? 10 : -10; // a listing takes either word
             }
-            const DWORD dwRefused = row.strWords == "zero" ? op.Refused() : DAKERROR_FAIL;
+            const DWORD dwRefused = row.strWords == "zero" ? op.Refused() : FAIL;
             const DWORD dwResult = nMs > 0 ? 0 : dwRefused;
             if (!op.Has(NO_RESPONSE) && !(op.Is('R') && bResult)) {
                 CExchange(op).Expect(op.Taken() + row.strWords,
@@ -204,8 +215,6 @@ TEST(Exchange, Answers) {
 }
 
 TEST(Exchange, WhatElseEndsIt) {
-    constexpr DWORD FAIL = DAKERROR_FAIL;
-    constexpr DWORD GONE = DAKERROR_NO_DEVICE;
     for (const COperation& op : OPERATIONS) {
         const std::string strCommand = In(">command", op.WrittenMs()) + " ";
         const std::uint64_t qwAcked = op.WrittenMs() + op.AckPauseMs() + READ_MS;
@@ -274,7 +283,7 @@ TEST(Frame, PathsGoOutAsTheyAre) {
         for (const auto& strPath : paths) {
             if (op.code == 25 || (op.Is('p') && !strPath.empty())) {
                 CExchange run(op, std::to_string(strPath.size()));
-                run.in.lpPath = strPath.c_str();
+                run.in.path = strPath.c_str();
                 run.Expect(op.Taken() + "good", op.AwaitMs() + READ_MS, 0, 0);
             }
         }
@@ -288,11 +297,11 @@ TEST(Frame, RefusedArgumentsTouchNothing) {
         for (std::uintptr_t handle : {0ull, 0xFFFFFFFFull, ~0ull, 1ull << 32}) {
             for (const char chNeed : {'p', 'n', 'h', 'o'}) {
                 CArguments in;
-                (chNeed == 'p' ? in.lpPath : in.lpNew) = handle == 0 ? nullptr : DAK_WIDE("");
+                (chNeed == 'p' ? in.path : in.next) = handle == 0 ? nullptr : DAK_WIDE("");
                 in.handle = chNeed == 'h' ? handle : in.handle;
                 in.bStores = chNeed != 'o';
-                EXPECT_TRUE(!op.Is(chNeed) || (op.call(dak, in) == DAKERROR_FAIL &&
-                                               dak.GetLastError() == DAKERROR_FAIL))
+                EXPECT_TRUE(!op.Is(chNeed) ||
+                            (op.call(dak, in) == FAIL && dak.GetLastError() == FAIL))
                     << op.code << chNeed << handle;
             }
         }
@@ -304,18 +313,17 @@ TEST(Frame, RefusedArgumentsTouchNothing) {
     for (const DWORD dwResult :
          {dak.DAKBroadCastMessage(0, 1, 2), control(0, nullptr, 0, 4), control(1, nullptr, 1, 4),
           control(1, nullptr, 0, 1u << 20), control(1, in.bytes, 0xFFFFFFFF, 4)}) {
-        EXPECT_EQ(dwResult, DAKERROR_FAIL);
+        EXPECT_EQ(dwResult, FAIL);
     }
-    EXPECT_EQ(dak.DAKGetFolderFreeSpace(nullptr, &in.qwValue), DAKERROR_FOLDER_SPACE);
+    EXPECT_EQ(dak.DAKGetFolderFreeSpace(nullptr, &in.space), DAKERROR_FOLDER_SPACE);
     EXPECT_EQ(dak.GetLastError(), DAKERROR_FOLDER_SPACE);
-    EXPECT_EQ(in.qwValue, 0u);
+    EXPECT_EQ(in.space, 0u);
     // The counts are set once handle and pointer have passed. Nothing asked for is a success.
     for (const auto& call : {&CDAKVorn::DAKReadFile, &CDAKVorn::DAKWriteFile}) {
         for (const DWORD dwBytes : {1u, 0u}) {
-            in.dwFirst = 5;
-            EXPECT_EQ((dak.*call)(in.File(), nullptr, dwBytes, &in.dwFirst),
-                      dwBytes * DAKERROR_FAIL);
-            EXPECT_EQ(in.dwFirst, 0u);
+            in.first = 5;
+            EXPECT_EQ((dak.*call)(in.File(), nullptr, dwBytes, &in.first), dwBytes * FAIL);
+            EXPECT_EQ(in.first, 0u);
         }
         EXPECT_EQ(dak.GetLastError(), 0u);
     }

@@ -9,14 +9,15 @@ namespace {
 void* const FILE_HANDLE = reinterpret_cast<void*>(std::uintptr_t{0xFFFFFFFE});
 constexpr std::size_t DATA = DAK_DATA_SIZE;
 constexpr std::uint64_t STREAM_MS = LINK_UP_MS + READ_MS; // the command has been acknowledged
-constexpr DWORD FAIL = DAKERROR_FAIL;
-constexpr DWORD GONE = DAKERROR_NO_DEVICE;
 
 // A write or a read, and its words (CRun::Stream).
 struct CFileStream : CRun {
     CFileStream(std::uint16_t codeFunc, std::size_t dwBytes, const std::string& strName = {})
         : CRun(std::to_string(dwBytes) + " " + strName), code(codeFunc), data(Pattern(dwBytes)) {
         world.bTrace = false;
+        // An earlier stream has left these.
+        Access::m_dwRecvPackages(*dak) = Access::m_dwSentPackages(*dak) = 7;
+        Access::m_nResendCount(*dak) = 7;
         const Bytes size = U32(static_cast<DWORD>(dwBytes));
         strWhole = Stream(code, IsRead() ? Join(size, data) : data, !IsRead(), false);
         packages["done"] = Response(code, 1);
@@ -104,7 +105,7 @@ TEST(FileStream, Resends) {
         const bool bGood = row.nRetransmits < 10;
         run.Play(row.nRetransmits > 10 ? "retransmit" : bGood ? "ack done" : "ack");
         bGood ? run.Expect(0, 0, run.data.size(), row.qwMs + READ_MS)
-              : run.Expect(FAIL, DAKERROR_PROTOCOL, 6 * DATA, row.qwMs);
+              : run.Expect(FAIL, PROTOCOL, 6 * DATA, row.qwMs);
     }
 }
 
@@ -136,7 +137,6 @@ void ExpectEach(std::uint16_t code, std::size_t dwBytes, const std::vector<CRow>
 }
 
 TEST(FileStream, WritesThatEndInEachWay) {
-    constexpr DWORD CANCELLED = DAKERROR_CANCELLED;
     ExpectEach(17, 486,
                {{">p1 gone?1 ack", FAIL, 0, 486, 10 + 60 + 10 + 500},
                 {">p1 cancel@100 ack@500 done", 0, 0, 486, 500 + 60 + 10},
@@ -145,9 +145,9 @@ TEST(FileStream, WritesThatEndInEachWay) {
                 {"!CreateThread#2", FAIL, GONE, 0, 0},
                 {">p1 retransmit !WritePipe", FAIL, GONE, 0, 90},
                 {">p1 retransmit !WritePipe cancel@50", FAIL, CANCELLED, 0, 90},
-                {">p1 abort", FAIL, DAKERROR_PROTOCOL, 0, 10},
-                {">p1 strange", FAIL, DAKERROR_PROTOCOL, 0, 10},
-                {">p1", FAIL, DAKERROR_PROTOCOL, 0, READS_AT_MOST * (10 + 12788 + 500)},
+                {">p1 abort", FAIL, PROTOCOL, 0, 10},
+                {">p1 strange", FAIL, PROTOCOL, 0, 10},
+                {">p1", FAIL, PROTOCOL, 0, READS_AT_MOST * (10 + 12788 + 500)},
                 {">p1 retransmit cancel@50 >a1 abort", FAIL, CANCELLED, 0, 100},
                 {">p1 gone@100", FAIL, GONE, 0, 600},
                 {">p1 gone?1 retransmit", FAIL, GONE, 0, 10},
@@ -156,14 +156,14 @@ TEST(FileStream, WritesThatEndInEachWay) {
                 {">p1 gone?4 retransmit >s1", FAIL, GONE, 0, 600},
                 {">p1 gone?5 retransmit >s1 retransmit", FAIL, GONE, 0, 100}});
     ExpectEach(17, 20000,
-               {{">p1 ack >p2 ack full", FAIL, DAKERROR_NO_SPACE, 20000},
-                {">p1 ack >p2 ack refused", FAIL, DAKERROR_DEVICE_REFUSED, 20000},
+               {{">p1 ack >p2 ack full", FAIL, NO_SPACE, 20000},
+                {">p1 ack >p2 ack refused", FAIL, REFUSED, 20000},
                 {">p1 ack >p2 ack two", FAIL, 0, 20000},
                 {">p1 gone@100", FAIL, GONE, 0},
                 {">p1 abort", FAIL, GONE, 0},
                 {"cancel >a1", FAIL, GONE, 0, 0},
                 {">p1 ack cancel@30 50*>a2", FAIL, CANCELLED, DATA, 70},
-                {">p1 ack >p2 leaves", FAIL, DAKERROR_PROTOCOL, DATA},
+                {">p1 ack >p2 leaves", FAIL, PROTOCOL, DATA},
                 {"-12288", FAIL, FAIL, 0, 0}});
     // A cancel in the middle of a pass: the rest of it are abort packages, and so is the next one.
     // What the device confirms after all is confirmed.
@@ -176,15 +176,15 @@ TEST(FileStream, WritesThatEndInEachWay) {
 TEST(FileStream, ReadsThatEndInEachWay) {
     ExpectEach(16, 20000,
                {{"five >ack", 0, 0, 5},
-                {"toomany >abort@340", FAIL, DAKERROR_PROTOCOL, 0},
+                {"toomany >abort@340", FAIL, PROTOCOL, 0},
                 {"gone@50", FAIL, GONE, 0},
                 {"disconnect", FAIL, GONE, 0},
                 {"p1 gone@500", 0, 0, 12270},
                 {"count gone@500", FAIL, GONE, 0},
                 {"p1 nothing >abort", 0, 0, 12270},
-                {"count nothing >abort", FAIL, DAKERROR_PROTOCOL, 0},
+                {"count nothing >abort", FAIL, PROTOCOL, 0},
                 {"p1 bad >retransmit p1 p2 >ack", 0, 0, 20000},
-                {"cancel@80", FAIL, DAKERROR_PROTOCOL, 0},
+                {"cancel@80", FAIL, PROTOCOL, 0},
                 {"cancel@25 p1 p2 >abort", 0, 0, 12270},
                 {"-12288", FAIL, FAIL, 0}});
 }

@@ -117,7 +117,8 @@ TEST_F(IoBufTest, ReadErrorsAndNoThread) {
 
 TEST_F(IoBufTest, BuffersAreKeptAndReplaced) {
     world.WriteHostFile(FILE_NAME, Pattern(5 * N));
-    const std::string strLong = "C:/s/" + std::string(300, 'x');
+    const std::string strLong = "C:/s/" + std::string(255, 'x'); // 260 characters
+    world.WriteHostFile(strLong, {1});
     const struct {
         int nBufSize;
         std::uint64_t nFailing; // of the blocks of memory asked for

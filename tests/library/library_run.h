@@ -22,6 +22,13 @@ using Access = CDAKVornTestAccess;
 using namespace test;
 using sim::ECall;
 
+inline constexpr DWORD FAIL = DAKERROR_FAIL;
+inline constexpr DWORD GONE = DAKERROR_NO_DEVICE;
+inline constexpr DWORD PROTOCOL = DAKERROR_PROTOCOL;
+inline constexpr DWORD NO_SPACE = DAKERROR_NO_SPACE;
+inline constexpr DWORD REFUSED = DAKERROR_DEVICE_REFUSED;
+inline constexpr DWORD CANCELLED = DAKERROR_CANCELLED;
+
 // Of a host that does not tell its speed, with a device that answers at once.
 inline constexpr std::uint64_t READ_MS = 10;
 inline constexpr std::uint64_t LINK_UP_MS = READ_MS + 300;

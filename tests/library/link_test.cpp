@@ -8,7 +8,7 @@ TEST(Object, CopiesShareNothingThatIsOpen) {
     CRun run;
     CDAKVorn& source = *run.dak;
     ASSERT_EQ(source.ConnectDevice(), 0u);
-    Access::m_dwErrCode(source) = DAKERROR_NO_SPACE;
+    Access::m_dwErrCode(source) = NO_SPACE;
     CDAKVorn target;
     ASSERT_TRUE(Access::OpenDevice(source) && Access::OpenDevice(target));
     target = source;
@@ -16,24 +16,18 @@ TEST(Object, CopiesShareNothingThatIsOpen) {
     EXPECT_EQ(run.device.OpenNow(), 1) << "the target's own node is closed, the source's is not";
     EXPECT_EQ(run.world.Open().size(), 4u) << "three resend buffers and the source's node";
     for (CDAKVorn* pDak : {&copy, &target}) {
-        EXPECT_EQ(pDak->GetLastError(), DAKERROR_NO_SPACE);
+        EXPECT_EQ(pDak->GetLastError(), NO_SPACE);
         EXPECT_EQ(Access::m_dwRetryBase(*pDak), 60);
         EXPECT_EQ(Access::m_dwDeviceVersion(*pDak), DAK_PROTOCOL_VERSION);
     }
+    DWORD dwVersion = 7;
+    source.DAKGetVersionNumber(nullptr, &dwVersion);
+    EXPECT_EQ(dwVersion, 7u);
+    source.DAKGetVersionNumber(&dwVersion, &Access::m_dwErrCode(source));
+    EXPECT_TRUE(dwVersion == 26869961 && source.GetLastError() == 65541);
     CDAKVorn& alias = source;
     source = alias;
     EXPECT_EQ(run.device.OpenNow(), 1);
-}
-
-TEST(Object, TellsItsVersionIntoTwoPlacesOrNone) {
-    CRun run;
-    DWORD dwFirst = 7;
-    DWORD dwSecond = 8;
-    run.dak->DAKGetVersionNumber(nullptr, &dwSecond);
-    run.dak->DAKGetVersionNumber(&dwFirst, nullptr);
-    EXPECT_TRUE(dwFirst == 7 && dwSecond == 8);
-    run.dak->DAKGetVersionNumber(&dwFirst, &dwSecond);
-    EXPECT_TRUE(dwFirst == 26869961 && dwSecond == 65541);
 }
 
 TEST(Calibration, DelaysFollowTheProcessor) {
@@ -91,13 +85,13 @@ TEST(ConnectDevice, EveryRoadInItsTime) {
     } rows[] = {{">connect@0 connect >disconnect@310 disconnect", 0, 320, 1},
                 {">connect@0 >connect@310 connect >disconnect@620 disconnect", 0, 630, 2},
                 {">connect@0 newer >connect@10 connect >disconnect@320 disconnect", 0, 330, 2},
-                {">connect@0 >connect@310 >disconnect@920", DAKERROR_NO_DEVICE, 1450, 2},
-                {">connect@0 gone@200", DAKERROR_NO_DEVICE, 500, 1},
+                {">connect@0 >connect@310 >disconnect@920", GONE, 1450, 2},
+                {">connect@0 gone@200", GONE, 500, 1},
                 {"hang >connect@520 connect >disconnect@830 disconnect", 0, 840, 2},
                 {"stale >connect@0 connect >disconnect@310 disconnect", 0, 320, 2},
-                {"gone", DAKERROR_NO_DEVICE, 300, 0},
-                {"!LocalAlloc", DAKERROR_NO_DEVICE, 300, 0},
-                {"!OpenNode", DAKERROR_NO_DEVICE, 300, 0},
+                {"gone", GONE, 300, 0},
+                {"!LocalAlloc", GONE, 300, 0},
+                {"!OpenNode", GONE, 300, 0},
                 {"!CreateMutexA", DAKERROR_BUSY, 0, 0},
                 {"other", DAKERROR_BUSY, 0, 0}};
     for (const auto& row : rows) {

@@ -118,17 +118,17 @@ TEST(Listing, RepliesThatAreNone) {
          true,
          0,
          1}, // cut twice
-        {{with(First(true, 1, one), 4, 9)}, false, DAKERROR_FAIL, 0},
-        {{with(First(true, 1, one), 4, 12281)}, false, DAKERROR_FAIL, 0},
-        {{First(true, 0xFFFFFFFF, two)}, false, DAKERROR_FAIL, 2},
-        {{First(true, 9, one), Later(false, Entry(2))}, true, DAKERROR_FAIL, 2}, // is the last
-        {{first, Later(false, {}), later}, false, DAKERROR_FAIL, 1},
-        {{first, Package(DAK_LAST_REPLY, Join(U16(8), two))}, true, DAKERROR_FAIL, 1},
-        {{first, with(later, 0, DAK_PACKAGE)}, false, DAKERROR_FAIL, 1},
-        {{first, with(later, 4, 1)}, false, DAKERROR_FAIL, 1},
-        {{first, with(later, 4, 12281)}, false, DAKERROR_FAIL, 1},
-        {{First(true, 1, Entry(1, {}, long260))}, false, DAKERROR_FAIL, 0},
-        {{First(true, 1, Entry(1, {}, {}, long80))}, false, DAKERROR_FAIL, 0}};
+        {{with(First(true, 1, one), 4, 9)}, false, FAIL, 0},
+        {{with(First(true, 1, one), 4, 12281)}, false, FAIL, 0},
+        {{First(true, 0xFFFFFFFF, two)}, false, FAIL, 2},
+        {{First(true, 9, one), Later(false, Entry(2))}, true, FAIL, 2}, // is the last
+        {{first, Later(false, {}), later}, false, FAIL, 1},
+        {{first, Package(DAK_LAST_REPLY, Join(U16(8), two))}, true, FAIL, 1},
+        {{first, with(later, 0, DAK_PACKAGE)}, false, FAIL, 1},
+        {{first, with(later, 4, 1)}, false, FAIL, 1},
+        {{first, with(later, 4, 12281)}, false, FAIL, 1},
+        {{First(true, 1, Entry(1, {}, long260))}, false, FAIL, 0},
+        {{First(true, 1, Entry(1, {}, {}, long80))}, false, FAIL, 0}};
     for (const auto& row : rows) {
         CRun run(testing::PrintToString(&row - rows));
         run.Play("> ack");

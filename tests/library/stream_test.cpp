@@ -7,7 +7,6 @@
 namespace {
 
 constexpr WORD CODE = DAK_FUNC_TRANSMIT_FILES;
-constexpr DWORD GONE = DAKERROR_NO_DEVICE;
 constexpr DWORD KEPT = 77; // m_dwErrCode as it was ahead of the call
 
 // An object whose device is open, in the middle of an operation.
@@ -63,7 +62,7 @@ TEST(Sender, AbortsAndReadAhead) {
         link.Play(row.strWords);
         row.bCancelled ? link.Cancel() : void();
         EXPECT_EQ(link.Send(1, true), row.strWords == "> ack" ? 1 : 0);
-        EXPECT_TRUE(!row.bCancelled || (link.dak->GetLastError() == DAKERROR_CANCELLED &&
+        EXPECT_TRUE(!row.bCancelled || (link.dak->GetLastError() == CANCELLED &&
                                         Access::m_dwSentPackages(*link.dak) == row.dwSent));
         DWORD dwHigh = 0;
         EXPECT_EQ(g_IoBuf.IoGetFileSize(&dwHigh) != 0, row.bOpen);
@@ -86,29 +85,6 @@ TEST(Sender, GoesOnAfterFailures) {
     EXPECT_EQ(link.Send(61, true), 1);
     const BYTE* const lpSlots = Access::m_lpResendBuf(*link.dak);
     EXPECT_EQ(std::count(lpSlots, lpSlots + DAK_WINDOW_SIZE, 0), DAK_WINDOW_SIZE);
-}
-
-TEST(Sender, RefusesFieldsThatItCannotLay) {
-    CLink link;
-    BYTE buffer[DAK_PACKAGE_SIZE] = {};
-    const struct {
-        BYTE* lpBuffer;
-        const BYTE* lpData;
-        DWORD dwBytes;
-        DWORD dwBufferBytes;
-        DWORD dwCursor;
-    } rows[] = {{nullptr, buffer, 4, 12288, 14},
-                {buffer, nullptr, 4, 12288, 14},
-                {buffer, buffer, 0, 12288, 14},
-                {buffer, buffer, 4, 12287, 14},
-                {buffer, buffer, 12277, 12288, 12286}};
-    for (const auto& row : rows) {
-        DWORD dwCursor = row.dwCursor;
-        EXPECT_EQ(Access::AddBuffData(*link.dak, row.lpBuffer, row.lpData, row.dwBytes, dwCursor,
-                                      row.dwBufferBytes, CODE),
-                  0);
-        EXPECT_EQ(dwCursor, row.dwCursor);
-    }
 }
 
 // The packages of the device that the receiver's words name: good and last have 17 bytes.
@@ -199,7 +175,7 @@ TEST(Receiver, EndsInEachWay) {
     for (const auto& row : rows) {
         CLink link(row.strWords);
         link.packages.merge(Received());
-        link.actions["full"] = [&] { Access::m_dwErrCode(*link.dak) = DAKERROR_NO_SPACE; };
+        link.actions["full"] = [&] { Access::m_dwErrCode(*link.dak) = NO_SPACE; };
         link.Play(row.strWords);
         Access::m_dwRecvPackages(*link.dak) = row.dwAccepted;
         Access::m_nResendCount(*link.dak) = static_cast<int>(row.dwAccepted);

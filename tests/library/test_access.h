@@ -36,7 +36,6 @@ struct CDAKVornTestAccess {
     ACCESS_CALL(WriteUSBData)
     ACCESS_CALL(SendDataPackage)
     ACCESS_CALL(ReceiveDataPackage)
-    ACCESS_CALL(AddBuffData)
 };
 
 #undef ACCESS_MEMBER

@@ -61,6 +61,7 @@ struct CTransfer : CRun {
                     message.lParam == 0);
         EXPECT_EQ(message.qwMs, qwMs.value_or(message.qwMs));
         EXPECT_EQ(Access::m_dwSizeCopied(*dak), Access::m_dwSizeTotal(*dak));
+        EXPECT_STREQ(Access::m_szPartPath(*dak), "") << "nobody may delete what bears it later";
         // A job that was cut short leaves the link to the next operation.
         EXPECT_EQ(device.OpenNow(), dwErrCode == DAKERROR_CANCELLED && world.IsPlugged() ? 1 : 0);
     }
