@@ -256,27 +256,21 @@ TEST(CopyFromDevice, ALongRequestThatFails) {
 // the room is short without it.
 TEST(CopyFromDevice, RoomIsAskedForEachFile) {
     constexpr std::uint64_t LARGE = 20'000 + 102'400;
-    const struct {
-        std::uint64_t qwSize;
-        std::size_t dwOldSize;
-        std::uint64_t qwFree;
-        bool bEnough;
-        bool bOldGoesFirst;
-    } rows[] = {
+    const Rows<std::uint64_t, std::size_t, std::uint64_t, bool, bool> rows = {
         {20'000, 0, LARGE, true, false},           {20'000, 0, LARGE - 1, false, false},
         {20'000, 5000, LARGE, true, false},        {20'000, 5000, LARGE - 1, true, true},
         {20'000, 5000, LARGE - 5000, true, true},  {20'000, 5000, LARGE - 5001, false, false},
         {1ull << 40, 0, 1ull << 40, false, false}, {~0ull, 5000, 1ull << 40, false, false}};
-    for (const auto& row : rows) {
-        CTransfer run(DAK_FROM_DEVICE, std::to_string(row.qwFree) + " free");
-        row.dwOldSize != 0 ? run.world.WriteHostFile("C:/s/a.bin", Bytes(row.dwOldSize)) : void();
-        run.world.qwFreeBytes = row.qwFree;
-        run.Stream(Records(
-            Join(U64(row.qwSize), U64(1), U64(2), Text(DAK_WIDE("a.bin")), Pattern(20'000))));
-        run.Play(row.bEnough ? ">request ack p1 p2 >ack" : ">request ack p1 p2 >abort");
-        run.Run(row.bEnough ? 0 : NO_SPACE);
-        EXPECT_EQ(run.world.Trace({"file delete C:/s/a.bin"}).size(), row.bOldGoesFirst ? 1u : 0u);
-        EXPECT_EQ(run.world.HostFiles("C:/s").size(), row.bEnough || row.dwOldSize != 0 ? 1u : 0u);
+    for (const auto& [qwSize, dwOldSize, qwFree, bEnough, bOldGoesFirst] : rows) {
+        CTransfer run(DAK_FROM_DEVICE, std::to_string(qwFree) + " free");
+        dwOldSize != 0 ? run.world.WriteHostFile("C:/s/a.bin", Bytes(dwOldSize)) : void();
+        run.world.qwFreeBytes = qwFree;
+        run.Stream(
+            Records(Join(U64(qwSize), U64(1), U64(2), Text(DAK_WIDE("a.bin")), Pattern(20'000))));
+        run.Play(bEnough ? ">request ack p1 p2 >ack" : ">request ack p1 p2 >abort");
+        run.Run(bEnough ? 0 : NO_SPACE);
+        EXPECT_EQ(run.world.Trace({"file delete C:/s/a.bin"}).size(), bOldGoesFirst ? 1u : 0u);
+        EXPECT_EQ(run.world.HostFiles("C:/s").size(), bEnough || dwOldSize != 0 ? 1u : 0u);
     }
     // What lies in the package in hand whole is written all the same, and no later failure says
     // otherwise than that the room was short. A host that cannot tell has none.

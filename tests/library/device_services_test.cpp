@@ -29,15 +29,12 @@ TEST_F(Values, OfFiles) {
     Answer(Response(15, 0, U32(0x80000001)));
     Check(dak->DAKCreateFile(DAK_WIDE("a"), 0, 0, 0, &hFile), FAIL);
     EXPECT_EQ(hFile, reinterpret_cast<void*>(std::uintptr_t{0x80000001})) << "stored all the same";
-    const struct {
-        std::uint16_t code;
-        DWORD dwPosition;
-        DWORD dwResult;
-    } rows[] = {{18, 0, 0}, {18, 0x80000000, 0}, {18, 0xFFFFFFFF, FAIL}, {19, 5, FAIL}};
-    for (const auto& row : rows) {
-        Answer(Response(row.code, static_cast<int>(row.dwPosition)));
-        Check(dak->DAKSetFilePointer(FILE_HANDLE, 0, 0, &dwValue), row.dwResult);
-        EXPECT_EQ(dwValue, row.code == 18 ? row.dwPosition : 0xFFFFFFFF);
+    const Rows<std::uint16_t, DWORD, DWORD> rows = {
+        {18, 0, 0}, {18, 0x80000000, 0}, {18, 0xFFFFFFFF, FAIL}, {19, 5, FAIL}};
+    for (const auto& [code, dwPosition, dwResult] : rows) {
+        Answer(Response(code, static_cast<int>(dwPosition)));
+        Check(dak->DAKSetFilePointer(FILE_HANDLE, 0, 0, &dwValue), dwResult);
+        EXPECT_EQ(dwValue, code == 18 ? dwPosition : 0xFFFFFFFF);
     }
     // The record comes whatever the result says, but only whole.
     const Bytes record = Pattern(1236);
@@ -76,26 +73,20 @@ TEST_F(Values, OfProcessesAndMessages) {
 }
 
 TEST_F(Values, OfKernelIoControls) {
-    const struct {
-        int nResult;
-        DWORD dwReported;
-        std::string strOutput;
-        DWORD dwExpected;
-        std::string strOut;
-    } rows[] = {{1, 3, "xyz", 0, "xyz4"},  {1, 4, "wxyz", 0, "wxyz"}, {1, 0, "", 0, "1234"},
-                {0, 1, "x", FAIL, "x234"}, {1, 3, "x", 0, "x234"},    {1, 3, "", 0, "1234"},
-                {1, 5, "", FAIL, "1234"}};
+    const Rows<int, DWORD, std::string, DWORD, std::string> rows = {
+        {1, 3, "xyz", 0, "xyz4"},  {1, 4, "wxyz", 0, "wxyz"}, {1, 0, "", 0, "1234"},
+        {0, 1, "x", FAIL, "x234"}, {1, 3, "x", 0, "x234"},    {1, 3, "", 0, "1234"},
+        {1, 5, "", FAIL, "1234"}};
     char szIn[] = "in";
-    for (const auto& row : rows) {
+    for (const auto& [nResult, dwReported, strOutput, dwExpected, strOut] : rows) {
         char szOut[] = "1234";
         dwValue = 77;
         device.ExpectCommand(13, U32(5), U32(2), Bytes{'i', 'n'}, U32(4), Bytes(szOut, szOut + 4));
-        device.Reply(Ack()).Reply(Response(13, row.nResult, U32(row.dwReported)));
-        row.strOutput.empty() ? device
-                              : device.Reply(Bytes(row.strOutput.begin(), row.strOutput.end()));
-        Check(dak->DAKKernelIoControl(5, szIn, 2, szOut, 4, &dwValue), row.dwExpected);
-        EXPECT_EQ(szOut, row.strOut);
-        EXPECT_EQ(dwValue, row.dwReported > 4 ? 77 : row.dwReported);
+        device.Reply(Ack()).Reply(Response(13, nResult, U32(dwReported)));
+        strOutput.empty() ? device : device.Reply(Bytes(strOutput.begin(), strOutput.end()));
+        Check(dak->DAKKernelIoControl(5, szIn, 2, szOut, 4, &dwValue), dwExpected);
+        EXPECT_EQ(szOut, strOut);
+        EXPECT_EQ(dwValue, dwReported > 4 ? 77 : dwReported);
     }
     // Without a place for output the device takes the command and nobody asks for more.
     for (const DWORD dwOut : {0u, 2u}) {
@@ -140,29 +131,24 @@ TEST_F(Values, OfStorages) {
     };
     const Bytes two = Join(record(0), record(1));
     const Bytes torn(two.begin(), two.begin() + 239);
-    const struct {
-        int nResult;
-        int nCount;
-        Bytes records;
-        int nLengthMore; // announced beyond what comes
-        int nAdded;
-    } rows[] = {{1, 2, two, 0, 2},  {0, 2, two, 0, 2},  {5, 2, {}, 0, 0},      {1, 1, two, 0, 1},
-                {1, 3, two, 0, 2},  {1, -1, two, 0, 0}, {1, 2, torn, 0, 1},    {1, 2, torn, 1, 1},
-                {1, 2, {}, 240, 0}, {1, 2, {}, -1, 0},  {1, 2, {}, 1 << 20, 0}};
-    for (const auto& row : rows) {
-        Bytes reply = Response(23, row.nResult, U32(static_cast<DWORD>(row.nCount)), row.records);
+    // nLengthMore: announced beyond what comes
+    const Rows<int, int, Bytes, int, int> rows = {
+        {1, 2, two, 0, 2},  {0, 2, two, 0, 2},  {5, 2, {}, 0, 0},      {1, 1, two, 0, 1},
+        {1, 3, two, 0, 2},  {1, -1, two, 0, 0}, {1, 2, torn, 0, 1},    {1, 2, torn, 1, 1},
+        {1, 2, {}, 240, 0}, {1, 2, {}, -1, 0},  {1, 2, {}, 1 << 20, 0}};
+    for (const auto& [nResult, nCount, records, nLengthMore, nAdded] : rows) {
+        Bytes reply = Response(23, nResult, U32(static_cast<DWORD>(nCount)), records);
         DakPutU32(reply.data() + DAK_OFFSET_LENGTH,
-                  static_cast<DWORD>(static_cast<int>(reply.size()) - 8 + row.nLengthMore));
+                  static_cast<DWORD>(static_cast<int>(reply.size()) - 8 + nLengthMore));
         CArray<_tagStorageInfo, _tagStorageInfo> list;
         list.Add({});
         const std::uint64_t qwStart = world.NowMs();
         Answer(reply);
-        Check(dak->DAKGetStorageInfo(&list),
-              row.nResult == 0 || row.nLengthMore == 1 << 20 ? FAIL : 0);
-        const std::uint64_t qwRead = row.nLengthMore == 240 ? 750 : row.records.empty() ? 0 : 10;
+        Check(dak->DAKGetStorageInfo(&list), nResult == 0 || nLengthMore == 1 << 20 ? FAIL : 0);
+        const std::uint64_t qwRead = nLengthMore == 240 ? 750 : records.empty() ? 0 : 10;
         EXPECT_EQ(world.NowMs() - qwStart, 340 + qwRead);
-        ASSERT_EQ(list.GetSize(), row.nAdded + 1) << "behind what was there";
-        for (int i = 0; i < row.nAdded; ++i) {
+        ASSERT_EQ(list.GetSize(), nAdded + 1) << "behind what was there";
+        for (int i = 0; i < nAdded; ++i) {
             _tagStorageInfo expected{};
             names[i].copy(expected.szStorageName, 51);
             std::memcpy(&expected.dwValue1, record(i).data() + 104, 12);

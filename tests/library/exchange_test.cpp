@@ -181,32 +181,28 @@ TEST(Exchange, BytesOfADeletion) {
 
 // Answers to each shape of wait, and the time it takes them; below 0: that long to a failure.
 TEST(Exchange, Answers) {
-    const struct {
-        std::string strWords;
-        int nPolled;
-        int nOnce; // first-read wait and single read
-        int nCompleted;
-    } rows[] = {{"good", 10, 10, 10},
-                {"two", 10, 10, 10},
-                {"minus", 10, 10, 10},
-                {"zero", -10, -10, -10},
-                {"foreign good", 20, -10, -10},
-                {"high good", 20, -10, -10},
-                {"foreignmore good", 20, -10, -10},
-                {"more good", 20, -10, -10},
-                {"head rest good", 30, -10, 20},
-                {"head middle end good", 40, -10, -20}};
-    for (const auto& row : rows) {
-        const bool bResult = row.strWords.find(' ') == std::string::npos && row.strWords != "good";
+    // nOnce: first-read wait and single read
+    const Rows<std::string, int, int, int> rows = {{"good", 10, 10, 10},
+                                                   {"two", 10, 10, 10},
+                                                   {"minus", 10, 10, 10},
+                                                   {"zero", -10, -10, -10},
+                                                   {"foreign good", 20, -10, -10},
+                                                   {"high good", 20, -10, -10},
+                                                   {"foreignmore good", 20, -10, -10},
+                                                   {"more good", 20, -10, -10},
+                                                   {"head rest good", 30, -10, 20},
+                                                   {"head middle end good", 40, -10, -20}};
+    for (const auto& [strWords, nPolled, nOnce, nCompleted] : rows) {
+        const bool bResult = strWords.find(' ') == std::string::npos && strWords != "good";
         for (const COperation& op : OPERATIONS) {
-            int nMs = op.Polls() ? row.nPolled : op.Has(COMPLETED) ? row.nCompleted : row.nOnce;
-            if (op.Is('M') && row.strWords == "more good") {
+            int nMs = op.Polls() ? nPolled : op.Has(COMPLETED) ? nCompleted : nOnce;
+            if (op.Is('M') && strWords == "more good") {
                 nMs = op.code == 7 ? 10 : -10; // a listing takes either word
             }
-            const DWORD dwRefused = row.strWords == "zero" ? op.Refused() : FAIL;
+            const DWORD dwRefused = strWords == "zero" ? op.Refused() : FAIL;
             const DWORD dwResult = nMs > 0 ? 0 : dwRefused;
             if (!op.Has(NO_RESPONSE) && !(op.Is('R') && bResult)) {
-                CExchange(op).Expect(op.Taken() + row.strWords,
+                CExchange(op).Expect(op.Taken() + strWords,
                                      op.AwaitMs() + static_cast<std::uint64_t>(std::abs(nMs)),
                                      dwResult, op.Left(dwResult));
             }

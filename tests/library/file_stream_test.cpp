@@ -53,23 +53,19 @@ struct CFileStream : CRun {
 // A read costs two reads for each package and 500 ms for each acknowledgement, a write a verdict
 // behind packages 1, 51 and so on, and the last.
 TEST(FileStream, AllSizesInTheirTime) {
-    const struct {
-        std::uint16_t code;
-        std::size_t dwSize;
-        std::uint64_t qwPackages;
-        std::uint64_t qwWindows;
-    } rows[] = {{16, 1, 1, 1},           {16, DATA - 4, 1, 1},       {16, DATA - 3, 2, 1},
-                {16, DATA, 2, 1},        {16, 49 * DATA - 4, 49, 1}, {16, 50 * DATA - 4, 50, 1},
-                {16, 50 * DATA, 51, 2},  {16, 100 * DATA, 101, 3},   {17, 0, 1, 1},
-                {17, 1, 1, 1},           {17, DATA, 1, 1},           {17, DATA + 1, 2, 2},
-                {17, 50 * DATA, 50, 2},  {17, 51 * DATA, 51, 2},     {17, 51 * DATA + 1, 52, 3},
-                {17, 101 * DATA, 101, 3}};
-    for (const auto& row : rows) {
-        CFileStream run(row.code, row.dwSize);
+    const Rows<std::uint16_t, std::size_t, std::uint64_t, std::uint64_t> rows = {
+        {16, 1, 1, 1},           {16, DATA - 4, 1, 1},       {16, DATA - 3, 2, 1},
+        {16, DATA, 2, 1},        {16, 49 * DATA - 4, 49, 1}, {16, 50 * DATA - 4, 50, 1},
+        {16, 50 * DATA, 51, 2},  {16, 100 * DATA, 101, 3},   {17, 0, 1, 1},
+        {17, 1, 1, 1},           {17, DATA, 1, 1},           {17, DATA + 1, 2, 2},
+        {17, 50 * DATA, 50, 2},  {17, 51 * DATA, 51, 2},     {17, 51 * DATA + 1, 52, 3},
+        {17, 101 * DATA, 101, 3}};
+    for (const auto& [code, dwSize, qwPackages, qwWindows] : rows) {
+        CFileStream run(code, dwSize);
         run.Play(run.strWhole + (run.IsRead() ? "" : "done"));
-        run.Expect(0, 0, row.dwSize,
-                   run.IsRead() ? row.qwPackages * 2 * READ_MS + row.qwWindows * 500
-                                : row.qwWindows * (READ_MS + RETRY_BASE_MS) + READ_MS);
+        run.Expect(0, 0, dwSize,
+                   run.IsRead() ? qwPackages * 2 * READ_MS + qwWindows * 500
+                                : qwWindows * (READ_MS + RETRY_BASE_MS) + READ_MS);
     }
     CFileStream run(16, 0);
     run.Play(run.strWhole);
@@ -167,10 +163,13 @@ TEST(FileStream, WritesThatEndInEachWay) {
                 {"-12288", FAIL, FAIL, 0, 0}});
     // A cancel in the middle of a pass: the rest of it are abort packages, and so is the next one.
     // What the device confirms after all is confirmed.
+    const std::string strPass =
+        ">p1 ack >p2 >p3 >p4 >p5 >p6 >p7 retransmit >s2 >s3 >s4 cancel 3*>a2 ";
     ExpectEach(17, 7 * DATA,
-               {{">p1 ack >p2 >p3 >p4 >p5 >p6 >p7 retransmit >s2 >s3 >s4 cancel 3*>a2 "
-                 "retransmit 6*>a2 ack done",
-                 0, 0, 7 * DATA}});
+               {{strPass + "retransmit 6*>a2 ack done", 0, 0, 7 * DATA},
+                {">p1 ack >p2 >p3 >p4 cancel 47*>a2", FAIL, GONE, 4 * DATA},
+                {">p1 ack >p2 >p3 >p4 cancel gone?4 4*>a2", FAIL, GONE, 4 * DATA},
+                {">p1 ack >p2 >p3 >p4 cancel 2*>a2 !WritePipe", FAIL, GONE, 4 * DATA}});
 }
 
 TEST(FileStream, ReadsThatEndInEachWay) {

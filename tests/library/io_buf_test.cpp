@@ -1,17 +1,9 @@
 // The read-ahead file buffer: bytes, threads and times at every size, and its errors.
 
-#include "platform/thread.h"
-#include "tests/sim/world.h"
+#include "tests/library/library_run.h"
 #include "transfer/io_buf.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
 namespace {
-
-using sim::ECall;
-using namespace test;
 
 constexpr char FILE_NAME[] = "C:/s/a.bin";
 constexpr char OTHER_NAME[] = "C:/s/b.bin";
@@ -82,17 +74,14 @@ TEST_F(IoBufTest, SizesAndRequests) {
 TEST_F(IoBufTest, ReadErrorsAndNoThread) {
     const Bytes content = Pattern(5 * N);
     world.WriteHostFile(FILE_NAME, content);
-    const struct {
-        ECall eCall;
-        std::uint64_t nNumber;
-        std::ptrdiff_t nDelivered; // the first thread fills both buffers before anybody looks
-    } rows[] = {{ECall::ReadFile, 1, 0},     {ECall::ReadFile, 2, 0},
-                {ECall::ReadFile, 3, N},     {ECall::ReadFile, 4, 2 * N},
-                {ECall::ReadFile, 5, 3 * N}, {ECall::CreateThread, 2, N}};
-    for (const auto& row : rows) {
-        world.FailCall(row.eCall, row.nNumber);
+    // nDelivered: the first thread fills both buffers before anybody looks
+    const Rows<ECall, std::uint64_t, std::ptrdiff_t> rows = {
+        {ECall::ReadFile, 1, 0},     {ECall::ReadFile, 2, 0},     {ECall::ReadFile, 3, N},
+        {ECall::ReadFile, 4, 2 * N}, {ECall::ReadFile, 5, 3 * N}, {ECall::CreateThread, 2, N}};
+    for (const auto& [eCall, nNumber, nDelivered] : rows) {
+        world.FailCall(eCall, nNumber);
         ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
-        EXPECT_EQ(ReadAll(10), Bytes(content.begin(), content.begin() + row.nDelivered));
+        EXPECT_EQ(ReadAll(10), Bytes(content.begin(), content.begin() + nDelivered));
         EXPECT_EQ(ReadAll(10), Bytes{});
         world.ClearFaults();
         ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
@@ -119,24 +108,22 @@ TEST_F(IoBufTest, BuffersAreKeptAndReplaced) {
     world.WriteHostFile(FILE_NAME, Pattern(5 * N));
     const std::string strLong = "C:/s/" + std::string(255, 'x'); // 260 characters
     world.WriteHostFile(strLong, {1});
-    const struct {
-        int nBufSize;
-        std::uint64_t nFailing; // of the blocks of memory asked for
-        std::string strFile;
-        std::ptrdiff_t nBlocks; // of that size, and none of another
-    } rows[] = {{N, 1, FILE_NAME, 0}, {N, 2, FILE_NAME, 1},     {N, 0, FILE_NAME, 2},
-                {N, 1, FILE_NAME, 2}, {4 * N, 0, FILE_NAME, 2}, {N, 0, "C:/s/missing", 2},
-                {N, 0, strLong, 2},   {4 * N, 0, FILE_NAME, 2}};
-    for (const auto& row : rows) {
-        row.nFailing != 0 ? world.FailCall(ECall::LocalAlloc, row.nFailing) : void();
-        const bool bOpens = row.strFile == FILE_NAME && row.nBlocks == 2;
-        EXPECT_EQ(buf.InitIoBuf(row.nBufSize, row.strFile.c_str()), bOpens ? 1 : 0);
+    // nFailing: of the blocks of memory asked for
+    // nBlocks: of that size, and none of another
+    const Rows<int, std::uint64_t, std::string, std::ptrdiff_t> rows = {
+        {N, 1, FILE_NAME, 0}, {N, 2, FILE_NAME, 1},     {N, 0, FILE_NAME, 2},
+        {N, 1, FILE_NAME, 2}, {4 * N, 0, FILE_NAME, 2}, {N, 0, "C:/s/missing", 2},
+        {N, 0, strLong, 2},   {4 * N, 0, FILE_NAME, 2}};
+    for (const auto& [nBufSize, nFailing, strFile, nBlocks] : rows) {
+        nFailing != 0 ? world.FailCall(ECall::LocalAlloc, nFailing) : void();
+        const bool bOpens = strFile == FILE_NAME && nBlocks == 2;
+        EXPECT_EQ(buf.InitIoBuf(nBufSize, strFile.c_str()), bOpens ? 1 : 0);
         const auto open = world.Open();
         const auto blocks = [&](int nBytes) {
             return std::ranges::count(open, "memory block of " + std::to_string(nBytes) + " bytes");
         };
-        EXPECT_EQ(blocks(row.nBufSize), row.nBlocks);
-        EXPECT_EQ(blocks(5 * N - row.nBufSize), 0);
+        EXPECT_EQ(blocks(nBufSize), nBlocks);
+        EXPECT_EQ(blocks(5 * N - nBufSize), 0);
         EXPECT_TRUE(!bOpens || ReadAll(7) == Pattern(5 * N));
         world.ClearFaults();
     }

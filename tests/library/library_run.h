@@ -16,6 +16,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 using Access = CDAKVornTestAccess;
@@ -37,6 +38,10 @@ inline constexpr std::uint64_t FAILED_READ_MS = READ_MS + 508; // of 8 bytes
 inline constexpr std::uint64_t FAILED_TRY_MS = FAILED_READ_MS + 500;
 inline constexpr std::uint64_t FAILED_HEAD_TRY_MS = READ_MS + 514 + 500; // a data package's head
 inline constexpr std::uint64_t READS_AT_MOST = 1201;
+
+// A table, whose columns get their names where it is walked through.
+template <class... TColumns>
+using Rows = std::vector<std::tuple<TColumns...>>;
 
 inline std::string Times(int nTimes, const std::string& strWords) {
     std::string strAll;

@@ -1,5 +1,6 @@
 // The link: the object, the delays, the handshake, bringing up and taking down, the lock.
 
+#include "link/debug_trace.h"
 #include "tests/library/library_run.h"
 
 namespace {
@@ -30,21 +31,43 @@ TEST(Object, CopiesShareNothingThatIsOpen) {
     EXPECT_EQ(run.device.OpenNow(), 1);
 }
 
+std::string g_strTrace;
+
+// A transfer that is stopped at its time-out ends as a failed one does, before its caller goes on.
+TEST(Pipe, TraceOfAStoppedTransfer) {
+    CRun run;
+    SetDebugTraceSink([](const char* lpszLine) { g_strTrace += lpszLine; });
+    BYTE bytes[8];
+    DWORD dwCount = 77;
+    Access::OpenDevice(*run.dak);
+    EXPECT_EQ(Access::ReadUSBData(*run.dak, bytes, DWORD{8}, &dwCount, DWORD{300}), 0);
+    EXPECT_EQ(run.world.NowMs(), READ_MS + 300);
+    const auto low = [](const void* lp) {
+        return std::to_string(static_cast<int>(reinterpret_cast<std::uintptr_t>(lp)));
+    };
+    EXPECT_EQ(
+        g_strTrace,
+        "Succeed to ReadUSBThread CreateThread\nReadUSBThread usbApi->m_lpReadBuf = " + low(bytes) +
+            ",usbApi->m_dwSizeIn=8\nReadUSBData TerminateThread\nReadUSBThread return 0;\n"
+            "error = 995, usbApi->m_lpdwSizeOut=" +
+            low(&dwCount) + " \n");
+    TraceLine("after %s\n", std::string(1000, 'x').c_str());
+    EXPECT_TRUE(g_strTrace.ends_with("after " + std::string(253, 'x')));
+    SetDebugTraceSink(nullptr);
+}
+
 TEST(Calibration, DelaysFollowTheProcessor) {
-    const struct {
-        std::optional<DWORD> dwMHz;
-        int nBase;
-        int nStep;
-    } rows[] = {{199, 1, 1},   {200, 1, 1},    {299, 1, 1},     {300, 10, 3},
-                {847, 60, 20}, {1000, 80, 26}, {2400, 220, 73}, {std::nullopt, 60, 20}};
-    for (const auto& row : rows) {
-        CRun run(std::to_string(row.nBase));
-        run.world.dwCpuMHz = row.dwMHz;
+    const Rows<std::optional<DWORD>, int, int> rows = {
+        {199, 1, 1},   {200, 1, 1},    {299, 1, 1},     {300, 10, 3},
+        {847, 60, 20}, {1000, 80, 26}, {2400, 220, 73}, {std::nullopt, 60, 20}};
+    for (const auto& [dwMHz, nBase, nStep] : rows) {
+        CRun run(std::to_string(nBase));
+        run.world.dwCpuMHz = dwMHz;
         for (const bool bKey : {true, false}) { // what was read once stands
             run.world.bRegistryKeyExists = bKey;
             run.dak->ConnectDevice();
-            EXPECT_EQ(Access::m_dwRetryBase(*run.dak), row.nBase);
-            EXPECT_EQ(Access::m_dwRetryStep(*run.dak), row.nStep);
+            EXPECT_EQ(Access::m_dwRetryBase(*run.dak), nBase);
+            EXPECT_EQ(Access::m_dwRetryStep(*run.dak), nStep);
         }
     }
 }
@@ -54,48 +77,40 @@ TEST(Handshake, BytesAndReplies) {
               (Bytes{0x10, 0xE0, 0, 0, 12, 0, 0, 0, 10, 0, 0, 0, 0, 0, 3, 0, 0xF8, 0x2F, 0, 0}));
     for (const DWORD wCommand : {DAK_CONNECT, DAK_DISCONNECT}) {
         const bool bConnect = wCommand == DAK_CONNECT;
-        const struct {
-            std::size_t dwOffset; // 20: cut to that many bytes
-            DWORD dwValue;
-            bool bPasses;
-        } rows[] = {{12, 0x30000, true}, {12, 0x30002, true}, {12, 0x40000, !bConnect},
-                    {4, 0, true},        {8, 11, false},      {0, wCommand ^ 0xEF, false},
-                    {16, 12281, false},  {20, 19, false},     {0, wCommand | 0x10000, false}};
-        for (const auto& row : rows) {
-            CRun run(std::to_string(row.dwOffset) + ": " + std::to_string(row.dwValue));
+        // dwOffset: 20: cut to that many bytes
+        const Rows<std::size_t, DWORD, bool> rows = {
+            {12, 0x30000, true}, {12, 0x30002, true}, {12, 0x40000, !bConnect},
+            {4, 0, true},        {8, 11, false},      {0, wCommand ^ 0xEF, false},
+            {16, 12281, false},  {20, 19, false},     {0, wCommand | 0x10000, false}};
+        for (const auto& [dwOffset, dwValue, bPasses] : rows) {
+            CRun run(std::to_string(dwOffset) + ": " + std::to_string(dwValue));
             Bytes reply = Handshake(wCommand);
-            row.dwOffset == 20 ? reply.resize(row.dwValue)
-                               : DakPutU32(reply.data() + row.dwOffset, row.dwValue);
+            dwOffset == 20 ? reply.resize(dwValue) : DakPutU32(reply.data() + dwOffset, dwValue);
             EXPECT_TRUE(Access::OpenDevice(*run.dak));
             run.device.ExpectHandshake(wCommand, reply);
-            EXPECT_EQ(bConnect ? Access::Connect(*run.dak) : Access::DisConnect(*run.dak),
-                      row.bPasses);
+            EXPECT_EQ(bConnect ? Access::Connect(*run.dak) : Access::DisConnect(*run.dak), bPasses);
             EXPECT_EQ(Access::m_dwDeviceVersion(*run.dak),
-                      row.bPasses ? DakGetU32(reply.data() + DAK_OFFSET_VERSION) : 0);
+                      bPasses ? DakGetU32(reply.data() + DAK_OFFSET_VERSION) : 0);
         }
     }
 }
 
 TEST(ConnectDevice, EveryRoadInItsTime) {
-    const struct {
-        const char* lpszWords;
-        DWORD dwResult;
-        std::uint64_t qwMs;
-        int nOpens;
-    } rows[] = {{">connect@0 connect >disconnect@310 disconnect", 0, 320, 1},
-                {">connect@0 >connect@310 connect >disconnect@620 disconnect", 0, 630, 2},
-                {">connect@0 newer >connect@10 connect >disconnect@320 disconnect", 0, 330, 2},
-                {">connect@0 >connect@310 >disconnect@920", GONE, 1450, 2},
-                {">connect@0 gone@200", GONE, 500, 1},
-                {"hang >connect@520 connect >disconnect@830 disconnect", 0, 840, 2},
-                {"stale >connect@0 connect >disconnect@310 disconnect", 0, 320, 2},
-                {"gone", GONE, 300, 0},
-                {"!LocalAlloc", GONE, 300, 0},
-                {"!OpenNode", GONE, 300, 0},
-                {"!CreateMutexA", DAKERROR_BUSY, 0, 0},
-                {"other", DAKERROR_BUSY, 0, 0}};
-    for (const auto& row : rows) {
-        CRun run(row.lpszWords);
+    const Rows<std::string, DWORD, std::uint64_t, int> rows = {
+        {">connect@0 connect >disconnect@310 disconnect", 0, 320, 1},
+        {">connect@0 >connect@310 connect >disconnect@620 disconnect", 0, 630, 2},
+        {">connect@0 newer >connect@10 connect >disconnect@320 disconnect", 0, 330, 2},
+        {">connect@0 >connect@310 >disconnect@920", GONE, 1450, 2},
+        {">connect@0 gone@200", GONE, 500, 1},
+        {"hang >connect@520 connect >disconnect@830 disconnect", 0, 840, 2},
+        {"stale >connect@0 connect >disconnect@310 disconnect", 0, 320, 2},
+        {"gone", GONE, 300, 0},
+        {"!LocalAlloc", GONE, 300, 0},
+        {"!OpenNode", GONE, 300, 0},
+        {"!CreateMutexA", DAKERROR_BUSY, 0, 0},
+        {"other", DAKERROR_BUSY, 0, 0}};
+    for (const auto& [lpszWords, dwResult, qwMs, nOpens] : rows) {
+        CRun run(lpszWords);
         run.packages["newer"] = Handshake(DAK_CONNECT, 0x40000);
         run.actions["other"] = [&] { run.world.OtherProcessOpensLock("NadoxUSBAPI"); };
         run.actions["stale"] = [&] { // the first write fails
@@ -103,46 +118,44 @@ TEST(ConnectDevice, EveryRoadInItsTime) {
             run.world.Plug(run.device);
         };
         run.device.ServeHandshakes(false);
-        run.Play(row.lpszWords);
-        EXPECT_EQ(run.dak->ConnectDevice(), row.dwResult);
-        EXPECT_EQ(run.dak->GetLastError(), row.dwResult);
-        EXPECT_EQ(run.world.NowMs(), row.qwMs);
-        EXPECT_EQ(run.device.Opens(), row.nOpens);
+        run.Play(lpszWords);
+        EXPECT_EQ(run.dak->ConnectDevice(), dwResult);
+        EXPECT_EQ(run.dak->GetLastError(), dwResult);
+        EXPECT_EQ(run.world.NowMs(), qwMs);
+        EXPECT_EQ(run.device.Opens(), nOpens);
         EXPECT_EQ(run.world.Open().size(), 1u) << "the resend buffer";
         // Whatever it was, nothing of it is left.
         run.world.OtherProcessClosesLock("NadoxUSBAPI");
         run.world.Plug(run.device);
         run.device.ServeHandshakes();
         EXPECT_EQ(run.dak->ConnectDevice(), 0u);
-        EXPECT_EQ(run.world.NowMs(), row.qwMs + 320);
+        EXPECT_EQ(run.world.NowMs(), qwMs + 320);
     }
 }
 
 TEST(ConnectDevice, EndsTheSynchronisation) {
     using Names = std::vector<std::string>;
-    const struct {
-        Names processes; // with "!" ahead: cannot be opened
-        Names ended;
-        std::uint64_t nLooks; // at these, behind the two of every world, and at the list's end
-    } rows[] = {
+    // processes: with "!" ahead: cannot be opened
+    // nLooks: at these, behind the two of every world, and at the list's end
+    const Rows<Names, Names, std::uint64_t> rows = {
         {{"a.exe", "WCESCOMM", "xWCESMgr.exe", "WCESMgr.exe\\x"}, {}, 5},
         {{"WCESCOMM.exe", "b"}, {"WCESCOMM.exe"}, 3},
         {{"C:\\Program Files\\wcesMGR.EXE"}, {"C:\\Program Files\\wcesMGR.EXE"}, 2},
         {{"a", "WCESMgr.exe", "WCESCOMM.EXE", "WCESCOMM.exe"}, {"WCESMgr.exe", "WCESCOMM.EXE"}, 3},
         {{"!WCESMgr.exe", "WCESCOMM.exe", "WCESCOMM.exe"}, {"WCESCOMM.exe"}, 2}};
-    for (const auto& row : rows) {
-        CRun run(row.processes[0]);
-        for (const std::string& str : row.processes) {
+    for (const auto& [processes, ended, nLooks] : rows) {
+        CRun run(processes[0]);
+        for (const std::string& str : processes) {
             run.world.AddProcess(str.substr(str.find_first_not_of('!')), str[0] != '!');
         }
         ASSERT_TRUE(Access::OpenDevice(*run.dak)); // a handle that the ended processes spoil
         EXPECT_EQ(run.dak->ConnectDevice(), 0u);
         EXPECT_EQ(run.world.NowMs(), 320u);
-        EXPECT_EQ(run.world.strEndedProcesses, row.ended);
-        EXPECT_EQ(run.device.Opens(), row.ended.empty() ? 1 : 2);
+        EXPECT_EQ(run.world.strEndedProcesses, ended);
+        EXPECT_EQ(run.device.Opens(), ended.empty() ? 1 : 2);
         EXPECT_EQ(run.world.CallCount(ECall::Process32First) +
                       run.world.CallCount(ECall::Process32Next),
-                  2 + row.nLooks);
+                  2 + nLooks);
     }
 }
 

@@ -33,42 +33,6 @@ struct CLink : CRun {
     }
 };
 
-// Abort packages go out until the device's count has reached its next verdict. The read-ahead
-// buffer is given up with a stream that fails, but not inside a resend.
-TEST(Sender, AbortsAndReadAhead) {
-    const struct {
-        std::string strWords;
-        DWORD dwSent; // with the request
-        bool bCancelled;
-        bool bOpen;
-    } rows[] = {{">aborted", 51, true, false},
-                {"50*>aborted", 52, true, false},
-                {"49*>aborted", 3, true, false},
-                {">aborted", 1, true, false},
-                {">aborted", 101, true, false},
-                {"gone?4 4*>aborted", 3, true, false},
-                {"2*>aborted !WritePipe", 3, true, false},
-                {"> ack", 1, false, true},
-                {"!WritePipe", 1, false, false},
-                {"> abort", 1, false, false},
-                {"> gone@100", 1, false, false},
-                {"> retransmit !WritePipe", 1, false, true},
-                {Times(11, "> retransmit"), 1, false, true}};
-    for (const auto& row : rows) {
-        CLink link(std::to_string(row.dwSent) + " sent, " + row.strWords);
-        Access::m_dwSentPackages(*link.dak) = row.dwSent;
-        Bytes& aborted = link.packages["aborted"] = link.FullPackage(1);
-        DakPutHeader(aborted.data(), DAK_ABORT, 0);
-        link.Play(row.strWords);
-        row.bCancelled ? link.Cancel() : void();
-        EXPECT_EQ(link.Send(1, true), row.strWords == "> ack" ? 1 : 0);
-        EXPECT_TRUE(!row.bCancelled || (link.dak->GetLastError() == CANCELLED &&
-                                        Access::m_dwSentPackages(*link.dak) == row.dwSent));
-        DWORD dwHigh = 0;
-        EXPECT_EQ(g_IoBuf.IoGetFileSize(&dwHigh) != 0, row.bOpen);
-    }
-}
-
 // A stream that goes on after failures, as its owner closes it, stays within the resend buffer; a
 // confirmed one leaves it empty.
 TEST(Sender, GoesOnAfterFailures) {

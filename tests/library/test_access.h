@@ -33,7 +33,6 @@ struct CDAKVornTestAccess {
     ACCESS_CALL(Connect)
     ACCESS_CALL(DisConnect)
     ACCESS_CALL(ReadUSBData)
-    ACCESS_CALL(WriteUSBData)
     ACCESS_CALL(SendDataPackage)
     ACCESS_CALL(ReceiveDataPackage)
 };
