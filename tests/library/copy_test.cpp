@@ -1,7 +1,10 @@
 // The copies in both directions: what goes over the wire, byte for byte, and what becomes of it on
 // the host's disk.
 
+#include "platform/file.h"
 #include "tests/library/transfer_run.h"
+
+#include <iomanip>
 
 namespace {
 
@@ -16,40 +19,37 @@ void ExpectFile(CRun& run, const std::string& strPath, const Bytes& bytes) {
                 pFile->ftWrite.dwLowDateTime == static_cast<DWORD>(WRITTEN));
 }
 
-// The file's bytes hold such as a signed sum would take from the checksum.
-TEST(Copy, InBytes) {
-    const Bytes file = {0x68, 0xFF, 0x80};
-    {
-        CTransfer run(DAK_TO_DEVICE);
-        run.AddFile("C:\\s\\a.txt", file);
-        run.packages["request"] = {0x21, 0xE0, 0,    0,    0x13, 0,    0,    0, 0x08,
-                                   0,    0x01, 0x43, 0,    0x3A, 0,    0x5C, 0, 0x73,
-                                   0,    0,    0,    0x5C, 0,    0x64, 0,    0, 0};
-        run.packages["file"] = {0x21, 0xE0, 0,    0,    0x31, 0,    0,    0,    0xAA, 0x04,
-                                0,    0,    0x08, 0,    0x01, 0,    0,    0,    0x03, 0,
-                                0,    0,    0,    0,    0,    0,    0x01, 0x02, 0x03, 0x04,
-                                0x05, 0x06, 0x07, 0x08, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16,
-                                0x17, 0x18, 0x61, 0,    0x2E, 0,    0x74, 0,    0x78, 0,
-                                0x74, 0,    0,    0,    0x68, 0xFF, 0x80};
-        run.packages["done"] = {0x22, 0xE0, 0, 0, 6, 0, 0, 0, 8, 0, 1, 0, 0, 0};
-        run.Play(In(">request", LINK_UP_MS) + " ack " + In(">file", PUSH_MS) + " ack done");
-        run.Run(DAKERROR_NONE, PUSH_MS + READ_MS + RETRY_BASE_MS + 2 * READ_MS + DRAIN_MS);
+Bytes Hex(const std::string& strDigits) {
+    Bytes bytes;
+    std::istringstream digits(strDigits);
+    for (std::string strByte; digits >> std::setw(2) >> strByte;) {
+        bytes.push_back(static_cast<std::uint8_t>(std::stoul(strByte, nullptr, 16)));
     }
+    return bytes;
+}
+
+// The file's bytes hold such as a signed sum would take from the checksum.
+TEST(Copy, ToTheDeviceInBytes) {
+    CTransfer run(DAK_TO_DEVICE);
+    run.AddFile("C:\\s\\a.txt", {0x68, 0xFF, 0x80});
+    run.packages["request"] = Hex("21E00000 13000000 0800 01 43003A005C0073000000 5C0064000000");
+    run.packages["file"] = Hex("21E00000 31000000 AA040000 0800 01000000 0300000000000000"
+                               "0102030405060708 1112131415161718 61002E007400780074000000 68FF80");
+    run.packages["done"] = Hex("22E00000 06000000 0800 01000000");
+    run.Play(In(">request", LINK_UP_MS) + " ack " + In(">file", PUSH_MS) + " ack done");
+    run.Run(DAKERROR_NONE, PUSH_MS + READ_MS + RETRY_BASE_MS + 2 * READ_MS + DRAIN_MS);
+}
+
+TEST(Copy, FromTheDeviceInBytes) {
     CTransfer run(DAK_FROM_DEVICE);
     run.list.Add("a.txt");
-    run.packages["request"] = {0x21, 0xE0, 0,    0, 35,   0, 0,    0, 8,    0,    0,
-                               0x5C, 0,    0x64, 0, 0,    0, 0x43, 0, 0x3A, 0,    0x5C,
-                               0,    0x73, 0,    0, 0,    1, 0,    0, 0,    0x61, 0,
-                               0x2E, 0,    0x74, 0, 0x78, 0, 0x74, 0, 0,    0};
-    run.packages["file"] = {0x22, 0xE0, 0,    0,    0x35, 0,    0,    0,    0xAB, 0x04, 0,
-                            0,    0x08, 0,    0x01, 0,    0,    0,    0x01, 0,    0,    0,
-                            0x03, 0,    0,    0,    0,    0,    0,    0,    0x01, 0x02, 0x03,
-                            0x04, 0x05, 0x06, 0x07, 0x08, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16,
-                            0x17, 0x18, 0x61, 0,    0x2E, 0,    0x74, 0,    0x78, 0,    0x74,
-                            0,    0,    0,    0x68, 0xFF, 0x80};
+    run.packages["request"] = Hex("21E00000 23000000 0800 00 5C0064000000 43003A005C0073000000"
+                                  "01000000 61002E007400780074000000");
+    run.packages["file"] = Hex("22E00000 35000000 AB040000 0800 01000000 01000000 0300000000000000"
+                               "0102030405060708 1112131415161718 61002E007400780074000000 68FF80");
     run.Play(In(">request", LINK_UP_MS) + " ack file " + In(">ack", PULL_MS + 2 * READ_MS));
     run.Run(DAKERROR_NONE, PULL_MS + 2 * READ_MS + 500 + DRAIN_MS);
-    ExpectFile(run, "C:/s/a.txt", file);
+    ExpectFile(run, "C:/s/a.txt", {0x68, 0xFF, 0x80});
 }
 
 // Several files in one stream, among them an empty one and such that cannot be opened; they have
@@ -76,7 +76,7 @@ TEST(Copy, FromTheDeviceFoldersAreMadeAndFilesReplaced) {
     run.world.MakeHostFolder("C:/s/a");
     run.world.WriteHostFile("C:/s/large", {1});
     run.world.WriteHostFile("C:/s/locked", {1});
-    run.world.HostFile("C:/s/locked")->bReadOnly = true;
+    platform::SetFileAttributesA("C:/s/locked", FILE_ATTRIBUTE_READONLY);
     run.packages["request"] =
         Command(8, Bytes{0}, Text(DAK_WIDE("\\d\\")), Text(DAK_WIDE("C:\\s\\\\")), U32(0));
     run.PlayWhole(Records(

@@ -9,22 +9,21 @@ struct CArguments {
     const WCHAR* path = DAK_WIDE("\\a");
     const WCHAR* next = DAK_WIDE("\\bc");
     std::uintptr_t handle = 0x11223344;
-    bool bStores = true;
-    BYTE bytes[4] = {0xFE, 0xFF, 0xFF, 0xFF};
-    DWORD first = 77;
-    DWORD second = 77;
+    BYTE io[4] = {0xFE, 0xFF, 0xFF, 0xFF};
+    DWORD one = 77;
+    DWORD two = 77;
     std::uint64_t space = 77;
     void* opened = nullptr;
     _tagFileInfo info{};
     CArray<_tagFileInfo, _tagFileInfo> files;
     CArray<_tagStorageInfo, _tagStorageInfo> storages;
+    // Where what comes may have no place.
+    DWORD* lpOne = &one;
+    void** lpOpened = &opened;
+    CArray<_tagStorageInfo, _tagStorageInfo>* lpStorages = &storages;
 
     void* File() const { return reinterpret_cast<void*>(handle); }
-    _SECURITY_ATTRIBUTES* Any() { return reinterpret_cast<_SECURITY_ATTRIBUTES*>(bytes); }
-    template <class T>
-    T* Out(T& target) {
-        return bStores ? &target : nullptr;
-    }
+    _SECURITY_ATTRIBUTES* Any() { return reinterpret_cast<_SECURITY_ATTRIBUTES*>(io); }
 };
 
 enum EShape { POLLED, UNBOUNDED, FIRST_READ, SINGLE, COMPLETED, NO_RESPONSE };
@@ -87,41 +86,26 @@ struct COperation {
         return dak.DAK##name(__VA_ARGS__);                                                         \
     }
 
+const Bytes ZERO(4);
 const COperation OPERATIONS[] = {
     {1, CALL(MoveFile, in.path, in.next), "path next", {POLLED, 121}, "pnM"},
     {2, CALL(DeleteFile, in.path), "path", {UNBOUNDED}, "pV"},
-    {6, CALL(GetDeviceFreeSpace, &in.first, &in.second), "", {POLLED, 1201, U64(5)}, ""},
-    {7, CALL(GetFolderContent, in.path, &in.files), "path", {POLLED, 121, U32(0)}, "pAMR"},
+    {6, CALL(GetDeviceFreeSpace, &in.one, &in.two), "", {POLLED, 1201, U64(5)}, ""},
+    {7, CALL(GetFolderContent, in.path, &in.files), "path", {POLLED, 121, ZERO}, "pAMR"},
     {10, CALL(CreateDirectory, in.path, in.Any()), "path", {POLLED, 1201}, "p"},
-    {12,
-     CALL(CreateProcess, in.path, in.next, &in.first),
-     "path next 1",
-     {UNBOUNDED, 1, U32(0)},
-     "pV"},
-    {12, CALL(CreateProcess, in.path, nullptr, nullptr), "path none 0", {SINGLE, 1, U32(0)}, "pV"},
-    {13,
-     CALL(KernelIoControl, 7, in.bytes, 4, in.bytes, 4, nullptr),
-     "7 4 -2 4 -2",
-     {POLLED, 1201, U32(0)},
-     ""},
+    {12, CALL(CreateProcess, in.path, in.next, &in.one), "path next 1", {UNBOUNDED, 1, ZERO}, "pV"},
+    {12, CALL(CreateProcess, in.path, nullptr, nullptr), "path none 0", {SINGLE, 1, ZERO}, "pV"},
+    {13, CALL(KernelIoControl, 7, in.io, 4, in.io, 4, {}), "7 4 -2 4 -2", {POLLED, 1201, ZERO}, ""},
     {14, CALL(GetFileInfo, in.path, &in.info), "path", {SINGLE, 1, Bytes(1236, 1)}, "p"},
-    {15,
-     CALL(CreateFile, in.path, 1, 2, 3, in.Out(in.opened)),
-     "path 1 2 3",
-     {POLLED, 1201, U32(9)},
-     "po"},
-    {16, CALL(ReadFile, in.File(), in.bytes, 4, in.Out(in.first)), "file 4", {NO_RESPONSE}, "hoA"},
-    {17,
-     CALL(WriteFile, in.File(), in.bytes, 4, in.Out(in.first)),
-     "file 4",
-     {FIRST_READ, 1201},
-     "hoAR"},
-    {18, CALL(SetFilePointer, in.File(), -2, 1, in.Out(in.first)), "file -2 1", {COMPLETED}, "hoR"},
+    {15, CALL(CreateFile, in.path, 1, 2, 3, in.lpOpened), "path 1 2 3", {POLLED, 1201, ZERO}, "po"},
+    {16, CALL(ReadFile, in.File(), in.io, 4, in.lpOne), "file 4", {NO_RESPONSE}, "hoA"},
+    {17, CALL(WriteFile, in.File(), in.io, 4, in.lpOne), "file 4", {FIRST_READ, 1201}, "hoAR"},
+    {18, CALL(SetFilePointer, in.File(), -2, 1, in.lpOne), "file -2 1", {COMPLETED}, "hoR"},
     {19, CALL(CloseFile, in.File()), "file", {COMPLETED}, "h"},
     {20, CALL(CopyFile, in.path, in.next, -5), "path next -5", {POLLED, 1201}, "pn"},
-    {21, CALL(RegisterWindowMessage, in.path, in.Out(in.first)), "path", {COMPLETED}, "po"},
+    {21, CALL(RegisterWindowMessage, in.path, in.lpOne), "path", {COMPLETED}, "po"},
     {22, CALL(BroadCastMessage, 1, 2, -3), "1 2 -3", {COMPLETED}, ""},
-    {23, CALL(GetStorageInfo, in.Out(in.storages)), "", {UNBOUNDED, 1, U32(0)}, "oM"},
+    {23, CALL(GetStorageInfo, in.lpStorages), "", {UNBOUNDED, 1, ZERO}, "oM"},
     {24, CALL(FormatPartition, in.path), "path", {SINGLE}, "p"},
     {25, CALL(GetFolderFreeSpace, in.path, &in.space), "path", {POLLED, 361, U64(5)}, "M"}};
 
@@ -295,7 +279,9 @@ TEST(Frame, RefusedArgumentsTouchNothing) {
                 CArguments in;
                 (chNeed == 'p' ? in.path : in.next) = handle == 0 ? nullptr : DAK_WIDE("");
                 in.handle = chNeed == 'h' ? handle : in.handle;
-                in.bStores = chNeed != 'o';
+                if (chNeed == 'o') {
+                    in.lpOne = nullptr, in.lpOpened = nullptr, in.lpStorages = nullptr;
+                }
                 EXPECT_TRUE(!op.Is(chNeed) ||
                             (op.call(dak, in) == FAIL && dak.GetLastError() == FAIL))
                     << op.code << chNeed << handle;
@@ -304,11 +290,11 @@ TEST(Frame, RefusedArgumentsTouchNothing) {
     }
     CArguments in;
     const auto control = [&](DWORD dwCode, void* lpIn, DWORD dwIn, DWORD dwOut) {
-        return dak.DAKKernelIoControl(dwCode, lpIn, dwIn, in.bytes, dwOut, nullptr);
+        return dak.DAKKernelIoControl(dwCode, lpIn, dwIn, in.io, dwOut, nullptr);
     };
     for (const DWORD dwResult :
          {dak.DAKBroadCastMessage(0, 1, 2), control(0, nullptr, 0, 4), control(1, nullptr, 1, 4),
-          control(1, nullptr, 0, 1u << 20), control(1, in.bytes, 0xFFFFFFFF, 4)}) {
+          control(1, nullptr, 0, 1u << 20), control(1, in.io, 0xFFFFFFFF, 4)}) {
         EXPECT_EQ(dwResult, FAIL);
     }
     EXPECT_EQ(dak.DAKGetFolderFreeSpace(nullptr, &in.space), DAKERROR_FOLDER_SPACE);
@@ -317,9 +303,9 @@ TEST(Frame, RefusedArgumentsTouchNothing) {
     // The counts are set once handle and pointer have passed. Nothing asked for is a success.
     for (const auto& call : {&CDAKVorn::DAKReadFile, &CDAKVorn::DAKWriteFile}) {
         for (const DWORD dwBytes : {1u, 0u}) {
-            in.first = 5;
-            EXPECT_EQ((dak.*call)(in.File(), nullptr, dwBytes, &in.first), dwBytes * FAIL);
-            EXPECT_EQ(in.first, 0u);
+            in.one = 5;
+            EXPECT_EQ((dak.*call)(in.File(), nullptr, dwBytes, &in.one), dwBytes * FAIL);
+            EXPECT_EQ(in.one, 0u);
         }
         EXPECT_EQ(dak.GetLastError(), 0u);
     }
