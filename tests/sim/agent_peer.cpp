@@ -37,9 +37,8 @@ std::optional<CAgentPeer::CFault> CAgentPeer::Next(CDirection& direction) {
     }
     if (fault) {
         ++m_nFaultsMet;
-        m_world.Note("pipe fault %d to %s, package %llu", static_cast<int>(fault->eFault),
-                     &direction == &m_toHost ? "host" : "device",
-                     static_cast<unsigned long long>(n));
+        m_world.Note("pipe fault ", static_cast<int>(fault->eFault), " to ",
+                     &direction == &m_toHost ? "host" : "device", ", package ", n);
     }
     return fault;
 }

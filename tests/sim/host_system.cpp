@@ -1,37 +1,29 @@
-// The simulated host's memory, text, registry, processes, device interfaces and windows.
+// The simulated host's threads, waits and locks, its memory, text, registry, processes, device
+// interfaces and windows.
 
-#include "tests/sim/world.h"
+#include "tests/sim/seam.h"
 
-#include "platform/device.h"
-#include "platform/memory.h"
-#include "platform/message.h"
-#include "platform/process.h"
-#include "platform/registry.h"
-#include "platform/text.h"
+#include <strings.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cstdlib>
+#include <atomic>
 #include <cstring>
 
 namespace sim {
 
 void CWorld::Plug(IPeer& peer) {
-    if (m_pPeer != nullptr) {
-        Unplug();
-    }
+    Unplug();
     static std::uint64_t qwPlugs = 0;
     m_pPeer = &peer;
     qwPlugNumber = ++qwPlugs;
-    m_qwPeerToldMs = ~0ull;
+    m_qwPeerToldMs.reset();
     Note("plug");
     PeerChanged();
 }
 
 void CWorld::Unplug() {
-    if (m_pPeer != nullptr) {
+    if (IPeer* pPeer = Peer()) {
         Note("unplug");
-        IPeer* pPeer = Peer();
         m_pPeer = nullptr;
         pPeer->Unplugged();
         PeerChanged();
@@ -49,6 +41,7 @@ bool CWorld::AskForDevice() {
     if (++m_qwQuestions == m_qwUnplugAt) {
         Unplug();
     }
+    Note(m_pPeer != nullptr ? "ask, present" : "ask, gone");
     return m_pPeer != nullptr && !m_bFailed;
 }
 
@@ -58,96 +51,99 @@ DWORD CWorld::AddProcess(const std::string& strFile, bool bOpenable) {
     return dwId;
 }
 
+void CWorld::OtherProcessOpensLock(const std::string& strName, bool bHolds) {
+    auto& pLock = locks.try_emplace(strName, std::make_shared<CLock>()).first->second;
+    pLock->bOtherHasOpen = true;
+    pLock->bHeldByOther = bHolds;
+    pLock->bHeld = pLock->bHeld || bHolds;
+}
+
+void CWorld::OtherProcessClosesLock(const std::string& strName) {
+    const auto it = locks.find(strName);
+    if (it == locks.end()) {
+        return;
+    }
+    CLock& lock = *it->second;
+    lock.bOtherHasOpen = false;
+    lock.bHeld = lock.bHeld && !std::exchange(lock.bHeldByOther, false);
+    WakeAll(&lock);
+    if (lock.nHandles == 0) {
+        locks.erase(it);
+    }
+}
+
 namespace {
+
+// One open handle on a lock.
+class CLockHandle : public CWaitable {
+  public:
+    CLockHandle(std::string strName, std::shared_ptr<CWorld::CLock> pLock)
+        : m_strName(std::move(strName)), m_pLock(std::move(pLock)) {
+        ++m_pLock->nHandles;
+    }
+    bool Take() override { return !std::exchange(m_pLock->bHeld, true); }
+    const void* Key() const override { return m_pLock.get(); }
+    const char* What() const override { return "a lock"; }
+    void HandleClosed() noexcept override {
+        CWorld& world = *CWorld::Current();
+        if (--m_pLock->nHandles > 0) {
+            return;
+        }
+        Release(world);
+        if (!m_pLock->bOtherHasOpen) {
+            world.locks.erase(m_strName);
+        }
+    }
+    bool Release(CWorld& world) {
+        world.WakeAll(Key());
+        return !m_pLock->bHeldByOther && std::exchange(m_pLock->bHeld, false);
+    }
+
+  private:
+    const std::string m_strName;
+    const std::shared_ptr<CWorld::CLock> m_pLock;
+};
 
 class CSnapshot : public CObject {
   public:
-    std::string What() const override { return "process snapshot"; }
-    std::vector<CWorld::CProcess> m_processes;
+    explicit CSnapshot(std::vector<CWorld::CProcess> processes)
+        : m_processes(std::move(processes)) {}
+
+    BOOL Next(bool bFirst, platform::PROCESSENTRY32& entry) {
+        m_dwNext = bFirst ? 0 : m_dwNext;
+        if (m_dwNext >= m_processes.size()) {
+            return FailWith(ERROR_NO_MORE_ITEMS);
+        }
+        const CWorld::CProcess& process = m_processes[m_dwNext++];
+        entry.th32ProcessID = process.dwId;
+        entry.szExeFile[process.strFile.copy(entry.szExeFile, MAX_PATH - 1)] = '\0';
+        return TRUE;
+    }
+
+  private:
+    const std::vector<CWorld::CProcess> m_processes;
     std::size_t m_dwNext = 0;
 };
 
 class CProcessHandle : public CObject {
   public:
     explicit CProcessHandle(DWORD dwId) : m_dwId(dwId) {}
-    std::string What() const override { return "process"; }
-    DWORD m_dwId;
+    const DWORD m_dwId;
 };
 
+// Handles that CloseHandle does not close.
 class CRegistryKey : public CObject {
   public:
-    std::string What() const override { return "registry key"; }
+    bool IsForCloseHandle() const override { return false; }
 };
 
-class CInterfaceSet : public CObject {
-  public:
-    std::string What() const override { return "device information set"; }
-};
-
-CWorld* Enter(ECall eCall) {
-    CWorld* pWorld = CWorld::Current();
-    return pWorld != nullptr && pWorld->Enter(eCall) ? pWorld : nullptr;
-}
+class CInterfaceSet : public CRegistryKey {};
 
 BOOL NextProcess(HANDLE hSnapshot, platform::PROCESSENTRY32* lppe, ECall eCall) {
-    CWorld* pWorld = Enter(eCall);
-    const auto pSnapshot = pWorld != nullptr ? pWorld->Get<CSnapshot>(hSnapshot) : nullptr;
-    if (!pSnapshot || pSnapshot->m_dwNext >= pSnapshot->m_processes.size()) {
-        return FailWith(pSnapshot ? ERROR_NO_MORE_ITEMS : ERROR_INVALID_HANDLE);
-    }
-    const CWorld::CProcess& process = pSnapshot->m_processes[pSnapshot->m_dwNext++];
-    lppe->th32ProcessID = process.dwId;
-    lppe->szExeFile[process.strFile.copy(lppe->szExeFile, sizeof(lppe->szExeFile) - 1)] = '\0';
-    return TRUE;
-}
-
-bool EqualWithoutCase(const char* lpszLeft, const char* lpszRight) {
-    const std::string_view left = lpszLeft;
-    return std::ranges::equal(left, std::string_view(lpszRight), [](char chLeft, char chRight) {
-        return std::tolower(static_cast<unsigned char>(chLeft)) ==
-               std::tolower(static_cast<unsigned char>(chRight));
+    return Call(eCall, FALSE, [&](CWorld& /*world*/) {
+        const auto pSnapshot = FindObject<CSnapshot>(hSnapshot);
+        return pSnapshot ? pSnapshot->Next(eCall == ECall::Process32First, *lppe) : FALSE;
     });
-}
-
-constexpr char32_t REPLACEMENT = 0xFFFD;
-
-// The code point at nAt of UTF-8, moving behind it. A malformed byte counts as one replacement.
-char32_t TakeUtf8(std::string_view text, std::size_t& nAt) {
-    const auto byte = [&](std::size_t n) {
-        return n < text.size() ? static_cast<unsigned char>(text[n]) : 0u;
-    };
-    const unsigned nFirst = byte(nAt++);
-    if (nFirst < 0x80) {
-        return nFirst;
-    }
-    const std::size_t nMore = nFirst >= 0xF0 ? 3u : nFirst >= 0xE0 ? 2u : 1u;
-    char32_t code = nFirst & (0x3Fu >> nMore);
-    for (std::size_t i = 0; i < nMore; ++i) {
-        if ((byte(nAt + i) & 0xC0) != 0x80) {
-            return REPLACEMENT;
-        }
-        code = (code << 6) | (byte(nAt + i) & 0x3F);
-    }
-    constexpr char32_t FIRST[] = {0, 0x80, 0x800, 0x10000};
-    if (nFirst < 0xC2 || nFirst > 0xF4 || code < FIRST[nMore] || code > 0x10FFFF ||
-        (code >= 0xD800 && code < 0xE000)) {
-        return REPLACEMENT;
-    }
-    nAt += nMore;
-    return code;
-}
-
-// Stores a converted text, or fails when there is no room for it.
-template <class TChar, class TText>
-int StoreText(const TText& text, TChar* lpTarget, int nRoom) {
-    if (nRoom != 0 && static_cast<std::size_t>(nRoom) < text.size()) {
-        SetError(ERROR_INSUFFICIENT_BUFFER);
-        return 0;
-    }
-    if (nRoom != 0) {
-        std::copy(text.begin(), text.end(), lpTarget);
-    }
-    return static_cast<int>(text.size());
 }
 
 } // namespace
@@ -156,160 +152,214 @@ int StoreText(const TText& text, TChar* lpTarget, int nRoom) {
 
 namespace platform {
 
+using sim::Call;
+using sim::CThread;
 using sim::CWorld;
 using sim::ECall;
-using sim::Enter;
+using sim::EWake;
 using sim::FailWith;
-using sim::SetError;
+using sim::FindObject;
+using sim::GiveHandle;
 
-// Memory. A block lives on past the end of its world, for the library's own statics.
+// Threads and waits.
+
+DWORD GetLastError() {
+    return real_platform::GetLastError();
+}
+
+void Sleep(DWORD dwMilliseconds) {
+    Call(ECall::Sleep, FALSE, [&](CWorld& world) {
+        world.Note("sleep ", dwMilliseconds);
+        world.Block(nullptr, world.DueAfter(dwMilliseconds), "a sleep", dwMilliseconds);
+        return TRUE;
+    });
+}
+
+HANDLE CreateThread(_SECURITY_ATTRIBUTES* /*lpThreadAttributes*/, SIZE_T /*dwStackSize*/,
+                    LPTHREAD_START_ROUTINE lpStartAddress, void* lpParameter, DWORD dwCreationFlags,
+                    DWORD* /*lpThreadId*/) {
+    return Call(ECall::CreateThread, HANDLE{}, [&](CWorld& world) {
+        return world.NewThread([=] { lpStartAddress(lpParameter); },
+                               (dwCreationFlags & CREATE_SUSPENDED) != 0);
+    });
+}
+
+DWORD ResumeThread(HANDLE hThread) {
+    return Call(ECall::ResumeThread, 0xFFFFFFFF, [&](CWorld& world) {
+        const auto pThread = FindObject<CThread>(hThread);
+        if (!pThread || pThread->eState != CThread::EState::Suspended) {
+            return 0xFFFFFFFF;
+        }
+        world.Start(*pThread);
+        return 1U;
+    });
+}
+
+BOOL TerminateThread(HANDLE hThread, DWORD /*dwExitCode*/) {
+    return Call(ECall::TerminateThread, FALSE, [&](CWorld& world) {
+        const auto pThread = FindObject<CThread>(hThread);
+        if (!pThread) {
+            return FALSE;
+        }
+        world.Note("thread stop ", pThread->nNumber);
+        world.Stop(*pThread);
+        return TRUE;
+    });
+}
+
+DWORD WaitForSingleObject(HANDLE hObject, DWORD dwMilliseconds) {
+    return Call(ECall::WaitForSingleObject, WAIT_FAILED, [&](CWorld& world) {
+        const auto pObject = FindObject<sim::CWaitable>(hObject);
+        if (!pObject) {
+            return WAIT_FAILED;
+        }
+        switch (world.Await(pObject->Key(), dwMilliseconds, pObject->What(), pObject->Number(),
+                            [&] { return pObject->Take(); })) {
+        case EWake::Woken:
+            return WAIT_OBJECT_0;
+        case EWake::TimedOut:
+            return WAIT_TIMEOUT;
+        default:
+            FailWith(ERROR_OPERATION_ABORTED);
+            return WAIT_FAILED;
+        }
+    });
+}
+
+HANDLE CreateMutexA(_SECURITY_ATTRIBUTES* /*lpMutexAttributes*/, BOOL /*bInitialOwner*/,
+                    const char* lpName) {
+    return Call(ECall::CreateMutexA, HANDLE{}, [&](CWorld& world) {
+        const std::string strName = lpName == nullptr ? "" : lpName;
+        auto pLock = std::make_shared<CWorld::CLock>();
+        bool bExisted = false;
+        if (lpName != nullptr) {
+            const auto [it, bNew] = world.locks.try_emplace(strName, pLock);
+            pLock = it->second;
+            bExisted = !bNew;
+        }
+        world.Note("lock open ", strName, bExisted ? ", existed" : "");
+        const HANDLE hLock = GiveHandle(
+            world, std::make_shared<sim::CLockHandle>(strName, pLock), "lock " + strName);
+        FailWith(bExisted ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+        return hLock;
+    });
+}
+
+BOOL ReleaseMutex(HANDLE hMutex) {
+    return Call(ECall::ReleaseMutex, FALSE, [&](CWorld& world) {
+        const auto pLock = FindObject<sim::CLockHandle>(hMutex);
+        return pLock && !pLock->Release(world) ? FailWith(ERROR_NOT_OWNER) : pLock != nullptr;
+    });
+}
+
+BOOL CloseHandle(HANDLE hObject) {
+    return Call(ECall::CloseHandle, FALSE, [&](CWorld& world) {
+        const BOOL bClosed = real_platform::CloseHandle(hObject);
+        if (bClosed) {
+            world.handles.erase(hObject);
+        }
+        return bClosed;
+    });
+}
+
+BOOL WaitOnAddress(DWORD* lpAddress, DWORD dwCompare, DWORD dwMilliseconds) {
+    return Call(ECall::WaitOnAddress, FALSE, [&](CWorld& world) {
+        if (std::atomic_ref<DWORD>(*lpAddress).load() != dwCompare) {
+            return TRUE;
+        }
+        switch (world.Block(lpAddress, world.DueAfter(dwMilliseconds), "a word to change")) {
+        case EWake::Woken:
+            return TRUE;
+        case EWake::TimedOut:
+            return FailWith(WAIT_TIMEOUT);
+        default:
+            return FailWith(ERROR_OPERATION_ABORTED);
+        }
+    });
+}
+
+void WakeByAddressAll(DWORD* lpAddress) {
+    Call(ECall::WakeByAddressAll, FALSE, [&](CWorld& world) {
+        world.WakeAll(lpAddress);
+        return TRUE;
+    });
+}
+
+// Memory, which lives on past the end of its world, for the library's own statics; and text.
 
 void* LocalAlloc(UINT uFlags, SIZE_T uBytes) {
-    CWorld* pWorld = CWorld::Current();
-    if (pWorld != nullptr &&
-        (!pWorld->Enter(ECall::LocalAlloc) || pWorld->dwFailAllocationsOf == uBytes)) {
-        SetError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    void* lpBlock = std::malloc(std::max<SIZE_T>(uBytes, 1));
-    if (lpBlock != nullptr) {
-        // What is not asked to be clear is made visibly not clear.
-        std::memset(lpBlock, (uFlags & LPTR) != 0 ? 0 : 0xCD, uBytes);
-        if (pWorld != nullptr) {
-            pWorld->blocks.emplace(lpBlock, uBytes);
+    return Call(ECall::LocalAlloc, static_cast<void*>(nullptr), [&](CWorld& world) {
+        void* hMem = world.dwFailAllocationsOf == uBytes
+                         ? nullptr
+                         : real_platform::LocalAlloc(uFlags, uBytes);
+        if (hMem != nullptr) {
+            world.blocks.emplace(hMem, uBytes);
         }
-    }
-    return lpBlock;
+        return hMem;
+    });
 }
 
 void* LocalFree(void* hMem) {
     if (CWorld* pWorld = CWorld::Current()) {
         pWorld->blocks.erase(hMem);
     }
-    std::free(hMem);
-    return nullptr;
+    return real_platform::LocalFree(hMem);
 }
 
-// Text.
-
-int WideCharToMultiByte(UINT /*CodePage*/, DWORD /*dwFlags*/, const WCHAR* lpWideCharStr,
-                        int cchWideChar, char* lpMultiByteStr, int cbMultiByte,
-                        const char* /*lpDefaultChar*/, BOOL* lpUsedDefaultChar) {
-    if (CWorld* pWorld = CWorld::Current()) {
-        pWorld->Enter(ECall::WideCharToMultiByte);
-    }
-    std::size_t nLength = static_cast<std::size_t>(cchWideChar);
-    if (cchWideChar < 0) {
-        for (nLength = 1; lpWideCharStr[nLength - 1] != 0; ++nLength) {
-        }
-    }
-    std::string strText;
-    BOOL bReplaced = FALSE;
-    for (std::size_t i = 0; i < nLength; ++i) {
-        char32_t code = lpWideCharStr[i];
-        const char32_t next = i + 1 < nLength ? char32_t{lpWideCharStr[i + 1]} : 0;
-        if (code >= 0xD800 && code < 0xDC00 && next >= 0xDC00 && next < 0xE000) {
-            code = 0x10000 + ((code - 0xD800) << 10) + (next - 0xDC00);
-            ++i;
-        } else if (code >= 0xD800 && code < 0xE000) {
-            code = sim::REPLACEMENT;
-            bReplaced = TRUE;
-        }
-        const auto add = [&](char32_t value) { strText += static_cast<char>(value); };
-        const auto more = [&](int nShift) { add(0x80 | ((code >> nShift) & 0x3F)); };
-        if (code < 0x80) {
-            add(code);
-        } else if (code < 0x800) {
-            add(0xC0 | (code >> 6));
-            more(0);
-        } else if (code < 0x10000) {
-            add(0xE0 | (code >> 12));
-            more(6);
-            more(0);
-        } else {
-            add(0xF0 | (code >> 18));
-            more(12);
-            more(6);
-            more(0);
-        }
-    }
-    if (lpUsedDefaultChar != nullptr) {
-        *lpUsedDefaultChar = bReplaced;
-    }
-    return sim::StoreText(strText, lpMultiByteStr, cbMultiByte);
+int WideCharToMultiByte(UINT CodePage, DWORD dwFlags, const WCHAR* lpWideCharStr, int cchWideChar,
+                        char* lpMultiByteStr, int cbMultiByte, const char* lpDefaultChar,
+                        BOOL* lpUsedDefaultChar) {
+    return Call(ECall::WideCharToMultiByte, 0, real_platform::WideCharToMultiByte, CodePage,
+                dwFlags, lpWideCharStr, cchWideChar, lpMultiByteStr, cbMultiByte, lpDefaultChar,
+                lpUsedDefaultChar);
 }
 
-int MultiByteToWideChar(UINT /*CodePage*/, DWORD /*dwFlags*/, const char* lpMultiByteStr,
-                        int cbMultiByte, WCHAR* lpWideCharStr, int cchWideChar) {
-    if (CWorld* pWorld = CWorld::Current()) {
-        pWorld->Enter(ECall::MultiByteToWideChar);
-    }
-    const std::string_view text(lpMultiByteStr, cbMultiByte < 0
-                                                    ? std::strlen(lpMultiByteStr) + 1
-                                                    : static_cast<std::size_t>(cbMultiByte));
-    std::vector<WCHAR> wide;
-    for (std::size_t nAt = 0; nAt < text.size();) {
-        const char32_t code = sim::TakeUtf8(text, nAt);
-        if (code >= 0x10000) {
-            wide.push_back(static_cast<WCHAR>(0xD800 + ((code - 0x10000) >> 10)));
-            wide.push_back(static_cast<WCHAR>(0xDC00 + ((code - 0x10000) & 0x3FF)));
-        } else {
-            wide.push_back(static_cast<WCHAR>(code));
-        }
-    }
-    return sim::StoreText(wide, lpWideCharStr, cchWideChar);
+int MultiByteToWideChar(UINT CodePage, DWORD dwFlags, const char* lpMultiByteStr, int cbMultiByte,
+                        WCHAR* lpWideCharStr, int cchWideChar) {
+    return Call(ECall::MultiByteToWideChar, 0, real_platform::MultiByteToWideChar, CodePage,
+                dwFlags, lpMultiByteStr, cbMultiByte, lpWideCharStr, cchWideChar);
 }
 
 char* lstrcpyA(char* lpString1, const char* lpString2) {
-    std::memcpy(lpString1, lpString2, std::strlen(lpString2) + 1);
-    return lpString1;
+    return real_platform::lstrcpyA(lpString1, lpString2);
 }
 
 // Registry.
 
 LONG RegOpenKeyExA(HKEY hKey, const char* lpSubKey, DWORD /*ulOptions*/, DWORD /*samDesired*/,
                    HKEY* phkResult) {
-    CWorld* pWorld = Enter(ECall::RegOpenKeyExA);
-    if (pWorld == nullptr) {
-        return ERROR_GEN_FAILURE;
-    }
-    if (!pWorld->bRegistryKeyExists || hKey != HKEY_LOCAL_MACHINE ||
-        !sim::EqualWithoutCase(lpSubKey, "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0")) {
-        return ERROR_FILE_NOT_FOUND;
-    }
-    *phkResult = static_cast<HKEY>(pWorld->Add(std::make_shared<sim::CRegistryKey>()));
-    return ERROR_SUCCESS;
+    return Call(ECall::RegOpenKeyExA, LONG{ERROR_GEN_FAILURE}, [&](CWorld& world) -> LONG {
+        if (!world.bRegistryKeyExists || hKey != HKEY_LOCAL_MACHINE ||
+            ::strcasecmp(lpSubKey, "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0") != 0) {
+            return ERROR_FILE_NOT_FOUND;
+        }
+        *phkResult = static_cast<HKEY>(
+            GiveHandle(world, std::make_shared<sim::CRegistryKey>(), "registry key"));
+        return ERROR_SUCCESS;
+    });
 }
 
 LONG RegQueryValueExA(HKEY hKey, const char* lpValueName, DWORD* /*lpReserved*/, DWORD* lpType,
                       BYTE* lpData, DWORD* lpcbData) {
-    CWorld* pWorld = Enter(ECall::RegQueryValueExA);
-    if (pWorld == nullptr) {
-        return ERROR_GEN_FAILURE;
-    }
-    if (!pWorld->Get<sim::CRegistryKey>(hKey)) {
-        return ERROR_INVALID_HANDLE;
-    }
-    if (!sim::EqualWithoutCase(lpValueName, "~MHz") || !pWorld->dwCpuMHz) {
-        return ERROR_FILE_NOT_FOUND;
-    }
-    const DWORD dwRoom = *lpcbData;
-    *lpcbData = sizeof(DWORD);
-    if (lpType != nullptr) {
+    return Call(ECall::RegQueryValueExA, LONG{ERROR_GEN_FAILURE}, [&](CWorld& world) -> LONG {
+        if (!FindObject<sim::CRegistryKey>(hKey)) {
+            return ERROR_INVALID_HANDLE;
+        }
+        if (::strcasecmp(lpValueName, "~MHz") != 0 || !world.dwCpuMHz) {
+            return ERROR_FILE_NOT_FOUND;
+        }
+        if (std::exchange(*lpcbData, DWORD{sizeof(DWORD)}) < sizeof(DWORD)) {
+            return ERROR_MORE_DATA;
+        }
         *lpType = REG_DWORD;
-    }
-    if (lpData != nullptr && dwRoom < sizeof(DWORD)) {
-        return ERROR_MORE_DATA;
-    }
-    if (lpData != nullptr) {
-        std::memcpy(lpData, &*pWorld->dwCpuMHz, sizeof(DWORD));
-    }
-    return ERROR_SUCCESS;
+        std::memcpy(lpData, &*world.dwCpuMHz, sizeof(DWORD));
+        return ERROR_SUCCESS;
+    });
 }
 
 LONG RegCloseKey(HKEY hKey) {
     CWorld* pWorld = CWorld::Current();
-    return pWorld != nullptr && pWorld->Get<sim::CRegistryKey>(hKey) && pWorld->Remove(hKey)
+    return pWorld != nullptr && FindObject<sim::CRegistryKey>(hKey) && CloseObject(*pWorld, hKey)
                ? LONG{ERROR_SUCCESS}
                : LONG{ERROR_INVALID_HANDLE};
 }
@@ -317,21 +367,13 @@ LONG RegCloseKey(HKEY hKey) {
 // Processes.
 
 HANDLE CreateToolhelp32Snapshot(DWORD /*dwFlags*/, DWORD /*th32ProcessID*/) {
-    CWorld* pWorld = Enter(ECall::CreateToolhelp32Snapshot);
-    if (pWorld == nullptr) {
-        return nullptr;
-    }
-    auto pSnapshot = std::make_shared<sim::CSnapshot>();
-    pSnapshot->m_processes = pWorld->processes;
-    return pWorld->Add(pSnapshot);
+    return Call(ECall::CreateToolhelp32Snapshot, HANDLE{}, [](CWorld& world) {
+        return GiveHandle(world, std::make_shared<sim::CSnapshot>(world.processes),
+                          "process snapshot");
+    });
 }
 
 BOOL Process32First(HANDLE hSnapshot, PROCESSENTRY32* lppe) {
-    CWorld* pWorld = CWorld::Current();
-    const auto pSnapshot = pWorld != nullptr ? pWorld->Get<sim::CSnapshot>(hSnapshot) : nullptr;
-    if (pSnapshot) {
-        pSnapshot->m_dwNext = 0;
-    }
     return sim::NextProcess(hSnapshot, lppe, ECall::Process32First);
 }
 
@@ -340,34 +382,31 @@ BOOL Process32Next(HANDLE hSnapshot, PROCESSENTRY32* lppe) {
 }
 
 HANDLE OpenProcess(DWORD /*dwDesiredAccess*/, BOOL /*bInheritHandle*/, DWORD dwProcessId) {
-    CWorld* pWorld = Enter(ECall::OpenProcess);
-    if (pWorld == nullptr) {
-        return nullptr;
-    }
-    for (const CWorld::CProcess& process : pWorld->processes) {
-        if (process.dwId == dwProcessId && process.bOpenable) {
-            return pWorld->Add(std::make_shared<sim::CProcessHandle>(dwProcessId));
+    return Call(ECall::OpenProcess, HANDLE{}, [&](CWorld& world) -> HANDLE {
+        const auto it =
+            std::ranges::find(world.processes, dwProcessId, &CWorld::CProcess::dwId);
+        if (it == world.processes.end() || !it->bOpenable) {
+            FailWith(ERROR_ACCESS_DENIED);
+            return nullptr;
         }
-    }
-    SetError(ERROR_ACCESS_DENIED);
-    return nullptr;
+        return GiveHandle(world, std::make_shared<sim::CProcessHandle>(dwProcessId), "process");
+    });
 }
 
 BOOL TerminateProcess(HANDLE hProcess, UINT /*uExitCode*/) {
-    CWorld* pWorld = Enter(ECall::TerminateProcess);
-    const auto pProcess = pWorld != nullptr ? pWorld->Get<sim::CProcessHandle>(hProcess) : nullptr;
-    if (!pProcess) {
-        return FALSE;
-    }
-    std::erase_if(pWorld->processes, [&](const CWorld::CProcess& process) {
-        if (process.dwId != pProcess->m_dwId) {
-            return false;
+    return Call(ECall::TerminateProcess, FALSE, [&](CWorld& world) {
+        const auto pProcess = FindObject<sim::CProcessHandle>(hProcess);
+        if (!pProcess) {
+            return FALSE;
         }
-        pWorld->strEndedProcesses.push_back(process.strFile);
-        pWorld->Note("process end %s", process.strFile.c_str());
-        return true;
+        std::erase_if(world.processes, [&](const CWorld::CProcess& process) {
+            if (process.dwId == pProcess->m_dwId) {
+                world.strEndedProcesses.push_back(process.strFile);
+            }
+            return process.dwId == pProcess->m_dwId;
+        });
+        return TRUE;
     });
-    return TRUE;
 }
 
 // Device interfaces.
@@ -376,33 +415,29 @@ HDEVINFO SetupDiGetClassDevsA(const GUID* ClassGuid, const char* /*Enumerator*/,
                               HWND /*hwndParent*/, DWORD Flags) {
     static const GUID DEVICE_CLASS = {
         0x25DBCE51, 0x6C8F, 0x4A72, {0x8A, 0x6D, 0xB5, 0x4C, 0x2B, 0x4F, 0xC8, 0x35}};
-    CWorld* pWorld = Enter(ECall::SetupDiGetClassDevsA);
-    if (pWorld == nullptr || std::memcmp(ClassGuid, &DEVICE_CLASS, sizeof(GUID)) != 0 ||
-        Flags != (DIGCF_PRESENT | DIGCF_DEVICEINTERFACE)) {
-        return INVALID_HANDLE_VALUE;
-    }
-    return pWorld->Add(std::make_shared<sim::CInterfaceSet>());
+    return Call(ECall::SetupDiGetClassDevsA, INVALID_HANDLE_VALUE, [&](CWorld& world) {
+        return std::memcmp(ClassGuid, &DEVICE_CLASS, sizeof(GUID)) != 0 ||
+                       Flags != (DIGCF_PRESENT | DIGCF_DEVICEINTERFACE)
+                   ? INVALID_HANDLE_VALUE
+                   : GiveHandle(world, std::make_shared<sim::CInterfaceSet>(),
+                                "device information set");
+    });
 }
 
 BOOL SetupDiEnumDeviceInterfaces(HDEVINFO DeviceInfoSet, void* /*DeviceInfoData*/,
                                  const GUID* /*InterfaceClassGuid*/, DWORD MemberIndex,
                                  SP_DEVICE_INTERFACE_DATA* DeviceInterfaceData) {
-    CWorld* pWorld = Enter(ECall::SetupDiEnumDeviceInterfaces);
-    if (pWorld == nullptr) {
-        return FALSE;
-    }
-    if (!pWorld->Get<sim::CInterfaceSet>(DeviceInfoSet) ||
-        DeviceInterfaceData->cbSize != sizeof(SP_DEVICE_INTERFACE_DATA)) {
-        return FailWith(ERROR_INVALID_PARAMETER);
-    }
-    const bool bThere = pWorld->AskForDevice();
-    pWorld->Note(bThere ? "ask, present" : "ask, gone");
-    if (!bThere || MemberIndex > 0) {
-        return FailWith(ERROR_NO_MORE_ITEMS);
-    }
-    DeviceInterfaceData->dwIndex = MemberIndex;
-    DeviceInterfaceData->hSet = DeviceInfoSet;
-    return TRUE;
+    return Call(ECall::SetupDiEnumDeviceInterfaces, FALSE, [&](CWorld& world) {
+        if (!FindObject<sim::CInterfaceSet>(DeviceInfoSet) ||
+            DeviceInterfaceData->cbSize != sizeof(SP_DEVICE_INTERFACE_DATA)) {
+            return FailWith(ERROR_INVALID_PARAMETER);
+        }
+        if (!world.AskForDevice() || MemberIndex > 0) {
+            return FailWith(ERROR_NO_MORE_ITEMS);
+        }
+        DeviceInterfaceData->hSet = DeviceInfoSet;
+        return TRUE;
+    });
 }
 
 BOOL SetupDiGetDeviceInterfaceDetailA(HDEVINFO DeviceInfoSet,
@@ -410,72 +445,56 @@ BOOL SetupDiGetDeviceInterfaceDetailA(HDEVINFO DeviceInfoSet,
                                       SP_DEVICE_INTERFACE_DETAIL_DATA_A* DeviceInterfaceDetailData,
                                       DWORD DeviceInterfaceDetailDataSize, DWORD* RequiredSize,
                                       void* /*DeviceInfoData*/) {
-    CWorld* pWorld = Enter(ECall::SetupDiGetDeviceInterfaceDetailA);
-    if (pWorld == nullptr) {
-        return FALSE;
-    }
-    const std::size_t dwPath = std::strlen(sim::DEVICE_NODE) + 1;
-    const std::size_t dwNeeded = DETAIL_PATH_OFFSET + dwPath;
-    if (!pWorld->Get<sim::CInterfaceSet>(DeviceInfoSet) ||
-        DeviceInterfaceData->hSet != DeviceInfoSet ||
-        (DeviceInterfaceDetailData != nullptr &&
-         DeviceInterfaceDetailData->cbSize != DETAIL_RECORD_SIZE)) {
-        return FailWith(ERROR_INVALID_PARAMETER);
-    }
-    if (RequiredSize != nullptr) {
-        *RequiredSize = static_cast<DWORD>(dwNeeded);
-    }
-    if (DeviceInterfaceDetailData == nullptr || DeviceInterfaceDetailDataSize < dwNeeded) {
-        return FailWith(ERROR_INSUFFICIENT_BUFFER);
-    }
-    std::memcpy(reinterpret_cast<char*>(DeviceInterfaceDetailData) + DETAIL_PATH_OFFSET,
-                sim::DEVICE_NODE, dwPath);
-    return TRUE;
+    return Call(ECall::SetupDiGetDeviceInterfaceDetailA, FALSE, [&](CWorld& /*world*/) {
+        constexpr DWORD NEEDED = DETAIL_PATH_OFFSET + sizeof(sim::DEVICE_NODE);
+        if (DeviceInterfaceData->hSet != DeviceInfoSet ||
+            (DeviceInterfaceDetailData != nullptr &&
+             DeviceInterfaceDetailData->cbSize != DETAIL_RECORD_SIZE)) {
+            return FailWith(ERROR_INVALID_PARAMETER);
+        }
+        if (RequiredSize != nullptr) {
+            *RequiredSize = NEEDED;
+        }
+        if (DeviceInterfaceDetailData == nullptr || DeviceInterfaceDetailDataSize < NEEDED) {
+            return FailWith(ERROR_INSUFFICIENT_BUFFER);
+        }
+        std::memcpy(reinterpret_cast<char*>(DeviceInterfaceDetailData) + DETAIL_PATH_OFFSET,
+                    sim::DEVICE_NODE, sizeof(sim::DEVICE_NODE));
+        return TRUE;
+    });
 }
 
 BOOL SetupDiDestroyDeviceInfoList(HDEVINFO DeviceInfoSet) {
     CWorld* pWorld = CWorld::Current();
-    return pWorld != nullptr && pWorld->Get<sim::CInterfaceSet>(DeviceInfoSet) &&
-                   pWorld->Remove(DeviceInfoSet)
-               ? TRUE
-               : FailWith(ERROR_INVALID_HANDLE);
+    return pWorld != nullptr && FindObject<sim::CInterfaceSet>(DeviceInfoSet)
+               ? CloseObject(*pWorld, DeviceInfoSet)
+               : FALSE;
 }
 
-// Windows.
+// Windows. Handles are never given out twice.
 
 HWND CreateMessageWindow() {
-    CWorld* pWorld = CWorld::Current();
-    if (pWorld == nullptr) {
-        return nullptr;
-    }
     static std::uintptr_t qwLast = 0x10000;
     const HWND hWnd = reinterpret_cast<HWND>(qwLast += 2);
-    pWorld->windows[hWnd] = {};
+    CWorld::Current()->windows[hWnd] = {};
     return hWnd;
 }
 
 BOOL WaitWindowMessage(HWND hWnd, DWORD dwTimeoutMs, WINDOWMESSAGE* lpMessage) {
-    CWorld* pWorld = CWorld::Current();
-    if (pWorld == nullptr) {
-        return FALSE;
-    }
-    const auto qwDue = pWorld->DueAfter(dwTimeoutMs);
-    for (sim::EWake eWake = sim::EWake::Woken;;) {
-        const auto it = pWorld->windows.find(hWnd);
-        if (it == pWorld->windows.end()) {
-            return FailWith(ERROR_INVALID_WINDOW_HANDLE);
+    CWorld& world = *CWorld::Current();
+    const auto taken = [&] {
+        const auto it = world.windows.find(hWnd);
+        if (it != world.windows.end() && !it->second.empty()) {
+            *lpMessage = it->second.front();
+            it->second.erase(it->second.begin());
+            return true;
         }
-        auto& messages = it->second.messages;
-        if (!messages.empty()) {
-            *lpMessage = messages.front();
-            messages.erase(messages.begin());
-            return TRUE;
-        }
-        if (eWake != sim::EWake::Woken || dwTimeoutMs == 0) {
-            return FailWith(WAIT_TIMEOUT);
-        }
-        eWake = pWorld->Block(hWnd, qwDue, "a window message");
-    }
+        return false;
+    };
+    bool bTaken = false;
+    world.Await(hWnd, dwTimeoutMs, "a window message", 0,
+                [&] { return (bTaken = taken()) || !world.windows.contains(hWnd); });
+    return bTaken ? TRUE : FailWith(WAIT_TIMEOUT);
 }
 
 int GetMessageWindowDescriptor(HWND /*hWnd*/) {
@@ -483,28 +502,23 @@ int GetMessageWindowDescriptor(HWND /*hWnd*/) {
 }
 
 BOOL DestroyMessageWindow(HWND hWnd) {
-    CWorld* pWorld = CWorld::Current();
-    if (pWorld == nullptr || pWorld->windows.erase(hWnd) == 0) {
-        return FailWith(ERROR_INVALID_WINDOW_HANDLE);
-    }
-    pWorld->WakeAll(hWnd);
-    return TRUE;
+    CWorld& world = *CWorld::Current();
+    world.WakeAll(hWnd);
+    return world.windows.erase(hWnd) != 0 ? TRUE : FailWith(ERROR_INVALID_WINDOW_HANDLE);
 }
 
 BOOL PostMessageA(HWND hWnd, UINT Msg, WPARAM wParam, LPARAM lParam) {
-    CWorld* pWorld = Enter(ECall::PostMessageA);
-    if (pWorld == nullptr) {
-        return FALSE;
-    }
-    const auto it = pWorld->windows.find(hWnd);
-    if (it == pWorld->windows.end()) {
-        return FailWith(ERROR_INVALID_WINDOW_HANDLE);
-    }
-    it->second.messages.push_back({Msg, wParam, lParam});
-    pWorld->posted.push_back({hWnd, Msg, wParam, lParam, pWorld->NowMs()});
-    pWorld->Note("post %u", static_cast<unsigned>(Msg));
-    pWorld->WakeAll(hWnd);
-    return TRUE;
+    return Call(ECall::PostMessageA, FALSE, [&](CWorld& world) {
+        const auto it = world.windows.find(hWnd);
+        if (it == world.windows.end()) {
+            return FailWith(ERROR_INVALID_WINDOW_HANDLE);
+        }
+        it->second.push_back({Msg, wParam, lParam});
+        world.posted.push_back({hWnd, Msg, wParam, lParam, world.NowMs()});
+        world.Note("post ", Msg);
+        world.WakeAll(hWnd);
+        return TRUE;
+    });
 }
 
 } // namespace platform

@@ -116,7 +116,7 @@ TEST(SimulatedHost, ADeadlockFailsTheTestAndEndsEveryThread) {
             EXPECT_EQ(platform::WaitForSingleObject(hThread, INFINITE), DWORD{WAIT_FAILED});
             EXPECT_EQ(platform::CreateMutexA(nullptr, FALSE, "lock"), nullptr);
         },
-        "thread 2 waits for a read of 1 bytes from the device");
+        "thread 2 waits for a read from the device (1)");
 }
 
 TEST(SimulatedHost, AThreadLeftBehindIsEndedWithItsWorld) {

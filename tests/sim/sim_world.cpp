@@ -55,7 +55,7 @@ void InWorld(const std::function<void()>& body) {
 }
 
 std::string Folder() {
-    return "C:\\contract";
+    return "C:/contract";
 }
 
 bool CreationTimesAreKept() {
