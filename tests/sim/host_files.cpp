@@ -2,74 +2,67 @@
 
 #include "tests/sim/seam.h"
 
+#include "platform/posix/device_folder.h"
+#include "platform/posix/usb_node.h"
+#include "platform/posix/waiting.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
+
+namespace fs = std::filesystem;
+
+namespace platform {
+
+decltype(CreateFileA) RealCreateFileA;
+decltype(ReadFile) RealReadFile;
+decltype(WriteFile) RealWriteFile;
+decltype(CloseHandle) RealCloseHandle;
+decltype(DeleteFileA) RealDeleteFileA;
+decltype(MoveFileExA) RealMoveFileExA;
+decltype(GetFileSize) RealGetFileSize;
+decltype(GetDiskFreeSpaceExA) RealGetDiskFreeSpaceExA;
+SIM_REAL(4, SetFilePointer, INVALID_SET_FILE_POINTER)
+SIM_REAL(4, GetFileTime, FALSE)
+SIM_REAL(4, SetFileTime, FALSE)
+SIM_REAL(2, SetFileAttributesA, FALSE)
+SIM_REAL(2, CreateDirectoryA, FALSE)
+SIM_REAL(4, GetTempFileNameA, UINT{0})
+
+} // namespace platform
 
 namespace sim {
 
 namespace {
 
-namespace fs = std::filesystem;
-
-// The path as the working folder has it: whatever separates stands ahead of it for nothing.
-const char* Below(const char* lpPath) {
-    return lpPath == nullptr ? nullptr : lpPath + std::strspn(lpPath, "/\\");
-}
-
-// The same with forward slashes, and without what leads nowhere.
+// A path with forward slashes, and without what leads nowhere.
 std::string Canonical(std::string strPath) {
     std::ranges::replace(strPath, '\\', '/');
-    return NameOf(PathOf(Below(strPath.c_str())).lexically_normal());
+    return NameOf(PathOf(InFolder(strPath.c_str())).lexically_normal());
 }
 
-fs::path Path(const std::string& strPath) {
-    return PathOf(Canonical(strPath));
+std::uint64_t SizeOf(const char* lpPath) {
+    std::error_code error;
+    const std::uint64_t qwSize = fs::file_size(PathOf(Canonical(lpPath)), error);
+    return error ? 0 : qwSize;
 }
 
-// The file that a handle stands for.
+// The file that an open handle stands for.
 std::string FileOf(const CWorld& world, HANDLE hFile) {
     const auto it = world.handles.find(hFile);
     return it == world.handles.end() ? "" : it->second.substr(it->second.find(' ') + 1);
 }
 
-int HandlesOf(const CWorld& world, const std::string& strFile) {
-    return static_cast<int>(std::ranges::count(world.handles, "file " + strFile,
-                                               &decltype(world.handles)::value_type::second));
-}
-
 // Whether the system keeps a file from being removed, or opened in this way.
-bool IsInUse(const CWorld& world, const char* lpFileName, bool bShared = false) {
-    const bool bInUse = world.bOpenFilesCannotBeDeleted && !bShared &&
-                        HandlesOf(world, Canonical(lpFileName)) > 0;
-    return bInUse && FailWith(ERROR_SHARING_VIOLATION) == FALSE;
+bool IsInUse(const CWorld& world, const char* lpPath, bool bShared = false) {
+    return world.bOpenFilesCannotBeDeleted && !bShared &&
+           std::ranges::count(world.Open(), "file " + Canonical(lpPath)) > 0 &&
+           FailWith(ERROR_SHARING_VIOLATION) == FALSE;
 }
 
-// What a call makes of the sizes of files comes from the room on the volume, or goes back to it.
-class CRoom {
-  public:
-    CRoom(CWorld& world, std::initializer_list<std::string> files)
-        : m_world(world), m_files(files), m_qwBefore(Size()) {}
-    ~CRoom() { m_world.qwFreeBytes += m_qwBefore - Size(); }
-    CRoom(const CRoom&) = delete;
-    CRoom& operator=(const CRoom&) = delete;
-
-  private:
-    std::uint64_t Size() const {
-        std::uint64_t qwSize = 0;
-        for (const std::string& strFile : m_files) {
-            std::error_code error;
-            const std::uint64_t qwOne = fs::file_size(Path(strFile), error);
-            qwSize += error ? 0 : qwOne;
-        }
-        return qwSize;
-    }
-
-    CWorld& m_world;
-    const std::vector<std::string> m_files;
-    const std::uint64_t m_qwBefore;
-};
+DWORD PositionOf(HANDLE hFile) {
+    return platform::RealSetFilePointer(hFile, 0, nullptr, FILE_CURRENT);
+}
 
 class CNode : public CObject {
   public:
@@ -106,15 +99,15 @@ class CNode : public CObject {
     BOOL Transfer(bool bWrite, DWORD dwSize, DWORD* lpdwCount, TStep step) {
         CWorld& world = *CWorld::Current();
         std::optional<std::size_t> count;
-        const char* lpszWhat = bWrite ? "a write to the device" : "a read from the device";
-        const EWake eWake = world.Await(world.PipeKey(), INFINITE, lpszWhat, dwSize, [&] {
+        const std::string strWhat = (bWrite ? "write of " : "read of ") + std::to_string(dwSize);
+        const EWake eWake = world.Await(world.PipeKey(), INFINITE, strWhat, [&] {
             IPeer* pPeer = PeerOf(world);
             count = pPeer == nullptr ? std::nullopt : step(*pPeer);
             return count || PeerOf(world) == nullptr; // it may have just unplugged itself
         });
         if (count) {
             *lpdwCount = static_cast<DWORD>(*count);
-            world.Note(bWrite ? "write " : "read ", *count, " of ", dwSize);
+            world.Note(strWhat, " did ", *count);
             world.PeerChanged();
             return TRUE;
         }
@@ -127,53 +120,45 @@ class CNode : public CObject {
     std::uint64_t m_qwPlugNumber;
 };
 
-bool IsNode(HANDLE hFile) {
-    return FindObject<CNode>(hFile) != nullptr;
-}
-
-DWORD PositionOf(HANDLE hFile) {
-    return real_platform::SetFilePointer(hFile, 0, nullptr, FILE_CURRENT);
-}
-
 BOOL Move(CWorld& world, const char* lpFrom, const char* lpTo, DWORD dwFlags) {
-    const CRoom room(world, {lpFrom, lpTo});
-    return !IsInUse(world, lpFrom) && !IsInUse(world, lpTo)
-               ? real_platform::MoveFileExA(Below(lpFrom), Below(lpTo), dwFlags)
-               : FALSE;
+    const std::uint64_t qwOld = SizeOf(lpTo);
+    if (IsInUse(world, lpFrom) || IsInUse(world, lpTo) ||
+        !platform::RealMoveFileExA(InFolder(lpFrom), InFolder(lpTo), dwFlags)) {
+        return FALSE;
+    }
+    world.qwFreeBytes += qwOld;
+    return TRUE;
 }
 
 } // namespace
 
 void CWorld::MakeHostFolder(const std::string& strPath) {
-    fs::create_directories(Path(strPath));
+    fs::create_directories(PathOf(Canonical(strPath)));
 }
 
 void CWorld::WriteHostFile(const std::string& strPath, const Bytes& bytes, FILETIME ftCreation,
                            FILETIME ftWrite) {
     const std::string strFile = Canonical(strPath);
-    MakeHostFolder(NameOf(PathOf(strFile).parent_path()));
+    fs::create_directories(PathOf(strFile).parent_path());
     fs::remove(PathOf(strFile)); // whoever has the old one open keeps it
     files.erase(strFile);
-    const HANDLE hFile = real_platform::CreateFileA(strFile.c_str(), GENERIC_WRITE, 0, nullptr,
-                                                    CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE hFile = platform::RealCreateFileA(strFile.c_str(), GENERIC_WRITE, 0, nullptr,
+                                                   CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
     DWORD dwCount = 0;
     const auto dwBytes = static_cast<DWORD>(bytes.size());
-    if (!real_platform::WriteFile(hFile, bytes.data(), dwBytes, &dwCount) ||
-        !real_platform::SetFileTime(hFile, &ftCreation, nullptr, &ftWrite)) {
-        ADD_FAILURE() << strPath << " cannot be made";
-    }
-    real_platform::CloseHandle(hFile);
+    EXPECT_TRUE(platform::RealWriteFile(hFile, bytes.data(), dwBytes, &dwCount)) << strPath;
+    EXPECT_TRUE(platform::RealSetFileTime(hFile, &ftCreation, nullptr, &ftWrite)) << strPath;
+    platform::RealCloseHandle(hFile);
 }
 
 std::optional<Bytes> CWorld::ReadHostFile(const std::string& strPath) const {
-    const std::string strBytes = ReadBytes(Path(strPath));
-    return HostFileExists(strPath) ? std::optional<Bytes>(std::in_place, strBytes.begin(),
-                                                          strBytes.end())
+    const std::string strBytes = ReadBytes(PathOf(Canonical(strPath)));
+    return HostFileExists(strPath) ? std::optional<Bytes>({strBytes.begin(), strBytes.end()})
                                    : std::nullopt;
 }
 
 bool CWorld::HostFileExists(const std::string& strPath) const {
-    return fs::is_regular_file(Path(strPath));
+    return fs::is_regular_file(PathOf(Canonical(strPath)));
 }
 
 CHostFile* CWorld::HostFile(const std::string& strPath) {
@@ -182,26 +167,23 @@ CHostFile* CWorld::HostFile(const std::string& strPath) {
     if (!bytes) {
         return nullptr;
     }
-    const HANDLE hFile = real_platform::CreateFileA(strFile.c_str(), GENERIC_READ, 0, nullptr,
-                                                    OPEN_EXISTING, 0, nullptr);
+    const HANDLE hFile = platform::RealCreateFileA(strFile.c_str(), GENERIC_READ, 0, nullptr,
+                                                   OPEN_EXISTING, 0, nullptr);
     FILETIME ftCreation{};
     FILETIME ftWrite{};
-    real_platform::GetFileTime(hFile, &ftCreation, nullptr, &ftWrite);
-    real_platform::CloseHandle(hFile);
-    const auto permissions = fs::status(PathOf(strFile)).permissions();
-    const bool bReadOnly = (permissions & fs::perms::owner_write) == fs::perms::none;
+    platform::RealGetFileTime(hFile, &ftCreation, nullptr, &ftWrite);
+    platform::RealCloseHandle(hFile);
+    const auto nHandles = std::ranges::count(Open(), "file " + strFile);
     const auto node = files.extract(strFile);
-    return &files
-                .try_emplace(strFile, CHostFile{*bytes, ftCreation, ftWrite, bReadOnly,
-                                                HandlesOf(*this, strFile),
-                                                node ? node.mapped().qwReportedSize : std::nullopt})
-                .first->second;
+    const auto qwReported = node ? node.mapped().qwReportedSize : std::nullopt;
+    const CHostFile file{*bytes, ftCreation, ftWrite, static_cast<int>(nHandles), qwReported};
+    return &files.try_emplace(strFile, file).first->second;
 }
 
 std::vector<std::string> CWorld::HostFiles(const std::string& strFolder, bool bFolders) const {
     std::vector<std::string> list;
     std::error_code error;
-    const fs::path folder = Path(strFolder.empty() ? "." : strFolder);
+    const fs::path folder = PathOf(Canonical(strFolder + "/."));
     for (const auto& entry : fs::recursive_directory_iterator(folder, error)) {
         if (bFolders ? entry.is_directory() : entry.is_regular_file()) {
             list.push_back(NameOf(entry.path().lexically_relative(folder)));
@@ -213,18 +195,37 @@ std::vector<std::string> CWorld::HostFiles(const std::string& strFolder, bool bF
 
 } // namespace sim
 
-namespace real_platform::posix {
+// What the real sources ask of others: the stop of a thread, the devices, and random numbers, which
+// are the same in every run.
 
-// What the real files ask of the rest of their implementation.
+extern "C" ssize_t sim_getrandom(void* lpBuffer, std::size_t dwBytes,
+                                 unsigned /*nFlags*/) noexcept {
+    static std::uint32_t nNumber = 0;
+    ++nNumber;
+    std::memcpy(lpBuffer, &nNumber, std::min(dwBytes, sizeof(nNumber)));
+    return static_cast<ssize_t>(dwBytes);
+}
 
-bool RefuseWhenStopping() noexcept;
+namespace platform::posix {
+
 bool RefuseWhenStopping() noexcept {
     const sim::CWorld* pWorld = sim::CWorld::Current();
     return pWorld != nullptr && pWorld->IsStopped() &&
            sim::FailWith(ERROR_OPERATION_ABORTED) == FALSE;
 }
 
-HANDLE OpenUsbNode(const char* lpszSocketPath);
+bool ListAttachedDevices(const GUID& classGuid, std::vector<std::string>& names,
+                         std::string& strClassFolder) {
+    constexpr GUID DEVICE_CLASS = {
+        0x25DBCE51, 0x6C8F, 0x4A72, {0x8A, 0x6D, 0xB5, 0x4C, 0x2B, 0x4F, 0xC8, 0x35}};
+    if (std::memcmp(&classGuid, &DEVICE_CLASS, sizeof(GUID)) == 0 &&
+        sim::CWorld::Current()->AskForDevice()) {
+        names.push_back("dak"); // as DEVICE_NODE has it
+    }
+    strClassFolder = "usb";
+    return true;
+}
+
 HANDLE OpenUsbNode(const char* /*lpszSocketPath*/) {
     sim::CWorld& world = *sim::CWorld::Current();
     sim::IPeer* pPeer = world.Peer();
@@ -237,173 +238,106 @@ HANDLE OpenUsbNode(const char* /*lpszSocketPath*/) {
     return AddHandle(std::make_shared<sim::CNode>(world.qwPlugNumber));
 }
 
-} // namespace real_platform::posix
-
-// In the place of the system's random numbers, for names that are the same in every run.
-extern "C" ssize_t sim_getrandom(void* lpBuffer, std::size_t dwBytes, unsigned nFlags) noexcept;
-extern "C" ssize_t sim_getrandom(void* lpBuffer, std::size_t dwBytes, unsigned /*nFlags*/) noexcept {
-    static std::uint32_t nNumber = 0;
-    ++nNumber;
-    std::memcpy(lpBuffer, &nNumber, std::min(dwBytes, sizeof(nNumber)));
-    return static_cast<ssize_t>(dwBytes);
-}
+} // namespace platform::posix
 
 namespace platform {
 
-using sim::Below;
-using sim::Call;
-using sim::Canonical;
-using sim::CRoom;
+using sim::CNode;
 using sim::CWorld;
-using sim::ECall;
-using sim::FailWith;
+using sim::FindObject;
+using sim::InFolder;
 
 HANDLE CreateFileA(const char* lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                    _SECURITY_ATTRIBUTES* lpSecurityAttributes, DWORD dwCreationDisposition,
                    DWORD dwFlagsAndAttributes, HANDLE hTemplateFile) {
-    const bool bNode = std::strcmp(lpFileName, sim::DEVICE_NODE) == 0;
-    const ECall eCall = bNode ? ECall::OpenNode : ECall::CreateFileA;
-    return Call(eCall, INVALID_HANDLE_VALUE, [&](CWorld& world) {
+    const bool bNode = sim::DEVICE_NODE == lpFileName;
+    const auto body = [&](CWorld& world) {
         const bool bWrites = (dwDesiredAccess & GENERIC_WRITE) != 0;
         const bool bShared = (dwShareMode & (bWrites ? FILE_SHARE_WRITE : FILE_SHARE_READ)) != 0;
         if (sim::IsInUse(world, lpFileName, bShared)) {
             return INVALID_HANDLE_VALUE;
         }
-        const CRoom room(world, {lpFileName});
-        const HANDLE hFile = real_platform::CreateFileA(
-            bNode ? lpFileName : Below(lpFileName), dwDesiredAccess, dwShareMode,
+        const std::uint64_t qwBefore = sim::SizeOf(lpFileName);
+        const HANDLE hFile = RealCreateFileA(
+            bNode ? lpFileName : InFolder(lpFileName), dwDesiredAccess, dwShareMode,
             lpSecurityAttributes, dwCreationDisposition, dwFlagsAndAttributes, hTemplateFile);
-        if (hFile != INVALID_HANDLE_VALUE) {
-            world.handles[hFile] = bNode ? "device node" : "file " + Canonical(lpFileName);
-        }
+        world.qwFreeBytes += qwBefore - sim::SizeOf(lpFileName);
+        world.Name(hFile, bNode ? "device node" : "file " + sim::Canonical(lpFileName));
         return hFile;
-    });
+    };
+    return sim::Call(bNode ? sim::ECall::OpenNode : sim::ECall::CreateFileA, INVALID_HANDLE_VALUE,
+                     body);
 }
 
 BOOL ReadFile(HANDLE hFile, void* lpBuffer, DWORD nNumberOfBytesToRead,
               DWORD* lpNumberOfBytesRead) {
-    const bool bNode = sim::IsNode(hFile);
-    return Call(bNode ? ECall::ReadPipe : ECall::ReadFile, FALSE, [&](CWorld& world) {
+    const bool bNode = FindObject<CNode>(hFile) != nullptr;
+    const auto body = [&](CWorld& world) {
         sim::CFileRead read{sim::FileOf(world, hFile), 0, nNumberOfBytesToRead, false};
         if (world.onFileRead && !bNode) {
             read.qwPosition = sim::PositionOf(hFile);
             world.onFileRead(read);
         }
-        return read.bFail
-                   ? FailWith(ERROR_GEN_FAILURE)
-                   : real_platform::ReadFile(hFile, lpBuffer,
-                                             std::min(read.dwBytes, nNumberOfBytesToRead),
-                                             lpNumberOfBytesRead);
-    });
+        const DWORD dwBytes = std::min(read.dwBytes, nNumberOfBytesToRead);
+        return read.bFail ? sim::FailWith(ERROR_GEN_FAILURE)
+                          : RealReadFile(hFile, lpBuffer, dwBytes, lpNumberOfBytesRead);
+    };
+    return sim::Call(bNode ? sim::ECall::ReadPipe : sim::ECall::ReadFile, FALSE, body);
 }
 
 BOOL WriteFile(HANDLE hFile, const void* lpBuffer, DWORD nNumberOfBytesToWrite,
                DWORD* lpNumberOfBytesWritten) {
-    if (sim::IsNode(hFile)) {
-        return Call(ECall::WritePipe, FALSE, real_platform::WriteFile, hFile, lpBuffer,
-                    nNumberOfBytesToWrite, lpNumberOfBytesWritten);
-    }
-    return Call(ECall::WriteFile, FALSE, [&](CWorld& world) {
-        const CRoom room(world, {sim::FileOf(world, hFile)});
+    const bool bNode = FindObject<CNode>(hFile) != nullptr;
+    const auto body = [&](CWorld& world) {
         // What lies in the file already takes no room.
-        const std::uint64_t qwRoom = world.qwFreeBytes + real_platform::GetFileSize(hFile, nullptr) -
-                                     sim::PositionOf(hFile);
-        const auto dwFits =
-            static_cast<DWORD>(std::min<std::uint64_t>(qwRoom, nNumberOfBytesToWrite));
+        const std::uint64_t qwSize = bNode ? 0 : RealGetFileSize(hFile, nullptr);
+        const std::uint64_t qwFits =
+            bNode ? nNumberOfBytesToWrite : world.qwFreeBytes + qwSize - sim::PositionOf(hFile);
+        const auto dwBytes =
+            static_cast<DWORD>(std::min<std::uint64_t>(qwFits, nNumberOfBytesToWrite));
+        const bool bFull = dwBytes < nNumberOfBytesToWrite;
         DWORD dwWritten = 0;
-        const BOOL bWritten = real_platform::WriteFile(hFile, lpBuffer, dwFits, &dwWritten);
-        if (bWritten && dwFits == nNumberOfBytesToWrite) {
-            *lpNumberOfBytesWritten = dwWritten;
+        const BOOL bWritten =
+            RealWriteFile(hFile, lpBuffer, dwBytes, bFull ? &dwWritten : lpNumberOfBytesWritten);
+        world.qwFreeBytes -= bNode ? 0 : RealGetFileSize(hFile, nullptr) - qwSize;
+        return bWritten && bFull ? sim::FailWith(ERROR_DISK_FULL) : bWritten;
+    };
+    return sim::Call(bNode ? sim::ECall::WritePipe : sim::ECall::WriteFile, FALSE, body);
+}
+
+SIM_REAL(1, CloseHandle, FALSE)
+SIM_CALL(1, DeleteFileA, FALSE, [](CWorld& world, const char* lpFileName) {
+    const std::uint64_t qwSize = sim::SizeOf(lpFileName);
+    if (sim::IsInUse(world, lpFileName) || !RealDeleteFileA(InFolder(lpFileName))) {
+        return FALSE;
+    }
+    world.qwFreeBytes += qwSize;
+    world.Note("file delete ", sim::Canonical(lpFileName));
+    return TRUE;
+})
+SIM_CALL(2, MoveFileA, FALSE, [](CWorld& world, const char* lpFrom, const char* lpTo) {
+    return sim::Move(world, lpFrom, lpTo, 0);
+})
+SIM_CALL(3, MoveFileExA, FALSE, sim::Move)
+SIM_CALL(2, GetFileSize, INVALID_FILE_SIZE, [](CWorld& world, HANDLE hFile, DWORD* lpHigh) {
+    const auto it = world.files.find(sim::FileOf(world, hFile));
+    if (it == world.files.end() || !it->second.qwReportedSize) {
+        return RealGetFileSize(hFile, lpHigh);
+    }
+    if (lpHigh != nullptr) {
+        *lpHigh = static_cast<DWORD>(*it->second.qwReportedSize >> 32);
+    }
+    return static_cast<DWORD>(*it->second.qwReportedSize);
+})
+SIM_CALL(4, GetDiskFreeSpaceExA, FALSE, [](CWorld& world, const char* lpFolder, auto... counts) {
+    const auto store = [&](std::uint64_t* lpCount) {
+        if (lpCount != nullptr) {
+            *lpCount = world.qwFreeBytes;
         }
-        return bWritten && dwFits < nNumberOfBytesToWrite ? FailWith(ERROR_DISK_FULL) : bWritten;
-    });
-}
-
-DWORD SetFilePointer(HANDLE hFile, LONG lDistance, LONG* lpDistanceHigh, DWORD dwMoveMethod) {
-    return Call(ECall::SetFilePointer, INVALID_SET_FILE_POINTER, real_platform::SetFilePointer,
-                hFile, lDistance, lpDistanceHigh, dwMoveMethod);
-}
-
-DWORD GetFileSize(HANDLE hFile, DWORD* lpFileSizeHigh) {
-    return Call(ECall::GetFileSize, INVALID_FILE_SIZE, [&](CWorld& world) {
-        const auto it = world.files.find(sim::FileOf(world, hFile));
-        if (it == world.files.end() || !it->second.qwReportedSize) {
-            return real_platform::GetFileSize(hFile, lpFileSizeHigh);
-        }
-        if (lpFileSizeHigh != nullptr) {
-            *lpFileSizeHigh = static_cast<DWORD>(*it->second.qwReportedSize >> 32);
-        }
-        return static_cast<DWORD>(*it->second.qwReportedSize);
-    });
-}
-
-BOOL GetFileTime(HANDLE hFile, FILETIME* lpCreationTime, FILETIME* lpLastAccessTime,
-                 FILETIME* lpLastWriteTime) {
-    return Call(ECall::GetFileTime, FALSE, real_platform::GetFileTime, hFile, lpCreationTime,
-                lpLastAccessTime, lpLastWriteTime);
-}
-
-BOOL SetFileTime(HANDLE hFile, const FILETIME* lpCreationTime, const FILETIME* lpLastAccessTime,
-                 const FILETIME* lpLastWriteTime) {
-    return Call(ECall::SetFileTime, FALSE, real_platform::SetFileTime, hFile, lpCreationTime,
-                lpLastAccessTime, lpLastWriteTime);
-}
-
-BOOL DeleteFileA(const char* lpFileName) {
-    return Call(ECall::DeleteFileA, FALSE, [&](CWorld& world) {
-        const CRoom room(world, {lpFileName});
-        const BOOL bDeleted = !sim::IsInUse(world, lpFileName) &&
-                              real_platform::DeleteFileA(Below(lpFileName));
-        if (bDeleted) {
-            world.Note("file delete ", Canonical(lpFileName));
-        }
-        return bDeleted;
-    });
-}
-
-BOOL MoveFileA(const char* lpExistingFileName, const char* lpNewFileName) {
-    return Call(ECall::MoveFileA, FALSE, [&](CWorld& world) {
-        return sim::Move(world, lpExistingFileName, lpNewFileName, 0);
-    });
-}
-
-BOOL MoveFileExA(const char* lpExistingFileName, const char* lpNewFileName, DWORD dwFlags) {
-    return Call(ECall::MoveFileExA, FALSE, [&](CWorld& world) {
-        return sim::Move(world, lpExistingFileName, lpNewFileName, dwFlags);
-    });
-}
-
-BOOL SetFileAttributesA(const char* lpFileName, DWORD dwFileAttributes) {
-    return Call(ECall::SetFileAttributesA, FALSE, real_platform::SetFileAttributesA,
-                Below(lpFileName), dwFileAttributes);
-}
-
-BOOL CreateDirectoryA(const char* lpPathName, _SECURITY_ATTRIBUTES* lpSecurityAttributes) {
-    return Call(ECall::CreateDirectoryA, FALSE, real_platform::CreateDirectoryA, Below(lpPathName),
-                lpSecurityAttributes);
-}
-
-UINT GetTempFileNameA(const char* lpPathName, const char* lpPrefixString, UINT uUnique,
-                      char* lpTempFileName) {
-    return Call(ECall::GetTempFileNameA, UINT{0}, real_platform::GetTempFileNameA,
-                Below(lpPathName), lpPrefixString, uUnique, lpTempFileName);
-}
-
-BOOL GetDiskFreeSpaceExA(const char* lpDirectoryName, std::uint64_t* lpFreeBytesAvailable,
-                         std::uint64_t* lpTotalNumberOfBytes,
-                         std::uint64_t* lpTotalNumberOfFreeBytes) {
-    return Call(ECall::GetDiskFreeSpaceExA, FALSE, [&](CWorld& world) {
-        const BOOL bTold = real_platform::GetDiskFreeSpaceExA(
-            Below(lpDirectoryName), lpFreeBytesAvailable, lpTotalNumberOfBytes,
-            lpTotalNumberOfFreeBytes);
-        for (std::uint64_t* lpqwCount :
-             {lpFreeBytesAvailable, lpTotalNumberOfBytes, lpTotalNumberOfFreeBytes}) {
-            if (bTold && lpqwCount != nullptr) {
-                *lpqwCount = world.qwFreeBytes;
-            }
-        }
-        return bTold;
-    });
-}
+    };
+    const BOOL bTold = RealGetDiskFreeSpaceExA(InFolder(lpFolder), counts...);
+    bTold ? (store(counts), ...) : void();
+    return bTold;
+})
 
 } // namespace platform

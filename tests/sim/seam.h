@@ -1,93 +1,94 @@
-// What the world's implementation of the seam is made of. What a world does not simulate is done by
-// the system's own implementation, compiled a second time with `platform` under another name: text,
-// memory, files, and the table of handles, in which everything that a world gives out stands.
+// What a world's implementation of the seam is made of. What it does not simulate is done by the
+// system's own implementation: its text, memory, files, and records of registry and devices, and
+// the table of handles, in which everything stands that a world gives out. Its sources are compiled
+// a second time, with "Real" ahead of the names of those calls that SIM_REAL and SIM_CALL define.
 #pragma once
 
 #include "platform/device.h"
 #include "platform/file.h"
 #include "platform/memory.h"
 #include "platform/message.h"
+#include "platform/posix/handles.h"
 #include "platform/process.h"
 #include "platform/registry.h"
-#include "platform/text.h"
 #include "platform/thread.h"
 #include "tests/sim/world.h"
 
-#define platform real_platform
-#include "platform/posix/handles.h"
-#undef platform
-
-namespace real_platform {
-
-decltype(platform::CloseHandle) CloseHandle;
-decltype(platform::CreateDirectoryA) CreateDirectoryA;
-decltype(platform::CreateFileA) CreateFileA;
-decltype(platform::DeleteFileA) DeleteFileA;
-decltype(platform::GetDiskFreeSpaceExA) GetDiskFreeSpaceExA;
-decltype(platform::GetFileSize) GetFileSize;
-decltype(platform::GetFileTime) GetFileTime;
-decltype(platform::GetLastError) GetLastError;
-decltype(platform::GetTempFileNameA) GetTempFileNameA;
-decltype(platform::LocalAlloc) LocalAlloc;
-decltype(platform::LocalFree) LocalFree;
-decltype(platform::lstrcpyA) lstrcpyA;
-decltype(platform::MoveFileExA) MoveFileExA;
-decltype(platform::MultiByteToWideChar) MultiByteToWideChar;
-decltype(platform::ReadFile) ReadFile;
-decltype(platform::SetFileAttributesA) SetFileAttributesA;
-decltype(platform::SetFilePointer) SetFilePointer;
-decltype(platform::SetFileTime) SetFileTime;
-decltype(platform::WideCharToMultiByte) WideCharToMultiByte;
-decltype(platform::WriteFile) WriteFile;
-
-} // namespace real_platform
+#include <cstring>
+#include <tuple>
 
 namespace sim {
 
-using real_platform::posix::CObject;
-using real_platform::posix::FindObject;
+using platform::posix::CObject;
+using platform::posix::FindObject;
 
 // Sets the calling thread's error number and returns what a failing call returns.
 inline BOOL FailWith(DWORD dwError) {
-    real_platform::posix::SetLastError(dwError);
+    platform::posix::SetLastError(dwError);
     return FALSE;
 }
 
-// Every call of the seam goes through here: it is counted, fails as planned, is told in the trace
-// when it fails, and otherwise is what its body does.
-template <class TResult, class TBody>
-TResult Call(ECall eCall, TResult failed, TBody body) {
+// The one way of every call: it is counted, fails as planned, is told in the trace when it fails,
+// and is otherwise what its body does.
+template <class TResult, class TBody, class... TArguments>
+TResult Call(ECall eCall, TResult failed, const TBody& body, TArguments... arguments) {
     CWorld* pWorld = CWorld::Current();
     if (pWorld == nullptr || !pWorld->Enter(eCall)) {
         return failed;
     }
-    const TResult result = body(*pWorld);
+    const TResult result = body(*pWorld, arguments...);
     if (result == failed) {
-        pWorld->Note("failed ", CallName(eCall), ", error ", real_platform::GetLastError());
+        pWorld->Note("failed ", CallName(eCall), ", error ", platform::GetLastError());
     }
     return result;
 }
 
-// The same for a body of the real implementation's.
-template <class TResult, class... TParameters, class... TArguments>
-TResult Call(ECall eCall, TResult failed, TResult (*body)(TParameters...),
-             const TArguments&... arguments) {
-    return Call(eCall, failed, [&](CWorld& /*world*/) { return body(arguments...); });
+// An argument as the working folder has it: a path does not begin at the system's root.
+template <class T>
+T InFolder(T argument) {
+    return argument;
+}
+inline const char* InFolder(const char* lpPath) {
+    return lpPath == nullptr ? nullptr : lpPath + std::strspn(lpPath, "/\\");
 }
 
-// Enters an object into the table of handles, and into the world's list of what is open.
-inline HANDLE GiveHandle(CWorld& world, std::shared_ptr<CObject> pObject, std::string strWhat) {
-    const HANDLE hObject = real_platform::posix::AddHandle(std::move(pObject));
-    world.handles[hObject] = std::move(strWhat);
-    return hObject;
-}
+template <class>
+struct CSignature;
+template <class TResult, class... TParameters>
+struct CSignature<TResult(TParameters...)> {
+    using Result = TResult;
+    template <std::size_t N>
+    using Parameter = std::tuple_element_t<N, std::tuple<TParameters...>>;
+};
 
-// Takes it out of both, whatever it is.
-inline BOOL CloseObject(CWorld& world, HANDLE hObject) {
-    const auto pObject = real_platform::posix::FindAnyObject(hObject);
-    world.handles.erase(hObject);
-    return real_platform::posix::RemoveHandle(hObject, pObject.get()) ? TRUE : FALSE;
-}
+#define SIM_P(name, n) sim::CSignature<decltype(name)>::Parameter<n> p##n
+#define SIM_PARAMETERS_1(name) SIM_P(name, 0)
+#define SIM_PARAMETERS_2(name) SIM_PARAMETERS_1(name), SIM_P(name, 1)
+#define SIM_PARAMETERS_3(name) SIM_PARAMETERS_2(name), SIM_P(name, 2)
+#define SIM_PARAMETERS_4(name) SIM_PARAMETERS_3(name), SIM_P(name, 3)
+#define SIM_PARAMETERS_5(name) SIM_PARAMETERS_4(name), SIM_P(name, 4)
+#define SIM_PARAMETERS_6(name) SIM_PARAMETERS_5(name), SIM_P(name, 5)
+#define SIM_ARGUMENTS_1 p0
+#define SIM_ARGUMENTS_2 SIM_ARGUMENTS_1, p1
+#define SIM_ARGUMENTS_3 SIM_ARGUMENTS_2, p2
+#define SIM_ARGUMENTS_4 SIM_ARGUMENTS_3, p3
+#define SIM_ARGUMENTS_5 SIM_ARGUMENTS_4, p4
+#define SIM_ARGUMENTS_6 SIM_ARGUMENTS_5, p5
+
+// Defines a call of the seam: the number of its parameters, its name, what it gives when it fails,
+// and its body, which is handed the world and the arguments.
+#define SIM_CALL(count, name, failed, ...)                                                         \
+    sim::CSignature<decltype(name)>::Result name(SIM_PARAMETERS_##count(name)) {                   \
+        return static_cast<sim::CSignature<decltype(name)>::Result>(                               \
+            sim::Call(sim::ECall::name, failed, __VA_ARGS__, SIM_ARGUMENTS_##count));              \
+    }
+
+// The same with the real implementation for its body.
+#define SIM_REAL(count, name, failed)                                                              \
+    decltype(name) Real##name;                                                                     \
+    SIM_CALL(count, name, failed, [](sim::CWorld& /*world*/, auto... arguments) {                  \
+        return Real##name(sim::InFolder(arguments)...);                                            \
+    })
 
 // What WaitForSingleObject waits for.
 class CWaitable : public CObject {
@@ -95,8 +96,6 @@ class CWaitable : public CObject {
     // Whether it has come; a lock is taken then.
     virtual bool Take() = 0;
     virtual const void* Key() const = 0;
-    virtual const char* What() const = 0;
-    virtual std::uint64_t Number() const { return 0; }
 };
 
 class CThread : public CWaitable {
@@ -104,8 +103,6 @@ class CThread : public CWaitable {
     enum class EState { Suspended, Ready, Waiting, Ended }; // the one that runs is ready
     bool Take() override { return eState == EState::Ended; }
     const void* Key() const override { return this; }
-    const char* What() const override { return "the end of a thread"; }
-    std::uint64_t Number() const override { return nNumber; }
 
     std::uint64_t nNumber = 0;
     EState eState = EState::Suspended;
@@ -115,8 +112,7 @@ class CThread : public CWaitable {
     const void* lpWaitKey = nullptr;
     std::uint64_t qwDue = CWorld::NEVER;
     std::uint64_t qwWaitNumber = 0;
-    const char* lpszWaitsFor = "";
-    std::uint64_t qwWaitsFor = 0;
+    std::string strWaitsFor;
     EWake eWake = EWake::Woken;
     CCarrier* pCarrier = nullptr;
 };

@@ -38,6 +38,10 @@
 #include <string_view>
 #include <vector>
 
+namespace platform::posix {
+class CObject; // what stands behind a handle
+}
+
 namespace sim {
 
 using namespace test; // packages, and what they are made of
@@ -53,10 +57,9 @@ using namespace test; // packages, and what they are made of
         SetupDiEnumDeviceInterfaces, SetupDiGetDeviceInterfaceDetailA
 #define SIM_CALLS_THAT_SUCCEED                                                                     \
     Sleep, WaitForSingleObject, WaitOnAddress, WakeByAddressAll, ResumeThread, TerminateThread,    \
-        ReleaseMutex, CloseHandle, WideCharToMultiByte, MultiByteToWideChar
+        ReleaseMutex, CloseHandle
 
 enum class ECall { SIM_CALLS_THAT_FAIL, SIM_CALLS_THAT_SUCCEED, Count };
-inline constexpr ECall FIRST_THAT_SUCCEEDS = ECall::Sleep;
 const std::string& CallName(ECall eCall);
 
 // The device's end of the pipe. The world tells the time ahead of every other call. No function
@@ -99,7 +102,6 @@ struct CHostFile {
     const Bytes bytes;
     const FILETIME ftCreation;
     const FILETIME ftWrite;
-    const bool bReadOnly;
     const int nHandles;
     std::optional<std::uint64_t> qwReportedSize;
 };
@@ -157,8 +159,8 @@ class CWorld {
     std::vector<std::string> Open() const;
 
     // Host files: real ones, below a folder of the world's own, which is the process's working
-    // folder as long as the world is there. Either slash separates; drives and the root exist, other
-    // folders must be made.
+    // folder as long as the world is there. Either slash separates; drives and the root exist,
+    // other folders must be made.
     void WriteHostFile(const std::string& strPath, const Bytes& bytes, FILETIME ftCreation = {},
                        FILETIME ftWrite = {}); // makes the folders too
     std::optional<Bytes> ReadHostFile(const std::string& strPath) const;
@@ -226,23 +228,21 @@ class CWorld {
     static constexpr std::uint64_t NEVER = ~0ull;
     std::uint64_t DueAfter(DWORD dwMs) const { return dwMs == INFINITE ? NEVER : m_qwNowMs + dwMs; }
     // Waits for WakeAll of the key or the time. In a thread being stopped it returns at once, after
-    // giving way, unless bEvenIfStopped. What it waits for, and a number of it, are for Threads().
-    EWake Block(const void* lpKey, std::uint64_t qwDue, const char* lpszWaitsFor,
-                std::uint64_t qwOf = 0, bool bEvenIfStopped = false);
+    // giving way, unless bEvenIfStopped.
+    EWake Block(const void* lpKey, std::uint64_t qwDue, std::string strWaitsFor,
+                bool bEvenIfStopped = false);
     // The same until isThere() is true, which is asked again at each wake.
     template <class TIsThere>
-    EWake Await(const void* lpKey, DWORD dwMs, const char* lpszWaitsFor, std::uint64_t qwOf,
-                TIsThere isThere) {
+    EWake Await(const void* lpKey, DWORD dwMs, const std::string& strWaitsFor, TIsThere isThere) {
         const std::uint64_t qwDue = DueAfter(dwMs);
-        for (EWake eWake = EWake::Woken;;) {
-            if (eWake != EWake::Stopped && isThere()) {
-                return EWake::Woken;
-            }
+        EWake eWake = EWake::Woken;
+        while (eWake == EWake::Stopped || !isThere()) {
             if (eWake != EWake::Woken || dwMs == 0) {
                 return eWake == EWake::Stopped ? eWake : EWake::TimedOut;
             }
-            eWake = Block(lpKey, qwDue, lpszWaitsFor, qwOf);
+            eWake = Block(lpKey, qwDue, strWaitsFor);
         }
+        return EWake::Woken;
     }
     void WakeAll(const void* lpKey);
     template <class... TParts>
@@ -250,9 +250,12 @@ class CWorld {
         if (bTrace && m_trace.size() < MAX_EVENTS) {
             std::ostringstream text;
             (text << ... << parts);
-            m_trace.push_back({m_qwNowMs, text.str()});
+            m_trace.emplace_back(m_qwNowMs, text.str());
         }
     }
+    // Gives an object a handle; says what an open handle stands for.
+    HANDLE Add(std::shared_ptr<platform::posix::CObject> pObject, std::string strWhat);
+    void Name(HANDLE hObject, std::string strWhat);
     HANDLE NewThread(std::function<void()> entry, bool bSuspended);
     void Start(CThread& thread);
     void Stop(CThread& thread);
@@ -260,7 +263,7 @@ class CWorld {
     IPeer* Peer();       // with the time told
     const void* PipeKey() const { return &m_pPeer; }
 
-    std::map<HANDLE, std::string> handles; // what each stands for
+    std::map<HANDLE, std::string> handles; // their names, and those of some that are closed
     std::map<void*, SIZE_T> blocks;
     std::map<std::string, CHostFile> files; // the records that were asked for
     std::map<HWND, std::vector<platform::WINDOWMESSAGE>> windows;
@@ -273,10 +276,6 @@ class CWorld {
         std::uint64_t qwFirst;
         std::uint64_t qwTimes;
         DWORD dwError;
-    };
-    struct CEvent {
-        std::uint64_t qwMs;
-        std::string strText;
     };
     void Carry(CCarrier& carrier);
     void HandOver(CThread& self);
@@ -306,14 +305,14 @@ class CWorld {
     std::uint64_t m_qwFailingCalls = 0;
     std::vector<CFault> m_faults;
     int m_nFaultsMet = 0;
-    std::vector<CEvent> m_trace;
+    std::vector<std::pair<std::uint64_t, std::string>> m_trace;
     IPeer* m_pPeer = nullptr;
     std::uint64_t m_qwQuestions = 0;
     std::uint64_t m_qwUnplugAt = 0;
 };
 
 // The path of the device node.
-inline constexpr char DEVICE_NODE[] = "\\\\?\\usb#dak#0";
+inline constexpr std::string_view DEVICE_NODE = "\\\\?\\usb/dak";
 
 // Runs a scenario in a world of its own with call number 1 failing, then number 2 and so on, until
 // a run meets no fault: once every call of that kind (none: of all that can fail) has failed. With
