@@ -6,19 +6,10 @@
 
 namespace sim {
 
-void CAgentPeer::ClearFaults() {
-    m_planned.clear();
-    onPackage = nullptr;
-}
-
 std::optional<CAgentPeer::CFault> CAgentPeer::Next(bool bToHost) {
     const std::uint64_t n = ++m_qwSeen[bToHost];
-    const auto planned = m_planned.extract({bToHost, n});
-    const auto fault = planned     ? std::optional(planned.mapped())
-                       : onPackage ? onPackage(bToHost, n)
-                                   : std::nullopt;
+    const auto fault = onPackage ? onPackage(bToHost, n) : std::nullopt;
     if (fault) {
-        ++m_nFaultsMet;
         m_world.Note("pipe fault ", static_cast<int>(fault->eFault), " to ",
                      bToHost ? "host" : "device", ", package ", n);
     }

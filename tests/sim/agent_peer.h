@@ -4,7 +4,7 @@
 //     agent::CDevice things(...);
 //     agent::CAgentCore core(things);
 //     sim::CAgentPeer agent(world, core);
-//     agent.FaultToHost(3, {sim::CAgentPeer::EFault::Corrupt, 20});
+//     agent.onPackage = [](bool bToHost, std::uint64_t n) -> std::optional<CFault> { ... };
 //
 // Without faults the pipe has no latency and hands everything through unchanged.
 #pragma once
@@ -33,17 +33,8 @@ class CAgentPeer : public IPeer {
     }
     ~CAgentPeer() override { m_world.Unplug(*this); }
 
-    // A fault for package number n from now on (1 is the next).
-    void FaultToHost(std::uint64_t n, CFault fault) { Plan(true, n, fault); }
-    void FaultToDevice(std::uint64_t n, CFault fault) { Plan(false, n, fault); }
-    // Asked for every package for which no fault is planned, with its number from the start.
+    // Asked for every package, with its number from the start.
     std::function<std::optional<CFault>(bool bToHost, std::uint64_t n)> onPackage;
-    void ClearFaults();
-
-    // Packages seen so far, and faults that were met.
-    std::uint64_t PackagesToHost() const { return m_qwSeen[true]; }
-    std::uint64_t PackagesToDevice() const { return m_qwSeen[false]; }
-    int FaultsMet() const { return m_nFaultsMet; }
 
     void SetTime(std::uint64_t qwNowMs) override { m_core.SetTime(m_qwToldMs = qwNowMs); }
     bool TakePackage(std::span<const std::uint8_t> package) override;
@@ -54,17 +45,12 @@ class CAgentPeer : public IPeer {
     void Unplugged() override { Closed(); }
 
   private:
-    void Plan(bool bToHost, std::uint64_t n, CFault fault) {
-        m_planned[{bToHost, m_qwSeen[bToHost] + n}] = fault;
-    }
     std::optional<CFault> Next(bool bToHost);
     bool Damage(const CFault& fault, Bytes& package);
 
     CWorld& m_world;
     agent::CAgentCore& m_core;
     std::array<std::uint64_t, 2> m_qwSeen{}; // to the device, to the host
-    std::map<std::pair<bool, std::uint64_t>, CFault> m_planned;
-    int m_nFaultsMet = 0;
     std::uint64_t m_qwToldMs = 0;
     std::size_t m_dwRest = 0; // of a package that the host has begun to take from the agent
     Bytes m_held;             // a damaged or delayed package for the host

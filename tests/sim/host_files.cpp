@@ -173,10 +173,9 @@ CHostFile* CWorld::HostFile(const std::string& strPath) {
     FILETIME ftWrite{};
     platform::RealGetFileTime(hFile, &ftCreation, nullptr, &ftWrite);
     platform::RealCloseHandle(hFile);
-    const auto nHandles = std::ranges::count(Open(), "file " + strFile);
     const auto node = files.extract(strFile);
     const auto qwReported = node ? node.mapped().qwReportedSize : std::nullopt;
-    const CHostFile file{*bytes, ftCreation, ftWrite, static_cast<int>(nHandles), qwReported};
+    const CHostFile file{*bytes, ftCreation, ftWrite, qwReported};
     return &files.try_emplace(strFile, file).first->second;
 }
 
@@ -229,8 +228,8 @@ bool ListAttachedDevices(const GUID& classGuid, std::vector<std::string>& names,
 HANDLE OpenUsbNode(const char* /*lpszSocketPath*/) {
     sim::CWorld& world = *sim::CWorld::Current();
     sim::IPeer* pPeer = world.Peer();
-    if (pPeer == nullptr || !world.bNodeOpens) {
-        sim::FailWith(pPeer == nullptr ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED);
+    if (pPeer == nullptr) {
+        SetLastError(ERROR_FILE_NOT_FOUND);
         return nullptr;
     }
     world.Note("node open");

@@ -57,18 +57,13 @@ DWORD CWorld::AddProcess(const std::string& strFile, bool bOpenable) {
     return dwId;
 }
 
-void CWorld::OtherProcessOpensLock(const std::string& strName, bool bHolds) {
-    CLock& lock = *locks.try_emplace(strName, std::make_shared<CLock>()).first->second;
-    lock = {lock.bHeld || bHolds, bHolds, true, lock.nHandles};
+void CWorld::OtherProcessOpensLock(const std::string& strName) {
+    ++locks.try_emplace(strName, std::make_shared<CLock>()).first->second->nHandles;
 }
 
 void CWorld::OtherProcessClosesLock(const std::string& strName) {
-    const auto pLock = std::exchange(locks[strName], nullptr);
-    locks.erase(strName);
-    if (pLock && pLock->nHandles > 0) {
-        locks[strName] = pLock;
-        *pLock = {pLock->bHeld && !pLock->bHeldByOther, false, false, pLock->nHandles};
-        WakeAll(pLock.get());
+    if (--locks.at(strName)->nHandles == 0) {
+        locks.erase(strName);
     }
 }
 
@@ -84,17 +79,14 @@ class CLockHandle : public CWaitable {
     bool Take() override { return !std::exchange(m_pLock->bHeld, true); }
     const void* Key() const override { return m_pLock.get(); }
     void HandleClosed() noexcept override {
-        CWorld& world = *CWorld::Current();
         if (--m_pLock->nHandles == 0) {
-            Release(world);
-            if (!m_pLock->bOtherHasOpen) {
-                world.locks.erase(m_strName);
-            }
+            Release();
+            CWorld::Current()->locks.erase(m_strName);
         }
     }
-    bool Release(CWorld& world) {
-        world.WakeAll(Key());
-        return !m_pLock->bHeldByOther && std::exchange(m_pLock->bHeld, false);
+    bool Release() {
+        CWorld::Current()->WakeAll(Key());
+        return std::exchange(m_pLock->bHeld, false);
     }
 
   private:
@@ -180,18 +172,18 @@ SIM_CALL(2, WaitForSingleObject, WAIT_FAILED, [](CWorld& world, HANDLE hObject, 
 })
 SIM_CALL(3, CreateMutexA, HANDLE{}, [](CWorld& world, auto, BOOL, const char* lpName) {
     const std::string strName = lpName == nullptr ? "" : lpName;
+    auto pLock = std::make_shared<CWorld::CLock>();
     const bool bExisted = lpName != nullptr && world.locks.contains(strName);
-    auto pLock = bExisted ? world.locks[strName] : std::make_shared<CWorld::CLock>();
     if (lpName != nullptr) {
-        world.locks[strName] = pLock;
+        pLock = world.locks.try_emplace(strName, pLock).first->second;
     }
     world.Note("lock open ", strName, bExisted ? ", existed" : "");
     FailWith(bExisted ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
     return world.Add(std::make_shared<CLockHandle>(strName, std::move(pLock)), "lock " + strName);
 })
-SIM_CALL(1, ReleaseMutex, FALSE, [](CWorld& world, HANDLE hMutex) {
+SIM_CALL(1, ReleaseMutex, FALSE, [](CWorld& /*world*/, HANDLE hMutex) {
     const auto pLock = FindObject<CLockHandle>(hMutex);
-    return pLock && !pLock->Release(world) ? FailWith(ERROR_NOT_OWNER) : BOOL{pLock != nullptr};
+    return pLock && !pLock->Release() ? FailWith(ERROR_NOT_OWNER) : BOOL{pLock != nullptr};
 })
 SIM_CALL(3, WaitOnAddress, FALSE, [](CWorld& world, DWORD* lpAddress, DWORD dwOld, DWORD dwMs) {
     if (std::atomic_ref<DWORD>(*lpAddress).load() != dwOld) {

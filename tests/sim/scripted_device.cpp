@@ -24,21 +24,10 @@ std::string Row(const Bytes& bytes, std::size_t dwDifference) {
 
 } // namespace
 
-CScriptedDevice::CScriptedDevice(CWorld& world, bool bPlugged) : m_world(world) {
-    if (bPlugged) {
-        m_world.Plug(*this);
-    }
-}
-
 CScriptedDevice::~CScriptedDevice() {
-    Finish();
-    m_world.Unplug(*this);
-}
-
-void CScriptedDevice::Finish() {
     EXPECT_EQ(m_steps.size(), 0u) << "steps of the script are left, of " << m_nSteps << ", at "
                                   << m_world.NowMs() << " ms";
-    m_steps.clear();
+    m_world.Unplug(*this);
 }
 
 void CScriptedDevice::Compare(const Bytes& expected, const Bytes& got, int nStep) const {
@@ -120,7 +109,7 @@ void CScriptedDevice::Give(Bytes package, std::uint64_t qwAfterMs) {
 
 // A handshake drops what the host has not taken.
 void CScriptedDevice::Answer(const Bytes& reply) {
-    Drop();
+    m_pending.clear();
     if (!reply.empty()) {
         Give(reply);
     }
@@ -157,7 +146,6 @@ bool CScriptedDevice::TakePackage(std::span<const std::uint8_t> package) {
         Answer(Handshake(dwWord, DAK_PROTOCOL_VERSION));
         return true;
     }
-    m_packages.push_back({bytes, m_world.NowMs()});
     if (!m_steps.empty()) {
         TakeStep().take(bytes);
     } else if (onPackage) {

@@ -9,7 +9,7 @@
 // A step that expects waits for the host's next package; the steps behind it follow at once, up to
 // the next one that waits; at the head of a script they are done as they are added. A package that
 // differs, comes with no step for it, or at another time fails the test, as do steps that are left
-// at the end (Finish, or the destructor).
+// at the end.
 //
 // Replies are packages: a read gets at most the rest of one. They queue up until the host takes
 // them, also across a closing of the node; a handshake drops them.
@@ -28,7 +28,7 @@ class CScriptedDevice : public IPeer {
         std::uint64_t qwMs; // when it came, or is there for the host
     };
 
-    explicit CScriptedDevice(CWorld& world, bool bPlugged = true);
+    explicit CScriptedDevice(CWorld& world) : m_world(world) { m_world.Plug(*this); }
     ~CScriptedDevice() override;
 
     // Steps that wait for a package.
@@ -60,18 +60,15 @@ class CScriptedDevice : public IPeer {
     // Takes the packages for which there is no step.
     std::function<void(const Bytes&)> onPackage;
 
-    // Outside a script: lays a package ready, drops what is ready.
+    // Outside a script: lays a package ready.
     void Give(Bytes package, std::uint64_t qwAfterMs = 0);
-    void Drop() { m_pending.clear(); }
 
-    // Everything the host wrote, and the handshakes that were served.
-    const std::vector<CPackage>& Packages() const { return m_packages; }
+    // The handshakes that were served.
     const std::vector<CPackage>& Handshakes() const { return m_handshakes; }
     // Times the node was opened, and is open now.
     int Opens() const { return m_nOpens; }
     int OpenNow() const { return m_nOpenNow; }
     std::size_t PendingPackages() const { return m_pending.size(); }
-    void Finish();
 
     void SetTime(std::uint64_t qwNowMs) override { m_qwToldMs = qwNowMs; }
     bool TakePackage(std::span<const std::uint8_t> package) override;
@@ -100,7 +97,6 @@ class CScriptedDevice : public IPeer {
     CWorld& m_world;
     std::deque<CStep> m_steps;
     std::deque<CPackage> m_pending;
-    std::vector<CPackage> m_packages;
     std::vector<CPackage> m_handshakes;
     std::uint64_t m_qwToldMs = 0;
     int m_nSteps = 0;

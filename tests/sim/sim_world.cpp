@@ -7,16 +7,18 @@ namespace contract {
 
 namespace {
 
+// Takes and gives without a script.
 class CPlainDevice : public sim::CScriptedDevice {
   public:
-    explicit CPlainDevice(sim::CWorld& world) : CScriptedDevice(world, false) {
+    explicit CPlainDevice(sim::CWorld& world) : CScriptedDevice(world) {
         ServeHandshakes(false);
-        onPackage = [](const sim::Bytes&) {};
+        onPackage = [this](const sim::Bytes& package) { took.push_back(package); };
     }
     bool TakePackage(std::span<const std::uint8_t> package) override {
         return bTakes && CScriptedDevice::TakePackage(package);
     }
     bool bTakes = true;
+    std::vector<sim::Bytes> took;
 };
 
 std::optional<CPlainDevice> g_device;
@@ -42,12 +44,8 @@ std::uint64_t NowMs() {
     return sim::CWorld::Current()->NowMs();
 }
 
-void SetCpuMHz(std::optional<DWORD> dwMHz) {
-    sim::CWorld::Current()->dwCpuMHz = dwMHz;
-}
-
 void PlugDevice() {
-    sim::CWorld::Current()->Plug(g_device.emplace(*sim::CWorld::Current()));
+    g_device.emplace(*sim::CWorld::Current());
 }
 
 void UnplugDevice() {
@@ -59,11 +57,7 @@ void DeviceGives(std::vector<std::uint8_t> package) {
 }
 
 std::vector<std::vector<std::uint8_t>> DeviceTook() {
-    std::vector<sim::Bytes> packages;
-    for (const auto& package : g_device->Packages()) {
-        packages.push_back(package.bytes);
-    }
-    return packages;
+    return g_device->took;
 }
 
 void DeviceTakes(bool bTakes) {

@@ -100,8 +100,7 @@ CWorld::~CWorld() {
     const auto lines = Trace();
     for (std::size_t i = lines.size() - std::min(lines.size(), EVENTS_SHOWN);
          i < lines.size() && ::testing::Test::HasFailure(); ++i) {
-        std::fprintf(stderr, "  %s ms: %s\n", i == 0 ? "The simulated host, at" : "at",
-                     lines[i].c_str());
+        std::fprintf(stderr, "  the simulated host at %s\n", lines[i].c_str());
     }
     m_pPeer = nullptr;
     for (const auto& [hObject, strWhat] : handles) {
@@ -373,24 +372,6 @@ std::vector<std::string> CWorld::Open() const {
         lines.push_back("memory block of " + std::to_string(dwBytes) + " bytes");
     }
     return lines;
-}
-
-std::uint64_t Sweep(const std::function<void(CWorld&)>& scenario, std::optional<ECall> eCall,
-                    std::uint64_t nTimes, std::uint64_t nOnly) {
-    for (std::uint64_t n = nOnly != 0 ? nOnly : 1;; ++n) {
-        SCOPED_TRACE((eCall ? CallName(*eCall) : "any call") + " fails, number " +
-                     std::to_string(n));
-        CWorld world;
-        if (eCall) {
-            world.FailCall(*eCall, n, 0, nTimes);
-        } else {
-            world.FailAnyCall(n, nTimes);
-        }
-        scenario(world);
-        if (world.FaultsMet() == 0 || nOnly != 0 || ::testing::Test::HasFailure()) {
-            return n - 1;
-        }
-    }
 }
 
 } // namespace sim

@@ -102,7 +102,6 @@ struct CHostFile {
     const Bytes bytes;
     const FILETIME ftCreation;
     const FILETIME ftWrite;
-    const int nHandles;
     std::optional<std::uint64_t> qwReportedSize;
 };
 
@@ -191,12 +190,10 @@ class CWorld {
     // The locks that are open anywhere, and one as another process has it.
     struct CLock {
         bool bHeld = false;
-        bool bHeldByOther = false;
-        bool bOtherHasOpen = false;
         int nHandles = 0;
     };
     std::map<std::string, std::shared_ptr<CLock>> locks;
-    void OtherProcessOpensLock(const std::string& strName, bool bHolds = false);
+    void OtherProcessOpensLock(const std::string& strName);
     void OtherProcessClosesLock(const std::string& strName);
 
     // Messages posted to windows that were alive.
@@ -214,10 +211,8 @@ class CWorld {
     }
     // The n-th enumeration of interfaces from now on finds the device gone.
     void UnplugAtQuestion(std::uint64_t nNumber) { m_qwUnplugAt = m_qwQuestions + nNumber; }
-    std::uint64_t Questions() const { return m_qwQuestions; }
     bool IsPlugged() const { return m_pPeer != nullptr; }
     void PeerChanged() { WakeAll(&m_pPeer); }
-    bool bNodeOpens = true;
 
     // For the implementation of the seam (seam.h).
 
@@ -285,7 +280,6 @@ class CWorld {
     void End(CThread& thread);
     void StopAll();
     void Fail(const std::string& strWhy);
-    void Refuse(CThread& self);
 
     const CTempFolder m_folder;
     const std::filesystem::path m_pathBefore;
@@ -313,12 +307,5 @@ class CWorld {
 
 // The path of the device node.
 inline constexpr std::string_view DEVICE_NODE = "\\\\?\\usb/dak";
-
-// Runs a scenario in a world of its own with call number 1 failing, then number 2 and so on, until
-// a run meets no fault: once every call of that kind (none: of all that can fail) has failed. With
-// nTimes the calls behind it fail too. Returns how many faults there were. Failures of the test
-// name the number, and Sweep(scenario, eCall, nTimes, number) repeats that run alone.
-std::uint64_t Sweep(const std::function<void(CWorld&)>& scenario, std::optional<ECall> eCall = {},
-                    std::uint64_t nTimes = 1, std::uint64_t nOnly = 0);
 
 } // namespace sim
