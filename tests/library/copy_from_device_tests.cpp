@@ -73,7 +73,7 @@ TEST_F(CopyFromDevice, FoldersAreMadeAndFilesReplaced) {
     world.MakeHostFolder("D:/x/a");
     world.WriteHostFile("D:/x/large", OLD);
     world.WriteHostFile("D:/x/locked", OLD);
-    platform::SetFileAttributesA("D:/x/locked", FILE_ATTRIBUTE_READONLY);
+    world.HostFile("D:/x/locked")->bReadOnly = true;
     device
         .ExpectCommand(8, Bytes{0}, Text(DAK_WIDE("\\d\\")), Text(DAK_WIDE("D:\\x\\\\")),
                        U32(0)) // as it was given
@@ -277,7 +277,7 @@ TEST_F(CopyFromDevice, AHostThatFailsLeavesTheOldFile) {
         ExpectEnd(DAKERROR_FAIL);
     }
     ExpectOldFile();
-    EXPECT_EQ(world.HostFiles("").size(), 1u);
+    EXPECT_EQ(world.files.size(), 1u);
 }
 
 TEST_F(CopyFromDevice, RoomIsAskedForEachFile) {
@@ -308,8 +308,8 @@ TEST_F(CopyFromDevice, RoomIsAskedForEachFile) {
                      " with " + std::to_string(one.qwFree));
         const Bytes contents = sim::Pattern(std::min(one.qwSize, LARGE));
         const Bytes stream = Stream(Record(DAK_WIDE("a.bin"), contents, one.qwSize));
-        platform::DeleteFileA("C:/s/a.bin");
         const std::size_t dwDeleted = world.Trace({"file delete C:/s/a.bin"}).size();
+        world.files.clear();
         if (one.qwOldSize != 0) {
             world.WriteHostFile("C:/s/a.bin", Bytes(one.qwOldSize));
         }
@@ -344,18 +344,18 @@ TEST_F(CopyFromDevice, ANameStaysBelowTheFolder) {
           DAK_WIDE("C:\\x"), DAK_WIDE("c:x"), DAK_WIDE("b\\\\x"), DAK_WIDE("b\\"), DAK_WIDE(".\\x"),
           DAK_WIDE(""), DAK_WIDE("x\xD800y"), strLong.c_str(), strLongest.c_str()}) {
         SCOPED_TRACE(::testing::PrintToString(name));
-        const auto folders = world.HostFiles("", true);
+        const auto folders = world.folders;
         RunStoppedStream(Stream(Record(name, sim::Pattern(20'000))),
                          name.size() > 200 ? DAKERROR_FAIL : DAKERROR_PROTOCOL);
-        EXPECT_EQ(world.HostFiles("", true), folders);
-        EXPECT_EQ(world.HostFiles("").size(), 1u);
+        EXPECT_EQ(world.folders, folders);
+        EXPECT_EQ(world.files.size(), 1u);
     }
     // The longest there can be: 259 characters in all. What came ahead of a bad name stays.
     RunStream(Stream(Record(strLong.substr(1), {1}), Record(DAK_WIDE("..\\x"), {2}),
                      Record(DAK_WIDE("c"), {3})),
               DAKERROR_PROTOCOL);
     ExpectFile("C:/s/" + std::string(254, 'x'), {1});
-    EXPECT_EQ(world.HostFiles("").size(), 2u);
+    EXPECT_EQ(world.files.size(), 2u);
 }
 
 // A cancel is seen where the worker looks, and nowhere else.

@@ -13,8 +13,7 @@ class CopyToDevice : public TransferTest {
   protected:
     // Changes the first file of the list behind the back of who asks for its size.
     void Resize(std::size_t dwBytes, std::uint64_t qwReportedSize) {
-        world.WriteHostFile(list[0].operator const char*(), sim::Pattern(dwBytes), Time(CREATED),
-                            Time(WRITTEN));
+        world.HostFile(list[0].operator const char*())->bytes = sim::Pattern(dwBytes);
         world.HostFile(list[0].operator const char*())->qwReportedSize = qwReportedSize;
     }
     void ExpectAborts(int nPackages) {

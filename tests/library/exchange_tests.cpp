@@ -66,7 +66,7 @@ struct COperation {
     void TakeCommand(sim::CScriptedDevice& device) const {
         device.Expect(Request()).At(WrittenMs()).Reply(sim::Ack());
         if (code == 17) {
-            device.Expect(sim::DataPackage(DAK_LAST_PACKAGE, 17, {1, 2, 3, 4})).Reply(sim::Ack());
+            device.ExpectDataPackage(DAK_LAST_PACKAGE, 17, {1, 2, 3, 4}).Reply(sim::Ack());
         }
     }
 };

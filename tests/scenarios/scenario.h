@@ -56,7 +56,7 @@ inline std::vector<std::string> Names(const Tree& tree) {
 
 // A file whose contents and times follow from size and seed.
 inline CFileState File(std::size_t dwBytes, std::uint32_t dwSeed) {
-    const std::uint64_t qwTime = 132'000'000'000'000'000ull + dwSeed % 1'000'000 * 36'000'000'007ull;
+    const std::uint64_t qwTime = 132'000'000'000'000'000ull + dwSeed * 36'000'000'007ull;
     return {sim::Pattern(dwBytes, dwSeed), qwTime, qwTime + 1234567};
 }
 

@@ -138,7 +138,7 @@ TEST(Copy, ALargeTreeGoesThereAndBackInTheTimeOfItsWaits) {
         ASSERT_EQ(world.posted.size(), 1u);
         EXPECT_EQ(world.posted[0].qwMs - qwBegin, PullMs(tree, 1 + (dwRequest - 11) / 12278));
         ExpectSame(s.HostTree("C:/r"), tree, s.DeviceKeepsCreationTimes());
-        platform::SetFileAttributesA("C:/r/01 one byte", FILE_ATTRIBUTE_READONLY);
+        world.HostFile("C:/r/01 one byte")->bReadOnly = true;
     }
 
     EXPECT_EQ(s.dak->DAKCreateDirectory(DAK_WIDE("\\d\\new"), nullptr), 0u);

@@ -161,6 +161,10 @@ bool CWorld::HostFileExists(const std::string& strPath) const {
     return fs::is_regular_file(PathOf(Canonical(strPath)));
 }
 
+bool CWorld::HostFolderExists(const std::string& strPath) const {
+    return fs::is_directory(PathOf(Canonical(strPath)));
+}
+
 CHostFile* CWorld::HostFile(const std::string& strPath) {
     const std::string strFile = Canonical(strPath);
     const auto bytes = ReadHostFile(strFile);

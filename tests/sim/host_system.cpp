@@ -62,8 +62,9 @@ void CWorld::OtherProcessOpensLock(const std::string& strName) {
 }
 
 void CWorld::OtherProcessClosesLock(const std::string& strName) {
-    if (--locks.at(strName)->nHandles == 0) {
-        locks.erase(strName);
+    const auto it = locks.find(strName);
+    if (it != locks.end() && --it->second->nHandles == 0) {
+        locks.erase(it);
     }
 }
 

@@ -178,7 +178,8 @@ TEST(ScriptedDevice, ChecksBytesAndTimes) {
 
 TEST(AgentPeer, AFaultMeetsItsPackage) {
     using EFault = sim::CAgentPeer::EFault;
-    const Bytes reply = sim::Handshake(DAK_CONNECT, DAK_PROTOCOL_VERSION);
+    Bytes reply = sim::Handshake(DAK_CONNECT, DAK_PROTOCOL_VERSION);
+    reply[12] = 1; // connected
     Bytes corrupt = reply;
     corrupt[9] ^= 0x10;
     constexpr std::uint64_t NEVER = 1000;

@@ -164,6 +164,7 @@ class CWorld {
                        FILETIME ftWrite = {}); // makes the folders too
     std::optional<Bytes> ReadHostFile(const std::string& strPath) const;
     bool HostFileExists(const std::string& strPath) const;
+    bool HostFolderExists(const std::string& strPath) const;
     void MakeHostFolder(const std::string& strPath); // and those above it
     // Paths of all files (or folders) below a folder, relative to it, with forward slashes, sorted.
     std::vector<std::string> HostFiles(const std::string& strFolder, bool bFolders = false) const;
