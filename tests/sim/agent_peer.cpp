@@ -55,6 +55,7 @@ bool CAgentPeer::TakePackage(std::span<const std::uint8_t> package) {
     const std::uint32_t dwWord = bytes.size() >= 4 ? DakGetU32(bytes.data()) : 0;
     if (dwWord == DAK_CONNECT || dwWord == DAK_DISCONNECT || dwWord == DAK_RETRANSMIT) {
         m_held.clear();
+        m_dwRest = 0;
     }
     m_core.TakePackage(bytes);
     return true;
@@ -111,6 +112,7 @@ void CAgentPeer::TransferStopped(bool bWrite) {
 
 void CAgentPeer::Closed() {
     m_held.clear();
+    m_dwRest = 0;
     m_core.HostGone();
 }
 
