@@ -4,7 +4,7 @@
 //     agent::CDevice things(...);
 //     agent::CAgentCore core(things);
 //     sim::CAgentPeer agent(world, core);
-//     agent.FaultToHost(3, {sim::CAgentPeer::EFault::Corrupt, 20});
+//     agent.onPackage = [](bool bToHost, std::uint64_t n) -> std::optional<CFault> { ... };
 //
 // Without faults the pipe has no latency and hands everything through unchanged.
 #pragma once
@@ -28,52 +28,32 @@ class CAgentPeer : public IPeer {
         std::uint64_t dwAmount = 0;
     };
 
-    CAgentPeer(CWorld& world, agent::CAgentCore& core);
-    ~CAgentPeer() override;
+    CAgentPeer(CWorld& world, agent::CAgentCore& core) : m_world(world), m_core(core) {
+        m_world.Plug(*this);
+    }
+    ~CAgentPeer() override { m_world.Unplug(*this); }
 
-    // A fault for package number n from now on (1 is the next).
-    void FaultToHost(std::uint64_t n, CFault fault) {
-        m_toHost.planned[m_toHost.qwSeen + n] = fault;
-    }
-    void FaultToDevice(std::uint64_t n, CFault fault) {
-        m_toDevice.planned[m_toDevice.qwSeen + n] = fault;
-    }
-    // Asked for every package for which no fault is planned, with its number from the start.
+    // Asked for every package, with its number from the start.
     std::function<std::optional<CFault>(bool bToHost, std::uint64_t n)> onPackage;
-    void ClearFaults();
 
-    // Packages seen so far, and faults that were met.
-    std::uint64_t PackagesToHost() const { return m_toHost.qwSeen; }
-    std::uint64_t PackagesToDevice() const { return m_toDevice.qwSeen; }
-    int FaultsMet() const { return m_nFaultsMet; }
-
-    void SetTime(std::uint64_t qwNowMs) override;
+    void SetTime(std::uint64_t qwNowMs) override { m_core.SetTime(m_qwToldMs = qwNowMs); }
     bool TakePackage(std::span<const std::uint8_t> package) override;
     std::optional<std::size_t> GiveBytes(std::span<std::uint8_t> buffer) override;
     std::optional<std::uint64_t> NextDueMs() override;
     void TransferStopped(bool bWrite) override;
     void Closed() override;
-    void Unplugged() override;
+    void Unplugged() override { Closed(); }
 
   private:
-    struct CDirection {
-        std::uint64_t qwSeen = 0;
-        std::map<std::uint64_t, CFault> planned;
-    };
-    std::optional<CFault> Next(CDirection& direction);
+    std::optional<CFault> Next(bool bToHost);
     bool Damage(const CFault& fault, Bytes& package);
-    Bytes PullPackage(Bytes begin);
-    void ExpectOutput(std::span<const std::uint8_t> package);
-    void Reset();
 
     CWorld& m_world;
     agent::CAgentCore& m_core;
-    CDirection m_toHost;
-    CDirection m_toDevice;
-    int m_nFaultsMet = 0;
-    std::uint64_t m_qwNowMs = 0;
-    std::uint64_t m_qwRestToHost = 0; // bytes to come of the package in hand
-    Bytes m_held;                     // a damaged or delayed package for the host
+    std::array<std::uint64_t, 2> m_qwSeen{}; // to the device, to the host
+    std::uint64_t m_qwToldMs = 0;
+    std::size_t m_dwRest = 0; // of a package that the host has begun to take from the agent
+    Bytes m_held;             // a damaged or delayed package for the host
     std::uint64_t m_qwHeldUntilMs = 0;
     std::optional<std::uint64_t> m_qwTakeAtMs; // a delayed write is taken then
 };

@@ -1,136 +1,75 @@
 // The files of the simulated host, and the device node as a file.
 
-#include "tests/sim/world.h"
+#include "tests/sim/seam.h"
 
-#include "platform/file.h"
+#include "platform/posix/device_folder.h"
+#include "platform/posix/usb_node.h"
+#include "platform/posix/waiting.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
+
+namespace fs = std::filesystem;
+
+namespace platform {
+
+decltype(CreateFileA) RealCreateFileA;
+decltype(ReadFile) RealReadFile;
+decltype(WriteFile) RealWriteFile;
+decltype(CloseHandle) RealCloseHandle;
+decltype(DeleteFileA) RealDeleteFileA;
+decltype(MoveFileExA) RealMoveFileExA;
+decltype(GetFileSize) RealGetFileSize;
+decltype(GetDiskFreeSpaceExA) RealGetDiskFreeSpaceExA;
+SIM_REAL(4, SetFilePointer, INVALID_SET_FILE_POINTER)
+SIM_REAL(4, GetFileTime, FALSE)
+SIM_REAL(4, SetFileTime, FALSE)
+SIM_REAL(2, SetFileAttributesA, FALSE)
+SIM_REAL(2, CreateDirectoryA, FALSE)
+SIM_REAL(4, GetTempFileNameA, UINT{0})
+
+} // namespace platform
 
 namespace sim {
 
-// The moment at which every world begins: 2024-01-01 00:00 UTC.
-constexpr std::uint64_t WORLD_BEGIN = 133'485'408'000'000'000ull;
-
-FILETIME CWorld::FileTimeNow() const {
-    const std::uint64_t qwTime = WORLD_BEGIN + m_qwNowMs * 10'000;
-    return {static_cast<DWORD>(qwTime), static_cast<DWORD>(qwTime >> 32)};
-}
-
-// The path with forward slashes, without empty, "." and ".." components: what it really leads to.
-std::string CWorld::Canonical(const std::string& strPath) {
-    std::vector<std::string> parts;
-    std::string strPart;
-    for (const char ch : strPath + "/") {
-        if (ch != '/' && ch != '\\') {
-            strPart += ch;
-            continue;
-        }
-        if (strPart == "..") {
-            if (!parts.empty()) {
-                parts.pop_back();
-            }
-        } else if (!strPart.empty() && strPart != ".") {
-            parts.push_back(strPart);
-        }
-        strPart.clear();
-    }
-    const bool bDrive = !parts.empty() && parts[0].size() == 2 && parts[0][1] == ':';
-    std::string strResult;
-    for (const std::string& part : parts) {
-        strResult += (strResult.empty() && bDrive ? "" : "/") + part;
-    }
-    return strResult;
-}
-
-std::string CWorld::Parent(const std::string& strCanonical) {
-    const std::size_t dwSlash = strCanonical.rfind('/');
-    return strCanonical.substr(0, dwSlash == std::string::npos ? 0 : dwSlash);
-}
-
-std::shared_ptr<CHostFile> CWorld::FindFile(const std::string& strCanonical) const {
-    const auto it = files.find(strCanonical);
-    return it == files.end() ? nullptr : it->second;
-}
-
-bool CWorld::FindFolder(const std::string& strCanonical) const {
-    return strCanonical.find('/') == std::string::npos || folders.contains(strCanonical);
-}
-
-void CWorld::MakeHostFolder(const std::string& strPath) {
-    for (std::string strOne = Canonical(strPath); !FindFolder(strOne); strOne = Parent(strOne)) {
-        folders.insert(strOne);
-    }
-}
-
-void CWorld::WriteHostFile(const std::string& strPath, Bytes bytes, FILETIME ftCreation,
-                           FILETIME ftWrite) {
-    const std::string strFile = Canonical(strPath);
-    MakeHostFolder(Parent(strFile));
-    auto pFile = std::make_shared<CHostFile>();
-    pFile->bytes = std::move(bytes);
-    pFile->ftCreation = ftCreation;
-    pFile->ftAccess = FileTimeNow();
-    pFile->ftWrite = ftWrite;
-    files[strFile] = pFile;
-}
-
-std::optional<Bytes> CWorld::ReadHostFile(const std::string& strPath) const {
-    const auto pFile = FindFile(Canonical(strPath));
-    return pFile ? std::optional(pFile->bytes) : std::nullopt;
-}
-
-bool CWorld::HostFileExists(const std::string& strPath) const {
-    return FindFile(Canonical(strPath)) != nullptr;
-}
-
-bool CWorld::HostFolderExists(const std::string& strPath) const {
-    return FindFolder(Canonical(strPath));
-}
-
-CHostFile* CWorld::HostFile(const std::string& strPath) {
-    return FindFile(Canonical(strPath)).get();
-}
-
-std::vector<std::string> CWorld::HostFiles(const std::string& strFolder) const {
-    const std::string strBegin = Canonical(strFolder) + "/";
-    std::vector<std::string> list;
-    for (const auto& [strFile, pFile] : files) {
-        if (strFile.starts_with(strBegin)) {
-            list.push_back(strFile.substr(strBegin.size()));
-        }
-    }
-    return list;
-}
-
 namespace {
 
-class CFileHandle : public CObject {
+// A path with forward slashes, and without what leads nowhere.
+std::string Canonical(std::string strPath) {
+    std::ranges::replace(strPath, '\\', '/');
+    return NameOf(PathOf(InFolder(strPath.c_str())).lexically_normal());
+}
+
+std::uint64_t SizeOf(const char* lpPath) {
+    std::error_code error;
+    const std::uint64_t qwSize = fs::file_size(PathOf(Canonical(lpPath)), error);
+    return error ? 0 : qwSize;
+}
+
+// The file that an open handle stands for.
+std::string FileOf(const CWorld& world, HANDLE hFile) {
+    const auto it = world.handles.find(hFile);
+    return it == world.handles.end() ? "" : it->second.substr(it->second.find(' ') + 1);
+}
+
+// Whether the system keeps a file from being removed, or opened in this way.
+bool IsInUse(const CWorld& world, const char* lpPath, bool bShared = false) {
+    return world.bOpenFilesCannotBeDeleted && !bShared &&
+           std::ranges::count(world.Open(), "file " + Canonical(lpPath)) > 0 &&
+           FailWith(ERROR_SHARING_VIOLATION) == FALSE;
+}
+
+DWORD PositionOf(HANDLE hFile) {
+    return platform::RealSetFilePointer(hFile, 0, nullptr, FILE_CURRENT);
+}
+
+class CNode : public CObject {
   public:
-    CFileHandle(std::string strPath, std::shared_ptr<CHostFile> pFile, DWORD dwAccess,
-                DWORD dwShare)
-        : m_strPath(std::move(strPath)), m_pFile(std::move(pFile)), m_dwAccess(dwAccess),
-          m_dwShare(dwShare) {
-        ++m_pFile->nHandles;
-    }
-    ~CFileHandle() override { --m_pFile->nHandles; }
-    CFileHandle(const CFileHandle&) = delete;
-    CFileHandle& operator=(const CFileHandle&) = delete;
+    explicit CNode(std::uint64_t qwPlugNumber) : m_qwPlugNumber(qwPlugNumber) {}
 
-    std::string What() const override { return "file " + m_strPath; }
-
-    std::string m_strPath;
-    std::shared_ptr<CHostFile> m_pFile;
-    DWORD m_dwAccess;
-    DWORD m_dwShare;
-    std::uint64_t m_qwPosition = 0;
-};
-
-class CNodeHandle : public CObject {
-  public:
-    explicit CNodeHandle(std::uint64_t qwPlugNumber) : m_qwPlugNumber(qwPlugNumber) {}
-    std::string What() const override { return "device node"; }
-    void Close(CWorld& world) override {
+    void HandleClosed() noexcept override {
+        CWorld& world = *CWorld::Current();
         world.Note("node close");
         if (IPeer* pPeer = PeerOf(world)) {
             pPeer->Closed();
@@ -138,482 +77,270 @@ class CNodeHandle : public CObject {
         m_qwPlugNumber = 0;
         world.PeerChanged();
     }
+    BOOL Read(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override {
+        const std::span buffer(static_cast<std::uint8_t*>(lpBuffer), dwSize);
+        return Transfer(false, dwSize, lpdwCount,
+                        [&](IPeer& peer) { return peer.GiveBytes(buffer); });
+    }
+    BOOL Write(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override {
+        const std::span package(static_cast<const std::uint8_t*>(lpBuffer), dwSize);
+        return Transfer(true, dwSize, lpdwCount, [&](IPeer& peer) {
+            return peer.TakePackage(package) ? std::optional<std::size_t>(dwSize) : std::nullopt;
+        });
+    }
+
+  private:
     // Null once the device has gone or the handle was closed.
     IPeer* PeerOf(CWorld& world) const {
         return m_qwPlugNumber == world.qwPlugNumber ? world.Peer() : nullptr;
     }
 
-  private:
+    template <class TStep>
+    BOOL Transfer(bool bWrite, DWORD dwSize, DWORD* lpdwCount, TStep step) {
+        CWorld& world = *CWorld::Current();
+        std::optional<std::size_t> count;
+        const std::string strWhat = (bWrite ? "write of " : "read of ") + std::to_string(dwSize);
+        const EWake eWake = world.Await(world.PipeKey(), INFINITE, strWhat, [&] {
+            IPeer* pPeer = PeerOf(world);
+            count = pPeer == nullptr ? std::nullopt : step(*pPeer);
+            return count || PeerOf(world) == nullptr; // it may have just unplugged itself
+        });
+        if (count) {
+            *lpdwCount = static_cast<DWORD>(*count);
+            world.Note(strWhat, " did ", *count);
+            world.PeerChanged();
+            return TRUE;
+        }
+        if (IPeer* pPeer = PeerOf(world)) {
+            pPeer->TransferStopped(bWrite);
+        }
+        return FailWith(eWake == EWake::Stopped ? ERROR_OPERATION_ABORTED : ERROR_GEN_FAILURE);
+    }
+
     std::uint64_t m_qwPlugNumber;
 };
 
-HANDLE FailOpen(DWORD dwError) {
-    SetError(dwError);
-    return INVALID_HANDLE_VALUE;
-}
-
-HANDLE OpenNode(CWorld& world) {
-    if (!world.Enter(ECall::OpenNode)) {
-        return INVALID_HANDLE_VALUE;
+BOOL Move(CWorld& world, const char* lpFrom, const char* lpTo, DWORD dwFlags) {
+    const std::uint64_t qwOld = SizeOf(lpTo);
+    if (IsInUse(world, lpFrom) || IsInUse(world, lpTo) ||
+        !platform::RealMoveFileExA(InFolder(lpFrom), InFolder(lpTo), dwFlags)) {
+        return FALSE;
     }
-    IPeer* pPeer = world.Peer();
-    if (pPeer == nullptr || !world.bNodeOpens) {
-        world.Note("node refused");
-        return FailOpen(pPeer == nullptr ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED);
-    }
-    world.Note("node open");
-    const HANDLE hNode = world.Add(std::make_shared<CNodeHandle>(world.qwPlugNumber));
-    pPeer->Opened();
-    return hNode;
-}
-
-// 0, or the error that keeps a file from being opened so.
-DWORD RefuseOpen(const CWorld& world, const CHostFile* pFile, const std::string& strFile,
-                 DWORD dwAccess, DWORD dwShare, DWORD dwDisposition) {
-    if (world.FindFolder(strFile)) {
-        return ERROR_ACCESS_DENIED;
-    }
-    if (!world.FindFolder(CWorld::Parent(strFile))) {
-        return ERROR_PATH_NOT_FOUND;
-    }
-    const bool bMustExist = dwDisposition == OPEN_EXISTING || dwDisposition == TRUNCATE_EXISTING;
-    if (pFile == nullptr) {
-        return bMustExist ? DWORD{ERROR_FILE_NOT_FOUND} : 0;
-    }
-    if (dwDisposition == CREATE_NEW) {
-        return ERROR_FILE_EXISTS;
-    }
-    const bool bWrites = (dwAccess & GENERIC_WRITE) != 0 || dwDisposition == CREATE_ALWAYS;
-    if (pFile->bReadOnly && bWrites) {
-        return ERROR_ACCESS_DENIED;
-    }
-    const bool bShared = (dwShare & (bWrites ? FILE_SHARE_WRITE : FILE_SHARE_READ)) != 0;
-    return world.bOpenFilesCannotBeDeleted && pFile->nHandles > 0 && !bShared
-               ? DWORD{ERROR_SHARING_VIOLATION}
-               : 0;
-}
-
-void Truncate(CWorld& world, CHostFile& file) {
-    world.qwFreeBytes += file.bytes.size();
-    file.bytes.clear();
-    file.ftWrite = world.FileTimeNow();
-}
-
-// 0, or the error that keeps a file from being deleted or moved away.
-DWORD RefuseRemoval(const CWorld& world, const std::string& strFile) {
-    const auto pFile = world.FindFile(strFile);
-    if (!pFile) {
-        return world.FindFolder(strFile) ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND;
-    }
-    return world.bOpenFilesCannotBeDeleted && pFile->nHandles > 0 ? DWORD{ERROR_SHARING_VIOLATION}
-                                                                  : 0;
-}
-
-BOOL Move(CWorld& world, const char* lpFrom, const char* lpTo, bool bReplace) {
-    const std::string strFrom = CWorld::Canonical(lpFrom);
-    const std::string strTo = CWorld::Canonical(lpTo);
-    if (const DWORD dwError = RefuseRemoval(world, strFrom)) {
-        return FailWith(dwError);
-    }
-    if (!world.FindFolder(CWorld::Parent(strTo))) {
-        return FailWith(ERROR_PATH_NOT_FOUND);
-    }
-    const auto pOld = world.FindFile(strTo);
-    if (world.FindFolder(strTo) || (pOld && !bReplace && strFrom != strTo)) {
-        return FailWith(ERROR_ALREADY_EXISTS);
-    }
-    if (pOld && strFrom != strTo) {
-        if (pOld->bReadOnly) {
-            return FailWith(ERROR_ACCESS_DENIED);
-        }
-        if (const DWORD dwError = RefuseRemoval(world, strTo)) {
-            return FailWith(dwError);
-        }
-        world.qwFreeBytes += pOld->bytes.size();
-    }
-    auto pFile = world.FindFile(strFrom);
-    world.files.erase(strFrom);
-    world.files[strTo] = std::move(pFile);
-    world.Note("file move %s %s", strFrom.c_str(), strTo.c_str());
+    world.qwFreeBytes += qwOld;
     return TRUE;
-}
-
-BOOL ReadPipe(CWorld& world, const CNodeHandle& node, std::span<std::uint8_t> buffer,
-              DWORD* lpdwCount) {
-    if (!world.Enter(ECall::ReadPipe)) {
-        return FALSE;
-    }
-    const auto dwWanted = static_cast<unsigned>(buffer.size());
-    for (;;) {
-        IPeer* pPeer = node.PeerOf(world);
-        if (pPeer == nullptr || world.HasFailed()) {
-            world.Note("read failed, %u wanted", dwWanted);
-            return FailWith(ERROR_GEN_FAILURE);
-        }
-        const auto dwCount = pPeer->GiveBytes(buffer);
-        if (dwCount) {
-            *lpdwCount = static_cast<DWORD>(*dwCount);
-            world.Note("read %u of %u", static_cast<unsigned>(*dwCount), dwWanted);
-            world.PeerChanged();
-            return TRUE;
-        }
-        if (node.PeerOf(world) == nullptr) {
-            continue; // the peer has just unplugged itself
-        }
-        if (world.Block(world.PipeKey(), {}, "a read of %llu bytes from the device", dwWanted) ==
-            EWake::Stopped) {
-            world.Note("read stopped, %u wanted", dwWanted);
-            if (IPeer* pStill = node.PeerOf(world)) {
-                pStill->TransferStopped(false);
-            }
-            return FailWith(ERROR_OPERATION_ABORTED);
-        }
-    }
-}
-
-BOOL WritePipe(CWorld& world, const CNodeHandle& node, std::span<const std::uint8_t> package,
-               DWORD* lpdwCount) {
-    if (!world.Enter(ECall::WritePipe)) {
-        return FALSE;
-    }
-    const auto dwBytes = static_cast<unsigned>(package.size());
-    std::uint32_t dwWord = 0;
-    std::memcpy(&dwWord, package.data(), std::min<std::size_t>(package.size(), 4));
-    for (;;) {
-        IPeer* pPeer = node.PeerOf(world);
-        if (pPeer == nullptr || world.HasFailed()) {
-            world.Note("write failed, %u bytes %04X", dwBytes, static_cast<unsigned>(dwWord));
-            return FailWith(ERROR_GEN_FAILURE);
-        }
-        if (pPeer->TakePackage(package)) {
-            *lpdwCount = dwBytes;
-            world.Note("write %u %04X", dwBytes, static_cast<unsigned>(dwWord));
-            world.PeerChanged();
-            return TRUE;
-        }
-        if (node.PeerOf(world) == nullptr) {
-            continue;
-        }
-        if (world.Block(world.PipeKey(), {}, "a write of %llu bytes to the device", dwBytes) ==
-            EWake::Stopped) {
-            world.Note("write stopped, %u bytes %04X", dwBytes, static_cast<unsigned>(dwWord));
-            if (IPeer* pStill = node.PeerOf(world)) {
-                pStill->TransferStopped(true);
-            }
-            return FailWith(ERROR_OPERATION_ABORTED);
-        }
-    }
-}
-
-// The file of a handle for a call that counts as eCall; null, with the error number set, when the
-// call fails.
-std::shared_ptr<CFileHandle> File(HANDLE hFile, ECall eCall) {
-    CWorld* pWorld = CWorld::Current();
-    const auto pFile = pWorld != nullptr ? pWorld->Get<CFileHandle>(hFile) : nullptr;
-    if (!pFile) {
-        SetError(ERROR_INVALID_HANDLE);
-        return nullptr;
-    }
-    return pWorld->Enter(eCall) ? pFile : nullptr;
-}
-
-// The world for a call on a path, or null as above.
-CWorld* Enter(ECall eCall) {
-    CWorld* pWorld = CWorld::Current();
-    return pWorld != nullptr && pWorld->Enter(eCall) ? pWorld : nullptr;
 }
 
 } // namespace
 
+void CWorld::MakeHostFolder(const std::string& strPath) {
+    fs::create_directories(PathOf(Canonical(strPath)));
+}
+
+void CWorld::WriteHostFile(const std::string& strPath, const Bytes& bytes, FILETIME ftCreation,
+                           FILETIME ftWrite) {
+    const std::string strFile = Canonical(strPath);
+    fs::create_directories(PathOf(strFile).parent_path());
+    fs::remove(PathOf(strFile)); // whoever has the old one open keeps it
+    files.erase(strFile);
+    const HANDLE hFile = platform::RealCreateFileA(strFile.c_str(), GENERIC_WRITE, 0, nullptr,
+                                                   CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+    DWORD dwCount = 0;
+    const auto dwBytes = static_cast<DWORD>(bytes.size());
+    EXPECT_TRUE(platform::RealWriteFile(hFile, bytes.data(), dwBytes, &dwCount)) << strPath;
+    EXPECT_TRUE(platform::RealSetFileTime(hFile, &ftCreation, nullptr, &ftWrite)) << strPath;
+    platform::RealCloseHandle(hFile);
+}
+
+std::optional<Bytes> CWorld::ReadHostFile(const std::string& strPath) const {
+    const std::string strBytes = ReadBytes(PathOf(Canonical(strPath)));
+    return HostFileExists(strPath) ? std::optional<Bytes>({strBytes.begin(), strBytes.end()})
+                                   : std::nullopt;
+}
+
+bool CWorld::HostFileExists(const std::string& strPath) const {
+    return fs::is_regular_file(PathOf(Canonical(strPath)));
+}
+
+bool CWorld::HostFolderExists(const std::string& strPath) const {
+    return fs::is_directory(PathOf(Canonical(strPath)));
+}
+
+CHostFile* CWorld::HostFile(const std::string& strPath) {
+    const std::string strFile = Canonical(strPath);
+    const auto bytes = ReadHostFile(strFile);
+    if (!bytes) {
+        return nullptr;
+    }
+    const HANDLE hFile = platform::RealCreateFileA(strFile.c_str(), GENERIC_READ, 0, nullptr,
+                                                   OPEN_EXISTING, 0, nullptr);
+    FILETIME ftCreation{};
+    FILETIME ftWrite{};
+    platform::RealGetFileTime(hFile, &ftCreation, nullptr, &ftWrite);
+    platform::RealCloseHandle(hFile);
+    const auto node = files.extract(strFile);
+    const auto qwReported = node ? node.mapped().qwReportedSize : std::nullopt;
+    const CHostFile file{*bytes, ftCreation, ftWrite, qwReported};
+    return &files.try_emplace(strFile, file).first->second;
+}
+
+std::vector<std::string> CWorld::HostFiles(const std::string& strFolder, bool bFolders) const {
+    std::vector<std::string> list;
+    std::error_code error;
+    const fs::path folder = PathOf(Canonical(strFolder + "/."));
+    for (const auto& entry : fs::recursive_directory_iterator(folder, error)) {
+        if (bFolders ? entry.is_directory() : entry.is_regular_file()) {
+            list.push_back(NameOf(entry.path().lexically_relative(folder)));
+        }
+    }
+    std::ranges::sort(list);
+    return list;
+}
+
 } // namespace sim
+
+// What the real sources ask of others: the stop of a thread, the devices, and random numbers, which
+// are the same in every run.
+
+extern "C" ssize_t sim_getrandom(void* lpBuffer, std::size_t dwBytes,
+                                 unsigned /*nFlags*/) noexcept {
+    static std::uint32_t nNumber = 0;
+    ++nNumber;
+    std::memcpy(lpBuffer, &nNumber, std::min(dwBytes, sizeof(nNumber)));
+    return static_cast<ssize_t>(dwBytes);
+}
+
+namespace platform::posix {
+
+bool RefuseWhenStopping() noexcept {
+    const sim::CWorld* pWorld = sim::CWorld::Current();
+    return pWorld != nullptr && pWorld->IsStopped() &&
+           sim::FailWith(ERROR_OPERATION_ABORTED) == FALSE;
+}
+
+bool ListAttachedDevices(const GUID& classGuid, std::vector<std::string>& names,
+                         std::string& strClassFolder) {
+    constexpr GUID DEVICE_CLASS = {
+        0x25DBCE51, 0x6C8F, 0x4A72, {0x8A, 0x6D, 0xB5, 0x4C, 0x2B, 0x4F, 0xC8, 0x35}};
+    if (std::memcmp(&classGuid, &DEVICE_CLASS, sizeof(GUID)) == 0 &&
+        sim::CWorld::Current()->AskForDevice()) {
+        names.push_back("dak"); // as DEVICE_NODE has it
+    }
+    strClassFolder = "usb";
+    return true;
+}
+
+HANDLE OpenUsbNode(const char* /*lpszSocketPath*/) {
+    sim::CWorld& world = *sim::CWorld::Current();
+    sim::IPeer* pPeer = world.Peer();
+    if (pPeer == nullptr) {
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return nullptr;
+    }
+    world.Note("node open");
+    pPeer->Opened();
+    return AddHandle(std::make_shared<sim::CNode>(world.qwPlugNumber));
+}
+
+} // namespace platform::posix
 
 namespace platform {
 
+using sim::CNode;
 using sim::CWorld;
-using sim::ECall;
-using sim::FailWith;
-using sim::SetError;
+using sim::FindObject;
+using sim::InFolder;
 
 HANDLE CreateFileA(const char* lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
-                   _SECURITY_ATTRIBUTES* /*lpSecurityAttributes*/, DWORD dwCreationDisposition,
-                   DWORD /*dwFlagsAndAttributes*/, HANDLE /*hTemplateFile*/) {
-    CWorld* pWorld = CWorld::Current();
-    if (pWorld != nullptr && std::strcmp(lpFileName, sim::DEVICE_NODE) == 0) {
-        return sim::OpenNode(*pWorld);
-    }
-    if (pWorld == nullptr || !pWorld->Enter(ECall::CreateFileA)) {
-        return INVALID_HANDLE_VALUE;
-    }
-    const std::string strFile = CWorld::Canonical(lpFileName);
-    auto pFile = pWorld->FindFile(strFile);
-    if (const DWORD dwError = sim::RefuseOpen(*pWorld, pFile.get(), strFile, dwDesiredAccess,
-                                              dwShareMode, dwCreationDisposition)) {
-        return sim::FailOpen(dwError);
-    }
-    if (!pFile) {
-        pWorld->WriteHostFile(strFile, {}, pWorld->FileTimeNow(), pWorld->FileTimeNow());
-        pFile = pWorld->FindFile(strFile);
-        pWorld->Note("file make %s", strFile.c_str());
-    } else if (dwCreationDisposition == CREATE_ALWAYS ||
-               dwCreationDisposition == TRUNCATE_EXISTING) {
-        sim::Truncate(*pWorld, *pFile);
-    }
-    return pWorld->Add(
-        std::make_shared<sim::CFileHandle>(strFile, pFile, dwDesiredAccess, dwShareMode));
+                   _SECURITY_ATTRIBUTES* lpSecurityAttributes, DWORD dwCreationDisposition,
+                   DWORD dwFlagsAndAttributes, HANDLE hTemplateFile) {
+    const bool bNode = sim::DEVICE_NODE == lpFileName;
+    const auto body = [&](CWorld& world) {
+        const bool bWrites = (dwDesiredAccess & GENERIC_WRITE) != 0;
+        const bool bShared = (dwShareMode & (bWrites ? FILE_SHARE_WRITE : FILE_SHARE_READ)) != 0;
+        if (sim::IsInUse(world, lpFileName, bShared)) {
+            return INVALID_HANDLE_VALUE;
+        }
+        const std::uint64_t qwBefore = sim::SizeOf(lpFileName);
+        const HANDLE hFile = RealCreateFileA(
+            bNode ? lpFileName : InFolder(lpFileName), dwDesiredAccess, dwShareMode,
+            lpSecurityAttributes, dwCreationDisposition, dwFlagsAndAttributes, hTemplateFile);
+        world.qwFreeBytes += qwBefore - sim::SizeOf(lpFileName);
+        world.Name(hFile, bNode ? "device node" : "file " + sim::Canonical(lpFileName));
+        return hFile;
+    };
+    return sim::Call(bNode ? sim::ECall::OpenNode : sim::ECall::CreateFileA, INVALID_HANDLE_VALUE,
+                     body);
 }
 
 BOOL ReadFile(HANDLE hFile, void* lpBuffer, DWORD nNumberOfBytesToRead,
               DWORD* lpNumberOfBytesRead) {
-    CWorld* pWorld = CWorld::Current();
-    const auto pNode = pWorld != nullptr ? pWorld->Get<sim::CNodeHandle>(hFile) : nullptr;
-    if (pNode) {
-        return sim::ReadPipe(*pWorld, *pNode,
-                             {static_cast<std::uint8_t*>(lpBuffer), nNumberOfBytesToRead},
-                             lpNumberOfBytesRead);
-    }
-    const auto pFile = sim::File(hFile, ECall::ReadFile);
-    if (!pFile) {
-        return FALSE;
-    }
-    if ((pFile->m_dwAccess & GENERIC_READ) == 0) {
-        return FailWith(ERROR_ACCESS_DENIED);
-    }
-    sim::CFileRead read{pFile->m_strPath, pFile->m_qwPosition, nNumberOfBytesToRead, false};
-    if (pWorld->onFileRead) {
-        pWorld->onFileRead(read);
-    }
-    if (read.bFail || pWorld->IsStopped()) {
-        return FailWith(read.bFail ? ERROR_GEN_FAILURE : ERROR_OPERATION_ABORTED);
-    }
-    const sim::Bytes& bytes = pFile->m_pFile->bytes;
-    const std::uint64_t qwFrom = std::min<std::uint64_t>(pFile->m_qwPosition, bytes.size());
-    const auto dwCount = static_cast<DWORD>(std::min<std::uint64_t>(
-        bytes.size() - qwFrom, std::min(read.dwBytes, nNumberOfBytesToRead)));
-    if (dwCount > 0) {
-        std::memcpy(lpBuffer, bytes.data() + qwFrom, dwCount);
-    }
-    pFile->m_qwPosition = qwFrom + dwCount;
-    *lpNumberOfBytesRead = dwCount;
-    return TRUE;
+    const bool bNode = FindObject<CNode>(hFile) != nullptr;
+    const auto body = [&](CWorld& world) {
+        sim::CFileRead read{sim::FileOf(world, hFile), 0, nNumberOfBytesToRead, false};
+        if (world.onFileRead && !bNode) {
+            read.qwPosition = sim::PositionOf(hFile);
+            world.onFileRead(read);
+        }
+        const DWORD dwBytes = std::min(read.dwBytes, nNumberOfBytesToRead);
+        return read.bFail ? sim::FailWith(ERROR_GEN_FAILURE)
+                          : RealReadFile(hFile, lpBuffer, dwBytes, lpNumberOfBytesRead);
+    };
+    return sim::Call(bNode ? sim::ECall::ReadPipe : sim::ECall::ReadFile, FALSE, body);
 }
 
 BOOL WriteFile(HANDLE hFile, const void* lpBuffer, DWORD nNumberOfBytesToWrite,
                DWORD* lpNumberOfBytesWritten) {
-    CWorld* pWorld = CWorld::Current();
-    const auto pNode = pWorld != nullptr ? pWorld->Get<sim::CNodeHandle>(hFile) : nullptr;
-    if (pNode) {
-        return sim::WritePipe(*pWorld, *pNode,
-                              {static_cast<const std::uint8_t*>(lpBuffer), nNumberOfBytesToWrite},
-                              lpNumberOfBytesWritten);
-    }
-    const auto pFile = sim::File(hFile, ECall::WriteFile);
-    if (!pFile) {
+    const bool bNode = FindObject<CNode>(hFile) != nullptr;
+    const auto body = [&](CWorld& world) {
+        // What lies in the file already takes no room.
+        const std::uint64_t qwSize = bNode ? 0 : RealGetFileSize(hFile, nullptr);
+        const std::uint64_t qwFits =
+            bNode ? nNumberOfBytesToWrite : world.qwFreeBytes + qwSize - sim::PositionOf(hFile);
+        const auto dwBytes =
+            static_cast<DWORD>(std::min<std::uint64_t>(qwFits, nNumberOfBytesToWrite));
+        const bool bFull = dwBytes < nNumberOfBytesToWrite;
+        DWORD dwWritten = 0;
+        const BOOL bWritten =
+            RealWriteFile(hFile, lpBuffer, dwBytes, bFull ? &dwWritten : lpNumberOfBytesWritten);
+        world.qwFreeBytes -= bNode ? 0 : RealGetFileSize(hFile, nullptr) - qwSize;
+        return bWritten && bFull ? sim::FailWith(ERROR_DISK_FULL) : bWritten;
+    };
+    return sim::Call(bNode ? sim::ECall::WritePipe : sim::ECall::WriteFile, FALSE, body);
+}
+
+SIM_REAL(1, CloseHandle, FALSE)
+SIM_CALL(1, DeleteFileA, FALSE, [](CWorld& world, const char* lpFileName) {
+    const std::uint64_t qwSize = sim::SizeOf(lpFileName);
+    if (sim::IsInUse(world, lpFileName) || !RealDeleteFileA(InFolder(lpFileName))) {
         return FALSE;
     }
-    if ((pFile->m_dwAccess & GENERIC_WRITE) == 0) {
-        return FailWith(ERROR_ACCESS_DENIED);
-    }
-    if (pWorld->IsStopped()) {
-        return FailWith(ERROR_OPERATION_ABORTED);
-    }
-    sim::Bytes& bytes = pFile->m_pFile->bytes;
-    const std::uint64_t qwEnd = pFile->m_qwPosition + nNumberOfBytesToWrite;
-    const std::uint64_t qwGrowth = qwEnd > bytes.size() ? qwEnd - bytes.size() : 0;
-    const std::uint64_t qwMissing =
-        qwGrowth > pWorld->qwFreeBytes ? qwGrowth - pWorld->qwFreeBytes : 0;
-    const std::uint64_t qwCount =
-        nNumberOfBytesToWrite - std::min<std::uint64_t>(qwMissing, nNumberOfBytesToWrite);
-    if (pFile->m_qwPosition + qwCount > bytes.size()) {
-        pWorld->qwFreeBytes -= pFile->m_qwPosition + qwCount - bytes.size();
-        bytes.resize(pFile->m_qwPosition + qwCount);
-    }
-    if (qwCount > 0) {
-        std::memcpy(bytes.data() + pFile->m_qwPosition, lpBuffer, qwCount);
-    }
-    pFile->m_qwPosition += qwCount;
-    pFile->m_pFile->ftWrite = pWorld->FileTimeNow();
-    if (qwMissing > 0) {
-        return FailWith(ERROR_DISK_FULL);
-    }
-    *lpNumberOfBytesWritten = nNumberOfBytesToWrite;
+    world.qwFreeBytes += qwSize;
+    world.Note("file delete ", sim::Canonical(lpFileName));
     return TRUE;
-}
-
-DWORD SetFilePointer(HANDLE hFile, LONG lDistance, LONG* /*lpDistanceHigh*/, DWORD dwMoveMethod) {
-    const auto pFile = sim::File(hFile, ECall::SetFilePointer);
-    if (!pFile) {
-        return INVALID_SET_FILE_POINTER;
+})
+SIM_CALL(2, MoveFileA, FALSE, [](CWorld& world, const char* lpFrom, const char* lpTo) {
+    return sim::Move(world, lpFrom, lpTo, 0);
+})
+SIM_CALL(3, MoveFileExA, FALSE, sim::Move)
+SIM_CALL(2, GetFileSize, INVALID_FILE_SIZE, [](CWorld& world, HANDLE hFile, DWORD* lpHigh) {
+    const auto it = world.files.find(sim::FileOf(world, hFile));
+    if (it == world.files.end() || !it->second.qwReportedSize) {
+        return RealGetFileSize(hFile, lpHigh);
     }
-    const std::uint64_t qwFrom = dwMoveMethod == FILE_BEGIN     ? 0
-                                 : dwMoveMethod == FILE_CURRENT ? pFile->m_qwPosition
-                                                                : pFile->m_pFile->bytes.size();
-    const std::int64_t nTo = static_cast<std::int64_t>(qwFrom) + lDistance;
-    if (nTo < 0 || dwMoveMethod > FILE_END) {
-        SetError(ERROR_INVALID_PARAMETER);
-        return INVALID_SET_FILE_POINTER;
+    if (lpHigh != nullptr) {
+        *lpHigh = static_cast<DWORD>(*it->second.qwReportedSize >> 32);
     }
-    pFile->m_qwPosition = static_cast<std::uint64_t>(nTo);
-    return static_cast<DWORD>(nTo);
-}
-
-DWORD GetFileSize(HANDLE hFile, DWORD* lpFileSizeHigh) {
-    const auto pFile = sim::File(hFile, ECall::GetFileSize);
-    if (!pFile) {
-        return INVALID_FILE_SIZE;
-    }
-    const sim::CHostFile& file = *pFile->m_pFile;
-    const std::uint64_t qwSize = file.qwReportedSize.value_or(file.bytes.size());
-    if (lpFileSizeHigh != nullptr) {
-        *lpFileSizeHigh = static_cast<DWORD>(qwSize >> 32);
-    }
-    return static_cast<DWORD>(qwSize);
-}
-
-BOOL GetFileTime(HANDLE hFile, FILETIME* lpCreationTime, FILETIME* lpLastAccessTime,
-                 FILETIME* lpLastWriteTime) {
-    const auto pFile = sim::File(hFile, ECall::GetFileTime);
-    if (!pFile) {
-        return FALSE;
-    }
-    const auto store = [](FILETIME* lpTime, const FILETIME& time) {
-        if (lpTime != nullptr) {
-            *lpTime = time;
+    return static_cast<DWORD>(*it->second.qwReportedSize);
+})
+SIM_CALL(4, GetDiskFreeSpaceExA, FALSE, [](CWorld& world, const char* lpFolder, auto... counts) {
+    const auto store = [&](std::uint64_t* lpCount) {
+        if (lpCount != nullptr) {
+            *lpCount = world.qwFreeBytes;
         }
     };
-    store(lpCreationTime, pFile->m_pFile->ftCreation);
-    store(lpLastAccessTime, pFile->m_pFile->ftAccess);
-    store(lpLastWriteTime, pFile->m_pFile->ftWrite);
-    return TRUE;
-}
-
-BOOL SetFileTime(HANDLE hFile, const FILETIME* lpCreationTime, const FILETIME* lpLastAccessTime,
-                 const FILETIME* lpLastWriteTime) {
-    const auto pFile = sim::File(hFile, ECall::SetFileTime);
-    if (!pFile) {
-        return FALSE;
-    }
-    if ((pFile->m_dwAccess & GENERIC_WRITE) == 0) {
-        return FailWith(ERROR_ACCESS_DENIED);
-    }
-    for (const FILETIME* const lpTime : {lpCreationTime, lpLastAccessTime, lpLastWriteTime}) {
-        if (lpTime != nullptr && (lpTime->dwHighDateTime & 0x80000000) != 0) {
-            return FailWith(ERROR_INVALID_PARAMETER);
-        }
-    }
-    const auto take = [](FILETIME& time, const FILETIME* lpTime) {
-        if (lpTime != nullptr && (lpTime->dwLowDateTime | lpTime->dwHighDateTime) != 0) {
-            time = *lpTime;
-        }
-    };
-    take(pFile->m_pFile->ftCreation, lpCreationTime);
-    take(pFile->m_pFile->ftAccess, lpLastAccessTime);
-    take(pFile->m_pFile->ftWrite, lpLastWriteTime);
-    return TRUE;
-}
-
-BOOL DeleteFileA(const char* lpFileName) {
-    CWorld* pWorld = sim::Enter(ECall::DeleteFileA);
-    if (pWorld == nullptr) {
-        return FALSE;
-    }
-    const std::string strFile = CWorld::Canonical(lpFileName);
-    if (const DWORD dwError = sim::RefuseRemoval(*pWorld, strFile)) {
-        return FailWith(dwError);
-    }
-    const auto pFile = pWorld->FindFile(strFile);
-    if (pFile->bReadOnly) {
-        return FailWith(ERROR_ACCESS_DENIED);
-    }
-    pWorld->qwFreeBytes += pFile->bytes.size();
-    pWorld->files.erase(strFile);
-    pWorld->Note("file delete %s", strFile.c_str());
-    return TRUE;
-}
-
-BOOL MoveFileA(const char* lpExistingFileName, const char* lpNewFileName) {
-    CWorld* pWorld = sim::Enter(ECall::MoveFileA);
-    return pWorld != nullptr && sim::Move(*pWorld, lpExistingFileName, lpNewFileName, false);
-}
-
-BOOL MoveFileExA(const char* lpExistingFileName, const char* lpNewFileName, DWORD dwFlags) {
-    CWorld* pWorld = sim::Enter(ECall::MoveFileExA);
-    return pWorld != nullptr && sim::Move(*pWorld, lpExistingFileName, lpNewFileName,
-                                          (dwFlags & MOVEFILE_REPLACE_EXISTING) != 0);
-}
-
-BOOL SetFileAttributesA(const char* lpFileName, DWORD dwFileAttributes) {
-    CWorld* pWorld = sim::Enter(ECall::SetFileAttributesA);
-    if (pWorld == nullptr) {
-        return FALSE;
-    }
-    sim::CHostFile* pFile = pWorld->HostFile(lpFileName);
-    if (pFile == nullptr) {
-        return FailWith(ERROR_FILE_NOT_FOUND);
-    }
-    pFile->bReadOnly = (dwFileAttributes & FILE_ATTRIBUTE_READONLY) != 0;
-    return TRUE;
-}
-
-BOOL CreateDirectoryA(const char* lpPathName, _SECURITY_ATTRIBUTES* /*lpSecurityAttributes*/) {
-    CWorld* pWorld = sim::Enter(ECall::CreateDirectoryA);
-    if (pWorld == nullptr) {
-        return FALSE;
-    }
-    const std::string strFolder = CWorld::Canonical(lpPathName);
-    if (pWorld->FindFolder(strFolder) || pWorld->FindFile(strFolder)) {
-        return FailWith(ERROR_ALREADY_EXISTS);
-    }
-    if (!pWorld->FindFolder(CWorld::Parent(strFolder))) {
-        return FailWith(ERROR_PATH_NOT_FOUND);
-    }
-    pWorld->folders.insert(strFolder);
-    pWorld->Note("folder make %s", strFolder.c_str());
-    return TRUE;
-}
-
-UINT GetTempFileNameA(const char* lpPathName, const char* lpPrefixString, UINT /*uUnique*/,
-                      char* lpTempFileName) {
-    CWorld* pWorld = sim::Enter(ECall::GetTempFileNameA);
-    if (pWorld == nullptr) {
-        return 0;
-    }
-    if (!pWorld->FindFolder(CWorld::Canonical(lpPathName))) {
-        SetError(ERROR_PATH_NOT_FOUND);
-        return 0;
-    }
-    const std::string strPrefix = std::string(lpPrefixString).substr(0, 3);
-    std::string strFile;
-    do {
-        strFile = std::string(lpPathName) + "\\" + strPrefix +
-                  std::to_string(++pWorld->dwTempNames) + ".tmp";
-    } while (pWorld->HostFileExists(strFile));
-    if (strFile.size() >= MAX_PATH) {
-        SetError(ERROR_INVALID_NAME);
-        return 0;
-    }
-    pWorld->WriteHostFile(strFile, {}, pWorld->FileTimeNow(), pWorld->FileTimeNow());
-    pWorld->Note("file make %s", CWorld::Canonical(strFile).c_str());
-    std::memcpy(lpTempFileName, strFile.c_str(), strFile.size() + 1);
-    return pWorld->dwTempNames;
-}
-
-BOOL GetDiskFreeSpaceExA(const char* lpDirectoryName, std::uint64_t* lpFreeBytesAvailable,
-                         std::uint64_t* lpTotalNumberOfBytes,
-                         std::uint64_t* lpTotalNumberOfFreeBytes) {
-    CWorld* pWorld = sim::Enter(ECall::GetDiskFreeSpaceExA);
-    if (pWorld == nullptr) {
-        return FALSE;
-    }
-    if (!pWorld->HostFolderExists(lpDirectoryName)) {
-        return FailWith(ERROR_PATH_NOT_FOUND);
-    }
-    for (std::uint64_t* lpqwCount :
-         {lpFreeBytesAvailable, lpTotalNumberOfBytes, lpTotalNumberOfFreeBytes}) {
-        if (lpqwCount != nullptr) {
-            *lpqwCount = pWorld->qwFreeBytes;
-        }
-    }
-    return TRUE;
-}
+    const BOOL bTold = RealGetDiskFreeSpaceExA(InFolder(lpFolder), counts...);
+    bTold ? (store(counts), ...) : void();
+    return bTold;
+})
 
 } // namespace platform

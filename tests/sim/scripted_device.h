@@ -9,13 +9,12 @@
 // A step that expects waits for the host's next package; the steps behind it follow at once, up to
 // the next one that waits; at the head of a script they are done as they are added. A package that
 // differs, comes with no step for it, or at another time fails the test, as do steps that are left
-// at the end (Finish, or the destructor).
+// at the end.
 //
 // Replies are packages: a read gets at most the rest of one. They queue up until the host takes
 // them, also across a closing of the node; a handshake drops them.
 #pragma once
 
-#include "tests/support/packages.h"
 #include "tests/sim/world.h"
 
 #include <deque>
@@ -26,10 +25,10 @@ class CScriptedDevice : public IPeer {
   public:
     struct CPackage {
         Bytes bytes;
-        std::uint64_t qwMs;
+        std::uint64_t qwMs; // when it came, or is there for the host
     };
 
-    explicit CScriptedDevice(CWorld& world, bool bPlugged = true);
+    explicit CScriptedDevice(CWorld& world) : m_world(world) { m_world.Plug(*this); }
     ~CScriptedDevice() override;
 
     // Steps that wait for a package.
@@ -37,10 +36,6 @@ class CScriptedDevice : public IPeer {
     template <class... TParts>
     CScriptedDevice& ExpectCommand(std::uint16_t codeFunc, const TParts&... payload) {
         return Expect(Command(codeFunc, payload...));
-    }
-    CScriptedDevice& ExpectDataPackage(std::uint32_t dwWord, std::uint16_t codeFunc,
-                                       const Bytes& data) {
-        return Expect(DataPackage(dwWord, codeFunc, data));
     }
     CScriptedDevice& ExpectThat(std::function<void(const Bytes&)> check);
     // The handshake, answered well, or with the given reply; an empty one means silence.
@@ -52,38 +47,30 @@ class CScriptedDevice : public IPeer {
     CScriptedDevice& At(std::uint64_t qwMs);
 
     // Steps that do something.
+    CScriptedDevice& Do(std::function<void()> action);
     CScriptedDevice& Reply(Bytes package) { return ReplyAfter(0, std::move(package)); }
     CScriptedDevice& ReplyAfter(std::uint64_t qwMs, Bytes package);
-    CScriptedDevice& Silence() { return *this; } // says that nothing comes
-    CScriptedDevice& DropPending();
     CScriptedDevice& Vanish();
     CScriptedDevice& VanishAfter(std::uint64_t qwMs);
     CScriptedDevice& VanishAtQuestion(std::uint64_t nNumber);
-    CScriptedDevice& Do(std::function<void()> action);
 
     // Handshakes for which no step waits are answered well and recorded (the default), or taken as
     // any package.
     void ServeHandshakes(bool bServe = true) { m_bServeHandshakes = bServe; }
-    std::uint32_t dwVersion = DAK_PROTOCOL_VERSION;
-    bool bHandshakeDrops = true;
     // Takes the packages for which there is no step.
     std::function<void(const Bytes&)> onPackage;
 
-    // Outside a script: lays a package ready, drops what is ready.
+    // Outside a script: lays a package ready.
     void Give(Bytes package, std::uint64_t qwAfterMs = 0);
-    void Drop() { m_pending.clear(); }
 
-    // Everything the host wrote, and the handshakes that were served.
-    const std::vector<CPackage>& Packages() const { return m_packages; }
+    // The handshakes that were served.
     const std::vector<CPackage>& Handshakes() const { return m_handshakes; }
     // Times the node was opened, and is open now.
     int Opens() const { return m_nOpens; }
     int OpenNow() const { return m_nOpenNow; }
-    bool IsDone() const { return m_steps.empty(); }
     std::size_t PendingPackages() const { return m_pending.size(); }
-    void Finish();
 
-    void SetTime(std::uint64_t qwNowMs) override { m_qwNowMs = qwNowMs; }
+    void SetTime(std::uint64_t qwNowMs) override { m_qwToldMs = qwNowMs; }
     bool TakePackage(std::span<const std::uint8_t> package) override;
     std::optional<std::size_t> GiveBytes(std::span<std::uint8_t> buffer) override;
     std::optional<std::uint64_t> NextDueMs() override;
@@ -95,28 +82,23 @@ class CScriptedDevice : public IPeer {
   private:
     struct CStep {
         int nNumber;
-        bool bDoNotTake = false;
+        bool bDoNotTake;
         std::optional<std::uint32_t> dwHandshake;
         std::function<void(const Bytes&)> take; // of a step that waits
         std::function<void()> action;           // of one that does not
         std::optional<std::uint64_t> qwAtMs;
     };
-    struct CPending {
-        Bytes bytes;
-        std::size_t dwTaken;
-        std::uint64_t qwDueMs;
-    };
     CStep& AddStep();
+    CStep TakeStep();
     void RunActions();
-    bool Served(const Bytes& package);
-    void CheckTime(const CStep& step);
+    void Answer(const Bytes& reply);
+    void Compare(const Bytes& expected, const Bytes& got, int nStep) const;
 
     CWorld& m_world;
     std::deque<CStep> m_steps;
-    std::deque<CPending> m_pending;
-    std::vector<CPackage> m_packages;
+    std::deque<CPackage> m_pending;
     std::vector<CPackage> m_handshakes;
-    std::uint64_t m_qwNowMs = 0;
+    std::uint64_t m_qwToldMs = 0;
     int m_nSteps = 0;
     int m_nOpens = 0;
     int m_nOpenNow = 0;

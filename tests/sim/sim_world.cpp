@@ -1,61 +1,39 @@
 // The simulated host under the contract tests of the seam.
 
 #include "tests/platform/contract_world.h"
-#include "tests/sim/world.h"
-
-#include "platform/file.h"
-
-#include <algorithm>
-#include <cstring>
-#include <deque>
+#include "tests/sim/scripted_device.h"
 
 namespace contract {
 
 namespace {
 
-class CPlainDevice : public sim::IPeer {
+// Takes and gives without a script.
+class CPlainDevice : public sim::CScriptedDevice {
   public:
-    void SetTime(std::uint64_t /*qwNowMs*/) override {}
+    explicit CPlainDevice(sim::CWorld& world) : CScriptedDevice(world) {
+        ServeHandshakes(false);
+        onPackage = [this](const sim::Bytes& package) { took.push_back(package); };
+    }
     bool TakePackage(std::span<const std::uint8_t> package) override {
-        if (m_bTakes) {
-            m_took.emplace_back(package.begin(), package.end());
-        }
-        return m_bTakes;
+        return bTakes && CScriptedDevice::TakePackage(package);
     }
-    std::optional<std::size_t> GiveBytes(std::span<std::uint8_t> buffer) override {
-        if (m_gives.empty()) {
-            return {};
-        }
-        auto& package = m_gives.front();
-        const std::size_t dwCount = std::min(buffer.size(), package.size());
-        std::memcpy(buffer.data(), package.data(), dwCount);
-        package.erase(package.begin(), package.begin() + static_cast<std::ptrdiff_t>(dwCount));
-        if (package.empty()) {
-            m_gives.pop_front();
-        }
-        return dwCount;
-    }
-
-    bool m_bTakes = true;
-    std::vector<sim::Bytes> m_took;
-    std::deque<sim::Bytes> m_gives;
+    bool bTakes = true;
+    std::vector<sim::Bytes> took;
 };
 
-CPlainDevice* g_pDevice = nullptr;
+std::optional<CPlainDevice> g_device;
 
 } // namespace
 
 void InWorld(const std::function<void()>& body) {
-    CPlainDevice device;
-    g_pDevice = &device;
     sim::CWorld world;
     world.MakeHostFolder(Folder());
     body();
-    world.Unplug();
+    g_device.reset();
 }
 
 std::string Folder() {
-    return "C:\\contract";
+    return "C:/contract";
 }
 
 bool CreationTimesAreKept() {
@@ -66,13 +44,8 @@ std::uint64_t NowMs() {
     return sim::CWorld::Current()->NowMs();
 }
 
-void SetCpuMHz(std::optional<DWORD> dwMHz) {
-    sim::CWorld::Current()->dwCpuMHz = dwMHz;
-}
-
 void PlugDevice() {
-    *g_pDevice = {};
-    sim::CWorld::Current()->Plug(*g_pDevice);
+    g_device.emplace(*sim::CWorld::Current());
 }
 
 void UnplugDevice() {
@@ -80,16 +53,15 @@ void UnplugDevice() {
 }
 
 void DeviceGives(std::vector<std::uint8_t> package) {
-    g_pDevice->m_gives.push_back(std::move(package));
-    sim::CWorld::Current()->PeerChanged();
+    g_device->Give(std::move(package));
 }
 
 std::vector<std::vector<std::uint8_t>> DeviceTook() {
-    return g_pDevice->m_took;
+    return g_device->took;
 }
 
 void DeviceTakes(bool bTakes) {
-    g_pDevice->m_bTakes = bTakes;
+    g_device->bTakes = bTakes;
     sim::CWorld::Current()->PeerChanged();
 }
 

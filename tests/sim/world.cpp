@@ -1,72 +1,85 @@
+// Threads and time of the simulated host, its faults and its trace.
+
 #include "tests/sim/world.h"
 
-#include "platform/thread.h"
+#include "tests/sim/seam.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <semaphore>
+#include <thread>
 #include <utility>
 
 namespace sim {
 
+// A real thread, which carries one simulated thread after another.
+struct CCarrier {
+    std::shared_ptr<CThread> pThread; // null: the world ends
+    std::binary_semaphore baton{0};
+    std::thread thread;
+};
+
 namespace {
 
-constexpr std::uint64_t NEVER = ~0ull;
-constexpr std::size_t MAX_EVENTS = 300'000;
 constexpr std::size_t EVENTS_SHOWN = 60;
+constexpr std::uint64_t CALL_LIMIT = 50'000'000; // of a world; behind it is a loop without an end
 
-// A stopped thread may look again and again for something that another thread still has to do.
-// Behind the first bound its refused calls let time pass, behind the second it is given up.
+// A stopped thread may look again and again for something that another thread still has to do:
+// behind this bound its refused calls let time pass.
 constexpr unsigned REFUSALS_FREE = 1000;
-constexpr unsigned REFUSALS_MAX = 1'000'000;
-
-constexpr std::size_t FAILING_CALLS = 0
-#define SIM_ONE(name) +1
-    SIM_CALLS_THAT_FAIL(SIM_ONE)
-#undef SIM_ONE
-    ;
 
 std::atomic<CWorld*> g_pWorld{nullptr};
 thread_local CThread* t_pThread = nullptr;
-thread_local DWORD t_dwError = 0;
+
+[[noreturn]] void GiveUp(const std::string& strWhy) {
+    std::fprintf(stderr, "The simulated host: %s\n", strWhy.c_str());
+    std::abort();
+}
+
+// In the memory of the system, where there is any for files: worlds come by the thousand.
+std::filesystem::path ParentFolder() {
+    const std::filesystem::path memory = "/dev/shm";
+    return std::filesystem::exists(memory) ? memory : std::filesystem::temp_directory_path();
+}
 
 } // namespace
 
-const char* CallName(ECall eCall) {
-    static const char* const NAMES[] = {
-#define SIM_NAME(name) #name,
-        SIM_CALLS_THAT_FAIL(SIM_NAME) SIM_CALLS_THAT_SUCCEED(SIM_NAME)
-#undef SIM_NAME
-    };
+#define SIM_TEXT_OF(...) #__VA_ARGS__
+#define SIM_TEXT(...) SIM_TEXT_OF(__VA_ARGS__)
+
+const std::string& CallName(ECall eCall) {
+    static const std::vector<std::string> NAMES = [] {
+        std::istringstream text(SIM_TEXT(SIM_CALLS_THAT_FAIL, SIM_CALLS_THAT_SUCCEED));
+        std::vector<std::string> names;
+        for (std::string strName; std::getline(text >> std::ws, strName, ',');) {
+            names.push_back(strName);
+        }
+        return names;
+    }();
     return NAMES[static_cast<std::size_t>(eCall)];
 }
 
-void SetError(DWORD dwError) {
-    t_dwError = dwError;
-}
-
 CWorld* CWorld::Current() {
-    CWorld* pWorld = g_pWorld.load();
-    return pWorld != nullptr && t_pThread != nullptr && t_pThread->pWorld == pWorld ? pWorld
-                                                                                    : nullptr;
+    return t_pThread != nullptr ? g_pWorld.load() : nullptr;
 }
 
-CWorld::CWorld() {
+CWorld::CWorld() : m_folder(ParentFolder()), m_pathBefore(std::filesystem::current_path()) {
     if (g_pWorld.exchange(this) != nullptr) {
-        std::fputs("a simulated host is there already\n", stderr);
-        std::abort();
+        GiveUp("there is one already");
     }
-    auto pThread = MakeThread({});
-    pThread->eState = CThread::EState::Running;
-    m_carriers.push_back(std::make_unique<CCarrier>());
-    pThread->pCarrier = m_carriers[0].get();
-    m_threads.push_back(pThread);
-    t_pThread = pThread.get();
-    t_dwError = 0;
+    std::filesystem::current_path(m_folder.Folder());
+    for (const char* lpszDrive : {"C:", "D:"}) {
+        std::filesystem::create_directory(lpszDrive);
+    }
+    const HANDLE hThread = NewThread({}, true);
+    platform::posix::RemoveHandle(hThread, m_threads[0].get());
+    t_pThread = m_threads[0].get();
+    t_pThread->eState = CThread::EState::Ready;
+    t_pThread->pCarrier = m_carriers.emplace_back(std::make_unique<CCarrier>()).get();
     AddProcess("System");
     AddProcess("explorer.exe");
 }
@@ -75,57 +88,49 @@ CWorld::~CWorld() {
     m_bEnding = true;
     StopAll();
     while (m_threads.size() > 1) {
-        Block(&m_threads, {}, "the end of all threads", 0, true);
+        Block(&m_threads, NEVER, "the end of all threads", true);
     }
     for (const auto& pCarrier : m_carriers) {
-        {
-            const std::lock_guard hold(m_mutex);
-            pCarrier->bEnd = true;
-            pCarrier->condition.notify_one();
-        }
         if (pCarrier->thread.joinable()) {
+            pCarrier->pThread = nullptr;
+            pCarrier->baton.release();
             pCarrier->thread.join();
         }
     }
-    if (::testing::Test::HasFailure()) {
-        const std::size_t dwFirst = m_trace.size() - std::min(m_trace.size(), EVENTS_SHOWN);
-        std::fprintf(stderr, "The simulated host at %llu ms, its last %zu of %zu events:\n",
-                     static_cast<unsigned long long>(m_qwNowMs), m_trace.size() - dwFirst,
-                     m_trace.size());
-        for (std::size_t i = dwFirst; i < m_trace.size(); ++i) {
-            std::fprintf(stderr, "  %8llu %s\n", static_cast<unsigned long long>(m_trace[i].qwMs),
-                         m_trace[i].strText.c_str());
-        }
+    const auto lines = Trace();
+    for (std::size_t i = lines.size() - std::min(lines.size(), EVENTS_SHOWN);
+         i < lines.size() && ::testing::Test::HasFailure(); ++i) {
+        std::fprintf(stderr, "  the simulated host at %s\n", lines[i].c_str());
     }
+    m_pPeer = nullptr;
+    for (const auto& [hObject, strWhat] : handles) {
+        platform::posix::RemoveHandle(hObject, platform::posix::FindAnyObject(hObject).get());
+    }
+    std::filesystem::current_path(m_pathBefore);
     t_pThread = nullptr;
     g_pWorld = nullptr;
 }
 
-void CWorld::At(std::uint64_t qwMs, std::function<void()> action) {
-    m_actions.emplace(qwMs, std::move(action));
-}
-
 // The baton.
 
-void CWorld::GiveBaton(CThread& thread) {
-    const std::lock_guard hold(m_mutex);
-    thread.pCarrier->bBaton = true;
-    thread.pCarrier->condition.notify_one();
-}
-
-// False: the world ends, and nothing is left to carry.
-bool CWorld::AwaitBaton(CCarrier& carrier) {
-    std::unique_lock hold(m_mutex);
-    carrier.condition.wait(hold, [&] { return carrier.bBaton || carrier.bEnd; });
-    return std::exchange(carrier.bBaton, false);
+void CWorld::Carry(CCarrier& carrier) {
+    while (carrier.baton.acquire(), carrier.pThread != nullptr) {
+        // Kept until the baton is gone: it is still the one that picks the next.
+        const std::shared_ptr<CThread> pThread = carrier.pThread;
+        t_pThread = pThread.get();
+        pThread->entry();
+        pThread->entry = nullptr;
+        End(*pThread);
+        m_idle.push_back(&carrier);
+        PickNext().pCarrier->baton.release();
+    }
 }
 
 void CWorld::HandOver(CThread& self) {
     CThread& next = PickNext();
-    next.eState = CThread::EState::Running;
     if (&next != &self) {
-        GiveBaton(next);
-        AwaitBaton(*self.pCarrier);
+        next.pCarrier->baton.release();
+        self.pCarrier->baton.acquire();
     }
 }
 
@@ -141,50 +146,38 @@ CThread& CWorld::PickNext() {
 void CWorld::Advance() {
     std::uint64_t qwNext = m_actions.empty() ? NEVER : m_actions.begin()->first;
     for (const auto& pThread : m_threads) {
-        if (pThread->eState == CThread::EState::Waiting) {
-            qwNext = std::min(qwNext, pThread->qwDue);
-        }
+        qwNext = std::min(qwNext, pThread->qwDue);
     }
-    if (m_pPeer != nullptr) {
-        const std::uint64_t qwPeerDue = m_pPeer->NextDueMs().value_or(NEVER);
-        // One that asks for a moment at which it has already been told the time gets nothing more.
-        if (qwPeerDue > m_qwNowMs || m_qwPeerToldMs != m_qwNowMs) {
-            qwNext = std::min(qwNext, qwPeerDue);
-        }
-    }
+    const auto peerDue = [&] { // one that has been told the time gets nothing more at that moment
+        const std::uint64_t qwDue =
+            m_pPeer == nullptr ? NEVER : m_pPeer->NextDueMs().value_or(NEVER);
+        return qwDue <= m_qwNowMs && m_qwPeerToldMs == m_qwNowMs ? NEVER : qwDue;
+    };
+    qwNext = std::min(qwNext, peerDue());
     if (qwNext == NEVER) {
         if (m_bFailed || m_bEnding) {
-            std::fprintf(stderr, "threads of the simulated host cannot be ended:\n%s",
-                         Threads().c_str());
-            std::abort();
+            GiveUp("threads cannot be ended\n" + Threads());
         }
-        Fail("All threads wait for ever.");
-        return;
+        return Fail("All threads wait for ever.");
     }
     m_qwNowMs = std::max(m_qwNowMs, qwNext);
-    if (m_qwNowMs > qwTimeLimitMs) {
-        Fail("The limit of virtual time is passed.");
-    }
     while (!m_actions.empty() && m_actions.begin()->first <= m_qwNowMs) {
         const auto action = std::move(m_actions.begin()->second);
         m_actions.erase(m_actions.begin());
         action();
     }
-    if (m_pPeer != nullptr && m_pPeer->NextDueMs().value_or(NEVER) <= m_qwNowMs &&
-        m_qwPeerToldMs != m_qwNowMs) {
+    if (peerDue() <= m_qwNowMs) {
         m_qwPeerToldMs = m_qwNowMs;
         m_pPeer->SetTime(m_qwNowMs);
         PeerChanged();
     }
     std::vector<CThread*> due;
     for (const auto& pThread : m_threads) {
-        if (pThread->eState == CThread::EState::Waiting && pThread->qwDue <= m_qwNowMs) {
+        if (pThread->qwDue <= m_qwNowMs) {
             due.push_back(pThread.get());
         }
     }
-    std::sort(due.begin(), due.end(), [](const CThread* pLeft, const CThread* pRight) {
-        return pLeft->qwWaitNumber < pRight->qwWaitNumber;
-    });
+    std::ranges::sort(due, {}, &CThread::qwWaitNumber);
     for (CThread* pThread : due) {
         MakeReady(*pThread, EWake::TimedOut);
     }
@@ -194,44 +187,30 @@ void CWorld::MakeReady(CThread& thread, EWake eWake) {
     if (thread.eState == CThread::EState::Waiting) {
         thread.eState = CThread::EState::Ready;
         thread.eWake = eWake;
+        thread.qwDue = NEVER;
         m_ready.push_back(&thread);
     }
 }
 
-EWake CWorld::Block(const void* lpKey, std::optional<std::uint64_t> qwDue, const char* lpszWaitsFor,
-                    std::uint64_t qwArgument, bool bEvenIfStopped) {
+EWake CWorld::Block(const void* lpKey, std::uint64_t qwDue, std::string strWaitsFor,
+                    bool bEvenIfStopped) {
     CThread& self = *t_pThread;
     if (!bEvenIfStopped && IsStopped()) {
-        Refuse(self);
+        if (++self.nRefused > REFUSALS_FREE) {
+            Block(nullptr, m_qwNowMs + 1, "another look", true);
+        } else if (!m_ready.empty()) {
+            m_ready.push_back(&self);
+            HandOver(self);
+        }
         return EWake::Stopped;
     }
     self.lpWaitKey = lpKey;
-    self.qwDue = qwDue.value_or(NEVER);
+    self.qwDue = qwDue;
     self.qwWaitNumber = ++m_qwWaits;
-    self.lpszWaitsFor = lpszWaitsFor;
-    self.qwWaitArgument = qwArgument;
+    self.strWaitsFor = std::move(strWaitsFor);
     self.eState = CThread::EState::Waiting;
     HandOver(self);
     return self.eWake;
-}
-
-void CWorld::Refuse(CThread& self) {
-    if (++self.nRefused > REFUSALS_MAX) {
-        std::fprintf(stderr, "thread %d does not end although its calls fail:\n%s", self.nNumber,
-                     Threads().c_str());
-        std::abort();
-    }
-    if (self.nRefused > REFUSALS_FREE) {
-        Block(nullptr, m_qwNowMs + 1, "another look", 0, true);
-    } else if (!m_ready.empty()) {
-        self.eState = CThread::EState::Ready;
-        m_ready.push_back(&self);
-        HandOver(self);
-    }
-}
-
-std::optional<std::uint64_t> CWorld::DueAfter(DWORD dwMs) const {
-    return dwMs == INFINITE ? std::nullopt : std::optional(m_qwNowMs + dwMs);
 }
 
 void CWorld::WakeAll(const void* lpKey) {
@@ -247,160 +226,102 @@ bool CWorld::IsStopped() const {
 }
 
 void CWorld::StopAll() {
-    const auto all = m_threads;
-    for (const auto& pThread : all) {
+    for (const auto& pThread : std::vector(m_threads)) {
         if (pThread->eState == CThread::EState::Suspended) {
-            std::erase(m_threads, pThread);
-            pThread->eState = CThread::EState::Ended;
+            End(*pThread);
         }
         MakeReady(*pThread, EWake::Stopped);
     }
 }
 
 void CWorld::Fail(const std::string& strWhy) {
-    if (m_bFailed || m_bEnding) {
-        return;
+    if (!m_bFailed && !m_bEnding) {
+        m_bFailed = true;
+        ADD_FAILURE() << strWhy << " Threads at " << m_qwNowMs << " ms:\n" << Threads();
+        StopAll();
     }
-    m_bFailed = true;
-    ADD_FAILURE() << strWhy << " Threads at " << m_qwNowMs << " ms:\n" << Threads();
-    StopAll();
 }
 
 // Threads.
 
-std::shared_ptr<CThread> CWorld::MakeThread(std::function<DWORD()> entry) {
-    auto pThread = std::make_shared<CThread>();
-    pThread->pWorld = this;
+HANDLE CWorld::NewThread(std::function<void()> entry, bool bSuspended) {
+    const auto pThread = std::make_shared<CThread>();
     pThread->nNumber = ++m_nThreads;
     pThread->entry = std::move(entry);
-    return pThread;
+    m_threads.push_back(pThread);
+    if (!bSuspended) {
+        Start(*pThread);
+    }
+    return Add(pThread, "thread " + std::to_string(pThread->nNumber));
 }
 
-void CWorld::Start(const std::shared_ptr<CThread>& pThread) {
+void CWorld::Start(CThread& thread) {
     if (m_idle.empty()) {
         CCarrier& carrier = *m_carriers.emplace_back(std::make_unique<CCarrier>());
         carrier.thread = std::thread([this, &carrier] { Carry(carrier); });
         m_idle.push_back(&carrier);
     }
-    pThread->pCarrier = m_idle.back();
-    pThread->pCarrier->pThread = pThread.get();
+    thread.pCarrier = m_idle.back();
     m_idle.pop_back();
-    pThread->eState = CThread::EState::Ready;
-    m_ready.push_back(pThread.get());
+    thread.pCarrier->pThread =
+        *std::ranges::find(m_threads, &thread, &std::shared_ptr<CThread>::get);
+    thread.eState = CThread::EState::Ready;
+    m_ready.push_back(&thread);
 }
 
-void CWorld::Carry(CCarrier& carrier) {
-    while (AwaitBaton(carrier)) {
-        CThread& thread = *carrier.pThread;
-        t_pThread = &thread;
-        t_dwError = 0;
-        thread.entry();
-        thread.entry = nullptr;
-        thread.eState = CThread::EState::Ended;
-        WakeAll(&thread);
-        WakeAll(&m_threads);
-        // Kept until the baton is gone: it is still the one that picks the next.
-        const auto it = std::ranges::find(m_threads, &thread, &std::shared_ptr<CThread>::get);
-        const auto pEnded = *it;
-        m_threads.erase(it);
-        m_idle.push_back(&carrier);
-        CThread& next = PickNext();
-        next.eState = CThread::EState::Running;
-        GiveBaton(next);
-    }
+void CWorld::End(CThread& thread) {
+    thread.eState = CThread::EState::Ended;
+    std::erase_if(m_threads, [&](const auto& pThread) { return pThread.get() == &thread; });
+    WakeAll(&thread);
+    WakeAll(&m_threads);
 }
 
 void CWorld::Stop(CThread& thread) {
     thread.bStop = true;
     MakeReady(thread, EWake::Stopped);
     if (thread.eState == CThread::EState::Suspended) {
-        thread.eState = CThread::EState::Ended;
-        std::erase_if(m_threads, [&](const auto& pThread) { return pThread.get() == &thread; });
-        WakeAll(&thread);
+        End(thread);
     }
     while (thread.eState != CThread::EState::Ended) {
-        Block(&thread, {}, "the end of stopped thread %llu",
-              static_cast<std::uint64_t>(thread.nNumber), true);
+        Block(&thread, NEVER, "the end of thread " + std::to_string(thread.nNumber), true);
     }
-}
-
-HANDLE CWorld::NewThread(std::function<DWORD()> entry, bool bSuspended) {
-    const auto pThread = MakeThread(std::move(entry));
-    m_threads.push_back(pThread);
-    if (!bSuspended) {
-        Start(pThread);
-    }
-    return Add(pThread);
-}
-
-HANDLE CWorld::Spawn(std::function<void()> body) {
-    return NewThread(
-        [body = std::move(body)] {
-            body();
-            return DWORD{0};
-        },
-        false);
-}
-
-void CWorld::Join(HANDLE hThread) {
-    EXPECT_EQ(platform::WaitForSingleObject(hThread, INFINITE), WAIT_OBJECT_0);
-    platform::CloseHandle(hThread);
-}
-
-int CWorld::LiveThreads() const {
-    return static_cast<int>(m_threads.size()) - 1;
 }
 
 std::string CWorld::Threads() const {
-    std::string strList;
+    std::ostringstream list;
     for (const auto& pThread : m_threads) {
-        char szWaits[120] = "can run";
-        if (pThread->eState == CThread::EState::Suspended) {
-            std::snprintf(szWaits, sizeof(szWaits), "is suspended");
-        } else if (pThread->eState == CThread::EState::Waiting) {
-            char szWhat[80];
-#if defined(__GNUC__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#endif
-            std::snprintf(szWhat, sizeof(szWhat), pThread->lpszWaitsFor,
-                          static_cast<unsigned long long>(pThread->qwWaitArgument));
-#if defined(__GNUC__)
-#pragma GCC diagnostic pop
-#endif
-            std::snprintf(szWaits, sizeof(szWaits), "waits for %s", szWhat);
+        const bool bWaits = pThread->eState == CThread::EState::Waiting;
+        list << "  thread " << pThread->nNumber << (bWaits ? " waits for " : " can run")
+             << (bWaits ? pThread->strWaitsFor : "");
+        if (pThread->qwDue != NEVER) {
+            list << " until " << pThread->qwDue << " ms";
         }
-        strList += "  thread " + std::to_string(pThread->nNumber) + " " + szWaits;
-        if (pThread->eState == CThread::EState::Waiting && pThread->qwDue != NEVER) {
-            strList += " until " + std::to_string(pThread->qwDue) + " ms";
-        }
-        strList += "\n";
+        list << "\n";
     }
-    return strList;
+    return list.str();
 }
 
-// Faults, trace, handles.
+// Faults and trace.
 
 bool CWorld::Enter(ECall eCall) {
-    const auto dwKind = static_cast<std::size_t>(eCall);
-    const std::uint64_t qwOfKind = ++m_counts[dwKind];
-    const bool bCanFail = dwKind < FAILING_CALLS;
-    const std::uint64_t qwOfAll = bCanFail ? ++m_qwFailingCalls : 0;
-    if (++m_qwCalls > qwCallLimit) {
-        Fail("The limit of calls is passed.");
+    const std::uint64_t qwOfKind = ++m_counts[static_cast<std::size_t>(eCall)];
+    if (++m_qwCalls > CALL_LIMIT) {
+        GiveUp("there is no end of calls\n" + Threads());
     }
+    if (eCall >= ECall::Sleep) {
+        return true; // it is of the second list
+    }
+    const std::uint64_t qwOfAll = ++m_qwFailingCalls;
     if (m_bFailed || m_bEnding) {
-        SetError(ERROR_OPERATION_ABORTED);
-        return false;
+        return FailWith(ERROR_OPERATION_ABORTED) != FALSE;
     }
     for (const CFault& fault : m_faults) {
-        const bool bMine = fault.eCall ? *fault.eCall == eCall : bCanFail;
         const std::uint64_t qwNumber = fault.eCall ? qwOfKind : qwOfAll;
-        if (bMine && qwNumber >= fault.qwFirst && qwNumber - fault.qwFirst < fault.qwTimes) {
+        if (fault.eCall.value_or(eCall) == eCall && qwNumber >= fault.qwFirst &&
+            qwNumber - fault.qwFirst < fault.qwTimes) {
             ++m_nFaultsMet;
-            Note("fault %s", CallName(eCall));
-            SetError(fault.dwError);
-            return false;
+            Note("fault ", CallName(eCall));
+            return FailWith(fault.dwError) != FALSE;
         }
     }
     return true;
@@ -415,33 +336,37 @@ void CWorld::FailAnyCall(std::uint64_t nNumber, std::uint64_t nTimes) {
     m_faults.push_back({{}, m_qwFailingCalls + nNumber, nTimes, ERROR_GEN_FAILURE});
 }
 
-void CWorld::Note(const char* lpszFormat, ...) {
-    if (!bTrace || m_trace.size() >= MAX_EVENTS) {
-        return;
-    }
-    char szText[200];
-    va_list arguments;
-    va_start(arguments, lpszFormat);
-    std::vsnprintf(szText, sizeof(szText), lpszFormat, arguments);
-    va_end(arguments);
-    m_trace.push_back({m_qwNowMs, szText});
-}
-
 std::vector<std::string> CWorld::Trace(std::initializer_list<std::string_view> beginnings) const {
     std::vector<std::string> lines;
-    for (const CEvent& event : m_trace) {
-        const auto begins = [&](std::string_view word) { return event.strText.starts_with(word); };
-        if (beginnings.size() == 0 || std::any_of(beginnings.begin(), beginnings.end(), begins)) {
-            lines.push_back(std::to_string(event.qwMs) + " " + event.strText);
+    for (const auto& [qwMs, strText] : m_trace) {
+        const auto begins = [&strWhole = strText](std::string_view words) {
+            return (strWhole + " ").starts_with(std::string(words) + " ");
+        };
+        if (beginnings.size() == 0 || std::ranges::any_of(beginnings, begins)) {
+            lines.push_back(std::to_string(qwMs) + " " + strText);
         }
     }
     return lines;
 }
 
+HANDLE CWorld::Add(std::shared_ptr<CObject> pObject, std::string strWhat) {
+    const HANDLE hObject = platform::posix::AddHandle(std::move(pObject));
+    Name(hObject, std::move(strWhat));
+    return hObject;
+}
+
+void CWorld::Name(HANDLE hObject, std::string strWhat) {
+    if (hObject != INVALID_HANDLE_VALUE) {
+        handles[hObject] = std::move(strWhat);
+    }
+}
+
 std::vector<std::string> CWorld::Open() const {
     std::vector<std::string> lines;
-    for (const auto& [hObject, pObject] : m_handles) {
-        lines.push_back(pObject->What());
+    for (const auto& [hObject, strWhat] : handles) {
+        if (platform::posix::FindAnyObject(hObject) != nullptr) {
+            lines.push_back(strWhat);
+        }
     }
     for (const auto& [lpBlock, dwBytes] : blocks) {
         lines.push_back("memory block of " + std::to_string(dwBytes) + " bytes");
@@ -449,270 +374,4 @@ std::vector<std::string> CWorld::Open() const {
     return lines;
 }
 
-HANDLE CWorld::Add(std::shared_ptr<CObject> pObject) {
-    // Never given out twice, across worlds too: what a static of the library still holds from an
-    // earlier world must not name something of this one.
-    static std::uintptr_t qwLast = 0x100;
-    const HANDLE hObject = reinterpret_cast<HANDLE>(qwLast += 4);
-    m_handles.emplace(hObject, std::move(pObject));
-    return hObject;
-}
-
-bool CWorld::Remove(HANDLE hObject) {
-    const auto it = m_handles.find(hObject);
-    if (it == m_handles.end()) {
-        return false;
-    }
-    const auto pObject = it->second;
-    m_handles.erase(it);
-    pObject->Close(*this);
-    return true;
-}
-
-void CWorld::OtherProcessOpensLock(const std::string& strName, bool bHolds) {
-    auto& pLock = locks[strName];
-    if (!pLock) {
-        pLock = std::make_shared<CLock>();
-    }
-    pLock->bOtherHasOpen = true;
-    if (bHolds) {
-        pLock->bHeld = true;
-        pLock->bHeldByOther = true;
-    }
-}
-
-void CWorld::OtherProcessClosesLock(const std::string& strName) {
-    const auto it = locks.find(strName);
-    if (it == locks.end()) {
-        return;
-    }
-    CLock& lock = *it->second;
-    lock.bOtherHasOpen = false;
-    if (lock.bHeldByOther) {
-        lock.bHeld = false;
-        lock.bHeldByOther = false;
-        WakeAll(&lock);
-    }
-    if (lock.nHandles == 0) {
-        locks.erase(it);
-    }
-}
-
-namespace {
-
-// One open handle on a lock.
-class CLockHandle : public CObject {
-  public:
-    CLockHandle(std::string strName, std::shared_ptr<CWorld::CLock> pLock)
-        : m_strName(std::move(strName)), m_pLock(std::move(pLock)) {
-        ++m_pLock->nHandles;
-    }
-    std::string What() const override { return "lock " + m_strName; }
-    CWorld::CLock& Lock() { return *m_pLock; }
-    const char* Name() const { return m_strName.c_str(); }
-
-    void Close(CWorld& world) override {
-        world.Note("lock close %s", Name());
-        if (--m_pLock->nHandles > 0) {
-            return;
-        }
-        if (m_pLock->bHeld && !m_pLock->bHeldByOther) {
-            m_pLock->bHeld = false;
-            world.WakeAll(m_pLock.get());
-        }
-        if (!m_pLock->bOtherHasOpen && !m_strName.empty()) {
-            world.locks.erase(m_strName);
-        }
-    }
-
-  private:
-    std::string m_strName;
-    std::shared_ptr<CWorld::CLock> m_pLock;
-};
-
-} // namespace
-
-std::uint64_t Sweep(const std::function<void(CWorld&)>& scenario, std::optional<ECall> eCall,
-                    std::uint64_t nTimes, std::uint64_t nOnly) {
-    for (std::uint64_t n = nOnly != 0 ? nOnly : 1;; ++n) {
-        const ::testing::ScopedTrace trace(__FILE__, __LINE__,
-                                           std::string(eCall ? CallName(*eCall) : "any call") +
-                                               " fails, number " + std::to_string(n));
-        CWorld world;
-        if (eCall) {
-            world.FailCall(*eCall, n, 0, nTimes);
-        } else {
-            world.FailAnyCall(n, nTimes);
-        }
-        scenario(world);
-        if (world.FaultsMet() == 0 || nOnly != 0 || ::testing::Test::HasFailure()) {
-            return n - 1;
-        }
-    }
-}
-
 } // namespace sim
-
-namespace platform {
-
-using sim::CThread;
-using sim::CWorld;
-using sim::ECall;
-using sim::EWake;
-using sim::FailWith;
-using sim::SetError;
-
-DWORD GetLastError() {
-    return sim::t_dwError;
-}
-
-void Sleep(DWORD dwMilliseconds) {
-    CWorld* pWorld = CWorld::Current();
-    if (pWorld == nullptr) {
-        return;
-    }
-    pWorld->Enter(ECall::Sleep);
-    pWorld->Note("sleep %u", static_cast<unsigned>(dwMilliseconds));
-    pWorld->Block(nullptr, pWorld->DueAfter(dwMilliseconds), "a sleep of %llu ms", dwMilliseconds);
-}
-
-HANDLE CreateThread(_SECURITY_ATTRIBUTES* /*lpThreadAttributes*/, SIZE_T /*dwStackSize*/,
-                    LPTHREAD_START_ROUTINE lpStartAddress, void* lpParameter, DWORD dwCreationFlags,
-                    DWORD* /*lpThreadId*/) {
-    CWorld* pWorld = CWorld::Current();
-    if (pWorld == nullptr || !pWorld->Enter(ECall::CreateThread)) {
-        return nullptr;
-    }
-    return pWorld->NewThread([=] { return lpStartAddress(lpParameter); },
-                             (dwCreationFlags & CREATE_SUSPENDED) != 0);
-}
-
-DWORD ResumeThread(HANDLE hThread) {
-    CWorld* pWorld = CWorld::Current();
-    const auto pThread = pWorld != nullptr ? pWorld->Get<CThread>(hThread) : nullptr;
-    if (!pThread || pThread->eState != CThread::EState::Suspended) {
-        SetError(ERROR_INVALID_HANDLE);
-        return 0xFFFFFFFF;
-    }
-    pWorld->Enter(ECall::ResumeThread);
-    pWorld->Start(pThread);
-    return 1;
-}
-
-BOOL TerminateThread(HANDLE hThread, DWORD /*dwExitCode*/) {
-    CWorld* pWorld = CWorld::Current();
-    const auto pThread = pWorld != nullptr ? pWorld->Get<CThread>(hThread) : nullptr;
-    if (!pThread || pThread.get() == sim::t_pThread) {
-        return FailWith(ERROR_INVALID_HANDLE);
-    }
-    pWorld->Enter(ECall::TerminateThread);
-    pWorld->Note("thread stop %d", pThread->nNumber);
-    pWorld->Stop(*pThread);
-    return TRUE;
-}
-
-DWORD WaitForSingleObject(HANDLE hObject, DWORD dwMilliseconds) {
-    CWorld* pWorld = CWorld::Current();
-    const auto pThread = pWorld != nullptr ? pWorld->Get<CThread>(hObject) : nullptr;
-    const auto pLock = pWorld != nullptr ? pWorld->Get<sim::CLockHandle>(hObject) : nullptr;
-    if (!pThread && !pLock) {
-        SetError(ERROR_INVALID_HANDLE);
-        return WAIT_FAILED;
-    }
-    pWorld->Enter(ECall::WaitForSingleObject);
-    const auto qwDue = pWorld->DueAfter(dwMilliseconds);
-    for (EWake eWake = EWake::Woken;;) {
-        if (pThread && pThread->eState == CThread::EState::Ended) {
-            return WAIT_OBJECT_0;
-        }
-        if (pLock && !pLock->Lock().bHeld && eWake != EWake::Stopped) {
-            pLock->Lock().bHeld = true;
-            pWorld->Note("lock take %s", pLock->Name());
-            return WAIT_OBJECT_0;
-        }
-        if (eWake == EWake::TimedOut || dwMilliseconds == 0) {
-            return WAIT_TIMEOUT;
-        }
-        if (eWake == EWake::Stopped) {
-            SetError(ERROR_OPERATION_ABORTED);
-            return WAIT_FAILED;
-        }
-        eWake = pThread ? pWorld->Block(pThread.get(), qwDue, "the end of thread %llu",
-                                        static_cast<std::uint64_t>(pThread->nNumber))
-                        : pWorld->Block(&pLock->Lock(), qwDue, "a lock");
-    }
-}
-
-HANDLE CreateMutexA(_SECURITY_ATTRIBUTES* /*lpMutexAttributes*/, BOOL bInitialOwner,
-                    const char* lpName) {
-    CWorld* pWorld = CWorld::Current();
-    if (pWorld == nullptr || !pWorld->Enter(ECall::CreateMutexA)) {
-        return nullptr;
-    }
-    const std::string strName = lpName == nullptr ? "" : lpName;
-    auto pLock = strName.empty() ? nullptr : pWorld->locks[strName];
-    const bool bExisted = pLock != nullptr;
-    if (!bExisted) {
-        pLock = std::make_shared<CWorld::CLock>();
-        pLock->bHeld = bInitialOwner != FALSE;
-        if (!strName.empty()) {
-            pWorld->locks[strName] = pLock;
-        }
-    }
-    pWorld->Note("lock open %s%s", strName.c_str(), bExisted ? ", existed" : "");
-    SetError(bExisted ? DWORD{ERROR_ALREADY_EXISTS} : DWORD{ERROR_SUCCESS});
-    return pWorld->Add(std::make_shared<sim::CLockHandle>(strName, pLock));
-}
-
-BOOL ReleaseMutex(HANDLE hMutex) {
-    CWorld* pWorld = CWorld::Current();
-    const auto pLock = pWorld != nullptr ? pWorld->Get<sim::CLockHandle>(hMutex) : nullptr;
-    if (!pLock) {
-        return FailWith(ERROR_INVALID_HANDLE);
-    }
-    pWorld->Enter(ECall::ReleaseMutex);
-    if (!pLock->Lock().bHeld || pLock->Lock().bHeldByOther) {
-        return FailWith(ERROR_NOT_OWNER);
-    }
-    pLock->Lock().bHeld = false;
-    pWorld->Note("lock release %s", pLock->Name());
-    pWorld->WakeAll(&pLock->Lock());
-    return TRUE;
-}
-
-BOOL CloseHandle(HANDLE hObject) {
-    CWorld* pWorld = CWorld::Current();
-    if (pWorld == nullptr) {
-        return FailWith(ERROR_INVALID_HANDLE);
-    }
-    pWorld->Enter(ECall::CloseHandle);
-    return pWorld->Remove(hObject) ? TRUE : FailWith(ERROR_INVALID_HANDLE);
-}
-
-BOOL WaitOnAddress(DWORD* lpAddress, DWORD dwCompare, DWORD dwMilliseconds) {
-    CWorld* pWorld = CWorld::Current();
-    if (pWorld == nullptr) {
-        return FailWith(ERROR_INVALID_HANDLE);
-    }
-    pWorld->Enter(ECall::WaitOnAddress);
-    if (std::atomic_ref<DWORD>(*lpAddress).load() != dwCompare) {
-        return TRUE;
-    }
-    switch (pWorld->Block(lpAddress, pWorld->DueAfter(dwMilliseconds), "a word to change")) {
-    case EWake::Woken:
-        return TRUE;
-    case EWake::TimedOut:
-        return FailWith(WAIT_TIMEOUT);
-    default:
-        return FailWith(ERROR_OPERATION_ABORTED);
-    }
-}
-
-void WakeByAddressAll(DWORD* lpAddress) {
-    if (CWorld* pWorld = CWorld::Current()) {
-        pWorld->Enter(ECall::WakeByAddressAll);
-        pWorld->WakeAll(lpAddress);
-    }
-}
-
-} // namespace platform

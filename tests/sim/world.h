@@ -24,21 +24,23 @@
 #include "platform/message_window.h"
 #include "platform/types.h"
 #include "tests/support/packages.h"
+#include "tests/support/temp_folder.h"
 
 #include <array>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <set>
 #include <span>
+#include <sstream>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
+
+namespace platform::posix {
+class CObject; // what stands behind a handle
+}
 
 namespace sim {
 
@@ -46,57 +48,19 @@ using namespace test; // packages, and what they are made of
 
 // The calls that are counted. OpenNode, ReadPipe and WritePipe are CreateFileA, ReadFile and
 // WriteFile on the device node. Those of the first list can fail without a mistake of the caller.
-#define SIM_CALLS_THAT_FAIL(X)                                                                     \
-    X(CreateFileA)                                                                                 \
-    X(OpenNode)                                                                                    \
-    X(ReadFile)                                                                                    \
-    X(ReadPipe)                                                                                    \
-    X(WriteFile)                                                                                   \
-    X(WritePipe)                                                                                   \
-    X(SetFilePointer)                                                                              \
-    X(GetFileSize)                                                                                 \
-    X(GetFileTime)                                                                                 \
-    X(SetFileTime)                                                                                 \
-    X(DeleteFileA)                                                                                 \
-    X(MoveFileA)                                                                                   \
-    X(MoveFileExA)                                                                                 \
-    X(SetFileAttributesA)                                                                          \
-    X(CreateDirectoryA)                                                                            \
-    X(GetTempFileNameA)                                                                            \
-    X(GetDiskFreeSpaceExA)                                                                         \
-    X(CreateThread)                                                                                \
-    X(CreateMutexA)                                                                                \
-    X(LocalAlloc)                                                                                  \
-    X(PostMessageA)                                                                                \
-    X(CreateToolhelp32Snapshot)                                                                    \
-    X(Process32First)                                                                              \
-    X(Process32Next)                                                                               \
-    X(OpenProcess)                                                                                 \
-    X(TerminateProcess)                                                                            \
-    X(RegOpenKeyExA)                                                                               \
-    X(RegQueryValueExA)                                                                            \
-    X(SetupDiGetClassDevsA)                                                                        \
-    X(SetupDiEnumDeviceInterfaces)                                                                 \
-    X(SetupDiGetDeviceInterfaceDetailA)
-#define SIM_CALLS_THAT_SUCCEED(X)                                                                  \
-    X(Sleep)                                                                                       \
-    X(WaitForSingleObject)                                                                         \
-    X(WaitOnAddress)                                                                               \
-    X(WakeByAddressAll)                                                                            \
-    X(ResumeThread)                                                                                \
-    X(TerminateThread)                                                                             \
-    X(ReleaseMutex)                                                                                \
-    X(CloseHandle)                                                                                 \
-    X(WideCharToMultiByte)                                                                         \
-    X(MultiByteToWideChar)
+#define SIM_CALLS_THAT_FAIL                                                                        \
+    CreateFileA, OpenNode, ReadFile, ReadPipe, WriteFile, WritePipe, SetFilePointer, GetFileSize,  \
+        GetFileTime, SetFileTime, DeleteFileA, MoveFileA, MoveFileExA, SetFileAttributesA,         \
+        CreateDirectoryA, GetTempFileNameA, GetDiskFreeSpaceExA, CreateThread, CreateMutexA,       \
+        LocalAlloc, PostMessageA, CreateToolhelp32Snapshot, Process32First, Process32Next,         \
+        OpenProcess, TerminateProcess, RegOpenKeyExA, RegQueryValueExA, SetupDiGetClassDevsA,      \
+        SetupDiEnumDeviceInterfaces, SetupDiGetDeviceInterfaceDetailA
+#define SIM_CALLS_THAT_SUCCEED                                                                     \
+    Sleep, WaitForSingleObject, WaitOnAddress, WakeByAddressAll, ResumeThread, TerminateThread,    \
+        ReleaseMutex, CloseHandle
 
-enum class ECall {
-#define SIM_ENUMERATOR(name) name,
-    SIM_CALLS_THAT_FAIL(SIM_ENUMERATOR) SIM_CALLS_THAT_SUCCEED(SIM_ENUMERATOR)
-#undef SIM_ENUMERATOR
-        Count
-};
-const char* CallName(ECall eCall);
+enum class ECall { SIM_CALLS_THAT_FAIL, SIM_CALLS_THAT_SUCCEED, Count };
+const std::string& CallName(ECall eCall);
 
 // The device's end of the pipe. The world tells the time ahead of every other call. No function
 // may block or call the platform.
@@ -133,14 +97,12 @@ struct CPostedMessage {
     std::uint64_t qwMs;
 };
 
+// A file as it is at the moment; another size that GetFileSize is to tell can be put in.
 struct CHostFile {
-    Bytes bytes;
-    FILETIME ftCreation{};
-    FILETIME ftAccess{};
-    FILETIME ftWrite{};
-    bool bReadOnly = false;
+    const Bytes bytes;
+    const FILETIME ftCreation;
+    const FILETIME ftWrite;
     std::optional<std::uint64_t> qwReportedSize;
-    int nHandles = 0;
 };
 
 // A read of a host file on its way: the hook may shorten dwBytes, and may call platform::Sleep.
@@ -151,48 +113,10 @@ struct CFileRead {
     bool bFail;
 };
 
-class CWorld;
-
-// What a handle stands for.
-class CObject {
-  public:
-    virtual ~CObject() = default;
-    virtual std::string What() const = 0;
-    virtual void Close(CWorld& /*world*/) {}
-};
-
 enum class EWake { Woken, TimedOut, Stopped };
 
+struct CCarrier;
 class CThread;
-
-// A real thread, which carries one simulated thread after another.
-struct CCarrier {
-    CThread* pThread = nullptr;
-    bool bBaton = false;
-    bool bEnd = false;
-    std::condition_variable condition;
-    std::thread thread;
-};
-
-class CThread : public CObject {
-  public:
-    enum class EState { Suspended, Ready, Running, Waiting, Ended };
-    std::string What() const override { return "thread " + std::to_string(nNumber); }
-
-    CWorld* pWorld = nullptr;
-    int nNumber = 0;
-    EState eState = EState::Suspended;
-    std::function<DWORD()> entry;
-    bool bStop = false;
-    unsigned nRefused = 0; // blocking calls refused since it was stopped
-    const void* lpWaitKey = nullptr;
-    std::uint64_t qwDue = 0;
-    std::uint64_t qwWaitNumber = 0;
-    const char* lpszWaitsFor = "";
-    std::uint64_t qwWaitArgument = 0;
-    EWake eWake = EWake::Woken;
-    CCarrier* pCarrier = nullptr;
-};
 
 class CWorld {
   public:
@@ -205,14 +129,14 @@ class CWorld {
     // Clock.
     std::uint64_t NowMs() const { return m_qwNowMs; }
     // Runs an action at a virtual time, on whatever thread; it may not block.
-    void At(std::uint64_t qwMs, std::function<void()> action);
-    std::uint64_t qwTimeLimitMs = 100ull * 3600 * 1000; // the test fails behind it
-    std::uint64_t qwCallLimit = 50'000'000;
+    void At(std::uint64_t qwMs, std::function<void()> action) {
+        m_actions.emplace(qwMs, std::move(action));
+    }
 
     // Threads. Spawn starts body on a thread of its own; Join waits for its end.
-    HANDLE Spawn(std::function<void()> body);
+    HANDLE Spawn(std::function<void()> body) { return NewThread(std::move(body), false); }
     void Join(HANDLE hThread);
-    int LiveThreads() const; // thread 1 not counted
+    int LiveThreads() const { return static_cast<int>(m_threads.size()) - 1; } // but for thread 1
     // A list of the threads and what each waits for.
     std::string Threads() const;
     bool HasFailed() const { return m_bFailed; }
@@ -233,17 +157,18 @@ class CWorld {
     // What is open: handles, information sets, keys, memory blocks, one line each.
     std::vector<std::string> Open() const;
 
-    // Host files. Either slash separates; drives and the root exist, other folders must be made.
-    void WriteHostFile(const std::string& strPath, Bytes bytes, FILETIME ftCreation = {},
+    // Host files: real ones, below a folder of the world's own, which is the process's working
+    // folder as long as the world is there. Either slash separates; drives and the root exist,
+    // other folders must be made.
+    void WriteHostFile(const std::string& strPath, const Bytes& bytes, FILETIME ftCreation = {},
                        FILETIME ftWrite = {}); // makes the folders too
     std::optional<Bytes> ReadHostFile(const std::string& strPath) const;
     bool HostFileExists(const std::string& strPath) const;
     bool HostFolderExists(const std::string& strPath) const;
     void MakeHostFolder(const std::string& strPath); // and those above it
-    // Paths of all files below a folder, relative to it, with forward slashes, sorted.
-    std::vector<std::string> HostFiles(const std::string& strFolder) const;
-    // The record of a file, to look at or to change; null when missing. qwReportedSize makes
-    // GetFileSize tell another size than the file has.
+    // Paths of all files (or folders) below a folder, relative to it, with forward slashes, sorted.
+    std::vector<std::string> HostFiles(const std::string& strFolder, bool bFolders = false) const;
+    // Null when missing. The record is as old as the latest call for that path.
     CHostFile* HostFile(const std::string& strPath);
     std::uint64_t qwFreeBytes = 1ull << 40; // consumed by what is written
     bool bOpenFilesCannotBeDeleted = false; // nor moved, nor opened against each other
@@ -254,11 +179,22 @@ class CWorld {
     bool bRegistryKeyExists = true;
 
     // Processes, in the order of the snapshot.
+    struct CProcess {
+        DWORD dwId;
+        std::string strFile;
+        bool bOpenable;
+    };
     DWORD AddProcess(const std::string& strFile, bool bOpenable = true);
+    std::vector<CProcess> processes;
     std::vector<std::string> strEndedProcesses;
 
-    // The lock as another process has it.
-    void OtherProcessOpensLock(const std::string& strName, bool bHolds = false);
+    // The locks that are open anywhere, and one as another process has it.
+    struct CLock {
+        bool bHeld = false;
+        int nHandles = 0;
+    };
+    std::map<std::string, std::shared_ptr<CLock>> locks;
+    void OtherProcessOpensLock(const std::string& strName);
     void OtherProcessClosesLock(const std::string& strName);
 
     // Messages posted to windows that were alive.
@@ -276,105 +212,87 @@ class CWorld {
     }
     // The n-th enumeration of interfaces from now on finds the device gone.
     void UnplugAtQuestion(std::uint64_t nNumber) { m_qwUnplugAt = m_qwQuestions + nNumber; }
-    std::uint64_t Questions() const { return m_qwQuestions; }
     bool IsPlugged() const { return m_pPeer != nullptr; }
     void PeerChanged() { WakeAll(&m_pPeer); }
-    bool bNodeOpens = true;
 
-    // For the implementation of the seam.
+    // For the implementation of the seam (seam.h).
 
     static CWorld* Current(); // null on a thread that is not of the world
     // Counts a call. False: it fails, and the error number is set.
     bool Enter(ECall eCall);
     bool IsStopped() const;
+    static constexpr std::uint64_t NEVER = ~0ull;
+    std::uint64_t DueAfter(DWORD dwMs) const { return dwMs == INFINITE ? NEVER : m_qwNowMs + dwMs; }
     // Waits for WakeAll of the key or the time. In a thread being stopped it returns at once, after
     // giving way, unless bEvenIfStopped.
-    EWake Block(const void* lpKey, std::optional<std::uint64_t> qwDue, const char* lpszWaitsFor,
-                std::uint64_t qwArgument = 0, bool bEvenIfStopped = false);
-    std::optional<std::uint64_t> DueAfter(DWORD dwMs) const;
-    void WakeAll(const void* lpKey);
-    void Note(const char* lpszFormat, ...)
-#if defined(__GNUC__)
-        __attribute__((format(printf, 2, 3)))
-#endif
-        ;
-    HANDLE Add(std::shared_ptr<CObject> pObject);
-    bool Remove(HANDLE hObject);
-    template <class T>
-    std::shared_ptr<T> Get(HANDLE hObject) const {
-        const auto it = m_handles.find(hObject);
-        return it == m_handles.end() ? nullptr : std::dynamic_pointer_cast<T>(it->second);
+    EWake Block(const void* lpKey, std::uint64_t qwDue, std::string strWaitsFor,
+                bool bEvenIfStopped = false);
+    // The same until isThere() is true, which is asked again at each wake.
+    template <class TIsThere>
+    EWake Await(const void* lpKey, DWORD dwMs, const std::string& strWaitsFor, TIsThere isThere) {
+        const std::uint64_t qwDue = DueAfter(dwMs);
+        EWake eWake = EWake::Woken;
+        while (eWake == EWake::Stopped || !isThere()) {
+            if (eWake != EWake::Woken || dwMs == 0) {
+                return eWake == EWake::Stopped ? eWake : EWake::TimedOut;
+            }
+            eWake = Block(lpKey, qwDue, strWaitsFor);
+        }
+        return EWake::Woken;
     }
-    HANDLE NewThread(std::function<DWORD()> entry, bool bSuspended);
-    void Start(const std::shared_ptr<CThread>& pThread);
+    void WakeAll(const void* lpKey);
+    template <class... TParts>
+    void Note(const TParts&... parts) {
+        if (bTrace && m_trace.size() < MAX_EVENTS) {
+            std::ostringstream text;
+            (text << ... << parts);
+            m_trace.emplace_back(m_qwNowMs, text.str());
+        }
+    }
+    // Gives an object a handle; says what an open handle stands for.
+    HANDLE Add(std::shared_ptr<platform::posix::CObject> pObject, std::string strWhat);
+    void Name(HANDLE hObject, std::string strWhat);
+    HANDLE NewThread(std::function<void()> entry, bool bSuspended);
+    void Start(CThread& thread);
     void Stop(CThread& thread);
     bool AskForDevice(); // a question
     IPeer* Peer();       // with the time told
-    const void* PipeKey() const {
-        return &m_pPeer;
-    }
-    FILETIME FileTimeNow() const;
+    const void* PipeKey() const { return &m_pPeer; }
 
-    struct CLock {
-        bool bHeld = false;
-        bool bHeldByOther = false;
-        bool bOtherHasOpen = false;
-        int nHandles = 0;
-    };
-    struct CProcess {
-        DWORD dwId;
-        std::string strFile;
-        bool bOpenable;
-    };
-    struct CWindow {
-        std::vector<platform::WINDOWMESSAGE> messages;
-    };
-    static std::string Canonical(const std::string& strPath);
-    static std::string Parent(const std::string& strCanonical);
-    std::shared_ptr<CHostFile> FindFile(const std::string& strCanonical) const;
-    bool FindFolder(const std::string& strCanonical) const;
-    std::map<std::string, std::shared_ptr<CLock>> locks;
-    std::map<std::string, std::shared_ptr<CHostFile>> files;
-    std::set<std::string> folders;
-    std::vector<CProcess> processes;
-    std::map<HWND, CWindow> windows;
+    std::map<HANDLE, std::string> handles; // their names, and those of some that are closed
     std::map<void*, SIZE_T> blocks;
+    std::map<std::string, CHostFile> files; // the records that were asked for
+    std::map<HWND, std::vector<platform::WINDOWMESSAGE>> windows;
     std::uint64_t qwPlugNumber = 0; // a node opened under another number is stale
-    DWORD dwTempNames = 0;
 
   private:
+    static constexpr std::size_t MAX_EVENTS = 300'000;
     struct CFault {
         std::optional<ECall> eCall;
         std::uint64_t qwFirst;
         std::uint64_t qwTimes;
         DWORD dwError;
     };
-    struct CEvent {
-        std::uint64_t qwMs;
-        std::string strText;
-    };
-    std::shared_ptr<CThread> MakeThread(std::function<DWORD()> entry);
     void Carry(CCarrier& carrier);
     void HandOver(CThread& self);
-    bool AwaitBaton(CCarrier& carrier);
-    void GiveBaton(CThread& thread);
     CThread& PickNext();
     void Advance();
     void MakeReady(CThread& thread, EWake eWake);
+    void End(CThread& thread);
     void StopAll();
     void Fail(const std::string& strWhy);
-    void Refuse(CThread& self);
 
+    const CTempFolder m_folder;
+    const std::filesystem::path m_pathBefore;
     std::uint64_t m_qwNowMs = 0;
     std::uint64_t m_qwWaits = 0;
-    std::uint64_t m_qwPeerToldMs = ~0ull;
+    std::optional<std::uint64_t> m_qwPeerToldMs;
     std::multimap<std::uint64_t, std::function<void()>> m_actions;
-    std::mutex m_mutex; // of what the carriers look at, and of nothing else
     std::vector<std::unique_ptr<CCarrier>> m_carriers;
     std::vector<CCarrier*> m_idle;
     std::vector<std::shared_ptr<CThread>> m_threads; // not ended, thread 1 first
     std::vector<CThread*> m_ready;
-    int m_nThreads = 0;
+    std::uint64_t m_nThreads = 0;
     bool m_bFailed = false;
     bool m_bEnding = false;
     std::array<std::uint64_t, static_cast<std::size_t>(ECall::Count)> m_counts{};
@@ -382,28 +300,13 @@ class CWorld {
     std::uint64_t m_qwFailingCalls = 0;
     std::vector<CFault> m_faults;
     int m_nFaultsMet = 0;
-    std::vector<CEvent> m_trace;
-    std::map<HANDLE, std::shared_ptr<CObject>> m_handles;
+    std::vector<std::pair<std::uint64_t, std::string>> m_trace;
     IPeer* m_pPeer = nullptr;
     std::uint64_t m_qwQuestions = 0;
     std::uint64_t m_qwUnplugAt = 0;
 };
 
 // The path of the device node.
-inline constexpr char DEVICE_NODE[] = "\\\\?\\usb#dak#0";
-
-// Sets the calling thread's error number and returns what a failing call returns.
-void SetError(DWORD dwError);
-inline BOOL FailWith(DWORD dwError) {
-    SetError(dwError);
-    return FALSE;
-}
-
-// Runs a scenario in a world of its own with call number 1 failing, then number 2 and so on, until
-// a run meets no fault: once every call of that kind (none: of all that can fail) has failed. With
-// nTimes the calls behind it fail too. Returns how many faults there were. Failures of the test
-// name the number, and Sweep(scenario, eCall, nTimes, number) repeats that run alone.
-std::uint64_t Sweep(const std::function<void(CWorld&)>& scenario, std::optional<ECall> eCall = {},
-                    std::uint64_t nTimes = 1, std::uint64_t nOnly = 0);
+inline constexpr std::string_view DEVICE_NODE = "\\\\?\\usb/dak";
 
 } // namespace sim

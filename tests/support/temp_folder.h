@@ -41,11 +41,12 @@ inline TREE ReadTree(const std::filesystem::path& folder) {
 
 class CTempFolder {
   public:
-    CTempFolder() {
+    explicit CTempFolder(
+        const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
         std::random_device random;
         do {
             // Short: the path of a Unix socket must fit below it.
-            m_path = std::filesystem::temp_directory_path() / ("dak" + std::to_string(random()));
+            m_path = parent / ("dak" + std::to_string(random()));
         } while (!std::filesystem::create_directory(m_path));
     }
     ~CTempFolder() {
