@@ -1,6 +1,14 @@
 #!/usr/bin/env bash
-# Measures the tests: plants each fault of mutants.txt in a copy of the sources, and looks whether the
-# parts of the tests that it names notice. Ends with 1 when a fault survived.
+# mutants.sh [OPTION...] [N | N-M]...: measures the tests. Plants each fault of mutants.txt, or those of
+# the rows N, in a copy of the sources, and looks whether the parts of the tests that it names notice.
+# Ends with 1 when a fault survived.
+#
+#   --part PART    the rows that name this part of the tests, and no other part of them
+#   --file TEXT    the rows whose file has this text in its path
+#   --all          tries every part on what the named ones let through; it has survived all the same
+#   --stop         ends at the first fault that survives
+#   --in FOLDER    works there and leaves the copy and its builds for the next time
+#   --list         lists the rows
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -35,20 +43,6 @@ declare -A PROGRAMS=(
 )
 PARTS=(library agent platform sim cli scenarios end_to_end windows windows_end_to_end windows_cli)
 
-usage() {
-    cat <<'END'
-mutants.sh [OPTION...] [N | N-M]...
-
-    N, N-M         these rows of scripts/mutants.txt alone
-    --part PART    the rows that name this part of the tests, and no other part of them
-    --file TEXT    the rows whose file has this text in its path
-    --all          tries every part on what the named ones let through; it survived all the same
-    --stop         ends at the first fault that survives
-    --in FOLDER    works there and leaves the copy and its builds for the next time
-    --list         lists the rows
-END
-}
-
 only_part='' only_file='' all=no stop=no list=no work='' wanted=' '
 while [[ $# -gt 0 ]]; do
     case $1 in
@@ -58,10 +52,9 @@ while [[ $# -gt 0 ]]; do
     --all) all=yes ;;
     --stop) stop=yes ;;
     --list) list=yes ;;
-    --help) usage && exit ;;
     *-*[0-9]) wanted+="$(seq -s ' ' "${1%-*}" "${1#*-}") " ;;
     *[0-9]) wanted+="$1 " ;;
-    *) usage >&2 && exit 2 ;;
+    *) die "$1 is no option; its head says which there are" ;;
     esac
     shift
 done
@@ -123,6 +116,10 @@ trap 'exit 130' INT TERM
 mkdir -p "$work"
 find "$work" -mindepth 1 -maxdepth 1 ! -name 'build*' -exec rm -rf {} +
 git ls-files -z | xargs -0 cp --parents --preserve=timestamps --target-directory "$work"
+# What was built of these may have had a fault.
+for ((i = 0; i < ${#fields[@]}; i += 5)); do
+    touch "$work/${fields[i]}"
+done
 DAK_HOME=$work
 export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$work} CCACHE_NOHASHDIR=1 GTEST_FAIL_FAST=1
 options=(-DDAK_BUILD_TESTS=ON -DDAK_BUILD_BENCH=OFF)
