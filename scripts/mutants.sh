@@ -7,48 +7,39 @@
 #   --file TEXT    the rows whose file has this text in its path
 #   --all          tries every part on what the named ones let through; it has survived all the same
 #   --stop         ends at the first fault that survives
-#   --in FOLDER    works there and leaves the copy and its builds for the next time
+#   --in FOLDER    works in FOLDER/dak-mutants and leaves the builds there for the next time
 #   --list         lists the rows
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-# The parts of the tests: what ctest selects them by, and the programs that they need, with the preset
-# where that is not release.
-declare -A SELECTION=(
-    [library]='--test-dir tests/library'
-    [scenarios]='--test-dir tests/scenarios'
-    [agent]='--test-dir tests/agent'
-    [platform]='--test-dir tests/platform'
-    [sim]='--test-dir tests/sim'
-    [cli]='--test-dir tests/cli'
-    [end_to_end]='--test-dir tests/end_to_end'
-    [windows]='--test-dir tests/platform -R platform_windows_tests'
-    [windows_end_to_end]='--test-dir tests/windows_end_to_end'
-    [windows_cli]='--test-dir tests/cli'
+# The parts of the tests, the cheap ones first: what ctest selects them by, the programs that they need.
+PARTS=(
+    'library: --test-dir tests/library: link_tests exchange_tests stream_tests io_buf_tests
+        transfer_job_tests copy_to_device_tests copy_from_device_tests remote_files_tests
+        device_services_tests'
+    'platform: --test-dir tests/platform: platform_posix_tests'
+    'sim: --test-dir tests/sim: sim_tests sim_agent_peer_tests platform_sim_tests'
+    'cli: --test-dir tests/cli: cli_tests dak_cli dak-agent'
+    'agent: --test-dir tests/agent: agent_tests agent_transport_tests'
+    'scenarios: --test-dir tests/scenarios: scenario_tests sweep_tests seed_tests file_handles_tests
+        storage_tests services_tests path_tests path_operations_tests'
+    'end_to_end: --test-dir tests/end_to_end: end_to_end_tests'
+    'windows: --test-dir tests/platform -R platform_windows_tests: platform_windows_tests'
+    'windows_cli: --test-dir tests/cli: cli_tests'
+    'windows_end_to_end: --test-dir tests/windows_end_to_end: windows_end_to_end_tests'
 )
-declare -A PROGRAMS=(
-    [library]='link_tests exchange_tests stream_tests io_buf_tests transfer_job_tests
-        copy_to_device_tests copy_from_device_tests remote_files_tests device_services_tests'
-    [scenarios]='scenario_tests sweep_tests seed_tests file_handles_tests storage_tests services_tests
-        path_tests path_operations_tests'
-    [agent]='agent_tests agent_transport_tests'
-    [platform]='platform_posix_tests'
-    [sim]='sim_tests sim_agent_peer_tests platform_sim_tests'
-    [cli]='cli_tests dak_cli dak-agent'
-    [end_to_end]='end_to_end_tests'
-    [windows]='platform_windows_tests'
-    [windows_end_to_end]='windows_end_to_end_tests'
-    [windows_cli]='cli_tests'
-)
-PARTS=(library agent platform sim cli scenarios end_to_end windows windows_end_to_end windows_cli)
+declare -A SELECTION=() PROGRAMS=()
+for part in "${PARTS[@]}"; do
+    SELECTION[${part%%:*}]=$(cut -d: -f2 <<<"$part" | head -n 1) PROGRAMS[${part%%:*}]=${part##*:}
+done
 
 only_part='' only_file='' all=no stop=no list=no work='' wanted=' '
 while [[ $# -gt 0 ]]; do
     case $1 in
     --part) only_part=$2 && shift ;;
     --file) only_file=$2 && shift ;;
-    --in) work=$2 && shift ;;
+    --in) work=$2/dak-mutants && shift ;;
     --all) all=yes ;;
     --stop) stop=yes ;;
     --list) list=yes ;;
@@ -66,7 +57,7 @@ rows=$(mktemp)
 trap 'rm -f "$rows"' EXIT
 perl -e '
     use strict;
-    my (@row, $last);
+    my $last;
     local $/ = "";
     while (my $block = <>) {
         my %row;
@@ -197,7 +188,7 @@ for i in "${chosen[@]}"; do
     done
     if [[ -z $verdict ]]; then
         verdict=SURVIVED survived=$((survived + 1))
-        for part in "${PARTS[@]}"; do
+        for part in "${PARTS[@]%%:*}"; do
             if [[ $all == yes && " ${parts[*]} " != *" $part "* ]]; then
                 try_part "$i" "$part" || others+=("$part")
             fi
