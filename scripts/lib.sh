@@ -98,7 +98,8 @@ run_tests() {
 WINE_FOLDER=/usr/lib/wine
 
 # set_up_wine FOLDER: a system for the Windows tests, without a display and below FOLDER, and one more
-# for each test that wants its own (tests/CMakeLists.txt). IN_WINE is what goes ahead of a program.
+# for each test that wants its own; build-windows is configured, and says which those are. IN_WINE is
+# what goes ahead of a program.
 set_up_wine() {
     local own
     export WINEPREFIX=$1/prefix WINEDEBUG=-all
@@ -119,8 +120,8 @@ set_up_wine() {
     while read -r own; do
         cp -al "$WINEPREFIX" "$WINEPREFIX-$own" # the system's files are many, and nobody writes to them
         cp --remove-destination "$WINEPREFIX"/*.reg "$WINEPREFIX-$own"
-    done < <(sed -n 's/.*dak_own_wine_folder([^ ]* \([^)]*\)).*/\1/p' "$DAK_HOME"/tests/*/CMakeLists.txt |
-        sort -u)
+    done < <(find "$DAK_HOME/build-windows" -name CTestTestfile.cmake -exec \
+        sed -n 's/.*WINEPREFIX=string_append:-\([^";]*\).*/\1/p' {} + | sort -u)
 }
 
 # end_wine FOLDER: ends what runs in the systems below FOLDER.

@@ -138,17 +138,18 @@ run_part() {
 
 # A part must pass without a fault, and the time that it takes bounds its later runs.
 declare -A bound=()
+IN_WINE=()
 prepare_part() {
     local -a flags=()
     local preset=release
     if [[ $1 == windows* ]]; then
         preset=windows
         need_packages "${WINDOWS_PACKAGES[@]}"
-        [[ -n ${WINEPREFIX:-} ]] || set_up_wine "$scratch"
     elif command -v mold >/dev/null; then
         flags=(-DCMAKE_{EXE,SHARED}_LINKER_FLAGS=-fuse-ld=mold)
     fi
     (cd "$work" && cmake --preset "$preset" "${options[@]}" "${flags[@]}" >/dev/null)
+    [[ $preset == release || ${#IN_WINE[@]} -gt 0 ]] || set_up_wine "$scratch"
     run_part "$1" 3600 || { cat "$scratch"/{build,tests} && die "$1 fails without a fault"; } >&2
     bound[$1]=$((60 + 5 * took))
 }
