@@ -150,11 +150,11 @@ prepare_part() {
     fi
     (cd "$work" && cmake --preset "$preset" "${options[@]}" "${flags[@]}" >/dev/null)
     [[ $preset == release || ${#IN_WINE[@]} -gt 0 ]] || set_up_wine "$scratch"
-    run_part "$1" 3600 || { cat "$scratch"/{build,tests} && die "$1 fails without a fault"; } >&2
+    run_part "$1" 3600 || { cat "$scratch"/[bt]* >&2 && die "$1 fails without a fault"; }
     bound[$1]=$((60 + 5 * took))
 }
 
-# plant INDEX PART: what becomes of the part with the row's fault in the copy, as run_part says it.
+# try_part INDEX PART: what becomes of the part with the row's fault in the copy, as run_part says it.
 try_part() {
     local file=$work/${fields[$1]} status=0
     [[ -n ${bound[$2]:-} ]] || prepare_part "$2"
