@@ -15,23 +15,20 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 # The parts of the tests, the cheap ones first: what ctest selects them by, the programs that they need.
 PARTS=(
-    'library: --test-dir tests/library: link_tests exchange_tests stream_tests io_buf_tests
-        transfer_job_tests copy_to_device_tests copy_from_device_tests remote_files_tests
-        device_services_tests'
-    'platform: --test-dir tests/platform: platform_posix_tests'
-    'sim: --test-dir tests/sim: sim_tests sim_agent_peer_tests platform_sim_tests'
-    'cli: --test-dir tests/cli: cli_tests dak_cli dak-agent'
-    'agent: --test-dir tests/agent: agent_tests agent_transport_tests'
-    'scenarios: --test-dir tests/scenarios: scenario_tests sweep_tests seed_tests file_handles_tests
-        storage_tests services_tests path_tests path_operations_tests'
-    'end_to_end: --test-dir tests/end_to_end: end_to_end_tests'
-    'windows: --test-dir tests/platform -R platform_windows_tests: platform_windows_tests'
-    'windows_cli: --test-dir tests/cli: cli_tests'
-    'windows_end_to_end: --test-dir tests/windows_end_to_end: windows_end_to_end_tests'
+    'library: -L ^library$: library_tests'
+    'platform: -L ^platform$: platform_posix_tests platform_sim_tests dak_library'
+    'sim: -L ^sim$: sim_tests'
+    'cli: -L ^cli$: cli_tests dak_cli dak-agent'
+    'agent: -L ^agent$: agent_tests agent_folder_tests agent_transport_tests'
+    'scenarios: -L ^scenarios$: scenario_tests seed_tests'
+    'end_to_end: -L ^end_to_end$: end_to_end_tests'
+    'windows: -R ^platform_windows_tests$: platform_windows_tests'
+    'windows_cli: -L ^cli$: cli_tests'
+    'windows_end_to_end: -L ^end_to_end$: end_to_end_tests'
 )
 declare -A SELECTION=() PROGRAMS=()
 for part in "${PARTS[@]}"; do
-    SELECTION[${part%%:*}]=$(cut -d: -f2 <<<"$part" | head -n 1) PROGRAMS[${part%%:*}]=${part##*:}
+    SELECTION[${part%%:*}]=$(cut -d: -f2 <<<"$part") PROGRAMS[${part%%:*}]=${part##*:}
 done
 
 only_part='' only_file='' all=no stop=no list=no work='' wanted=' '
@@ -124,12 +121,12 @@ run_part() {
     if [[ $1 == windows* ]]; then
         preset=windows folder=$work/build-windows ahead=("${IN_WINE[@]}")
     fi
-    read -r -a selection <<<"${SELECTION[$1]/--test-dir /--test-dir $folder/}"
-    read -r -d '' -a programs <<<"${PROGRAMS[$1]}" || true
+    read -r -a selection <<<"${SELECTION[$1]}"
+    read -r -a programs <<<"${PROGRAMS[$1]}"
     (cd "$work" && cmake --build --preset "$preset" --target "${programs[@]}") >"$scratch/build" 2>&1 ||
         return 3
     start=$SECONDS
-    timeout --kill-after 10 "$2" "${ahead[@]}" ctest "${selection[@]}" --stop-on-failure \
+    timeout --kill-after 10 "$2" "${ahead[@]}" ctest --test-dir "$folder" "${selection[@]}" --stop-on-failure \
         --output-on-failure --no-tests=error --parallel 2 >"$scratch/tests" 2>&1 </dev/null || status=$?
     took=$((SECONDS - start))
     [[ $status -lt 124 || $1 != windows* ]] || end_wine "$scratch"
