@@ -94,3 +94,44 @@ build() {
 run_tests() {
     (cd "$DAK_HOME" && ctest --preset "$1" --parallel 4 --no-tests=error)
 }
+
+WINE_FOLDER=/usr/lib/wine
+
+# set_up_wine FOLDER: a system for the Windows tests, without a display and below FOLDER, and one more
+# for each test that wants its own; build-windows is configured, and says which those are. IN_WINE is
+# what goes ahead of a program.
+set_up_wine() {
+    local own
+    export WINEPREFIX=$1/prefix WINEDEBUG=-all
+    export WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilder.exe,winedbg.exe=d"
+    unset DISPLAY WAYLAND_DISPLAY
+    # Wine takes UTF-8 for the ANSI code page of a language that never had one. Only the language's
+    # name matters to it, so the system's own UTF-8 locale serves under that name.
+    mkdir -p "$1/locale"
+    ln -s "$(find /usr/lib/locale -maxdepth 1 -iname 'C.utf*8' | head -n 1)" "$1/locale/hi_IN.UTF-8"
+    IN_WINE=(env LOCPATH="$1/locale" LC_ALL=hi_IN.UTF-8)
+    timeout --foreground 180 "${IN_WINE[@]}" "$WINE_FOLDER/wine64" wineboot --init \
+        >/dev/null 2>&1 </dev/null || die "Wine could not be set up"
+    # Consoles need a window, and a window a driver: this one shows nothing.
+    timeout --foreground 60 "${IN_WINE[@]}" "$WINE_FOLDER/wine64" reg add 'HKCU\Software\Wine\Drivers' \
+        /v Graphics /d null /f >/dev/null 2>&1 </dev/null || die "Wine's registry could not be written"
+    # The desktop that is there has none yet, and the next one will.
+    timeout --foreground 60 "$WINE_FOLDER/wineserver" -w || die "Wine did not come to rest"
+    while read -r own; do
+        cp -al "$WINEPREFIX" "$WINEPREFIX-$own" # the system's files are many, and nobody writes to them
+        cp --remove-destination "$WINEPREFIX"/*.reg "$WINEPREFIX-$own"
+    done < <(find "$DAK_HOME/build-windows" -name CTestTestfile.cmake -exec \
+        sed -n 's/.*WINEPREFIX=string_append:-\([^";]*\).*/\1/p' {} + | sort -u)
+}
+
+# end_wine FOLDER: ends what runs in the systems below FOLDER.
+end_wine() {
+    local folder how
+    for folder in "$1"/prefix*; do
+        [[ -d $folder ]] || continue
+        for how in -k -w; do
+            WINEPREFIX=$folder timeout --foreground 30 "$WINE_FOLDER/wineserver" "$how" 2>/dev/null ||
+                true
+        done
+    done
+}
