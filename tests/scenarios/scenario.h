@@ -109,7 +109,8 @@ class CScenario {
         m_pDevice = agent::CDevice::Open(options, strError);
         ASSERT_NE(m_pDevice, nullptr) << strError;
         m_pCore = std::make_unique<agent::CAgentCore>(*m_pDevice);
-        m_pPeer = std::make_unique<CPeer>(*this);
+        m_pPeer = std::make_unique<sim::CAgentPeer>(world, *m_pCore);
+        m_pPeer->onPackage = [this](bool bToHost, std::uint64_t) { return FaultOf(bToHost); };
         bNewAgent = false;
     }
     // From now on the device's files are those that a kill of its agent at this moment leaves.
@@ -120,19 +121,22 @@ class CScenario {
         bNewAgent = true;
     }
 
-    // Of the device's files those that hosts see, or the agent's own.
+    // What is there for everybody, or what works in progress have there for themselves.
     TREE Everything(bool bOwn = false) const {
+        const auto isOwn = [](const std::string& strName) {
+            return strName.find(".dak-") != std::string::npos || strName.ends_with(".tmp");
+        };
         TREE tree;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(OnDevice())) {
             const std::string strName = NameOf(entry.path().lexically_relative(OnDevice()));
-            if ((strName.find(".dak-") != std::string::npos) == bOwn) {
+            if (isOwn(strName) == bOwn) {
                 tree[strName] = entry.is_directory() ? FOLDER : ReadBytes(entry.path());
             }
         }
-        for (const std::string strPlace : {"s/", "r/"}) {
-            for (const std::string& strName : world.HostFiles("C:/" + strPlace)) {
-                const Bytes& bytes = world.HostFile("C:/" + strPlace + strName)->bytes;
-                tree[strPlace + strName] = {bytes.begin(), bytes.end()};
+        for (const std::string& strName : world.HostFiles("C:/")) {
+            if (isOwn(strName) == bOwn) {
+                const Bytes& bytes = world.HostFile("C:/" + strName)->bytes;
+                tree[strName] = {bytes.begin(), bytes.end()};
             }
         }
         return tree;
@@ -155,6 +159,7 @@ class CScenario {
         ++m_nWorks;
         nPackages[0] = nPackages[1] = nFaults = dwError = 0;
         bMisled = bMadeGood = false;
+        m_nStreamFrom[0] = m_nStreamFrom[1] = UINT64_MAX / 2;
         strAnswer.reset();
         UnplugAfter(PATIENCE_MS);
         if (plan) {
@@ -166,11 +171,6 @@ class CScenario {
         EXPECT_LE(qwTookMs, work.bWaitsWithoutEnd ? PATIENCE_MS + GOING_MS : PATIENCE_MS);
         m_pWork = nullptr;
         world.ClearFaults();
-        for (const auto& [strName, strBytes] : Everything(true)) {
-            if (bHostFails && strName.ends_with(".tmp")) {
-                platform::DeleteFileA(("C:/" + strName).c_str());
-            }
-        }
         if (m_hCancel != nullptr) {
             world.Join(std::exchange(m_hCancel, nullptr));
         }
@@ -181,20 +181,20 @@ class CScenario {
     void Recover() {
         world.qwFreeBytes = 1ull << 40;
         onPackage = nullptr;
-        bHostFails = false;
         if (bNewAgent) {
             StartAgent();
         } else if (!world.IsPlugged()) {
             world.Plug(*m_pPeer);
         }
         EXPECT_EQ(dak->ConnectDevice(), 0u);
-        const auto isLeft = [](const auto& file) {
-            return !IsOfHost(file.first) || file.first.ends_with(".tmp");
-        };
-        for (int i = 0; i < 100 && std::ranges::any_of(Everything(true), isLeft); ++i) {
+        TREE left = Everything(true);
+        for (int i = 0; i < 100 && !left.empty(); ++i, left = Everything(true)) {
+            if (bHostFails && IsOfHost(left.begin()->first)) {
+                platform::DeleteFileA(("C:/" + left.begin()->first).c_str());
+            }
             platform::Sleep(100); // what a format has taken away goes bit by bit
         }
-        EXPECT_FALSE(std::ranges::any_of(Everything(true), isLeft));
+        EXPECT_TRUE(left.empty()) << "something is left";
     }
 
     // What meets the work in hand at a moment.
@@ -222,20 +222,20 @@ class CScenario {
         dwError = dwError == 0 ? dak->GetLastError() : dwError;
         return dwResult;
     }
+    // The next operation is the one with the stream.
+    void BeginStream() { std::copy_n(nPackages, 2, m_nStreamFrom); }
     DWORD Transmit(UINT nDirection, const std::vector<std::string>& names) {
-        const WCHAR* folders[] = {lpszDevice, DAK_WIDE("C:\\r")};
-        if (nDirection == DAK_TO_DEVICE) {
-            folders[1] = std::exchange(folders[0], DAK_WIDE("C:\\s"));
-        }
+        const bool bPush = nDirection == DAK_TO_DEVICE;
         CStringArray list;
         for (std::string strName : names) {
-            strName = (nDirection == DAK_TO_DEVICE ? "C:\\s\\" : "") + strName;
             std::replace(strName.begin(), strName.end(), '/', '\\');
-            list.Add(strName.c_str());
+            list.Add(((bPush ? "C:\\s\\" : "") + strName).c_str());
         }
         world.posted.clear();
+        BeginStream();
         const DWORD dwStarted =
-            dak->DAKTransmitFiles(nDirection, folders[0], folders[1], &list, m_window);
+            dak->DAKTransmitFiles(nDirection, bPush ? DAK_WIDE("C:\\s") : DAK_WIDE("\\d"),
+                                  bPush ? DAK_WIDE("\\d") : DAK_WIDE("C:\\r"), &list, m_window);
         while (dwStarted == 0 && world.LiveThreads() > (m_bCancelled ? 0 : 1) &&
                !world.HasFailed()) {
             platform::Sleep(50);
@@ -247,7 +247,6 @@ class CScenario {
 
     sim::CWorld& world;
     std::optional<CDAKVorn> dak{std::in_place};
-    const WCHAR* lpszDevice = DAK_WIDE("\\d"); // where jobs go
     // Asked for every package, with its number from the work's beginning in its direction, and
     // whether it is data that bears a checksum.
     std::function<std::optional<CFault>(bool bToHost, std::uint64_t n, bool bData)> onPackage;
@@ -264,49 +263,20 @@ class CScenario {
     bool bMadeGood = false;          // met a fault that its stream makes good
 
   private:
-    // Tells commands from the data of streams, for both bear the same words.
-    class CPeer final : public sim::CAgentPeer {
-      public:
-        explicit CPeer(CScenario& s) : CAgentPeer(s.world, *s.m_pCore) {
-            onPackage = [this, &s](bool bToHost, std::uint64_t /*n*/) {
-                return s.FaultOf(bToHost, bToHost ? Bytes(4) : m_package);
-            };
-        }
-        bool TakePackage(std::span<const std::uint8_t> package) override {
-            m_package.assign(package.begin(), package.end());
-            return CAgentPeer::TakePackage(package);
-        }
-
-      private:
-        Bytes m_package;
-    };
-
-    std::optional<CFault> FaultOf(bool bToHost, const Bytes& package) {
-        const std::uint32_t dwWord = DakGetU32(package.data());
-        m_bOpen = dwWord == DAK_CONNECT || (m_bOpen && dwWord != DAK_DISCONNECT);
-        if (dwWord == DAK_CONNECT) {
-            m_nOfLink[0] = m_nOfLink[1] = 0;
-        }
-        // The handshake, a command or its acknowledgement, and then the stream.
-        if (++m_nOfLink[bToHost] == 2 && !bToHost) {
-            const std::uint16_t codeFunc = DakGetU16(package.data() + DAK_OFFSET_CODE);
-            m_bStreams = codeFunc == DAK_FUNC_TRANSMIT_FILES || codeFunc == DAK_FUNC_READ_FILE ||
-                         codeFunc == DAK_FUNC_WRITE_FILE;
-        }
-        const bool bData = m_nOfLink[bToHost] > 2 && m_bOpen && m_bStreams && m_pWork != nullptr &&
-                           m_pWork->bStreamToHost == bToHost;
+    std::optional<CFault> FaultOf(bool bToHost) {
         const std::uint64_t n = ++nPackages[bToHost];
+        // Behind the handshake and a command or its acknowledgement.
+        const bool bData = m_pWork != nullptr && m_pWork->bStreamToHost == bToHost &&
+                           n > m_nStreamFrom[bToHost] + 2;
         const auto fault = onPackage ? onPackage(bToHost, n, bData) : std::nullopt;
         nFaults += fault ? 1u : 0u;
         // What is cut within the head that the host reads first is as good as lost.
         bMisled |= fault && bData &&
                    (fault->eFault == EFault::Drop ||
                     (fault->eFault == EFault::Cut && fault->dwAmount < DAK_DATA_OFFSET));
-        // The time-out of a write grows with the package, and the final one may be short.
-        bMadeGood |= fault && bData &&
-                     (fault->eFault == EFault::Corrupt ||
-                      (fault->eFault == EFault::Delay && fault->dwAmount < 10'000 &&
-                       (bToHost || package.size() == DAK_PACKAGE_SIZE)));
+        // A length that promises more than the final package has ends the stream.
+        bMadeGood |= fault && bData && fault->eFault == EFault::Corrupt &&
+                     (!bToHost || fault->dwAmount / 4 != 1);
         return fault;
     }
 
@@ -338,46 +308,40 @@ class CScenario {
     std::uint64_t m_nWorks = 0;
     HANDLE m_hCancel = nullptr;
     bool m_bCancelled = true;
-    bool m_bOpen = false;    // the link
-    bool m_bStreams = false; // its command
-    std::uint64_t m_nOfLink[2] = {};
+    std::uint64_t m_nStreamFrom[2] = {};
 };
 
+// Operations on what is there now, of which some change it.
+inline CWork Operation(const CScenario& s, const std::function<DWORD(CDAKVorn&)>& call) {
+    return {s.Everything(), [call](CScenario& host) { return host.Took(call(*host.dak)); }};
+}
 inline CWork Delete(const CScenario& s, const std::string& strName) {
-    CWork work{s.Everything(), [path = DevicePath(strName)](CScenario& host) {
-                   return host.Took(host.dak->DAKDeleteFile(path.c_str()));
-               }};
+    CWork work = Operation(
+        s, [path = DevicePath(strName)](CDAKVorn& dak) { return dak.DAKDeleteFile(path.c_str()); });
     work.wanted.erase(strName);
     work.bWaitsWithoutEnd = true;
     return work;
 }
 inline CWork MakeFolder(const CScenario& s, const std::string& strName) {
-    CWork work{s.Everything(), [path = DevicePath(strName)](CScenario& host) {
-                   return host.Took(host.dak->DAKCreateDirectory(path.c_str(), nullptr));
-               }};
+    CWork work = Operation(s, [path = DevicePath(strName)](CDAKVorn& dak) {
+        return dak.DAKCreateDirectory(path.c_str(), nullptr);
+    });
     work.wanted[strName] = FOLDER;
     return work;
 }
-inline CWork Copy(const CScenario& s, const std::string& strFrom, const std::string& strTo) {
-    CWork work{s.Everything(),
-               [from = DevicePath(strFrom), to = DevicePath(strTo)](CScenario& host) {
-                   return host.Took(host.dak->DAKCopyFile(from.c_str(), to.c_str(), 0));
-               }};
+inline CWork CopyOrMove(const CScenario& s, bool bMove, const std::string& strFrom,
+                        const std::string& strTo) {
+    CWork work = Operation(s, [=, a = DevicePath(strFrom), b = DevicePath(strTo)](CDAKVorn& dak) {
+        return bMove ? dak.DAKMoveFile(a.c_str(), b.c_str())
+                     : dak.DAKCopyFile(a.c_str(), b.c_str(), 0);
+    });
     work.wanted[strTo] = work.wanted[strFrom];
-    return work;
-}
-inline CWork Move(const CScenario& s, const std::string& strFrom, const std::string& strTo) {
-    CWork work = Copy(s, strFrom, strTo);
-    work.wanted.erase(strFrom);
-    work.run = [from = DevicePath(strFrom), to = DevicePath(strTo)](CScenario& host) {
-        return host.Took(host.dak->DAKMoveFile(from.c_str(), to.c_str()));
-    };
+    bMove ? work.wanted.erase(strFrom) : 0;
     return work;
 }
 inline CWork Format(const CScenario& s) {
-    CWork work{s.Everything(), [](CScenario& host) {
-                   return host.Took(host.dak->DAKFormatPartition(DAK_WIDE("Card")));
-               }};
+    CWork work =
+        Operation(s, [](CDAKVorn& dak) { return dak.DAKFormatPartition(DAK_WIDE("Card")); });
     std::erase_if(work.wanted, [](const auto& file) { return file.first.starts_with("Card/"); });
     return work;
 }
@@ -423,6 +387,7 @@ inline CWork Stream(const CScenario& s, bool bRead, const std::string& strName, 
         DWORD dwCount = 0; // and a position
         dwResult = host.Took(dak.DAKSetFilePointer(hFile, static_cast<LONG>(dwAt), 0, &dwCount));
         dwCount = 0;
+        host.BeginStream();
         std::string strBuffer = bRead ? std::string(strData.size(), '\xEE') : strData;
         if (dwResult == 0) {
             dwResult = (dak.*(bRead ? &CDAKVorn::DAKReadFile : &CDAKVorn::DAKWriteFile))(

@@ -57,8 +57,8 @@ class CSeed {
 
     CWork RandomWork(const std::string& strOld, const std::string& strNew) {
         const std::size_t nWhat = Below(11);
-        static const char* const NAMES[] = {"push", "push",   "pull", "pull",   "read",  "write",
-                                            "copy", "folder", "move", "delete", "format"};
+        static const char* const NAMES[] = {"push", "push", "pull",   "pull",   "read",  "write",
+                                            "copy", "move", "folder", "delete", "format"};
         ++g_counts[NAMES[nWhat]];
         if (nWhat < 4) {
             std::vector<std::string> names = Files(nWhat < 2 ? "s/" : "d/");
@@ -72,9 +72,8 @@ class CSeed {
             return Stream(m_s, nWhat == 4, m_strOpen, dwAt,
                           nWhat == 4 ? strAll.substr(dwAt, strData.size()) : strData, m_hFile);
         }
-        return nWhat == 6   ? Copy(m_s, strOld, strNew)
-               : nWhat == 7 ? MakeFolder(m_s, strNew)
-               : nWhat == 8 ? Move(m_s, strOld, strNew)
+        return nWhat < 8    ? CopyOrMove(m_s, nWhat == 7, strOld, strNew)
+               : nWhat == 8 ? MakeFolder(m_s, strNew)
                : nWhat == 9 ? Delete(m_s, strOld)
                             : Format(m_s);
     }
@@ -126,16 +125,12 @@ class CSeed {
                           One<std::string>({"a", "b.txt", "\xE4\xB8\xAD", "long name"}),
                       RandomContents()}});
         }
-        // The open file stays the same one wherever a move takes it.
-        if (m_hFile == nullptr || !At(m_s.Everything(), m_strOpen)) {
-            const DWORD dwClosed = m_hFile != nullptr ? m_s.dak->DAKCloseFile(m_hFile) : 0;
-            EXPECT_EQ(dwClosed, 0u);
-            m_strOpen = "d/open";
-            m_s.Lay({{m_strOpen, RandomContents() + "!"}});
+        if (m_hFile == nullptr) {
+            m_s.Lay({{"d/open", "!"}});
             EXPECT_EQ(m_s.dak->DAKCreateFile(DAK_WIDE("\\d\\open"), 0xC0000000, 3, 3, &m_hFile),
                       0u);
         }
-        const std::string strOld = Below(4) == 0 ? m_strOpen : "d/" + One(Files("d/"));
+        const std::string strOld = "d/" + One(Files("d/"));
         const std::string strNew = "d/new" + std::to_string(m_random() % 1'000'000);
         const CWork work = RandomWork(strOld, strNew);
         std::string strFault;
@@ -145,10 +140,13 @@ class CSeed {
         EXPECT_TRUE(dwResult == 0 || bMet) << dwResult;
         EXPECT_TRUE(dwResult == 0 || !m_s.bMadeGood) << dwResult;
         g_counts["fault " + strFault] += bMet ? 1 : 0;
-        if (strOld == m_strOpen && At(m_s.Everything(), strNew) && !At(m_s.Everything(), strOld)) {
-            m_strOpen = strNew;
+        // It is the same file wherever a move takes it, and ends with its agent.
+        if (!At(m_s.Everything(), m_strOpen) || m_s.bNewAgent) {
+            const bool bMoved =
+                strOld == m_strOpen && At(m_s.Everything(), strNew) && !m_s.bNewAgent;
+            m_strOpen = bMoved ? strNew : "d/open";
+            m_hFile = bMoved ? m_hFile : nullptr;
         }
-        m_hFile = m_s.bNewAgent ? nullptr : m_hFile;
         m_s.Recover();
         Below(6) == 0 ? void(m_s.dak.emplace()) : void();
         if (Below(6) == 0) {
@@ -160,7 +158,7 @@ class CSeed {
     sim::CWorld m_world;
     CScenario m_s;
     void* m_hFile = nullptr;
-    std::string m_strOpen;
+    std::string m_strOpen = "d/open";
 };
 
 std::uint64_t Number(const char* lpszName, std::uint64_t qwDefault) {
