@@ -159,7 +159,7 @@ class CScenario {
         ++m_nWorks;
         nPackages[0] = nPackages[1] = nFaults = dwError = 0;
         bMisled = bMadeGood = false;
-        m_nStreamFrom[0] = m_nStreamFrom[1] = UINT64_MAX / 2;
+        EndStream();
         strAnswer.reset();
         UnplugAfter(PATIENCE_MS);
         if (plan) {
@@ -222,8 +222,9 @@ class CScenario {
         dwError = dwError == 0 ? dak->GetLastError() : dwError;
         return dwResult;
     }
-    // The next operation is the one with the stream.
+    // The operations between are the one with the stream.
     void BeginStream() { std::copy_n(nPackages, 2, m_nStreamFrom); }
+    void EndStream() { std::fill_n(m_nStreamFrom, 2, UINT64_MAX / 2); }
     DWORD Transmit(UINT nDirection, const std::vector<std::string>& names) {
         const bool bPush = nDirection == DAK_TO_DEVICE;
         CStringArray list;
@@ -294,7 +295,7 @@ class CScenario {
             EXPECT_TRUE(
                 now == wanted || (!bAll && now == At(before, strName)) ||
                 (!bDone && work.mayHold && now && wanted && work.mayHold(*now, *wanted, bMisled)))
-                << strName << " is torn, lost or foreign";
+                << strName << " is torn, lost or foreign: " << now.value_or("(none)").substr(0, 40);
         }
     }
 
@@ -339,10 +340,20 @@ inline CWork CopyOrMove(const CScenario& s, bool bMove, const std::string& strFr
     bMove ? work.wanted.erase(strFrom) : 0;
     return work;
 }
+// It is answered at once, and takes its time on the disk.
 inline CWork Format(const CScenario& s) {
-    CWork work =
-        Operation(s, [](CDAKVorn& dak) { return dak.DAKFormatPartition(DAK_WIDE("Card")); });
+    CWork work{
+        s.Everything(), [](CScenario& host) {
+            const DWORD dwResult = host.Took(host.dak->DAKFormatPartition(DAK_WIDE("Card")));
+            const auto isLeft = [](const auto& file) { return file.first.starts_with("Card/"); };
+            for (int i = 0;
+                 dwResult == 0 && i < 100 && std::ranges::any_of(host.Everything(), isLeft); ++i) {
+                platform::Sleep(100);
+            }
+            return dwResult;
+        }};
     std::erase_if(work.wanted, [](const auto& file) { return file.first.starts_with("Card/"); });
+    work.mayHold = [](const auto&, const auto&, bool) { return false; };
     return work;
 }
 // Of C:\s to \d, and from there to C:\r.
@@ -392,6 +403,7 @@ inline CWork Stream(const CScenario& s, bool bRead, const std::string& strName, 
         if (dwResult == 0) {
             dwResult = (dak.*(bRead ? &CDAKVorn::DAKReadFile : &CDAKVorn::DAKWriteFile))(
                 hFile, strBuffer.data(), static_cast<DWORD>(strBuffer.size()), &dwCount);
+            host.EndStream();
             host.dwError = dwResult == 0 ? 0 : dak.GetLastError();
             EXPECT_TRUE(bRead ? (dwResult == 0) == (dwCount > 0)
                               : dwResult != 0 || host.dwError == 0);
