@@ -84,38 +84,33 @@ class CSeed {
         const bool bToHost = Below(2) == 0;
         const std::uint64_t n = 1 + Below(Below(2) == 0 ? 6 : 66);
         const std::uint64_t qwAmount = Below(Below(2) == 0 ? 800 : 20'000);
-        static const std::map<std::size_t, std::pair<const char*, EFault>> FAULTS = {
-            {0, {"corrupt", EFault::Corrupt}}, {1, {"delay", EFault::Delay}},
-            {2, {"cut", EFault::Cut}},         {3, {"drop", EFault::Drop}},
-            {4, {"unplug", EFault::Vanish}},   {5, {"kill", EFault::Vanish}}};
-        if (nWhat < 6) {
+        static constexpr std::pair<const char*, EFault> OF_PIPE[] = {
+            {"corrupt", EFault::Corrupt}, {"delay", EFault::Delay},   {"cut", EFault::Cut},
+            {"drop", EFault::Drop},       {"unplug", EFault::Vanish}, {"kill", EFault::Vanish}};
+        if (nWhat < std::size(OF_PIPE)) {
             m_s.onPackage = [=, this](bool bIsToHost, std::uint64_t nPackage,
                                       bool bData) -> std::optional<CFault> {
-                CFault fault{FAULTS.at(nWhat).second, qwAmount};
-                if (bIsToHost != bToHost || nPackage != n ||
-                    (bData && fault.eFault == EFault::Drop)) {
+                const EFault eFault = OF_PIPE[nWhat].second;
+                // Data bear no number, commands and their answers no checksum.
+                const bool bHidden = bData && eFault == EFault::Drop;
+                if (bIsToHost != bToHost || nPackage != n || bHidden) {
                     return {};
                 }
-                if (fault.eFault == EFault::Corrupt && !bData) {
-                    fault.dwAmount %=
-                        DAK_HEADER_SIZE; // commands and their answers bear no checksum
-                } else if (fault.eFault == EFault::Cut) {
-                    fault.dwAmount = std::max<std::uint64_t>(fault.dwAmount, DAK_DATA_OFFSET);
-                }
                 nWhat == 5 ? m_s.KillAgent() : void();
-                return fault;
+                return CFault{eFault, eFault == EFault::Cut ? DAK_DATA_OFFSET + qwAmount
+                                      : eFault == EFault::Corrupt && !bData
+                                          ? qwAmount % DAK_HEADER_SIZE
+                                          : qwAmount};
             };
-            return FAULTS.at(nWhat).first;
+            return OF_PIPE[nWhat].first;
         }
         if (nWhat == 6) {
             m_s.bHostFails = true;
             m_world.FailAnyCall(1 + qwAmount % 300, 1 + Below(Below(4) == 0 ? 500 : 3));
             return "call";
         }
-        if (nWhat == 7) {
-            m_s.CancelAfter(qwAmount % 8000);
-        }
-        return nWhat == 7 ? "cancel" : "";
+        nWhat == 7 ? m_s.CancelAfter(qwAmount % 8000) : void();
+        return nWhat == 7 ? "cancel" : "none";
     }
 
     void Step() {
@@ -171,7 +166,7 @@ TEST(Seeds, RandomWorkUnderRandomFaultsThenFaultsOff) {
     const std::uint64_t qwEnd = qwFirst + Number("DAK_SEEDS", 60 / ONE_IN);
     for (std::uint64_t qwSeed = qwFirst; qwSeed < qwEnd && !HasFailure(); ++qwSeed) {
         SCOPED_TRACE(::testing::Message() << "seed " << qwSeed);
-        const bool bTwice = qwSeed % 20 == 0;
+        const bool bTwice = qwSeed % 20 == 0; // and the same both times
         const std::vector<std::string> trace = CSeed(qwSeed, bTwice).Run();
         EXPECT_TRUE(!bTwice || CSeed(qwSeed, true).Run() == trace)
             << "another run of the same seed";
