@@ -135,7 +135,7 @@ class CScenario {
         }
         for (const std::string& strName : world.HostFiles("C:/")) {
             if (isOwn(strName) == bOwn) {
-                const Bytes& bytes = world.HostFile("C:/" + strName)->bytes;
+                const Bytes bytes = *world.ReadHostFile("C:/" + strName);
                 tree[strName] = {bytes.begin(), bytes.end()};
             }
         }
