@@ -342,12 +342,13 @@ inline CWork CopyOrMove(const CScenario& s, bool bMove, const std::string& strFr
     bMove ? work.wanted.erase(strFrom) : 0;
     return work;
 }
-// It is answered at once, and takes its time on the disk.
+// It is answered at once, and takes its time on the disk; behind a killed agent the next one ends
+// it.
 inline CWork Format(const CScenario& s) {
     CWork work{s.Everything(), [](CScenario& host) {
                    const DWORD dwResult = host.Took(host.dak->DAKFormatPartition(DAK_WIDE("Card")));
                    platform::Sleep(dwResult == 0 ? FORMAT_MS : 0);
-                   return dwResult;
+                   return host.bNewAgent ? DAKERROR_FAIL : dwResult;
                }};
     std::erase_if(work.wanted, [](const auto& file) { return file.first.starts_with("Card/"); });
     work.mayHold = [](const auto&, const auto&, bool) { return false; };
