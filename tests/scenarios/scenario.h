@@ -1,18 +1,17 @@
-// A host with an object, a device with the real agent core, and the trees of both.
+// A host with an object, a device with the real agent core, and what may come of work for both.
 //
-// The host pushes from C:\s and pulls to C:\r; on the device everything lies in \d, a folder of the
-// file system's. Trees are maps from names below these, with forward slashes, to files.
+// All that there is stands in one tree of bytes: "s/..." and "r/..." (the host's C:\s and C:\r),
+// all other names the device's, with "d/..." for its \d and "Card/..." for a storage, folders
+// included. "answer" is what an operation gave to its caller. Work says what the tree is to be when
+// it is done. Done or not, every place then holds what it held or what it is to hold: a fault may
+// cut work short, and may not tear it.
 #pragma once
 
 #include "agent/agent_core.h"
 #include "agent/device.h"
 #include "link/dak_vorn.h"
-#include "tests/library/test_access.h"
-#include "tests/scenarios/file_times.h"
 #include "tests/sim/agent_peer.h"
-#include "tests/support/packages.h"
-#include "tests/test_files.h"
-#include "transfer/copy_job.h"
+#include "tests/support/temp_folder.h"
 
 #include "platform/file.h"
 #include "platform/message_window.h"
@@ -21,269 +20,412 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
-#include <string>
-#include <vector>
+#include <utility>
 
 namespace scenario {
 
-// Of the many runs of a test one in so many is made, spread over all of them, where each costs
-// more.
-constexpr std::uint64_t ONE_IN = DAK_TEST_ONE_IN;
-
+using namespace test;
 using EFault = sim::CAgentPeer::EFault;
-using sim::Bytes;
+using CFault = sim::CAgentPeer::CFault;
 
-struct CFileState {
-    Bytes bytes;
-    std::uint64_t qwCreated = 0;
-    std::uint64_t qwWritten = 0;
+// Of many runs of a test one in so many is made, spread over all of them, where each costs more.
+constexpr std::uint64_t ONE_IN = DAK_TEST_ONE_IN;
+// Beyond every wait that has an end: whoever still waits then loses the device, and ends soon.
+constexpr std::uint64_t PATIENCE_MS = 30 * 60 * 1000;
+constexpr std::uint64_t GOING_MS = 10'000;
+constexpr DWORD FORMAT_MS = 20'000;     // on the disk; its host hears of the end at once
+constexpr char FOLDER[] = "(a folder)"; // in the place of bytes
+
+inline std::string Contents(std::size_t dwBytes, std::uint32_t dwSeed) {
+    const Bytes bytes = Pattern(dwBytes, dwSeed);
+    return {bytes.begin(), bytes.end()};
+}
+inline bool IsOfHost(const std::string& strName) {
+    return strName.starts_with("s/") || strName.starts_with("r/");
+}
+inline std::basic_string<WCHAR> DevicePath(std::string strName) {
+    std::replace(strName.begin(), strName.end(), '/', '\\');
+    return DAK_WIDE("\\") + PathOf(strName).string<WCHAR>();
+}
+inline std::optional<std::string> At(const TREE& tree, const std::string& strName) {
+    const auto it = tree.find(strName);
+    return it == tree.end() ? std::nullopt : std::optional(it->second);
+}
+// What is left of the wanted bytes when a package of a stream went lost where those there differ.
+inline std::string WithoutPackage(std::string strWanted, const std::string& strNow) {
+    const auto at = std::mismatch(strWanted.begin(), strWanted.end(), strNow.begin(), strNow.end());
+    return strWanted.erase(static_cast<std::size_t>(at.first - strWanted.begin()), DAK_DATA_SIZE);
+}
+
+class CScenario;
+
+struct CWork {
+    TREE wanted; // when it is done; as things are now, for whoever makes it to change
+    std::function<DWORD(CScenario&)> run;
+    bool bWaitsWithoutEnd = false; // as long as the device is there
+    // The direction of its stream of packages with checksums.
+    std::optional<bool> bStreamToHost = {};
+    // With a stream, whether a place may hold this besides when the work was cut short, and perhaps
+    // misled: a package went lost where none has a number. Without, it has all of its effect or
+    // none.
+    std::function<bool(const std::string& strNow, const std::string& strWanted, bool bMisled)>
+        mayHold = {};
 };
-using Tree = std::map<std::string, CFileState>;
-
-inline std::vector<std::string> Names(const Tree& tree) {
-    std::vector<std::string> names;
-    for (const auto& [strName, file] : tree) {
-        names.push_back(strName);
-    }
-    return names;
-}
-
-// A file whose contents and times follow from size and seed.
-inline CFileState File(std::size_t dwBytes, std::uint32_t dwSeed) {
-    const std::uint64_t qwTime = 132'000'000'000'000'000ull + dwSeed * 36'000'000'007ull;
-    return {sim::Pattern(dwBytes, dwSeed), qwTime, qwTime + 1234567};
-}
-
-inline FILETIME Time(std::uint64_t qwTime) {
-    return {static_cast<DWORD>(qwTime), static_cast<DWORD>(qwTime >> 32)};
-}
-inline std::uint64_t Ticks(const FILETIME& time) {
-    return (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
-}
-
-inline std::string Narrow(const WCHAR* lpszText) {
-    std::string strText;
-    for (; *lpszText != 0; ++lpszText) {
-        strText.push_back(static_cast<char>(*lpszText));
-    }
-    return strText;
-}
-
-// What a job may leave of a tree: every file as it was or as it was wanted, none lost, and no
-// other. A job that is done has left nothing out.
-inline void ExpectSettled(const Tree& before, const Tree& wanted, const Tree& after, bool bDone) {
-    for (const auto& [strName, file] : after) {
-        const auto itOld = before.find(strName);
-        const auto itNew = wanted.find(strName);
-        const bool bOld = itOld != before.end() && itOld->second.bytes == file.bytes;
-        const bool bNew = itNew != wanted.end() && itNew->second.bytes == file.bytes;
-        EXPECT_TRUE(bOld || bNew) << strName << " of " << file.bytes.size()
-                                  << " bytes is torn or foreign";
-    }
-    for (const auto& [strName, file] : before) {
-        EXPECT_TRUE(after.contains(strName)) << strName << " is lost";
-    }
-    for (const auto& [strName, file] : wanted) {
-        const auto it = after.find(strName);
-        EXPECT_TRUE(!bDone || (it != after.end() && it->second.bytes == file.bytes))
-            << strName << " did not arrive, but the job says so";
-    }
-}
 
 class CScenario {
   public:
-    explicit CScenario(sim::CWorld& rWorld, std::optional<std::uint64_t> qwQuota = {})
-        : world(rWorld), m_qwQuota(qwQuota) {
-        m_roots.push_back(NameOf(MakeTemporaryFolder("dak-scenario-")));
-        std::filesystem::create_directory(Root() + "/d");
-        StartAgent();
+    explicit CScenario(sim::CWorld& rWorld) : world(rWorld) {
+        std::filesystem::create_directories(OnDevice("d"));
+        std::filesystem::create_directories(OnDevice("Card"));
         world.MakeHostFolder("C:/s");
         world.MakeHostFolder("C:/r");
         world.bTrace = false;
+        StartAgent();
     }
-
     ~CScenario() {
         dak.reset();
         EXPECT_EQ(world.LiveThreads(), 0) << world.Threads();
         EXPECT_EQ(world.Open(), std::vector<std::string>{});
-        EXPECT_EQ(g_bAbortPending, FALSE);
         for (const auto& [strName, pLock] : world.locks) {
-            EXPECT_FALSE(pLock->bHeld);
-        }
-        pPeer.reset();
-        m_pCore.reset();
-        m_pDevice.reset();
-        for (const std::string& strRoot : m_roots) {
-            std::filesystem::remove_all(strRoot);
+            EXPECT_FALSE(pLock->bHeld) << strName;
         }
     }
 
-    CScenario(const CScenario&) = delete;
-    CScenario& operator=(const CScenario&) = delete;
-
-    const std::string& Root() const { return m_roots.back(); }
-
-    // The device's files as a kill of its agent at this moment would leave them.
-    void PhotographDevice() {
-        std::string strRoot = Root() + "+";
-        std::filesystem::copy(Root(), strRoot, std::filesystem::copy_options::recursive);
-        m_roots.push_back(strRoot);
+    std::filesystem::path OnDevice(const std::string& strName = {}) const {
+        return m_folder / (std::to_string(m_nPhotographs) + "/" + strName);
     }
-
-    // Asked ahead of each start of an agent but the first.
-    std::function<void(agent::CDeviceOptions&)> onOptions;
-
-    // A new agent on the latest photograph, or on the files as they are.
-    void StartAgent() {
-        pPeer.reset();
+    // A new agent on the device's files, with room for so many bytes in all.
+    void StartAgent(std::uint64_t qwQuota = 100'000'000) {
+        m_pPeer.reset();
         m_pCore.reset();
-        m_pDevice.reset();
+        agent::CDeviceOptions options{.strRoot = NameOf(OnDevice()),
+                                      .storages = {{"Card", NameOf(OnDevice("Card"))}},
+                                      .qwQuota = qwQuota,
+                                      .lpLog = {},
+                                      .bAllowFormat = true};
         std::string strError;
-        agent::CDeviceOptions options;
-        options.strRoot = Root();
-        options.qwQuota = m_qwQuota;
-        if (onOptions) {
-            onOptions(options);
-        }
         m_pDevice = agent::CDevice::Open(options, strError);
         ASSERT_NE(m_pDevice, nullptr) << strError;
         m_pCore = std::make_unique<agent::CAgentCore>(*m_pDevice);
-        pPeer = std::make_unique<sim::CAgentPeer>(world, *m_pCore);
+        m_pPeer = std::make_unique<sim::CAgentPeer>(world, *m_pCore);
+        m_pPeer->onPackage = [this](bool bToHost, std::uint64_t) { return FaultOf(bToHost); };
+        bNewAgent = false;
+    }
+    // From now on the device's files are those that a kill of its agent at this moment leaves.
+    void KillAgent() {
+        const std::filesystem::path now = OnDevice();
+        ++m_nPhotographs;
+        std::filesystem::copy(now, OnDevice(), std::filesystem::copy_options::recursive);
+        bNewAgent = true;
     }
 
-    void Replug() {
-        if (!world.IsPlugged()) {
-            world.Plug(*pPeer);
-        }
-    }
-
-    // Trees.
-
-    void PutHost(const std::string& strFolder, const Tree& tree) {
-        for (const auto& [strName, file] : tree) {
-            world.WriteHostFile(strFolder + "/" + strName, file.bytes, Time(file.qwCreated),
-                                Time(file.qwWritten));
-        }
-    }
-    Tree HostTree(const std::string& strFolder) {
-        Tree tree;
-        for (const std::string& strName : world.HostFiles(strFolder)) {
-            const sim::CHostFile& file = *world.HostFile(strFolder + "/" + strName);
-            tree[strName] = {file.bytes, Ticks(file.ftCreation), Ticks(file.ftWrite)};
-        }
-        return tree;
-    }
-    void PutDevice(const Tree& tree) const {
-        for (const auto& [strName, file] : tree) {
-            const std::filesystem::path path = PathOf(Root() + "/d/" + strName);
-            std::filesystem::create_directories(path.parent_path());
-            std::ofstream(path, std::ios::binary)
-                .write(reinterpret_cast<const char*>(file.bytes.data()),
-                       static_cast<std::streamsize>(file.bytes.size()));
-        }
-    }
-    // What lies outside of \d, the agent's own files, has a slash ahead; they are there only as
-    // long as the agent knows nothing of the end of a stream.
-    Tree DeviceTree(bool bOwnFiles = true) const {
-        Tree tree;
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(Root())) {
-            std::string strName = NameOf(entry.path()).substr(Root().size());
-            strName = strName.starts_with("/d/") ? strName.substr(3) : strName;
-            if (!entry.is_regular_file() ||
-                (!bOwnFiles && strName.find(".dak-") != std::string::npos)) {
-                continue;
+    // What is there for everybody, or what works in progress have there for themselves.
+    TREE Everything(bool bOwn = false) const {
+        const auto isOwn = [](const std::string& strName) {
+            return strName.find(".dak-") != std::string::npos || strName.ends_with(".tmp");
+        };
+        TREE tree;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(OnDevice())) {
+            const std::string strName = NameOf(entry.path().lexically_relative(OnDevice()));
+            if (isOwn(strName) == bOwn) {
+                tree[strName] = entry.is_directory() ? FOLDER : ReadBytes(entry.path());
             }
-            std::ifstream stream(entry.path(), std::ios::binary);
-            CFileState& file = tree[strName];
-            file.bytes.resize(entry.file_size());
-            stream.read(reinterpret_cast<char*>(file.bytes.data()),
-                        static_cast<std::streamsize>(file.bytes.size()));
-            file.qwWritten = WriteTimeOf(entry.path());
+        }
+        for (const std::string& strName : world.HostFiles("C:/")) {
+            if (isOwn(strName) == bOwn) {
+                const Bytes bytes = *world.ReadHostFile("C:/" + strName);
+                tree[strName] = {bytes.begin(), bytes.end()};
+            }
         }
         return tree;
     }
-    bool DeviceKeepsCreationTimes() const { return KeepsCreationTimes(Root()); }
+    // Lays files past the agent.
+    void Lay(const TREE& tree) {
+        for (const auto& [strName, strBytes] : tree) {
+            if (IsOfHost(strName)) {
+                world.WriteHostFile("C:/" + strName, {strBytes.begin(), strBytes.end()});
+            } else {
+                m_folder.Write(std::to_string(m_nPhotographs) + "/" + strName, strBytes);
+            }
+        }
+    }
 
-    // Jobs.
+    // Does work against what is planned to be in its way, and holds what came of it to what may.
+    DWORD Do(const CWork& work, const std::function<void()>& plan = {}) {
+        const TREE before = Everything();
+        m_pWork = &work;
+        ++m_nWorks;
+        nPackages[0] = nPackages[1] = nFaults = dwError = 0;
+        bMisled = bMadeGood = false;
+        EndStream();
+        strAnswer.reset();
+        UnplugAfter(PATIENCE_MS);
+        if (plan) {
+            plan();
+        }
+        const std::uint64_t qwBegin = world.NowMs();
+        const DWORD dwResult = work.run(*this);
+        qwTookMs = world.NowMs() - qwBegin;
+        EXPECT_LE(qwTookMs, work.bWaitsWithoutEnd ? PATIENCE_MS + GOING_MS : PATIENCE_MS);
+        m_pWork = nullptr;
+        world.ClearFaults();
+        if (m_hCancel != nullptr) {
+            world.Join(std::exchange(m_hCancel, nullptr));
+        }
+        ExpectSettled(work, before, dwResult == 0);
+        return dwResult;
+    }
+    // Faults off: the device answers, and nothing is left of what was cut short.
+    void Recover() {
+        world.qwFreeBytes = 1ull << 40;
+        onPackage = nullptr;
+        if (bNewAgent) {
+            StartAgent();
+        } else if (!world.IsPlugged()) {
+            world.Plug(*m_pPeer);
+        }
+        EXPECT_EQ(dak->ConnectDevice(), 0u);
+        for (const auto& [strName, strBytes] : Everything(true)) {
+            if (bHostFails && IsOfHost(strName)) {
+                platform::DeleteFileA(("C:/" + strName).c_str());
+            }
+        }
+        platform::Sleep(FORMAT_MS);
+        const TREE left = Everything(true);
+        EXPECT_TRUE(left.empty()) << "something is left";
+        bHostFails = false;
+    }
 
-    DWORD Start(UINT nDirection, const std::vector<std::string>& names) {
-        list.RemoveAll();
+    // What meets the work in hand at a moment.
+    void UnplugAfter(std::uint64_t qwMs) {
+        world.At(world.NowMs() + qwMs, [this, nWork = m_nWorks] {
+            if (m_pWork != nullptr && nWork == m_nWorks) {
+                ++nFaults;
+                world.Unplug();
+            }
+        });
+    }
+    void CancelAfter(std::uint64_t qwMs) {
+        m_bCancelled = false;
+        m_hCancel = world.Spawn([this, qwMs] {
+            platform::Sleep(static_cast<DWORD>(qwMs));
+            nFaults += m_pWork != nullptr ? 1u : 0u;
+            m_pWork != nullptr ? dak->TerminateTransfer() : void();
+            m_bCancelled = true;
+        });
+    }
+
+    // For work: what an operation has returned, and a job until it has ended.
+    DWORD Took(DWORD dwResult) {
+        EXPECT_EQ(dwResult == 0, dak->GetLastError() == 0) << dwResult;
+        dwError = dwError == 0 ? dak->GetLastError() : dwError;
+        return dwResult;
+    }
+    // The operations between are the one with the stream.
+    void BeginStream() { std::copy_n(nPackages, 2, m_nStreamFrom); }
+    void EndStream() { std::fill_n(m_nStreamFrom, 2, UINT64_MAX / 2); }
+    DWORD Transmit(UINT nDirection, const std::vector<std::string>& names) {
+        const bool bPush = nDirection == DAK_TO_DEVICE;
+        CStringArray list;
         for (std::string strName : names) {
             std::replace(strName.begin(), strName.end(), '/', '\\');
-            list.Add((nDirection == DAK_TO_DEVICE ? "C:\\s\\" + strName : strName).c_str());
+            list.Add(((bPush ? "C:\\s\\" : "") + strName).c_str());
         }
         world.posted.clear();
-        return nDirection == DAK_TO_DEVICE
-                   ? dak->DAKTransmitFiles(DAK_TO_DEVICE, DAK_WIDE("C:\\s"), strDevice, &list,
-                                           window)
-                   : dak->DAKTransmitFiles(DAK_FROM_DEVICE, strDevice, DAK_WIDE("C:\\r"), &list,
-                                           window);
-    }
-    // Waits for the worker's end and gives the outcome.
-    DWORD AwaitEnd() {
-        const HANDLE hThread = CDAKVornTestAccess::m_hCommitThread(*dak);
-        if (hThread != nullptr) {
-            platform::WaitForSingleObject(hThread, INFINITE);
-        }
-        while (world.LiveThreads() != 0 && !world.HasFailed()) {
-            platform::Sleep(100);
+        BeginStream();
+        const DWORD dwStarted =
+            dak->DAKTransmitFiles(nDirection, bPush ? DAK_WIDE("C:\\s") : DAK_WIDE("\\d"),
+                                  bPush ? DAK_WIDE("\\d") : DAK_WIDE("C:\\r"), &list, m_window);
+        while (dwStarted == 0 && world.LiveThreads() > (m_bCancelled ? 0 : 1) &&
+               !world.HasFailed()) {
+            platform::Sleep(50);
         }
         EXPECT_EQ(dak->IsTransmitting(), FALSE);
-        EXPECT_LE(world.posted.size(), 1u);
-        return dak->GetLastError();
+        EXPECT_LE(world.posted.size(), dwStarted == 0 ? 1u : 0u);
+        return Took(dwStarted == 0 ? dak->GetLastError() : dwStarted);
     }
-    // A job with an optional cancel, so long after it has begun.
-    DWORD Run(UINT nDirection, const std::vector<std::string>& names,
-              std::optional<std::uint64_t> qwCancelMs = {}) {
-        const DWORD dwResult = Start(nDirection, names);
-        if (dwResult != 0) {
-            EXPECT_EQ(dak->GetLastError(), dwResult);
-            return dwResult;
-        }
-        if (qwCancelMs) {
-            platform::Sleep(static_cast<DWORD>(*qwCancelMs));
-            dak->TerminateTransfer();
-        }
-        return AwaitEnd();
-    }
-
-    // Faults off: now a job of that direction must do, and leave nothing but whole files.
-    void ExpectRecovered(UINT nDirection, const Tree& wanted, const Tree& before) {
-        world.ClearFaults();
-        pPeer->ClearFaults();
-        Replug();
-        Tree all = before;
-        for (const auto& [strName, file] : wanted) {
-            all[strName] = file;
-        }
-        EXPECT_EQ(Run(nDirection, Names(wanted)), 0u);
-        EXPECT_EQ(world.posted.size(), 1u);
-        const Tree after = nDirection == DAK_TO_DEVICE ? DeviceTree() : HostTree("C:/r");
-        EXPECT_EQ(Names(after), Names(all));
-        ExpectSettled(all, wanted, after, true);
-        EXPECT_EQ(DeviceTree(true).size(), DeviceTree(false).size());
-    }
-
-    agent::CAgentCore& Core() { return *m_pCore; }
 
     sim::CWorld& world;
-    std::unique_ptr<sim::CAgentPeer> pPeer;
     std::optional<CDAKVorn> dak{std::in_place};
-    HWND window = platform::CreateMessageWindow();
-    CStringArray list;
-    const WCHAR* strDevice = DAK_WIDE("\\d");
+    // Asked for every package, with its number from the work's beginning in its direction, and
+    // whether it is data that bears a checksum.
+    std::function<std::optional<CFault>(bool bToHost, std::uint64_t n, bool bData)> onPackage;
+    bool bNewAgent = false;  // is wanted
+    bool bHostFails = false; // in ways for which a job leaves out files, or its part file behind
+
+    // Of the work in hand or done last.
+    std::optional<std::string> strAnswer; // what its operation gave
+    DWORD dwError = 0;                    // the finer state of its first failure
+    std::uint64_t qwTookMs = 0;
+    std::uint64_t nPackages[2] = {}; // to the device, to the host
+    std::uint64_t nFaults = 0;       // of the pipe, cancels and unpluggings that it met
+    bool bMisled = false;            // as CWork says
+    bool bMadeGood = false;          // met a fault that its stream makes good
 
   private:
-    const std::optional<std::uint64_t> m_qwQuota;
-    std::vector<std::string> m_roots;
+    std::optional<CFault> FaultOf(bool bToHost) {
+        const std::uint64_t n = ++nPackages[bToHost];
+        // Behind the handshake and a command or its acknowledgement.
+        const bool bData = m_pWork != nullptr && m_pWork->bStreamToHost == bToHost &&
+                           n > m_nStreamFrom[bToHost] + 2;
+        const auto fault = onPackage ? onPackage(bToHost, n, bData) : std::nullopt;
+        nFaults += fault ? 1u : 0u;
+        // What is cut within the head that the host reads first is as good as lost.
+        bMisled |= fault && bData &&
+                   (fault->eFault == EFault::Drop ||
+                    (fault->eFault == EFault::Cut && fault->dwAmount < DAK_DATA_OFFSET));
+        // A length that promises more than the final package has ends the stream.
+        bMadeGood |= fault && bData && fault->eFault == EFault::Corrupt &&
+                     (!bToHost || fault->dwAmount / 4 != 1);
+        return fault;
+    }
+
+    void ExpectSettled(const CWork& work, const TREE& before, bool bDone) const {
+        TREE after = Everything();
+        strAnswer ? after.emplace("answer", *strAnswer) : std::pair(after.end(), false);
+        const bool bAll = bDone && !(bHostFails && work.mayHold);
+        EXPECT_TRUE(work.mayHold || after == work.wanted || (!bAll && after == before));
+        TREE all = before;
+        all.insert(work.wanted.begin(), work.wanted.end());
+        all.insert(after.begin(), after.end());
+        for (const auto& [strName, strBytes] : all) {
+            const auto now = At(after, strName);
+            const auto wanted = At(work.wanted, strName);
+            EXPECT_TRUE(
+                now == wanted || (!bAll && now == At(before, strName)) ||
+                (!bDone && work.mayHold && now && wanted && work.mayHold(*now, *wanted, bMisled)))
+                << strName << " is torn, lost or foreign: " << (now ? now->size() : 0) << " bytes";
+        }
+    }
+
+    CTempFolder m_folder;
+    int m_nPhotographs = 0;
     std::unique_ptr<agent::CDevice> m_pDevice;
     std::unique_ptr<agent::CAgentCore> m_pCore;
+    std::unique_ptr<sim::CAgentPeer> m_pPeer; // goes first
+    HWND m_window = platform::CreateMessageWindow();
+    const CWork* m_pWork = nullptr;
+    std::uint64_t m_nWorks = 0;
+    HANDLE m_hCancel = nullptr;
+    bool m_bCancelled = true;
+    std::uint64_t m_nStreamFrom[2] = {};
 };
+
+// Operations on what is there now, of which some change it.
+inline CWork Operation(const CScenario& s, const std::function<DWORD(CDAKVorn&)>& call) {
+    return {s.Everything(), [call](CScenario& host) { return host.Took(call(*host.dak)); }};
+}
+inline CWork Delete(const CScenario& s, const std::string& strName) {
+    CWork work = Operation(
+        s, [path = DevicePath(strName)](CDAKVorn& dak) { return dak.DAKDeleteFile(path.c_str()); });
+    work.wanted.erase(strName);
+    work.bWaitsWithoutEnd = true;
+    return work;
+}
+inline CWork MakeFolder(const CScenario& s, const std::string& strName) {
+    CWork work = Operation(s, [path = DevicePath(strName)](CDAKVorn& dak) {
+        return dak.DAKCreateDirectory(path.c_str(), nullptr);
+    });
+    work.wanted[strName] = FOLDER;
+    return work;
+}
+inline CWork CopyOrMove(const CScenario& s, bool bMove, const std::string& strFrom,
+                        const std::string& strTo) {
+    CWork work = Operation(s, [=, a = DevicePath(strFrom), b = DevicePath(strTo)](CDAKVorn& dak) {
+        return bMove ? dak.DAKMoveFile(a.c_str(), b.c_str())
+                     : dak.DAKCopyFile(a.c_str(), b.c_str(), 0);
+    });
+    work.wanted[strTo] = work.wanted[strFrom];
+    bMove ? work.wanted.erase(strFrom) : 0;
+    return work;
+}
+// It is answered at once, and takes its time on the disk; behind a killed agent the next one ends
+// it.
+inline CWork Format(const CScenario& s) {
+    CWork work{s.Everything(), [](CScenario& host) {
+                   const DWORD dwResult = host.Took(host.dak->DAKFormatPartition(DAK_WIDE("Card")));
+                   platform::Sleep(dwResult == 0 ? FORMAT_MS : 0);
+                   return host.bNewAgent ? DAKERROR_FAIL : dwResult;
+               }};
+    std::erase_if(work.wanted, [](const auto& file) { return file.first.starts_with("Card/"); });
+    work.mayHold = [](const auto&, const auto&, bool) { return false; };
+    return work;
+}
+// Of C:\s to \d, and from there to C:\r.
+inline CWork Job(const CScenario& s, UINT nDirection, const std::vector<std::string>& names) {
+    CWork work{s.Everything(), [=](CScenario& host) { return host.Transmit(nDirection, names); }};
+    const bool bPush = nDirection == DAK_TO_DEVICE;
+    for (const std::string& strName : names) {
+        work.wanted[(bPush ? "d/" : "r/") + strName] =
+            work.wanted.at((bPush ? "s/" : "d/") + strName);
+        for (auto n = strName.find('/'); bPush && n + 1 != 0; n = strName.find('/', n + 1)) {
+            work.wanted["d/" + strName.substr(0, n)] = FOLDER;
+        }
+    }
+    work.bStreamToHost = !bPush;
+    work.mayHold = [](const std::string& strNow, const std::string& strWanted, bool bMisled) {
+        return bMisled && strNow.starts_with(WithoutPackage(strWanted, strNow));
+    };
+    return work;
+}
+// A read or write by handle; where none is given, the file is opened and closed as part of the
+// work.
+inline CWork Stream(const CScenario& s, bool bRead, const std::string& strName, std::size_t dwAt,
+                    const std::string& strData, void* hGiven = nullptr) {
+    CWork work{.wanted = s.Everything(), .run = {}, .bStreamToHost = bRead};
+    const auto with = [dwAt, strOld = work.wanted[strName]](const std::string& strPart) {
+        std::string strAll = strOld;
+        strAll.resize(std::max(strOld.size(), strPart.empty() ? 0 : dwAt + strPart.size()));
+        return strPart.empty() ? strAll : strAll.replace(dwAt, strPart.size(), strPart);
+    };
+    work.wanted[bRead ? "answer" : strName] = bRead ? strData : with(strData);
+    work.run = [=, path = DevicePath(strName)](CScenario& host) {
+        constexpr DWORD READ_WRITE = 0xC0000000, SHARED = 3, ALWAYS = 4;
+        CDAKVorn& dak = *host.dak;
+        void* hFile = hGiven;
+        DWORD dwResult =
+            hGiven != nullptr
+                ? 0
+                : host.Took(dak.DAKCreateFile(path.c_str(), READ_WRITE, SHARED, ALWAYS, &hFile));
+        if (dwResult != 0) {
+            return dwResult;
+        }
+        DWORD dwCount = 0; // and a position
+        dwResult = host.Took(dak.DAKSetFilePointer(hFile, static_cast<LONG>(dwAt), 0, &dwCount));
+        dwCount = 0;
+        host.BeginStream();
+        std::string strBuffer = bRead ? std::string(strData.size(), '\xEE') : strData;
+        if (dwResult == 0) {
+            dwResult = (dak.*(bRead ? &CDAKVorn::DAKReadFile : &CDAKVorn::DAKWriteFile))(
+                hFile, strBuffer.data(), static_cast<DWORD>(strBuffer.size()), &dwCount);
+            host.EndStream();
+            host.dwError = dwResult == 0 ? 0 : dak.GetLastError();
+            EXPECT_TRUE(bRead ? (dwResult == 0) == (dwCount > 0)
+                              : dwResult != 0 || host.dwError == 0);
+        }
+        if (bRead) {
+            host.strAnswer = strBuffer.substr(0, dwCount);
+        }
+        const DWORD dwClosed = hGiven != nullptr ? 0 : host.Took(dak.DAKCloseFile(hFile));
+        // A short read is a success of the operation, and less than all of the work.
+        dwResult = dwResult == 0 && dwCount < strData.size() ? DAKERROR_FAIL : dwResult;
+        return dwResult != 0 ? dwResult : dwClosed;
+    };
+    work.mayHold = [=](const std::string& strNow, const std::string&, bool bMisled) {
+        const std::string strHere = strNow.substr(bRead ? 0 : std::min(dwAt, strNow.size()));
+        const std::string strWhole = bMisled ? WithoutPackage(strData, strHere) : strData;
+        // Of a write there are whole windows.
+        bool bHolds = bRead ? strWhole.starts_with(strNow) : strNow == with(strWhole);
+        for (std::size_t n = DAK_DATA_SIZE; !bRead && n < strWhole.size();
+             n += 50 * DAK_DATA_SIZE) {
+            bHolds = bHolds || strNow == with(strWhole.substr(0, n));
+        }
+        return bHolds;
+    };
+    return work;
+}
 
 } // namespace scenario
