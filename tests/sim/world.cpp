@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/xattr.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -40,10 +42,18 @@ thread_local CThread* t_pThread = nullptr;
     std::abort();
 }
 
-// In the memory of the system, where there is any for files: worlds come by the thousand.
+// In the memory of the system, for worlds come by the thousand; where that keeps attributes, which
+// hold creation times, as kernels do from 6.6 on.
 std::filesystem::path ParentFolder() {
-    const std::filesystem::path memory = "/dev/shm";
-    return std::filesystem::exists(memory) ? memory : std::filesystem::temp_directory_path();
+    static const std::filesystem::path PARENT = [] {
+        const std::filesystem::path memory = "/dev/shm";
+        const test::CTempFolder probe(std::filesystem::exists(memory)
+                                          ? memory
+                                          : std::filesystem::temp_directory_path());
+        const bool bKeeps = ::setxattr(probe.Folder().c_str(), "user.dak.probe", "1", 1, 0) == 0;
+        return bKeeps ? probe.Folder().parent_path() : std::filesystem::temp_directory_path();
+    }();
+    return PARENT;
 }
 
 } // namespace
