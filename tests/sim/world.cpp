@@ -47,9 +47,8 @@ thread_local CThread* t_pThread = nullptr;
 std::filesystem::path ParentFolder() {
     static const std::filesystem::path PARENT = [] {
         const std::filesystem::path memory = "/dev/shm";
-        const test::CTempFolder probe(std::filesystem::exists(memory)
-                                          ? memory
-                                          : std::filesystem::temp_directory_path());
+        const test::CTempFolder probe(
+            std::filesystem::exists(memory) ? memory : std::filesystem::temp_directory_path());
         const bool bKeeps = ::setxattr(probe.Folder().c_str(), "user.dak.probe", "1", 1, 0) == 0;
         return bKeeps ? probe.Folder().parent_path() : std::filesystem::temp_directory_path();
     }();
