@@ -5,6 +5,7 @@
 #include "tests/platform/platform_tools.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <set>
 
@@ -111,15 +112,14 @@ CONTRACT_TEST(Files, OpenAsAsked) {
 }
 
 CONTRACT_TEST(Files, MayHaveNamesOfAnyTextBehindEitherSlash) {
-    const std::string strFolder = "\xC3\xBC\xE2\x82\xAC";
-    EXPECT_TRUE(MakeFolder(strFolder) && MakeFolder(strFolder + "/" + strFolder));
-    EXPECT_TRUE(Make((strFolder + "\\" + strFolder + "/\xF0\x9F\x98\x80 name").c_str(), "one"));
-    EXPECT_EQ(Contents(In(strFolder + "/" + strFolder + "\\\xF0\x9F\x98\x80 name")), "one");
-    Make("file", "");
-    for (const std::string& strTaken : {strFolder, std::string("file")}) {
-        EXPECT_FALSE(MakeFolder(strTaken));
-        EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
-    }
+    const std::string strName = "\xC3\xBC\xE2\x82\xAC";
+    const std::string strBelow = strName + "/" + strName;
+    EXPECT_TRUE(MakeFolder(strName) && MakeFolder(strBelow) && Make("file", ""));
+    EXPECT_TRUE(Make((strBelow + "\\\xF0\x9F\x98\x80 name").c_str(), "one"));
+    EXPECT_EQ(Contents(In(strName + "\\" + strName + "/\xF0\x9F\x98\x80 name")), "one");
+    EXPECT_FALSE(MakeFolder(strName));
+    EXPECT_FALSE(MakeFolder("file"));
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
 }
 
 CONTRACT_TEST(Files, AreWrittenAndReadAtThePosition) {
@@ -193,24 +193,20 @@ CONTRACT_TEST(Files, KeepTheTimesTheyAreGiven) {
         {BEYOND, 127000000000000000, false},
         {127000000000000000, BEYOND, false},
     };
-    Make("file", "abc");
-    HANDLE hFile = Open(In("file"), GENERIC_READ | GENERIC_WRITE);
+    HANDLE hFile = Open(In("file"), GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
     std::uint64_t qwCreated = 0;
     std::uint64_t qwWritten = 0;
-    const auto isTime = [](const FILETIME& time, std::uint64_t qwTime) {
-        return time.dwLowDateTime == (qwTime & 0xFFFFFFFF) && time.dwHighDateTime == qwTime >> 32;
-    };
     for (const auto& [qwCreation, qwWrite, bSets] : rows) {
-        const FILETIME given[] = {
-            {static_cast<DWORD>(qwCreation), static_cast<DWORD>(qwCreation >> 32)},
-            {static_cast<DWORD>(qwWrite), static_cast<DWORD>(qwWrite >> 32)}};
-        EXPECT_EQ(platform::SetFileTime(hFile, &given[0], nullptr, &given[1]) != FALSE, bSets);
+        const auto ftCreation = std::bit_cast<FILETIME>(qwCreation);
+        const auto ftWrite = std::bit_cast<FILETIME>(qwWrite);
+        EXPECT_EQ(platform::SetFileTime(hFile, &ftCreation, nullptr, &ftWrite) != FALSE, bSets);
         qwCreated = bSets && qwCreation != NOT_SET ? qwCreation : qwCreated;
         qwWritten = bSets && qwWrite != NOT_SET ? qwWrite : qwWritten;
         FILETIME found[2] = {};
         EXPECT_TRUE(platform::GetFileTime(hFile, &found[0], nullptr, &found[1]));
-        EXPECT_TRUE(isTime(found[0], qwCreated) || !contract::CreationTimesAreKept()) << qwCreation;
-        EXPECT_TRUE(isTime(found[1], qwWritten)) << qwWrite;
+        EXPECT_TRUE(std::bit_cast<std::uint64_t>(found[0]) == qwCreated ||
+                    !contract::CreationTimesAreKept());
+        EXPECT_EQ(std::bit_cast<std::uint64_t>(found[1]), qwWritten);
     }
     EXPECT_TRUE(platform::SetFileTime(hFile, nullptr, nullptr, nullptr));
     EXPECT_TRUE(platform::GetFileTime(hFile, nullptr, nullptr, nullptr) && CloseHandle(hFile));
@@ -232,19 +228,18 @@ CONTRACT_TEST(Memory, IsZeroAndRoomIsTold) {
     EXPECT_FALSE(GetDiskFreeSpaceExA(In("missing").c_str(), &qwFree, nullptr, nullptr));
 }
 
-// Converts with room for every number of units up to the right one: any smaller room is refused
-// and not overrun.
+// Converts with exactly the right room; with any smaller one it is refused.
 template <class UNIT, class CONVERT>
 static std::basic_string<UNIT> Converted(std::size_t nUnits, const CONVERT& convert) {
-    UNIT units[32];
-    for (std::size_t nRoom = 1; nRoom <= nUnits; ++nRoom) {
-        units[nRoom] = 0x55;
-        const int nWritten = convert(units, static_cast<int>(nRoom));
-        EXPECT_TRUE(nRoom == nUnits ? nWritten == static_cast<int>(nUnits)
-                                    : nWritten == 0 && GetLastError() == ERROR_INSUFFICIENT_BUFFER);
-        EXPECT_EQ(units[nRoom], 0x55);
+    for (std::size_t nRoom = 1;; ++nRoom) {
+        std::vector<UNIT> units(nRoom);
+        const int nWritten = convert(units.data(), static_cast<int>(nRoom));
+        if (nRoom == nUnits) {
+            EXPECT_EQ(nWritten, static_cast<int>(nUnits));
+            return {units.begin(), units.end() - 1};
+        }
+        EXPECT_TRUE(nWritten == 0 && GetLastError() == ERROR_INSUFFICIENT_BUFFER);
     }
-    return units;
 }
 
 CONTRACT_TEST(Text, GoesToUtf16AndBack) {
@@ -256,7 +251,6 @@ CONTRACT_TEST(Text, GoesToUtf16AndBack) {
         {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", DAK_WIDE("\xD800\xDC00\xDBFF\xDFFF")},
     };
     for (const auto& row : rows) {
-        const auto& [strNarrow, strWide] = row;
         BOOL bReplaced = TRUE;
         const auto toWide = [&](WCHAR* lpTarget, int nRoom) {
             return MultiByteToWideChar(CP_ACP, 0, row.first.c_str(), -1, lpTarget, nRoom);
@@ -265,15 +259,13 @@ CONTRACT_TEST(Text, GoesToUtf16AndBack) {
             return WideCharToMultiByte(CP_ACP, 0, row.second.c_str(), -1, lpTarget, nRoom, nullptr,
                                        &bReplaced);
         };
-        EXPECT_EQ(Converted<WCHAR>(strWide.size() + 1, toWide), strWide);
-        EXPECT_EQ(Converted<char>(strNarrow.size() + 1, toNarrow), strNarrow);
+        EXPECT_EQ(Converted<WCHAR>(row.second.size() + 1, toWide), row.second);
+        EXPECT_EQ(Converted<char>(row.first.size() + 1, toNarrow), row.first);
         EXPECT_FALSE(bReplaced);
     }
-    char szCopy[6] = "12345";
-    EXPECT_EQ(lstrcpyA(szCopy, "abc"), szCopy);
-    EXPECT_EQ(std::string(szCopy, 5), std::string("abc\0"
-                                                  "5",
-                                                  5));
+    char szCopy[] = "12345";
+    EXPECT_TRUE(lstrcpyA(szCopy, "abc") == szCopy && szCopy == std::string("abc"));
+    EXPECT_EQ(szCopy[4], '5');
 }
 
 CONTRACT_TEST(Text, ReplacesWhatIsMalformed) {

@@ -28,7 +28,7 @@ MEMBERS='
 
 library=$1 objdump=$2 nm=$3
 case $library in
-*.dll) "$objdump" -p "$library" | sed -n '/^\[Ordinal\/Name Pointer\]/,/^$/s/^\s*\[.*\] //p' ;;
+*.dll) "$objdump" -p "$library" | sed -n '/^\[Ordinal\/Name Pointer\]/,/^$/s/^\s\+\[.*\] //p' ;;
 *) "$nm" -D --defined-only "$library" | cut -d ' ' -f 3 ;;
 esac | sed 's/^.* //' | c++filt | sed 's/(.*//; s/ /_/g' | sort -u >"${library##*/}.names"
 

@@ -12,7 +12,8 @@
 #include <sys/xattr.h>
 
 #include <algorithm>
-#include <memory>
+#include <bit>
+#include <chrono>
 #include <set>
 
 namespace platform::tests {
@@ -58,28 +59,20 @@ TEST(PosixLock, IsSharedByProcessesAndEndsWithThem) {
 TEST(PosixLock, OfProcessesThatMakeItAtOnceOneWins) {
     const CDeviceFolder devices;
     for (int nRound = 0; nRound < 20; ++nRound) {
-        int gate[2];
-        ASSERT_EQ(::pipe2(gate, O_CLOEXEC), 0);
-        const auto probeBehindGate = [&gate] {
-            pollfd polled{gate[0], POLLIN, 0};
-            ::poll(&polled, 1, -1);
+        const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(5);
+        const auto probe = [start] {
+            while (std::chrono::steady_clock::now() < start) {
+            }
             HANDLE hLock = nullptr;
-            return ProbeLock(&hLock);
+            return static_cast<char>(::tolower(ProbeLock(&hLock)));
         };
-        std::vector<std::unique_ptr<CProcess>> processes;
-        for (int i = 0; i < 4; ++i) {
-            processes.push_back(std::make_unique<CProcess>(probeBehindGate));
-        }
-        static_cast<void>(!::write(gate[1], "x", 1));
+        const CProcess processes[] = {CProcess(probe), CProcess(probe), CProcess(probe)};
         std::string strAnswers;
-        for (const auto& pProcess : processes) {
-            strAnswers += pProcess->Answer();
+        for (const CProcess& process : processes) {
+            strAnswers += process.Answer();
         }
-        ::close(gate[0]);
-        ::close(gate[1]);
-        EXPECT_EQ(std::ranges::count(strAnswers, 'N') + std::ranges::count(strAnswers, 'n'), 1);
-        EXPECT_EQ(std::ranges::count(strAnswers, 'N') + std::ranges::count(strAnswers, 'E'), 1);
-        EXPECT_EQ(std::ranges::count(strAnswers, '-'), 0) << strAnswers;
+        std::ranges::sort(strAnswers);
+        EXPECT_EQ(strAnswers, "een");
     }
 }
 
@@ -192,21 +185,21 @@ TEST(PosixFiles, TheCreationTimeIsKeptBesideTheContents) {
     const test::CTempFolder folder;
     folder.Write("file", "abc");
     const std::string strPath = folder.Path("file");
-    const FILETIME time{0x89ABCDEF, 0x01234567};
-    HANDLE hFile = Open(strPath);
-    EXPECT_FALSE(SetFileTime(hFile, &time, nullptr, &time)) << "it is open for reading alone";
-    CloseHandle(hFile);
-    hFile = Open(strPath, GENERIC_WRITE);
+    const FILETIME ftGiven{0x89ABCDEF, 0x01234567};
     const auto created = [&] {
-        FILETIME time{};
-        EXPECT_TRUE(GetFileTime(hFile, &time, nullptr, nullptr));
-        return (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
+        FILETIME ftCreated{};
+        HANDLE hFile = Open(strPath);
+        EXPECT_TRUE(GetFileTime(hFile, &ftCreated, nullptr, nullptr));
+        EXPECT_FALSE(SetFileTime(hFile, &ftGiven, nullptr, nullptr)) << "it is open for reading";
+        CloseHandle(hFile);
+        return std::bit_cast<std::uint64_t>(ftCreated);
     };
     const std::uint64_t qwBirth = created();
-    EXPECT_TRUE(SetFileTime(hFile, &time, nullptr, nullptr));
-    Bytes kept(16);
-    kept.resize(
-        static_cast<std::size_t>(::getxattr(strPath.c_str(), ATTRIBUTE, kept.data(), kept.size())));
+    HANDLE hFile = Open(strPath, GENERIC_WRITE);
+    EXPECT_TRUE(SetFileTime(hFile, &ftGiven, nullptr, nullptr));
+    CloseHandle(hFile);
+    Bytes kept(8);
+    EXPECT_EQ(::getxattr(strPath.c_str(), ATTRIBUTE, kept.data(), kept.size()), 8);
     EXPECT_EQ(kept, test::U64(0x0123456789ABCDEF));
     EXPECT_EQ(created(), 0x0123456789ABCDEFU);
     // What is no time of ours is not taken for one.
@@ -214,7 +207,6 @@ TEST(PosixFiles, TheCreationTimeIsKeptBesideTheContents) {
         ::setxattr(strPath.c_str(), ATTRIBUTE, strOther.data(), strOther.size(), 0);
         EXPECT_EQ(created(), qwBirth);
     }
-    CloseHandle(hFile);
 }
 
 TEST(PosixFiles, FullDisksStopsAndPositionsThatLookLikeFailures) {
@@ -249,41 +241,33 @@ TEST(PosixFiles, FullDisksStopsAndPositionsThatLookLikeFailures) {
 
 TEST(PosixFiles, ATemporaryNameHasWholeCharactersOfItsPrefix) {
     const test::CTempFolder folder;
-    const std::pair<const char*, std::string> rows[] = {
-        {"\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC",
-         "\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC-"},
-        {"../../up", "..-"},
-        {"sub\\name", "sub-"},
-    };
-    for (const auto& [lpszPrefix, strBegin] : rows) {
+    const std::string strEuro = "\xE2\x82\xAC";
+    const std::string strFive = strEuro + strEuro + strEuro + strEuro + strEuro;
+    for (const auto& [strPrefix, strBegin] : {std::pair(strFive + strEuro, strFive + "-"),
+                                              {"../../up", "..-"},
+                                              {"sub\\name", "sub-"}}) {
         char szPath[MAX_PATH];
-        ASSERT_NE(GetTempFileNameA(folder.Path().c_str(), lpszPrefix, 0, szPath), 0U);
+        ASSERT_NE(GetTempFileNameA(folder.Path().c_str(), strPrefix.c_str(), 0, szPath), 0U);
         EXPECT_TRUE(std::string(szPath).starts_with(folder.Path(strBegin))) << szPath;
         EXPECT_EQ(fs::path(szPath).parent_path(), folder.Folder());
     }
 }
 
-TEST(PosixHandles, ANumberIsNotGivenTwice) {
-    std::set<HANDLE> seen;
-    for (int i = 0; i < 1000; ++i) {
-        const HANDLE hLock = CreateMutexA(nullptr, FALSE, nullptr);
-        EXPECT_TRUE(seen.insert(hLock).second && CloseHandle(hLock));
-    }
-}
-
-TEST(PosixHandles, ASuspendedThreadThatNobodyCanResumeEnds) {
+TEST(PosixHandles, NumbersAreNotGivenTwiceAndNobodyWaitsForOneThatIsGone) {
     const auto threads = [] {
         return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
     };
     const auto nBefore = threads();
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_TRUE(CloseHandle(CreateThread(
-            nullptr, 0, [](void*) -> DWORD { ::abort(); }, nullptr, CREATE_SUSPENDED, nullptr)));
+    const auto run = [](void*) -> DWORD { ::abort(); };
+    std::set<HANDLE> seen;
+    for (int i = 0; i < 20; ++i) {
+        const HANDLE hThread = CreateThread(nullptr, 0, run, nullptr, CREATE_SUSPENDED, nullptr);
+        EXPECT_TRUE(seen.insert(hThread).second && CloseHandle(hThread));
     }
     for (DWORD dwMs = 0; dwMs < AT_ONCE_MS && threads() > nBefore; dwMs += 5) {
         Sleep(5);
     }
-    EXPECT_EQ(threads(), nBefore);
+    EXPECT_EQ(threads(), nBefore) << "suspended threads that nobody can resume";
 }
 
 TEST(PosixMessages, TheDescriptorIsReadableWhileAMessageIsThere) {
@@ -297,65 +281,57 @@ TEST(PosixMessages, TheDescriptorIsReadableWhileAMessageIsThere) {
     EXPECT_TRUE(PostMessageA(hWnd, 3028, 0, 0) && PostMessageA(hWnd, 3028, 0, 0) && readable());
     EXPECT_TRUE(WaitWindowMessage(hWnd, 0, &message) && readable());
     EXPECT_TRUE(WaitWindowMessage(hWnd, 0, &message) && !readable());
-    int nPosted = 0;
-    while (nPosted < 100000 && PostMessageA(hWnd, 1, 0, 0) != FALSE) {
-        ++nPosted;
+    for (int i = 0; i <= 10000; ++i) {
+        EXPECT_EQ(PostMessageA(hWnd, 1, 0, 0) != FALSE, i < 10000) << "the queue is bounded";
     }
-    EXPECT_EQ(nPosted, 10000) << "the queue is bounded";
     EXPECT_EQ(GetLastError(), ERROR_TOO_MANY_POSTS);
     EXPECT_FALSE(CloseHandle(reinterpret_cast<HANDLE>(hWnd)));
     EXPECT_TRUE(DestroyMessageWindow(hWnd));
 }
 
 TEST(PosixRegistry, HasTheProcessorsSpeed) {
+    constexpr char KEY[] = "hardware\\description\\SYSTEM\\CentralProcessor\\0";
     HKEY hKey = nullptr;
     EXPECT_NE(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "MISSING", 0, KEY_READ, &hKey), 0);
-    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE,
-                            "hardware\\description\\SYSTEM\\CentralProcessor\\0", 0, KEY_READ,
-                            &hKey),
-              0);
-    DWORD dwMHz = 0;
-    DWORD dwType = 0;
-    DWORD dwSize = sizeof(dwMHz);
-    const auto query = [&](const char* lpszName, const char* lpszNamed) {
+    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, KEY, 0, KEY_READ, &hKey), 0);
+    const auto speed = [&](const char* lpszName, const char* lpszNamed) {
         const CEnvironment environment("DAK_CPU_MHZ", lpszNamed);
-        return RegQueryValueExA(hKey, lpszName, nullptr, &dwType, reinterpret_cast<BYTE*>(&dwMHz),
-                                &dwSize) == 0;
-    };
-    for (const auto& [lpszNamed, dwSpeed] : {std::pair("199", 199U),
-                                             {"0", 0U},
-                                             {"4294967296", 0xFFFFFFFFU},
-                                             {"99999999999999999999999", 0xFFFFFFFFU}}) {
-        EXPECT_TRUE(query("~MHz", lpszNamed) && dwMHz == dwSpeed) << lpszNamed;
+        DWORD dwMHz = 0x12345678;
+        DWORD dwType = REG_DWORD;
+        DWORD dwSize = sizeof(dwMHz);
+        EXPECT_TRUE(RegQueryValueExA(hKey, lpszName, nullptr, &dwType,
+                                     reinterpret_cast<BYTE*>(&dwMHz), &dwSize) == 0 ||
+                    dwMHz == 0x12345678);
         EXPECT_TRUE(dwType == REG_DWORD && dwSize == sizeof(dwMHz));
-    }
-    const auto machine = std::pair(query("~MHZ", nullptr), dwMHz);
+        return dwMHz;
+    };
+    EXPECT_EQ(speed("~MHz", "199"), 199U);
+    EXPECT_EQ(speed("~MHZ", "0"), 0U);
+    EXPECT_EQ(speed("~mhz", "4294967296"), 0xFFFFFFFFU);
+    EXPECT_EQ(speed("~MHZ", "99999999999999999999999"), 0xFFFFFFFFU);
     for (const char* lpszNoNumber : {"", "fast", "-5", "200 MHz", " 200"}) {
-        EXPECT_EQ(std::pair(query("~MHZ", lpszNoNumber), dwMHz), machine) << lpszNoNumber;
+        EXPECT_EQ(speed("~MHZ", lpszNoNumber), speed("~MHZ", nullptr)) << "the machine's own";
     }
-    EXPECT_FALSE(query("~MH", "199")) << "another value";
+    EXPECT_EQ(speed("~MH", "199"), 0x12345678U) << "another value";
     EXPECT_EQ(RegCloseKey(hKey), 0);
+    EXPECT_EQ(speed("~MHZ", "199"), 0x12345678U) << "closed";
     EXPECT_NE(RegCloseKey(hKey), 0);
-    EXPECT_FALSE(query("~MHZ", "199"));
 }
 
 // The processes that run a file of this name.
 static std::vector<DWORD> FindProcesses(const std::string& strName) {
     const HANDLE hSnapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    std::vector<DWORD> found[2];
+    std::vector<DWORD> found;
     PROCESSENTRY32 entry{};
-    for (auto& walk : found) {
-        for (BOOL bMore = Process32First(hSnapshot, &entry); bMore != FALSE;
-             bMore = Process32Next(hSnapshot, &entry)) {
-            if (strName == entry.szExeFile) {
-                walk.push_back(entry.th32ProcessID);
-            }
+    for (BOOL bMore = Process32First(hSnapshot, &entry); bMore != FALSE;
+         bMore = Process32Next(hSnapshot, &entry)) {
+        if (strName == entry.szExeFile) {
+            found.push_back(entry.th32ProcessID);
         }
-        EXPECT_FALSE(Process32Next(hSnapshot, &entry)) << "behind the last";
     }
-    EXPECT_EQ(found[0], found[1]);
+    EXPECT_TRUE(!Process32Next(hSnapshot, &entry) && Process32First(hSnapshot, &entry));
     EXPECT_TRUE(CloseHandle(hSnapshot) && !Process32First(hSnapshot, &entry));
-    return found[0];
+    return found;
 }
 
 TEST(PosixProcesses, AreFoundByTheirFileAndEnded) {

@@ -24,19 +24,19 @@ namespace platform::tests {
 class CEnvironment {
   public:
     CEnvironment(const char* lpszName, const char* lpszValue) : m_strName(lpszName) {
-        const char* lpszBefore = ::getenv(lpszName);
-        m_strBefore = lpszBefore != nullptr ? std::optional<std::string>(lpszBefore) : std::nullopt;
-        Set(lpszValue);
+        if (const char* lpszBefore = ::getenv(lpszName)) {
+            m_strBefore = lpszBefore;
+        }
+        lpszValue != nullptr ? ::setenv(lpszName, lpszValue, 1) : ::unsetenv(lpszName);
     }
-    ~CEnvironment() { Set(m_strBefore ? m_strBefore->c_str() : nullptr); }
+    ~CEnvironment() {
+        m_strBefore ? ::setenv(m_strName.c_str(), m_strBefore->c_str(), 1)
+                    : ::unsetenv(m_strName.c_str());
+    }
     CEnvironment(const CEnvironment&) = delete;
     CEnvironment& operator=(const CEnvironment&) = delete;
 
   private:
-    void Set(const char* lpszValue) const {
-        lpszValue != nullptr ? ::setenv(m_strName.c_str(), lpszValue, 1)
-                             : ::unsetenv(m_strName.c_str());
-    }
     const std::string m_strName;
     std::optional<std::string> m_strBefore;
 };
