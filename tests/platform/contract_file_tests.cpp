@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <map>
 #include <set>
+#include <sstream>
 
 namespace platform::tests {
 
@@ -15,8 +17,9 @@ static std::string In(const std::string& strName) {
     return contract::Folder() + "\\" + strName;
 }
 
-static bool Make(const char* lpszName, const std::string& strContents) {
-    const HANDLE hFile = Open(In(lpszName), GENERIC_WRITE, CREATE_ALWAYS);
+// Makes a file with these contents.
+static bool Make(const std::string& strPath, const std::string& strContents) {
+    const HANDLE hFile = Open(strPath, GENERIC_WRITE, CREATE_ALWAYS);
     const auto dwSize = static_cast<DWORD>(strContents.size());
     DWORD dwCount = 0;
     return WriteFile(hFile, strContents.data(), dwSize, &dwCount) != FALSE && dwCount == dwSize &&
@@ -29,97 +32,85 @@ static std::string Contents(const std::string& strPath) {
     DWORD dwCount = 0;
     const BOOL bRead = ReadFile(hFile, szBuffer, sizeof(szBuffer), &dwCount);
     CloseHandle(hFile);
-    return bRead != FALSE ? std::string(szBuffer, dwCount) : "none";
+    return bRead == FALSE ? "none" : dwCount == 0 ? "empty" : std::string(szBuffer, dwCount);
 }
 
-static bool Move(const char* lpszFrom, const char* lpszTo) {
-    return MoveFileA(In(lpszFrom).c_str(), In(lpszTo).c_str()) != FALSE;
-}
-static bool Replace(const char* lpszFrom, const char* lpszTo) {
-    return MoveFileExA(In(lpszFrom).c_str(), In(lpszTo).c_str(), MOVEFILE_REPLACE_EXISTING) !=
-           FALSE;
-}
-static bool Delete(const char* lpszName) {
-    return DeleteFileA(In(lpszName).c_str()) != FALSE;
-}
-static bool Mark(const char* lpszName, DWORD dwAttributes) {
-    return SetFileAttributesA(In(lpszName).c_str(), dwAttributes) != FALSE;
-}
-static bool MakeFolder(const std::string& strName) {
-    return CreateDirectoryA(In(strName).c_str(), nullptr) != FALSE;
-}
-
-// Whether something was done, and what the two files of a test hold then.
-static std::string After(bool bDone) {
-    return (bDone ? "done " : "refused ") + Contents(In("a")) + " " + Contents(In("b"));
-}
-
-CONTRACT_TEST(Files, AreMadeMovedReplacedAndDeleted) {
-    EXPECT_TRUE(MakeFolder("folder"));
-    EXPECT_EQ(After(Make("a", "one")), "done one none");
-    EXPECT_EQ(After(Move("a", "b")), "done none one");
-    EXPECT_EQ(After(Move("a", "b")), "refused none one");
-    EXPECT_EQ(After(Replace("a", "b")), "refused none one");
-    EXPECT_EQ(After(Make("a", "two")), "done two one");
-    const bool bMoved = Move("a", "b");
-    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
-    EXPECT_EQ(After(bMoved), "refused two one");
-    EXPECT_EQ(After(Replace("a", "folder")), "refused two one");
-    EXPECT_EQ(After(Mark("b", FILE_ATTRIBUTE_READONLY)), "done two one");
-    EXPECT_EQ(After(Replace("a", "b")), "refused two one");
-    EXPECT_EQ(After(Delete("b")), "refused two one");
-    EXPECT_EQ(After(Opens(In("b"), GENERIC_WRITE)), "refused two one");
-    EXPECT_EQ(After(Opens(In("b"), GENERIC_WRITE, CREATE_ALWAYS)), "refused two one");
-    EXPECT_EQ(After(Mark("b", FILE_ATTRIBUTE_NORMAL)), "done two one");
-    EXPECT_EQ(After(Replace("a", "b")), "done none two");
-    EXPECT_EQ(After(Delete("b")), "done none none");
-    EXPECT_FALSE(Delete("b") || Delete("folder") || Mark("b", FILE_ATTRIBUTE_NORMAL));
+// Does what the words say with files of the test's folder.
+static bool Does(const std::string& strWords) {
+    std::istringstream words(strWords);
+    std::string strVerb;
+    std::string strName;
+    std::string strOther;
+    words >> strVerb >> strName >> strOther;
+    const std::string strPath = In(strName);
+    const char* lpszPath = strPath.c_str();
+    const std::map<std::string, DWORD> dispositions = {{"create-new", CREATE_NEW},
+                                                       {"create", CREATE_ALWAYS},
+                                                       {"open", OPEN_EXISTING},
+                                                       {"open-always", OPEN_ALWAYS},
+                                                       {"truncate", TRUNCATE_EXISTING}};
+    const auto open = dispositions.find(strVerb);
+    return open != dispositions.end() ? Opens(strPath, GENERIC_WRITE, open->second)
+           : strVerb == "make"        ? Make(strPath, strOther)
+           : strVerb == "folder"      ? CreateDirectoryA(lpszPath, nullptr) != FALSE
+           : strVerb == "move"        ? MoveFileA(lpszPath, In(strOther).c_str()) != FALSE
+           : strVerb == "replace"
+               ? MoveFileExA(lpszPath, In(strOther).c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE
+           : strVerb == "delete"  ? DeleteFileA(lpszPath) != FALSE
+           : strVerb == "protect" ? SetFileAttributesA(lpszPath, FILE_ATTRIBUTE_READONLY) != FALSE
+                                  : SetFileAttributesA(lpszPath, FILE_ATTRIBUTE_NORMAL) != FALSE;
 }
 
-CONTRACT_TEST(Files, OpenAsAsked) {
-    const struct {
-        DWORD dwDisposition;
-        const char* lpszOld;
-        const char* lpszNew;
-    } rows[] = {
-        {OPEN_EXISTING, "done contents none", "refused none none"},
-        {OPEN_ALWAYS, "done contents none", "done  none"},
-        {CREATE_NEW, "refused contents none", "done  none"},
-        {CREATE_ALWAYS, "done  none", "done  none"},
-        {TRUNCATE_EXISTING, "done  none", "refused none none"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.dwDisposition);
-        Make("a", "contents");
-        EXPECT_EQ(After(Opens(In("a"), GENERIC_WRITE, row.dwDisposition)), row.lpszOld);
-        EXPECT_TRUE(Delete("a"));
-        EXPECT_EQ(After(Opens(In("a"), GENERIC_WRITE, row.dwDisposition)), row.lpszNew);
+CONTRACT_TEST(Files, AreMadeOpenedMovedAndDeleted) {
+    // What is tried: whether it is done, and what the files a and b hold then.
+    const char* const rows[] = {
+        "folder folder: yes none none",   "make a one: yes one none",
+        "move a b: yes none one",         "move a b: no none one",
+        "replace a b: no none one",       "make a two: yes two one",
+        "move a b: no two one",           "replace a folder: no two one",
+        "protect b: yes two one",         "replace a b: no two one",
+        "delete b: no two one",           "open b: no two one",
+        "create b: no two one",           "free b: yes two one",
+        "replace a b: yes none two",      "delete b: yes none none",
+        "delete b: no none none",         "delete folder: no none none",
+        "free b: no none none",           "open a: no none none",
+        "truncate a: no none none",       "open-always a: yes empty none",
+        "create-new b: yes empty empty",  "make a old: yes old empty",
+        "open a: yes old empty",          "open-always a: yes old empty",
+        "create-new a: no old empty",     "truncate a: yes empty empty",
+        "make b old: yes empty old",      "create b: yes empty empty",
+        "delete a: yes none empty",       "create a: yes empty empty",
+        "create no/file: no empty empty", "folder no/folder: no empty empty",
+        "open folder: no empty empty"};
+    for (const std::string strRow : rows) {
+        const std::string strWords = strRow.substr(0, strRow.find(':'));
+        const std::string strDone = Does(strWords) ? ": yes " : ": no ";
+        EXPECT_EQ(strWords + strDone + Contents(In("a")) + " " + Contents(In("b")), strRow);
     }
-    EXPECT_FALSE(Opens(contract::Folder()) || Opens("") || MakeFolder("no folder\\b") ||
-                 Opens(In("no folder\\file"), GENERIC_WRITE, CREATE_ALWAYS));
-
-    // And transfer only what they were opened for.
-    Make("a", "contents");
-    char ch = 'x';
-    DWORD dwCount = 77;
-    HANDLE hFile = Open(In("a"));
-    EXPECT_FALSE(WriteFile(hFile, &ch, 1, &dwCount));
-    EXPECT_TRUE(CloseHandle(hFile));
-    hFile = Open(In("a"), GENERIC_WRITE);
-    EXPECT_FALSE(ReadFile(hFile, &ch, 1, &dwCount));
-    EXPECT_TRUE(CloseHandle(hFile));
-    EXPECT_EQ(dwCount, 77U);
+    for (const char* lpszTaken : {"move a b", "folder a", "folder folder"}) {
+        EXPECT_TRUE(!Does(lpszTaken) && GetLastError() == ERROR_ALREADY_EXISTS) << lpszTaken;
+    }
+    EXPECT_FALSE(Opens(""));
 }
 
 CONTRACT_TEST(Files, MayHaveNamesOfAnyTextBehindEitherSlash) {
     const std::string strName = "\xC3\xBC\xE2\x82\xAC";
-    const std::string strBelow = strName + "/" + strName;
-    EXPECT_TRUE(MakeFolder(strName) && MakeFolder(strBelow) && Make("file", ""));
-    EXPECT_TRUE(Make((strBelow + "\\\xF0\x9F\x98\x80 name").c_str(), "one"));
+    EXPECT_TRUE(Does("folder " + strName) && Does("folder " + strName + "/" + strName));
+    EXPECT_TRUE(Make(In(strName + "/" + strName + "\\\xF0\x9F\x98\x80 name"), "one"));
     EXPECT_EQ(Contents(In(strName + "\\" + strName + "/\xF0\x9F\x98\x80 name")), "one");
-    EXPECT_FALSE(MakeFolder(strName));
-    EXPECT_FALSE(MakeFolder("file"));
-    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+}
+
+CONTRACT_TEST(Files, TransferOnlyWhatTheyWereOpenedFor) {
+    EXPECT_TRUE(Does("make a contents"));
+    for (const DWORD dwAccess : {GENERIC_READ, GENERIC_WRITE}) {
+        char ch = 'x';
+        DWORD dwCount = 77;
+        HANDLE hFile = Open(In("a"), dwAccess);
+        EXPECT_FALSE(dwAccess == GENERIC_READ ? WriteFile(hFile, &ch, 1, &dwCount)
+                                              : ReadFile(hFile, &ch, 1, &dwCount));
+        EXPECT_EQ(dwCount, 77U);
+        EXPECT_TRUE(CloseHandle(hFile));
+    }
 }
 
 CONTRACT_TEST(Files, AreWrittenAndReadAtThePosition) {
@@ -156,18 +147,18 @@ CONTRACT_TEST(Files, TemporaryNamesAreNewEmptyAndNeverTooLong) {
         ASSERT_TRUE(make(contract::Folder(), lpszPrefix));
         EXPECT_TRUE(names.insert(target.szPath).second) << target.szPath;
         EXPECT_TRUE(std::string(target.szPath).starts_with(contract::Folder()));
-        EXPECT_EQ(Contents(target.szPath), "");
+        EXPECT_EQ(Contents(target.szPath), "empty");
     }
     EXPECT_FALSE(make(In("missing"), "a") || make(std::string(300, 'f'), "a"));
     // Folders of every length around the one for which nothing is left.
     std::string strFolder(20, 'd');
     while (In(strFolder).size() < 245) {
-        ASSERT_TRUE(MakeFolder(strFolder));
+        ASSERT_TRUE(Does("folder " + strFolder));
         strFolder.append("\\").append(20, 'd');
     }
     for (strFolder.resize(strFolder.rfind('\\') + 2); In(strFolder).size() < MAX_PATH;
          strFolder += 'e') {
-        MakeFolder(strFolder);
+        Does("folder " + strFolder);
         const bool bMade = make(In(strFolder), "prefix");
         EXPECT_TRUE(bMade || In(strFolder).size() > 225) << "there was room enough";
         EXPECT_TRUE(!bMade || Opens(target.szPath));
@@ -228,40 +219,31 @@ CONTRACT_TEST(Memory, IsZeroAndRoomIsTold) {
     EXPECT_FALSE(GetDiskFreeSpaceExA(In("missing").c_str(), &qwFree, nullptr, nullptr));
 }
 
-// Converts with exactly the right room; with any smaller one it is refused.
-template <class UNIT, class CONVERT>
-static std::basic_string<UNIT> Converted(std::size_t nUnits, const CONVERT& convert) {
-    for (std::size_t nRoom = 1;; ++nRoom) {
-        std::vector<UNIT> units(nRoom);
-        const int nWritten = convert(units.data(), static_cast<int>(nRoom));
-        if (nRoom == nUnits) {
-            EXPECT_EQ(nWritten, static_cast<int>(nUnits));
-            return {units.begin(), units.end() - 1};
-        }
-        EXPECT_TRUE(nWritten == 0 && GetLastError() == ERROR_INSUFFICIENT_BUFFER);
-    }
-}
-
-CONTRACT_TEST(Text, GoesToUtf16AndBack) {
+CONTRACT_TEST(Text, GoesToUtf16AndBackWhereThereIsRoom) {
     const std::pair<std::string, std::basic_string<WCHAR>> rows[] = {
-        {"", DAK_WIDE("")},
         {"plain\\text", DAK_WIDE("plain\\text")},
         {"\x7F\xC2\x80\xDF\xBF", DAK_WIDE("\x7F\x80\x7FF")},
         {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBD", DAK_WIDE("\x800\xD7FF\xE000\xFFFD")},
         {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", DAK_WIDE("\xD800\xDC00\xDBFF\xDFFF")},
     };
-    for (const auto& row : rows) {
-        BOOL bReplaced = TRUE;
-        const auto toWide = [&](WCHAR* lpTarget, int nRoom) {
-            return MultiByteToWideChar(CP_ACP, 0, row.first.c_str(), -1, lpTarget, nRoom);
-        };
-        const auto toNarrow = [&](char* lpTarget, int nRoom) {
-            return WideCharToMultiByte(CP_ACP, 0, row.second.c_str(), -1, lpTarget, nRoom, nullptr,
-                                       &bReplaced);
-        };
-        EXPECT_EQ(Converted<WCHAR>(row.second.size() + 1, toWide), row.second);
-        EXPECT_EQ(Converted<char>(row.first.size() + 1, toNarrow), row.first);
-        EXPECT_FALSE(bReplaced);
+    for (const auto& [strNarrow, strWide] : rows) {
+        // With exactly the room that is needed, and with every smaller one.
+        for (std::size_t nShort = 0; nShort < strWide.size(); ++nShort) {
+            std::basic_string<WCHAR> wide(strWide.size() + 1 - nShort, 0);
+            std::string narrow(strNarrow.size() + 1 - nShort, 0);
+            const auto nWide = static_cast<int>(wide.size());
+            const auto nNarrow = static_cast<int>(narrow.size());
+            BOOL bReplaced = TRUE;
+            EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, strNarrow.c_str(), -1, wide.data(), nWide),
+                      nShort == 0 ? nWide : 0);
+            EXPECT_TRUE(nShort == 0 || GetLastError() == ERROR_INSUFFICIENT_BUFFER);
+            EXPECT_EQ(WideCharToMultiByte(CP_ACP, 0, strWide.c_str(), -1, narrow.data(), nNarrow,
+                                          nullptr, &bReplaced),
+                      nShort == 0 ? nNarrow : 0);
+            EXPECT_TRUE(nShort == 0
+                            ? wide.c_str() == strWide && narrow.c_str() == strNarrow && !bReplaced
+                            : GetLastError() == ERROR_INSUFFICIENT_BUFFER);
+        }
     }
     char szCopy[] = "12345";
     EXPECT_TRUE(lstrcpyA(szCopy, "abc") == szCopy && szCopy == std::string("abc"));
