@@ -481,7 +481,7 @@ class CMemoryProcesses final : public agent::CDeviceProcesses {
         const std::lock_guard<std::mutex> lock(m_device.m_mutex);
         return std::any_of(m_device.m_programs.begin(), m_device.m_programs.end(),
                            [](const auto& program) { return !program.pState->bEnded; })
-                   ? std::optional(qwNowMs + 10)
+                   ? std::optional(qwNowMs + 50)
                    : std::nullopt;
     }
 
