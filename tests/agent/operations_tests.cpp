@@ -192,7 +192,8 @@ TEST_F(Operations, PathsAndWorkOnThem) {
     // At each moment of the work a handshake is served at once, and ends it; no room is a failure.
     memory.nWorkSteps = 4;
     for (const std::uint16_t codeFunc : {std::uint16_t{1}, std::uint16_t{20}}) {
-        const Bytes fields = codeFunc == 1 ? two(u"\\new", u"\\x") : Join(two(u"\\x", u"\\y"), U32(0));
+        const Bytes fields =
+            codeFunc == 1 ? two(u"\\new", u"\\x") : Join(two(u"\\x", u"\\y"), U32(0));
         const TREE before = memory.Files();
         for (std::uint64_t nSteps = 0; nSteps < 4; ++nSteps) {
             host.Put(Command(codeFunc, fields));
