@@ -415,6 +415,9 @@ INSTANTIATE_TEST_SUITE_P(Seed, Model, testing::Range(1U, 13U));
 TEST(FolderPaths, AgainstOperations) {
     struct CPaths : CWorld {
         CPaths() {
+            Lay("root/far/");
+            storages.push_back({"Far", "root/far"});
+            Open();
             Lay("root/d/f=f root/d/sub/x=x root/ro=ro root/ro:444 root/locked/y=y root/locked:555 "
                 "root/.dak-x=own "
                 "card/c=c root/empty/ root/link>d/f root/same>d root/out>../outside.txt "
@@ -458,7 +461,8 @@ TEST(FolderPaths, AgainstOperations) {
         }
     };
     std::istringstream rows(
-        "/ il$X d il$cm d/f isrwepdcCm d/sub il$cm empty il$dcTm Card il$cX Card/c isrwepdcCm "
+        "/ il$X far il$c d il$cm d/f isrwepdcCm d/sub il$cm empty il$dcTm Card il$cX Card/c "
+        "isrwepdcCm "
         "In il$cX ro isrcm locked il$cTm locked/y isrwedcm locked/z k link isrwepdcCm "
         "same il$pdcCm same/f isrwepdcCm out pdCm abs pdCm dangling pdCm up pdCm "
         "up/outside.txt - up/z - fifo - none npkCTM none/z p d/f/z -");
