@@ -688,6 +688,7 @@ TEST_F(Folder, FormatEmptiesAtOnceAndRemovesInTheBackground) {
     EXPECT_EQ(Do("format Twin format Card"), "ny");
     EXPECT_EQ(Free(), qwFree);
     EXPECT_TRUE(fs::exists(base / "card/a")) << "nothing has been removed yet";
+    EXPECT_EQ(fs::status(base / "card/.dak-format/.dak-1").permissions(), fs::perms(0777));
     EXPECT_EQ(Do("put Card/a new put Card/dir/b b mkdir Card/link"), "yyy");
     Work(false); // what the host writes stays where it is as long as an exchange is open
     EXPECT_TRUE(fs::exists(base / "card/.dak-format"));
