@@ -510,7 +510,7 @@ TEST_F(Folder, WhatAFileBringsAndHandsOn) {
     EXPECT_EQ(pFolder->Find(At("d/old"))->times.ftLastWrite, times.ftLastWrite);
     EXPECT_EQ(pFolder->Find(At("d/old"))->times.ftCreation, times.ftCreation);
     EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
-    EXPECT_EQ(Do("copy t/sub/deep/ro d/old"), "y");
+    EXPECT_EQ(Do("copy t/sub/deep/ro d/old copy d/old d/old copy t t move d/old d/old"), "ynnn");
     EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
     // What cannot be copied ends the whole copy; one that is given up at any moment leaves nothing,
     // however large what there is of it.
