@@ -75,6 +75,7 @@ class CFileSource final : public CStreamSource {
     std::size_t m_nNextFile = 0;
     std::uint64_t m_qwLeft = 0; // of the contents of file m_nNextFile - 1
     std::unique_ptr<CSourceFile> m_pFile;
+    bool m_bLost = false; // a part of these contents could not be had
 };
 
 // Takes the next wanted name of the command to be looked at. False when there is none left.
@@ -175,6 +176,7 @@ void CFileSource::Rewind() {
     m_nNextFile = 0;
     m_qwLeft = 0;
     m_pFile.reset();
+    m_bLost = false;
 }
 
 void CFileSource::BeginRecord() {
@@ -191,6 +193,7 @@ void CFileSource::BeginRecord() {
     m_dwFieldsAt = 0;
     m_qwLeft = file.dwSize;
     m_pFile.reset();
+    m_bLost = false;
 }
 
 bool CFileSource::OpenContents() {
@@ -207,8 +210,9 @@ bool CFileSource::OpenContents() {
     return true;
 }
 
+// What comes behind a part that could not be had would not stand where it belongs.
 bool CFileSource::ReadContents(std::span<std::uint8_t> data) {
-    const bool bOpen = m_pFile || OpenContents();
+    const bool bOpen = !m_bLost && (m_pFile || OpenContents());
     const std::size_t dwRead = bOpen ? m_pFile->Read(data) : 0;
     std::fill(data.begin() + static_cast<std::ptrdiff_t>(dwRead), data.end(), std::uint8_t{0});
     m_qwLeft -= data.size();
@@ -218,6 +222,7 @@ bool CFileSource::ReadContents(std::span<std::uint8_t> data) {
     if (dwRead == data.size()) {
         return true;
     }
+    m_bLost = true;
     m_device.Log("copy from the device: " + RelativeOf(m_files[m_nNextFile - 1]) +
                  " is shorter than it was, or cannot be read");
     return false;

@@ -117,7 +117,7 @@ class CPosixFolder final : public CDeviceFolder {
     CFd Open(const CDevicePath& path, int nFlags) const;
     CFd OpenMaking(const CDevicePath& folder);
     CFd MakeFile(const CDevicePath& path, int nFlags) const;
-    static std::uint64_t CountBytes(CFd fdFolder);
+    std::uint64_t CountBytes(CFd fdFolder) const;
 
     CFd m_fdRoot;
     std::function<void(const std::string&)> m_lpLog;
@@ -196,7 +196,8 @@ bool CPosixFolder::AddStorage(const std::string& strName, const std::string& str
     return true;
 }
 
-std::uint64_t CPosixFolder::CountBytes(CFd fdFolder) {
+// Without the folders below it that are served themselves, and counted for themselves.
+std::uint64_t CPosixFolder::CountBytes(CFd fdFolder) const {
     std::uint64_t qwBytes = 0;
     CDirectory directory(std::move(fdFolder));
     if (!directory.Open()) {
@@ -209,7 +210,7 @@ std::uint64_t CPosixFolder::CountBytes(CFd fdFolder) {
         }
         if (S_ISREG(status.st_mode)) {
             qwBytes += static_cast<std::uint64_t>(status.st_size);
-        } else if (S_ISDIR(status.st_mode)) {
+        } else if (S_ISDIR(status.st_mode) && !IsServed(status)) {
             qwBytes += CountBytes(CFd(::openat(directory.Fd(), pEntry->d_name,
                                                O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
         }
