@@ -13,7 +13,7 @@ need_packages "${BUILD_PACKAGES[@]}" "${WINDOWS_PACKAGES[@]}"
 cd "$DAK_HOME"
 
 # What tests of their own Wine folder have behind WINEPREFIX (tests/CMakeLists.txt).
-OWN_FOLDERS=(-seam -end-to-end -command -code-page)
+OWN_FOLDERS=(-seam -library -command -copies -code-page)
 
 work=$(mktemp -d)
 finish() {

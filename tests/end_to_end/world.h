@@ -1,11 +1,13 @@
-// A world for each end-to-end test: a computer with a device attached. On Linux the device is an
-// agent's process on a folder (world_posix.cpp); on Windows the agent's core on a device in memory,
+// A world for each end-to-end test: a computer with a device. On Linux the device is the agent's
+// process on a folder (world_posix.cpp); on Windows it is the agent's core on a device in memory,
 // in this process, behind a pipe that the system takes for a device (world_windows.cpp).
 #pragma once
 
 #include "tests/support/process.h"
 
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,61 +21,59 @@ using test::TREE;
 
 enum class EWay { ToDevice, ToHost };
 
-class CWorld {
+// It has a storage "Card", room for 20 MB, runs programs, and formats. Its files outlive an Unplug.
+class IDevice {
   public:
-    CWorld();
-    ~CWorld();
-    CWorld(const CWorld&) = delete;
-    CWorld& operator=(const CWorld&) = delete;
+    virtual ~IDevice() = default;
 
-    // Bytes to the device, or to the host, behind which a copy is troubled, and those behind which
-    // a command falls silent: from its handshake into its response.
-    static const std::vector<std::uint64_t> MOMENTS;
-    static const std::vector<std::pair<EWay, std::uint64_t>> OF_A_COMMAND;
-    static const int OTHER_INTERRUPT; // beside Ctrl-C
+    virtual void Plug() = 0;
+    virtual void Unplug() = 0; // in the middle of whatever it does
+    // From now on: when so many bytes have passed, with 0 at once, it does nothing more.
+    virtual void HoldAfter(EWay way, std::uint64_t qwBytes) = 0;
+    virtual bool Holds() const = 0;
+    virtual void GoOn() = 0;
 
-    // The device has a storage "Card", runs programs, and formats. Its files outlive it.
-    void Plug();
-    void Unplug(); // in the middle of whatever it does
-    // From now on: when so many bytes have passed it, 0 at once, the device does nothing more.
-    void HoldAfter(EWay way, std::uint64_t qwBytes);
-    bool Holds() const;
-    void GoOn();
-    bool DeviceSays(const std::string& strText) const; // to its owner
+    virtual TREE Files() const = 0;
+    virtual void Write(const TREE& files) = 0; // a program ends with the number in its argument
+    virtual bool Says(const std::string& strText) const = 0; // to its owner
+};
+std::unique_ptr<IDevice> MakeDevice(const test::CTempFolder& folder);
 
-    TREE Files() const;                 // of the device
-    void WriteFiles(const TREE& files); // a program there ends with the number in its argument
+// Moments of the device of this system. Bytes behind which a copy gets into trouble, and those
+// behind which a command meets silence, from its handshake into its response.
+extern const std::vector<std::uint64_t> g_copyMoments;
+extern const std::vector<std::pair<EWay, std::uint64_t>> g_commandMoments;
+extern const int g_nOtherInterrupt; // beside Ctrl-C
 
-    // A program of this build, by its name and with its arguments, in the folder "host".
-    std::unique_ptr<CProgram> Start(std::vector<std::string> words, CSurroundings found = {}) const;
-    std::unique_ptr<CProgram> Run(std::vector<std::string> words, CSurroundings found = {}) const {
-        std::unique_ptr<CProgram> pProgram = Start(std::move(words), std::move(found));
+std::string PathOfProgram(const std::string& strName); // of this build
+
+struct CWorld {
+    // A program of this build and its arguments, between blanks, in the folder "host".
+    std::unique_ptr<CProgram> Start(const std::string& strLine, CSurroundings found = {}) const {
+        std::istringstream stream(strLine);
+        std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+        words[0] = PathOfProgram(words[0]);
+        found.strFolder = folder.Path("host");
+        return std::make_unique<CProgram>(words, std::move(found));
+    }
+    std::unique_ptr<CProgram> Run(const std::string& strLine, CSurroundings found = {}) const {
+        auto pProgram = Start(strLine, std::move(found));
         pProgram->End();
         return pProgram;
     }
 
     const test::CTempFolder folder;
-
-  private:
-    class CDevice;
-    std::unique_ptr<CDevice> m_pDevice;
+    const std::unique_ptr<IDevice> pDevice = MakeDevice(folder);
 };
 
 // A terminal of 100 columns, for one program at a time.
-class CTerminal {
+class ITerminal {
   public:
-    CTerminal();
-    ~CTerminal();
-    CTerminal(const CTerminal&) = delete;
-    CTerminal& operator=(const CTerminal&) = delete;
-
-    CSurroundings ForProgram() const;
-    void Type(const std::string& strKeys); // "\r" is Enter, "\x03" Ctrl-C, "\x04" ends the input
-    std::string Shown();                   // in the end the line that the cursor is in
-
-  private:
-    int m_nOurs = -1;
-    std::string m_strShown;
+    virtual ~ITerminal() = default;
+    virtual CSurroundings ForProgram() const = 0;
+    virtual void Type(const std::string& strKeys) = 0; // \r: Enter, \4: the input's end, \3: Ctrl-C
+    virtual std::string Shown() = 0;                   // in the end the line that the cursor is in
 };
+std::unique_ptr<ITerminal> MakeTerminal();
 
 } // namespace end_to_end
