@@ -106,7 +106,7 @@ TEST_F(Library, AJobEndsWhenItIsCalledOff) {
         int nPercent = 0;
         m_pDak->GetCopyStatus(szFrom.data(), szTo.data(), dwTotal, dwCopied, nPercent);
         EXPECT_EQ(dwTotal, 300'000U);
-        EXPECT_TRUE(dwCopied > 50'000 && dwCopied < 100'000) << dwCopied;
+        EXPECT_TRUE(dwCopied > 50'000 && dwCopied < 120'000) << dwCopied;
         EXPECT_EQ(nPercent, static_cast<int>(dwCopied / 3000));
         m_pDak->TerminateTransfer();
         EXPECT_FALSE(m_pDak->IsTransmitting());

@@ -2,6 +2,8 @@
 #include "link/dak_vorn.h"
 #include "tests/end_to_end/world.h"
 
+#include <algorithm>
+
 namespace end_to_end {
 namespace {
 
@@ -16,7 +18,7 @@ TEST(Windows, ProcessesThatHoldThePipeAreEnded) {
          {"WCESCOMM2.exe", "WCESMgr.exe.exe", "WCESCOMM.exe", "other/wcesmgr.EXE", "WCESMgr.exe"}) {
         const fs::path path = world.folder / lpszName;
         fs::create_directories(path.parent_path());
-        fs::copy_file(test::PathOf(CWorld::ProgramOf("stand_in")), path);
+        fs::copy_file(test::PathOf(PathOfProgram("stand_in")), path);
         programs.push_back(std::make_unique<CProgram>(std::vector{test::NameOf(path)}));
         EXPECT_TRUE(Eventually([&] { return programs.back()->Says("begun"); })) << lpszName;
     }
@@ -38,41 +40,40 @@ TEST(Windows, ProcessesThatHoldThePipeAreEnded) {
 // its code page, which stays as it is, does not have.
 TEST(Windows, WordsAreTakenAndShownWhole) {
     const CWorld world;
-    world.folder.Write("host", {{"\xC3\xA4 1.txt", "12"}, {"b.txt", "3"}, {"c.bin", "4"}});
+    world.folder.Write("host", {{"\xC3\xA4.txt", "12"}, {"b.txt", "3"}, {"c.bin", "4"}});
     const struct {
-        std::vector<std::string> words;
+        const char* lpszLine;
         int nExit;
         const char* lpszSaid;
     } rows[] = {
-        {{"push", "--json", "*.txt", "*.none", "/"}, 3, "\"path\": \"*.none\""},
-        {{"push", "--json", "*.txt", "/"}, 3, "\xC3\xA4 1.txt\""},
-        {{"pull", "/a:b", "\\Docs\\NUL", "."}, 1, "left out \\Docs\\NUL: its name is that of a"},
-        {{"pull", "/a/Name", "/b/nAME", "."}, 3, "left out \\b\\nAME: another source"},
-        {{"pull", "/a", "Q:\\none"}, 8, "cannot be made or used"},
-        {{"push", "\xE6\xBC\xA2 \xF0\x9F\x98\x80", "/"},
-         1,
-         "left out \xE6\xBC\xA2 \xF0\x9F\x98\x80: there is no such file"},
+        {"dak push --json *.txt *.none /", 3, "\"path\": \"*.none\""},
+        {"dak push --json *.txt /", 3, "\xC3\xA4.txt\""},
+        {"dak pull /a:b \\Docs\\NUL .", 1, "left out \\Docs\\NUL: its name is that of a device"},
+        {"dak pull /a/Name /b/nAME .", 3, "left out \\b\\nAME: another source"},
+        {"dak pull /a Q:\\none", 8, "cannot be made or used"},
+        {"dak push \xE6\xBC\xA2\xF0\x9F\x98\x80 /", 1,
+         "left out \xE6\xBC\xA2\xF0\x9F\x98\x80: there is"},
     };
     for (const auto& row : rows) {
-        const auto pDak = world.RunDak(row.words);
-        EXPECT_EQ(pDak->End(), row.nExit) << row.lpszSaid;
+        const auto pDak = world.Run(row.lpszLine);
+        EXPECT_EQ(pDak->End(), row.nExit) << row.lpszLine;
         EXPECT_TRUE(pDak->Says(row.lpszSaid)) << pDak->Output() << pDak->Errors();
         EXPECT_FALSE(pDak->Says("\r"));
     }
     ::SetConsoleOutputCP(437);
-    CTerminal console;
-    EXPECT_EQ(
-        world.RunDak({"push", "\xC3\xA4\xCE\xBB\xE6\xBC\xA2", "/"}, console.ForProgram())->End(),
-        1);
-    EXPECT_NE(console.Shown().find("dak: left out \xC3\xA4\xCE\xBB\xE6\xBC\xA2"), std::string::npos)
-        << console.Shown();
+    const auto pConsole = MakeTerminal();
+    EXPECT_EQ(world.Run("dak push \xC3\xA4\xCE\xBB\xE6\xBC\xA2 /", pConsole->ForProgram())->End(),
+              1);
+    EXPECT_NE(pConsole->Shown().find("dak: left out \xC3\xA4\xCE\xBB\xE6\xBC\xA2"),
+              std::string::npos)
+        << pConsole->Shown();
     EXPECT_EQ(::GetConsoleOutputCP(), 437U);
 }
 
 // The example with a window: a copy to its end, and one that its window's closing cuts short.
 TEST(Windows, AWindowCopies) {
-    CWorld world;
-    world.Plug();
+    const CWorld world;
+    world.pDevice->Plug();
     world.folder.Write("host/tree", {{"a", "a"}, {"b", std::string(300'000, 'b')}});
     const auto window = [] { return ::FindWindowW(L"DakCopyWindow", nullptr); };
     const auto shows = [&](const wchar_t* lpszText) {
@@ -84,17 +85,17 @@ TEST(Windows, AWindowCopies) {
         return std::wstring(szText.data()).find(lpszText) != std::wstring::npos;
     };
     for (const bool bCloses : {true, false}) {
-        world.HoldAfter(EWay::ToDevice, bCloses ? 100'000 : 1'000'000);
-        const auto pWindow = world.Start({"copy_window", "tree", "\\Docs"});
-        EXPECT_TRUE(
-            Eventually([&] { return bCloses ? world.Holds() : shows(L"Files copied: 2."); }));
+        world.pDevice->HoldAfter(EWay::ToDevice, bCloses ? 100'000 : 1'000'000);
+        const auto pWindow = world.Start("copy_window tree \\Docs");
+        EXPECT_TRUE(Eventually(
+            [&] { return bCloses ? world.pDevice->Holds() : shows(L"Files copied: 2."); }));
         ::PostMessageW(window(), WM_CLOSE, 0, 0);
         if (bCloses) {
             EXPECT_TRUE(Eventually([&] { return shows(L"Cancelling"); }));
-            world.GoOn();
+            world.pDevice->GoOn();
         }
         EXPECT_EQ(pWindow->End(), bCloses ? 1 : 0);
-        EXPECT_EQ(world.Files().size(), bCloses ? 1U : 2U);
+        EXPECT_EQ(world.pDevice->Files().size(), bCloses ? 1U : 2U);
     }
 }
 
