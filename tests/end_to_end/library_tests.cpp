@@ -98,6 +98,7 @@ TEST_F(Library, IsOfOneProcessAtATime) {
 
 TEST_F(Library, AJobEndsWhenItIsCalledOff) {
     for (const UINT nDirection : {DAK_TO_DEVICE, DAK_FROM_DEVICE}) {
+        SCOPED_TRACE(nDirection);
         TransmitHalf(nDirection);
         std::array<char, MAX_PATH> szFrom{};
         std::array<char, MAX_PATH> szTo{};

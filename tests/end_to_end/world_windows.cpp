@@ -13,8 +13,7 @@
 namespace end_to_end {
 namespace {
 
-// It lets whole packages pass to the core, and to the host the first bytes of one as well. What the
-// presented device asks comes from a thread of its own.
+// Packages pass whole, and what the presented device asks comes from a thread of its own.
 class CDevice final : public IDevice, private device_test::IPeer {
   public:
     CDevice() {
@@ -102,8 +101,7 @@ class CDevice final : public IDevice, private device_test::IPeer {
     }
     std::span<const std::uint8_t> Offer() override {
         const std::lock_guard hold(m_mutex);
-        const auto next = Holds() ? std::span<const std::uint8_t>() : m_pCore->NextBytes();
-        return next.first(std::min<std::uint64_t>(next.size(), m_left[1]));
+        return Holds() ? std::span<const std::uint8_t>() : m_pCore->NextBytes();
     }
     void OfferTaken(std::size_t dwBytes) override {
         const std::lock_guard hold(m_mutex);
@@ -177,7 +175,9 @@ class CConsole final : public ITerminal {
         ::FreeConsole();
         ::AllocConsole();
         const int nScreen = ::_open("CONOUT$", _O_RDWR);
+        const SMALL_RECT window{0, 0, 99, 24};
         ::SetConsoleScreenBufferSize(HandleOf(nScreen), {100, 300});
+        ::SetConsoleWindowInfo(HandleOf(nScreen), TRUE, &window);
         ::_close(nScreen);
         return ::SetConsoleCtrlHandler([](DWORD) -> BOOL { return TRUE; }, TRUE) != FALSE;
     }
@@ -195,8 +195,8 @@ const bool g_bConsole = CConsole::Make();
 
 const std::vector<std::uint64_t> g_copyMoments = {640'000};
 const std::vector<std::pair<EWay, std::uint64_t>> g_commandMoments = {
-    {EWay::ToDevice, 0}, {EWay::ToDevice, 20}, {EWay::ToDevice, 30}, {EWay::ToHost, 0},
-    {EWay::ToHost, 20},  {EWay::ToHost, 28},   {EWay::ToHost, 128}};
+    {EWay::ToDevice, 0}, {EWay::ToDevice, 20}, {EWay::ToDevice, 30},
+    {EWay::ToHost, 0},   {EWay::ToHost, 20},   {EWay::ToHost, 28}};
 const int g_nOtherInterrupt = SIGINT;
 
 std::unique_ptr<IDevice> MakeDevice(const test::CTempFolder& folder) {
