@@ -4,7 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <string>
+#include <string_view>
 
 namespace device_test {
 namespace {
@@ -16,42 +16,34 @@ constexpr char CONTROL_KEY[] = "SYSTEM\\CurrentControlSet\\Control\\DeviceClasse
                                "{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}\\"
                                "##?#root#dak#0001#{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}\\#\\"
                                "Control";
-constexpr wchar_t LINK_NAME[] = L"\\??\\ROOT#DAK#0001#{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}";
+constexpr std::wstring_view LINK_NAME =
+    L"\\??\\ROOT#DAK#0001#{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}";
 constexpr char PIPE_NAME[] = "\\\\.\\pipe\\dak-presented-device";
-constexpr wchar_t PIPE_TARGET[] = L"\\Device\\NamedPipe\\dak-presented-device";
+constexpr std::wstring_view PIPE_TARGET = L"\\Device\\NamedPipe\\dak-presented-device";
 
 // The pipe's buffer is a quota: a package that does not fit it waits until it is taken.
 constexpr DWORD PIPE_QUOTA = 1;
 
-// Enters the device and its interface into the system's lists, where they stay.
-void Register() {
+void EnterIntoLists() {
     const HDEVINFO hSet = ::SetupDiCreateDeviceInfoList(&DEVICE_CLASS, nullptr);
-    Require(hSet != INVALID_HANDLE_VALUE, "SetupDiCreateDeviceInfoList");
     SP_DEVINFO_DATA device{};
     device.cbSize = sizeof(device);
-    if (::SetupDiCreateDeviceInfoA(hSet, INSTANCE, &DEVICE_CLASS, nullptr, nullptr, 0, &device) ==
-        FALSE) {
-        Require(::SetupDiOpenDeviceInfoA(hSet, INSTANCE, nullptr, 0, &device) != FALSE,
-                "SetupDiOpenDeviceInfoA");
-    } else {
-        Require(::SetupDiRegisterDeviceInfo(hSet, &device, 0, nullptr, nullptr, nullptr) != FALSE,
-                "SetupDiRegisterDeviceInfo");
-    }
+    Require((::SetupDiCreateDeviceInfoA(hSet, INSTANCE, &DEVICE_CLASS, nullptr, nullptr, 0,
+                                        &device) != FALSE &&
+             ::SetupDiRegisterDeviceInfo(hSet, &device, 0, nullptr, nullptr, nullptr) != FALSE) ||
+                ::SetupDiOpenDeviceInfoA(hSet, INSTANCE, nullptr, 0, &device) != FALSE,
+            "no device");
     Require(::SetupDiCreateDeviceInterfaceA(hSet, &device, &DEVICE_CLASS, nullptr, 0, nullptr) !=
                 FALSE,
-            "SetupDiCreateDeviceInterfaceA");
+            "no interface");
     ::SetupDiDestroyDeviceInfoList(hSet);
 }
 
-UNICODE_STRING Unicode(const wchar_t* lpszText) {
-    UNICODE_STRING text{};
-    text.Length = static_cast<USHORT>(std::wstring(lpszText).size() * sizeof(wchar_t));
-    text.MaximumLength = text.Length;
-    text.Buffer = const_cast<wchar_t*>(lpszText);
-    return text;
+UNICODE_STRING Unicode(std::wstring_view text) {
+    const auto wBytes = static_cast<USHORT>(text.size() * sizeof(wchar_t));
+    return {wBytes, wBytes, const_cast<wchar_t*>(text.data())};
 }
 
-// The link ends with its handle.
 HANDLE MakeLink() {
     using FCreate = NTSTATUS(NTAPI*)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*, UNICODE_STRING*);
     const auto create = reinterpret_cast<FCreate>(reinterpret_cast<void*>(
@@ -63,8 +55,7 @@ HANDLE MakeLink() {
     attributes.ObjectName = &name;
     attributes.Attributes = 0x40; // regardless of case
     HANDLE hLink = nullptr;
-    Require(create != nullptr && create(&hLink, 0xF0001, &attributes, &target) >= 0,
-            "NtCreateSymbolicLinkObject");
+    Require(create != nullptr && create(&hLink, 0xF0001, &attributes, &target) >= 0, "no link");
     return hLink;
 }
 
@@ -78,33 +69,29 @@ void Require(bool bDone, const char* lpszWhat) {
     }
 }
 
-CDeviceRegistration::CDeviceRegistration() : m_hLink(MakeLink()) {
-    Register();
+HANDLE RegisterDevice() {
+    EnterIntoLists();
+    return MakeLink();
 }
 
-CDeviceRegistration::~CDeviceRegistration() {
-    SetPresent(false);
-    ::CloseHandle(m_hLink);
-}
-
-void CDeviceRegistration::SetPresent(bool bPresent) {
+void SetPresent(bool bPresent) {
     HKEY hKey = nullptr;
     const DWORD dwLinked = bPresent ? 1 : 0;
     Require(::RegCreateKeyExA(HKEY_LOCAL_MACHINE, CONTROL_KEY, 0, nullptr, REG_OPTION_VOLATILE,
-                              KEY_SET_VALUE, nullptr, &hKey, nullptr) == ERROR_SUCCESS,
-            "RegCreateKeyExA");
-    Require(::RegSetValueExA(hKey, "Linked", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dwLinked),
-                             sizeof(dwLinked)) == ERROR_SUCCESS,
-            "RegSetValueExA");
+                              KEY_SET_VALUE, nullptr, &hKey, nullptr) == ERROR_SUCCESS &&
+                ::RegSetValueExA(hKey, "Linked", 0, REG_DWORD,
+                                 reinterpret_cast<const BYTE*>(&dwLinked),
+                                 sizeof(dwLinked)) == ERROR_SUCCESS,
+            "no registry");
     ::RegCloseKey(hKey);
 }
 
-HANDLE CDeviceRegistration::MakePipe() {
+HANDLE MakePipe() {
     const HANDLE hPipe =
         ::CreateNamedPipeA(PIPE_NAME, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
                            PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_REJECT_REMOTE_CLIENTS,
                            PIPE_UNLIMITED_INSTANCES, PIPE_QUOTA, PIPE_QUOTA, 0, nullptr);
-    Require(hPipe != INVALID_HANDLE_VALUE, "CreateNamedPipeA");
+    Require(hPipe != INVALID_HANDLE_VALUE, "no pipe");
     return hPipe;
 }
 

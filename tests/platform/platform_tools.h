@@ -1,62 +1,69 @@
-// What the tests of the seam share, whatever implements it.
+// What the tests of the seam share, whatever implements it. They stand inside its namespace, so
+// that its names come ahead of the system's own.
 #pragma once
 
 #include "platform/device.h"
 #include "platform/file.h"
 #include "platform/thread.h"
+#include "tests/support/packages.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
-namespace platform_test {
+namespace platform::tests {
 
-using Bytes = std::vector<std::uint8_t>;
+using test::Bytes;
+using test::Pattern;
 
-// Long enough for a thread to be inside the call that it makes first.
-inline constexpr DWORD SETTLE_MS = 40;
+// Gives a thread the time to be inside the call that it makes first. Where the time is simulated it
+// always is; on a busy machine it may not be, which can hide a fault but not make one up.
+inline constexpr DWORD SETTLE_MS = 20;
 // A bound for what has to happen at once, generous enough for a busy machine.
-inline constexpr DWORD AT_ONCE_MS = 10000;
+inline constexpr DWORD AT_ONCE_MS = 20000;
 
 // A thread that runs a piece of the test. Its end is awaited before the piece goes away.
 class CTask {
   public:
     explicit CTask(std::function<void()> body, DWORD dwFlags = 0)
         : m_body(std::move(body)),
-          m_hThread(platform::CreateThread(nullptr, 0, Run, this, dwFlags, nullptr)) {
+          m_hThread(CreateThread(nullptr, 0, Run, this, dwFlags, nullptr)) {
         EXPECT_NE(m_hThread, nullptr);
     }
     ~CTask() {
-        platform::TerminateThread(m_hThread, 0);
-        platform::CloseHandle(m_hThread);
+        TerminateThread(m_hThread, 0);
+        CloseHandle(m_hThread);
     }
     CTask(const CTask&) = delete;
     CTask& operator=(const CTask&) = delete;
 
     HANDLE Handle() const { return m_hThread; }
     bool EndsWithin(DWORD dwMs) const {
-        return platform::WaitForSingleObject(m_hThread, dwMs) == WAIT_OBJECT_0;
+        return WaitForSingleObject(m_hThread, dwMs) == WAIT_OBJECT_0;
     }
-    void Stop() const { EXPECT_TRUE(platform::TerminateThread(m_hThread, 0)); }
-    // Whether it is found blocked, and ends when it is stopped. A thread that runs has begun then.
-    bool IsStoppedWhileBlocked(bool bSuspended = false) {
-        while (!bSuspended && std::atomic_ref<DWORD>(m_dwBegun).load() == 0) {
-            platform::WaitOnAddress(&m_dwBegun, 0, AT_ONCE_MS);
+    bool Ends() const { return EndsWithin(AT_ONCE_MS); }
+    void AwaitBegin() {
+        while (std::atomic_ref<DWORD>(m_dwBegun).load() == 0) {
+            ASSERT_TRUE(WaitOnAddress(&m_dwBegun, 0, AT_ONCE_MS));
         }
-        platform::Sleep(SETTLE_MS);
-        return !EndsWithin(0) && platform::TerminateThread(m_hThread, 0) != FALSE && EndsWithin(0);
+    }
+    bool IsStopped() const { return TerminateThread(m_hThread, 0) != FALSE && EndsWithin(0); }
+    // Whether it is found blocked, and ends when it is stopped.
+    bool IsStoppedWhileBlocked() {
+        AwaitBegin();
+        return !EndsWithin(SETTLE_MS) && IsStopped();
     }
 
   private:
     static DWORD WINAPI Run(void* lpTask) {
         auto* pTask = static_cast<CTask*>(lpTask);
         std::atomic_ref<DWORD>(pTask->m_dwBegun).store(1);
-        platform::WakeByAddressAll(&pTask->m_dwBegun);
+        WakeByAddressAll(&pTask->m_dwBegun);
         pTask->m_body();
         return 1;
     }
@@ -69,52 +76,97 @@ class CTask {
 // Opens a host file or a device node.
 inline HANDLE Open(const std::string& strPath, DWORD dwAccess = GENERIC_READ,
                    DWORD dwDisposition = OPEN_EXISTING) {
-    return platform::CreateFileA(strPath.c_str(), dwAccess, FILE_SHARE_READ, nullptr, dwDisposition,
-                                 FILE_ATTRIBUTE_NORMAL, nullptr);
+    return CreateFileA(strPath.c_str(), dwAccess, FILE_SHARE_READ, nullptr, dwDisposition,
+                       FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+// Whether it can be opened so; it is closed again.
+inline bool Opens(const std::string& strPath, DWORD dwAccess = GENERIC_READ,
+                  DWORD dwDisposition = OPEN_EXISTING) {
+    const HANDLE hFile = Open(strPath, dwAccess, dwDisposition);
+    return hFile != INVALID_HANDLE_VALUE && CloseHandle(hFile) != FALSE;
 }
 
-inline HANDLE OpenDevice(const std::string& strPath) {
-    return Open(strPath, GENERIC_READ | GENERIC_WRITE);
-}
+// A transfer on a device node as the library makes them: on a thread of its own, stopped at its
+// time-out. It reads so many bytes, or writes a package.
+class CTransfer {
+  public:
+    CTransfer(HANDLE hNode, DWORD dwSize) : CTransfer(hNode, Bytes(dwSize), ReadFile) {}
+    CTransfer(HANDLE hNode, const Bytes& package) : CTransfer(hNode, package, WriteFile) {}
+
+    // Left alone it ends, and well; what a read has brought is in Data().
+    bool Succeeds() { return EndsWithin(AT_ONCE_MS) && m_bDone != FALSE; }
+    // Left alone it ends, as a failure.
+    bool Fails() { return EndsWithin(AT_ONCE_MS) && m_bDone == FALSE; }
+    // Left alone it does not end, and stopped it does.
+    bool IsStopped(DWORD dwAfterMs = SETTLE_MS) {
+        m_task.AwaitBegin();
+        return !EndsWithin(dwAfterMs) && m_bDone == FALSE;
+    }
+    // Ends by itself or is stopped at the time-out. Without success there is no count.
+    bool EndsWithin(DWORD dwMs) {
+        const bool bEnded = m_task.EndsWithin(dwMs);
+        EXPECT_TRUE(m_task.IsStopped());
+        EXPECT_TRUE(m_bDone != FALSE || m_dwCount == 0);
+        return bEnded;
+    }
+    bool Done() const { return m_bDone != FALSE; }
+    DWORD Count() const { return m_dwCount; }
+    Bytes Data() const { return Bytes(m_bytes.begin(), m_bytes.begin() + m_dwCount); }
+
+  private:
+    template <class TRANSFER>
+    CTransfer(HANDLE hNode, Bytes bytes, TRANSFER transfer)
+        : m_bytes(std::move(bytes)), m_task([this, hNode, transfer] {
+              m_bDone =
+                  transfer(hNode, m_bytes.data(), static_cast<DWORD>(m_bytes.size()), &m_dwCount);
+          }) {}
+
+    Bytes m_bytes;
+    DWORD m_dwCount = 0;
+    BOOL m_bDone = FALSE;
+    CTask m_task; // last: it uses the others
+};
 
 inline constexpr GUID DEVICE_CLASS = {
     0x25DBCE51, 0x6C8F, 0x4A72, {0x8A, 0x6D, 0xB5, 0x4C, 0x2B, 0x4F, 0xC8, 0x35}};
 
-inline HDEVINFO PresentDevices() {
-    return platform::SetupDiGetClassDevsA(&DEVICE_CLASS, nullptr, nullptr,
-                                          DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
-}
-
-inline bool GetInterface(HDEVINFO hSet, DWORD dwIndex, platform::SP_DEVICE_INTERFACE_DATA& data) {
-    data = {};
+// The paths of the devices that are present, in their order.
+inline std::vector<std::string> DevicePaths() {
+    const HDEVINFO hSet = platform::SetupDiGetClassDevsA(&DEVICE_CLASS, nullptr, nullptr,
+                                                         DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
+    SP_DEVICE_INTERFACE_DATA data{};
     data.cbSize = sizeof(data);
-    return platform::SetupDiEnumDeviceInterfaces(hSet, nullptr, &DEVICE_CLASS, dwIndex, &data) !=
-           FALSE;
-}
-
-// The path of the first device that is present, or nothing.
-inline std::optional<std::string> DevicePath() {
-    HDEVINFO hSet = PresentDevices();
-    platform::SP_DEVICE_INTERFACE_DATA data;
-    std::optional<std::string> strPath;
-    if (GetInterface(hSet, 0, data)) {
-        const auto detail = [&](auto* lpDetail, DWORD dwBytes, DWORD* lpdwRequired) {
-            return platform::SetupDiGetDeviceInterfaceDetailA(hSet, &data, lpDetail, dwBytes,
-                                                              lpdwRequired, nullptr) != FALSE;
-        };
-        using Detail = platform::SP_DEVICE_INTERFACE_DETAIL_DATA_A;
+    const auto find = [&](DWORD dwIndex) {
+        return platform::SetupDiEnumDeviceInterfaces(hSet, nullptr, &DEVICE_CLASS, dwIndex,
+                                                     &data) != FALSE;
+    };
+    const auto detail = [&](void* lpDetail, DWORD dwSize, DWORD* lpdwNeeded) {
+        return platform::SetupDiGetDeviceInterfaceDetailA(
+                   hSet, &data, static_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_A*>(lpDetail), dwSize,
+                   lpdwNeeded, nullptr) != FALSE;
+    };
+    std::vector<std::string> paths;
+    while (find(static_cast<DWORD>(paths.size()))) {
         DWORD dwSize = 0;
-        EXPECT_FALSE(detail(static_cast<Detail*>(nullptr), 0, &dwSize));
-        EXPECT_GT(dwSize, platform::DETAIL_PATH_OFFSET + 1);
-        std::vector<std::uint64_t> memory(dwSize / 8 + 1);
-        auto* lpDetail = reinterpret_cast<Detail*>(memory.data());
-        lpDetail->cbSize = platform::DETAIL_RECORD_SIZE;
-        EXPECT_TRUE(detail(lpDetail, dwSize, nullptr));
-        strPath = reinterpret_cast<char*>(memory.data()) + platform::DETAIL_PATH_OFFSET;
-        EXPECT_EQ(strPath->size(), dwSize - platform::DETAIL_PATH_OFFSET - 1);
+        EXPECT_FALSE(detail(nullptr, 0, &dwSize));
+        std::vector<DWORD> memory(dwSize / sizeof(DWORD) + 1);
+        memory[0] = DETAIL_RECORD_SIZE;
+        EXPECT_TRUE(detail(memory.data(), dwSize, nullptr));
+        paths.emplace_back(reinterpret_cast<char*>(memory.data()) + DETAIL_PATH_OFFSET);
+        EXPECT_EQ(paths.back().size(), dwSize - DETAIL_PATH_OFFSET - 1);
     }
-    platform::SetupDiDestroyDeviceInfoList(hSet);
-    return strPath;
+    if (hSet != INVALID_HANDLE_VALUE) {
+        EXPECT_TRUE(platform::SetupDiDestroyDeviceInfoList(hSet));
+    }
+    EXPECT_FALSE(platform::SetupDiDestroyDeviceInfoList(hSet) || find(0)) << "destroyed";
+    return paths;
 }
 
-} // namespace platform_test
+inline HANDLE OpenDevice() {
+    const std::vector<std::string> paths = DevicePaths();
+    const HANDLE hNode = Open(paths.empty() ? "" : paths[0], GENERIC_READ | GENERIC_WRITE);
+    EXPECT_NE(hNode, INVALID_HANDLE_VALUE);
+    return hNode;
+}
+
+} // namespace platform::tests

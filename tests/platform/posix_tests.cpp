@@ -1,11 +1,10 @@
-// What only the Linux implementation has: several processes, its file systems, /proc, and peers at
-// the other end of the device's socket that keep to no protocol.
+// What only the Linux implementation has: several processes, its file systems, /proc, and the
+// environment.
 #include "platform/message.h"
 #include "platform/message_window.h"
 #include "platform/process.h"
 #include "platform/registry.h"
-#include "platform/text.h"
-#include "tests/platform/posix_test_tools.h"
+#include "tests/platform/posix_tools.h"
 
 #include <poll.h>
 #include <sys/resource.h>
@@ -13,506 +12,374 @@
 #include <sys/xattr.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <memory>
+#include <bit>
+#include <chrono>
+#include <set>
 
-namespace {
+namespace platform::tests {
 
-using namespace device_test;
-using namespace platform_test;
-using platform::CloseHandle;
-using platform::GetLastError;
+namespace fs = std::filesystem;
 
-// The lock between processes --------------------------------------------------------------------
-
-TEST(PosixLock, IsSeenByOtherProcessesAndEndsWithThem) {
-    const CDeviceFolder devices;
-    EXPECT_EQ(ProbeLock(), 'n');
-    CProcess other([] {
-        HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, "TheLock");
-        const bool bNew = hLock != nullptr && GetLastError() == 0;
-        return bNew && platform::WaitForSingleObject(hLock, 0) == WAIT_OBJECT_0 ? 'n' : 'x';
-    });
-    ASSERT_EQ(other.Answer(), 'n');
-    EXPECT_EQ(ProbeLock(), 'e');
-
-    HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, "TheLock");
-    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
-    EXPECT_EQ(platform::WaitForSingleObject(hLock, 30), WAIT_TIMEOUT) << "the other one holds it";
-    EXPECT_FALSE(platform::ReleaseMutex(hLock)) << "and we do not";
-    {
-        CTask waiter([&] { platform::WaitForSingleObject(hLock, INFINITE); });
-        EXPECT_FALSE(waiter.EndsWithin(30));
-        waiter.Stop();
+// Makes the lock of these tests: 'N' when it was new, 'E' when it existed, '-' when there was none
+// to be had; a small letter when it could not be held. The handle is closed unless it is asked for.
+static char ProbeLock(HANDLE* lphLock = nullptr) {
+    const HANDLE hLock = CreateMutexA(nullptr, FALSE, "TheLock");
+    const bool bNew = GetLastError() == 0;
+    const bool bHeld = WaitForSingleObject(hLock, 0) == WAIT_OBJECT_0;
+    if (lphLock != nullptr) {
+        *lphLock = hLock;
+    } else {
+        CloseHandle(hLock);
     }
-    DWORD dwResult = WAIT_FAILED;
-    CTask waiter([&] { dwResult = platform::WaitForSingleObject(hLock, INFINITE); });
-    EXPECT_FALSE(waiter.EndsWithin(30));
-    other.Kill();
-    EXPECT_TRUE(waiter.EndsWithin(AT_ONCE_MS));
-    EXPECT_EQ(dwResult, WAIT_OBJECT_0);
-    EXPECT_TRUE(platform::ReleaseMutex(hLock));
-    EXPECT_TRUE(CloseHandle(hLock));
-    EXPECT_EQ(ProbeLock(), 'n');
+    return hLock == nullptr ? '-' : bNew ? (bHeld ? 'N' : 'n') : bHeld ? 'E' : 'e';
 }
 
-TEST(PosixLock, IsHeldByOneProcessAtATime) {
+TEST(PosixLock, IsSharedByProcessesAndEndsWithThem) {
     const CDeviceFolder devices;
-    HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, "TheLock");
-    EXPECT_EQ(platform::WaitForSingleObject(hLock, 0), WAIT_OBJECT_0);
-    const auto tryToHold = [] {
-        HANDLE hTheirs = platform::CreateMutexA(nullptr, FALSE, "TheLock");
-        return platform::WaitForSingleObject(hTheirs, 20) == WAIT_OBJECT_0 ? 'y' : 'n';
-    };
-    EXPECT_EQ(CProcess(tryToHold).Answer(), 'n');
-    EXPECT_TRUE(platform::ReleaseMutex(hLock));
-    EXPECT_EQ(CProcess(tryToHold).Answer(), 'y');
-    EXPECT_EQ(platform::WaitForSingleObject(hLock, 0), WAIT_OBJECT_0) << "killed with its hold";
+    const auto probe = [] { return ProbeLock(); };
+    HANDLE hLock = nullptr;
+    CProcess other([&] { return ProbeLock(&hLock); });
+    ASSERT_EQ(other.Answer(), 'N');
+    EXPECT_EQ(ProbeLock(&hLock), 'e');
+    EXPECT_FALSE(ReleaseMutex(hLock)) << "it is not ours";
+    EXPECT_TRUE(CTask([&] { WaitForSingleObject(hLock, INFINITE); }).IsStoppedWhileBlocked());
+    DWORD dwResult = WAIT_FAILED;
+    const CTask waiter([&] { dwResult = WaitForSingleObject(hLock, INFINITE); });
+    EXPECT_FALSE(waiter.EndsWithin(SETTLE_MS));
+    other.Kill();
+    EXPECT_TRUE(waiter.Ends());
+    EXPECT_EQ(dwResult, WAIT_OBJECT_0);
+    EXPECT_EQ(CProcess(probe).Answer(), 'e') << "it is ours now";
+    EXPECT_TRUE(ReleaseMutex(hLock));
+    EXPECT_EQ(CProcess(probe).Answer(), 'E');
     EXPECT_TRUE(CloseHandle(hLock));
+    EXPECT_EQ(CProcess(probe).Answer(), 'N');
 }
 
 TEST(PosixLock, OfProcessesThatMakeItAtOnceOneWins) {
     const CDeviceFolder devices;
     for (int nRound = 0; nRound < 20; ++nRound) {
-        int gate[2];
-        ASSERT_EQ(::pipe2(gate, O_CLOEXEC), 0);
-        const auto makeBehindGate = [&gate] {
-            char ch = 0;
-            ::close(gate[1]);
-            static_cast<void>(!::read(gate[0], &ch, 1));
-            HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, "TheLock");
-            return hLock == nullptr ? 'x' : GetLastError() == 0 ? 'n' : 'e';
+        const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(5);
+        const auto probe = [start] {
+            while (std::chrono::steady_clock::now() < start) {
+            }
+            HANDLE hLock = nullptr;
+            return static_cast<char>(::tolower(ProbeLock(&hLock)));
         };
-        std::vector<std::unique_ptr<CProcess>> processes;
-        for (int i = 0; i < 4; ++i) {
-            processes.push_back(std::make_unique<CProcess>(makeBehindGate));
-        }
-        ::close(gate[0]);
-        ::close(gate[1]);
+        const CProcess processes[] = {CProcess(probe), CProcess(probe), CProcess(probe)};
         std::string strAnswers;
-        for (const auto& pProcess : processes) {
-            strAnswers += pProcess->Answer();
+        for (const CProcess& process : processes) {
+            strAnswers += process.Answer();
         }
-        EXPECT_EQ(std::ranges::count(strAnswers, 'n'), 1) << strAnswers;
-        EXPECT_EQ(std::ranges::count(strAnswers, 'e'), 3) << strAnswers;
+        std::ranges::sort(strAnswers);
+        EXPECT_EQ(strAnswers, "een");
     }
 }
 
 TEST(PosixLock, AForkedChildDoesNotKeepIt) {
     const CDeviceFolder devices;
-    HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, "TheLock");
-    ASSERT_EQ(GetLastError(), 0U);
-    EXPECT_EQ(platform::WaitForSingleObject(hLock, 0), WAIT_OBJECT_0);
-    CProcess child([hLock] {
+    HANDLE hLock = nullptr;
+    EXPECT_EQ(ProbeLock(&hLock), 'N');
+    const CProcess child([hLock] {
         // The parent's handle means nothing here, and a new one finds the parent's lock.
-        const bool bDead =
-            platform::WaitForSingleObject(hLock, 0) == WAIT_FAILED && CloseHandle(hLock) != FALSE;
-        return bDead ? ProbeLock() : 'x';
+        const bool bDead = WaitForSingleObject(hLock, 0) == WAIT_FAILED && CloseHandle(hLock);
+        return bDead ? ProbeLock() : '-';
     });
     EXPECT_EQ(child.Answer(), 'e');
-    EXPECT_TRUE(platform::ReleaseMutex(hLock)) << "the child's doings are its own";
-    EXPECT_TRUE(CloseHandle(hLock));
-    EXPECT_EQ(ProbeLock(), 'n') << "although the child lives";
+    EXPECT_TRUE(ReleaseMutex(hLock) && CloseHandle(hLock)) << "the child's doings are its own";
+    EXPECT_EQ(ProbeLock(), 'N') << "although the child lives";
 }
 
 TEST(PosixLock, AnyNameIsAPlainFile) {
     const CDeviceFolder devices;
     for (const char* lpszName : {"..", "../escape", "C:\\folder\\file", "\xC3\xBC", "%2E", ""}) {
-        HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, lpszName);
-        EXPECT_NE(hLock, nullptr) << lpszName;
-        EXPECT_EQ(GetLastError(), 0U) << lpszName << " is one of its own";
         // Left open, so that the next name would meet it.
+        EXPECT_NE(CreateMutexA(nullptr, FALSE, lpszName), nullptr) << lpszName;
+        EXPECT_EQ(GetLastError(), 0U) << lpszName << " is one of its own";
     }
-    for (const auto& entry : std::filesystem::directory_iterator(devices.folder.Path())) {
-        EXPECT_TRUE(entry.is_regular_file());
-    }
-    EXPECT_EQ(platform::CreateMutexA(nullptr, FALSE, std::string(300, 'a').c_str()), nullptr);
+    EXPECT_EQ(test::ReadTree(devices.Folder()).size(), 6U);
+    EXPECT_EQ(CreateMutexA(nullptr, FALSE, std::string(300, 'a').c_str()), nullptr);
 }
 
-// The device folder -----------------------------------------------------------------------------
-
-std::string FirstDeviceName() {
-    const std::string strPath = DevicePath().value_or("/");
-    return strPath.substr(strPath.rfind('/') + 1);
+// The names of the devices that are present, in their order.
+static std::string DeviceNames() {
+    std::string strNames;
+    for (const std::string& strPath : DevicePaths()) {
+        strNames += strPath.substr(strPath.rfind('/') + 1) + " ";
+    }
+    return strNames;
 }
 
 TEST(PosixDeviceFolder, ListsWhatIsAttachedInByteOrder) {
     const CDeviceFolder devices;
-    EXPECT_EQ(FirstDeviceName(), "");
-    const CAttachment last(devices.folder.Path(), "b");
-    const std::string strClass = CAttachment::ClassFolder(devices.folder.Path());
-    EXPECT_EQ(FirstDeviceName(), "b");
-    {
-        const CAttachment first(devices.folder.Path(), "A");
-        EXPECT_EQ(FirstDeviceName(), "A");
-    }
-    EXPECT_EQ(FirstDeviceName(), "b");
-    {
-        // What a killed device leaves behind: a socket, and a lock file that nobody locks.
-        const CAttachment left(devices.folder.Path(), "a-left");
-        std::filesystem::create_hard_link(left.SocketPath(), strClass + "/a");
-        std::ofstream(strClass + "/a.lock") << "";
-    }
-    EXPECT_EQ(FirstDeviceName(), "b");
-    // A lock without a socket, and one that only shows interest.
-    const int nShared = ::open((strClass + "/a.lock").c_str(), O_RDWR | O_CLOEXEC);
-    struct flock lock {};
-    lock.l_type = F_RDLCK;
-    EXPECT_EQ(::fcntl(nShared, F_OFD_SETLK, &lock), 0);
-    EXPECT_EQ(FirstDeviceName(), "b");
-    ::unlink((strClass + "/a").c_str());
-    std::ofstream(strClass + "/a") << "no socket";
-    lock.l_type = F_WRLCK;
-    EXPECT_EQ(::fcntl(nShared, F_OFD_SETLK, &lock), 0);
-    EXPECT_EQ(FirstDeviceName(), "b");
-    ::close(nShared);
-}
-
-TEST(PosixDeviceFolder, TheQuestionTakesNothingFromTheDevice) {
-    const CDeviceFolder devices;
-    // A device that locks as a process does, which a mere close of the file in that process undoes.
-    const std::string strClass = CAttachment::ClassFolder(devices.folder.Path());
-    const CAttachment attachment(devices.folder.Path(), "other");
-    CProcess device([&] {
-        const int nLock = ::open((strClass + "/device.lock").c_str(), O_RDWR | O_CREAT, 0600);
-        struct flock lock {};
-        lock.l_type = F_WRLCK;
-        std::filesystem::create_hard_link(attachment.SocketPath(), strClass + "/device");
-        return ::fcntl(nLock, F_SETLK, &lock) == 0 ? 'y' : 'x';
-    });
-    ASSERT_EQ(device.Answer(), 'y');
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(FirstDeviceName(), "device");
-    }
+    EXPECT_EQ(DeviceNames(), "");
+    const CAttachment last(devices.Path(), "b");
+    std::optional<CAttachment> first(std::in_place, devices.Path(), "A");
+    EXPECT_EQ(DeviceNames(), "A b ");
+    // A lock that only shows interest, or none: what a killed device leaves behind.
+    EXPECT_TRUE(first->Lock(F_OFD_SETLK, F_RDLCK));
+    EXPECT_EQ(DeviceNames(), "b ");
+    EXPECT_TRUE(first->Lock(F_OFD_SETLK, F_UNLCK));
+    EXPECT_EQ(DeviceNames(), "b ");
+    EXPECT_TRUE(first->Lock(F_OFD_SETLK, F_WRLCK));
+    EXPECT_EQ(DeviceNames(), "A b ");
+    fs::remove(first->strSocket);
+    std::ofstream(first->strSocket) << "no socket";
+    EXPECT_EQ(DeviceNames(), "b ");
+    first.reset();
+    // One that locks as a process does, which a mere close of the file in that process undoes: the
+    // question takes nothing from it.
+    const CAttachment inFile(devices.Path(), "c");
+    EXPECT_TRUE(inFile.Lock(F_OFD_SETLK, F_UNLCK));
+    CProcess device([&] { return inFile.Lock(F_SETLK, F_WRLCK) ? 'y' : 'n'; });
+    EXPECT_EQ(device.Answer(), 'y');
+    EXPECT_EQ(DeviceNames(), "b c ");
+    EXPECT_EQ(DeviceNames(), "b c ");
     device.Kill();
-    EXPECT_EQ(FirstDeviceName(), "other") << "unplugged at once";
+    EXPECT_EQ(DeviceNames(), "b ");
 }
 
 TEST(PosixDeviceFolder, ADefaultFolderMustBeOurs) {
-    const CTempFolder runtime;
+    const test::CTempFolder runtime;
     const CEnvironment named("DAK_DEVICE_DIR", nullptr);
     const CEnvironment environment("XDG_RUNTIME_DIR", runtime.Path().c_str());
-    EXPECT_EQ(ProbeLock(), 'n') << "made where it was missing";
-    struct stat status {};
-    ASSERT_EQ(::stat((runtime / "dak").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0700U);
-    {
-        const CAttachment attachment(runtime / "dak");
-        EXPECT_TRUE(DevicePath());
-
-        std::filesystem::rename(runtime / "dak", runtime / "elsewhere");
-        std::filesystem::create_directory_symlink("elsewhere", runtime / "dak");
-        EXPECT_EQ(ProbeLock(), 'x') << "a symbolic link";
-        EXPECT_FALSE(DevicePath());
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE) << "there is not even a set";
-        std::filesystem::remove(runtime / "dak");
-        std::filesystem::rename(runtime / "elsewhere", runtime / "dak");
-        EXPECT_TRUE(DevicePath());
-
-        if (::geteuid() == 0) {
-            ASSERT_EQ(::chown((runtime / "dak").c_str(), 12345, 12345), 0);
-            EXPECT_EQ(ProbeLock(), 'x') << "another user's";
-            EXPECT_FALSE(DevicePath());
-        }
+    const fs::path folder = runtime / "dak";
+    EXPECT_EQ(ProbeLock(), 'N') << "made where it was missing";
+    EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all);
+    const CAttachment attachment(folder);
+    EXPECT_EQ(DeviceNames(), "device ");
+    fs::rename(folder, runtime / "elsewhere");
+    fs::create_directory_symlink("elsewhere", folder);
+    EXPECT_EQ(ProbeLock(), '-') << "a symbolic link";
+    EXPECT_EQ(DeviceNames(), "");
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE) << "there is not even a set";
+    fs::remove(folder);
+    fs::rename(runtime / "elsewhere", folder);
+    EXPECT_EQ(DeviceNames(), "device ");
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown(folder.c_str(), 12345, 12345), 0);
+        EXPECT_EQ(ProbeLock(), '-') << "another user's";
+        EXPECT_EQ(DeviceNames(), "");
     }
 }
 
-// Files -----------------------------------------------------------------------------------------
-
 TEST(PosixFiles, WhatIsNoRegularFileIsRefusedWithoutAWait) {
-    const CTempFolder folder;
-    ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
-    ASSERT_EQ(::symlink("fifo", (folder / "link").c_str()), 0);
-    const CAttachment attachment(folder / "devices");
-    for (const std::string& strPath : {folder / "fifo", folder / "link", std::string("/dev/zero"),
-                                       folder.Path(), attachment.SocketPath()}) {
+    const test::CTempFolder folder;
+    ASSERT_EQ(::mkfifo(folder.Path("fifo").c_str(), 0600), 0);
+    fs::create_symlink("fifo", folder / "link");
+    const CAttachment attachment(folder.Path("devices"));
+    for (const std::string& strPath :
+         {folder.Path("fifo"), folder.Path("link"), folder.Path(), attachment.strSocket,
+          std::string("/dev/zero"), "\\\\?\\" + folder.Path("fifo"), std::string(5000, 'a'),
+          folder.Path(std::string(256, 'a'))}) {
         for (const DWORD dwAccess : {GENERIC_READ, GENERIC_WRITE, GENERIC_READ | GENERIC_WRITE}) {
             for (const DWORD dwDisposition : {OPEN_EXISTING, CREATE_ALWAYS}) {
-                EXPECT_EQ(Open(strPath, dwAccess, dwDisposition), INVALID_HANDLE_VALUE) << strPath;
+                EXPECT_FALSE(Opens(strPath, dwAccess, dwDisposition)) << strPath;
             }
         }
     }
-    EXPECT_EQ(Open(std::string(5000, 'a')), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(Open(folder / std::string(256, 'a')), INVALID_HANDLE_VALUE);
-    EXPECT_FALSE(platform::DeleteFileA(std::string(5000, 'a').c_str()));
-    EXPECT_EQ(Open("\\\\?\\" + (folder / "fifo")), INVALID_HANDLE_VALUE) << "nor is it a device";
 }
 
 TEST(PosixFiles, TheCreationTimeIsKeptBesideTheContents) {
-    const CTempFolder folder;
-    std::ofstream(folder / "file") << "abc";
-    if (::setxattr((folder / "file").c_str(), "user.dak.probe", "x", 1, 0) != 0) {
-        GTEST_SKIP() << "this file system keeps no such attributes";
-    }
     constexpr char ATTRIBUTE[] = "user.dak.creation_time";
+    const test::CTempFolder folder;
+    folder.Write("file", "abc");
+    const std::string strPath = folder.Path("file");
+    const FILETIME ftGiven{0x89ABCDEF, 0x01234567};
     const auto created = [&] {
-        HANDLE hFile = Open(folder / "file");
-        FILETIME time{};
-        EXPECT_TRUE(platform::GetFileTime(hFile, &time, nullptr, nullptr));
+        FILETIME ftCreated{};
+        HANDLE hFile = Open(strPath);
+        EXPECT_TRUE(GetFileTime(hFile, &ftCreated, nullptr, nullptr));
+        EXPECT_FALSE(SetFileTime(hFile, &ftGiven, nullptr, nullptr)) << "it is open for reading";
         CloseHandle(hFile);
-        return (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
+        return std::bit_cast<std::uint64_t>(ftCreated);
     };
     const std::uint64_t qwBirth = created();
-    HANDLE hFile = Open(folder / "file", GENERIC_WRITE);
-    const FILETIME time{0x89ABCDEF, 0x01234567};
-    EXPECT_TRUE(platform::SetFileTime(hFile, &time, nullptr, nullptr));
-    std::uint8_t kept[16];
-    ASSERT_EQ(::getxattr((folder / "file").c_str(), ATTRIBUTE, kept, sizeof(kept)), 8);
-    EXPECT_EQ(Bytes(kept, kept + 8), (Bytes{0xEF, 0xCD, 0xAB, 0x89, 0x67, 0x45, 0x23, 0x01}));
-    EXPECT_EQ(created(), 0x0123456789ABCDEFU);
+    HANDLE hFile = Open(strPath, GENERIC_WRITE);
+    EXPECT_TRUE(SetFileTime(hFile, &ftGiven, nullptr, nullptr));
     CloseHandle(hFile);
+    Bytes kept(8);
+    EXPECT_EQ(::getxattr(strPath.c_str(), ATTRIBUTE, kept.data(), kept.size()), 8);
+    EXPECT_EQ(kept, test::U64(0x0123456789ABCDEF));
+    EXPECT_EQ(created(), 0x0123456789ABCDEFU);
     // What is no time of ours is not taken for one.
     for (const std::string strOther : {"1234567", "123456789", ""}) {
-        ASSERT_EQ(
-            ::setxattr((folder / "file").c_str(), ATTRIBUTE, strOther.data(), strOther.size(), 0),
-            0);
+        ::setxattr(strPath.c_str(), ATTRIBUTE, strOther.data(), strOther.size(), 0);
         EXPECT_EQ(created(), qwBirth);
     }
 }
 
-TEST(PosixFiles, NoRoomForAWriteIsAFullDisk) {
+TEST(PosixFiles, FullDisksStopsAndPositionsThatLookLikeFailures) {
+    const test::CTempFolder folder;
+    const HANDLE hFile = Open(folder.Path("file"), GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
+    Bytes bytes(10000);
+    DWORD dwCount = 77;
     // A file that may not grow stands for a disk that is full.
-    const CTempFolder folder;
-    CProcess writer([&] {
-        ::signal(SIGXFSZ, SIG_IGN);
+    const CProcess writer([&] {
         const rlimit limit{4096, 4096};
+        ::signal(SIGXFSZ, SIG_IGN);
         ::setrlimit(RLIMIT_FSIZE, &limit);
-        HANDLE hFile = Open(folder / "file", GENERIC_WRITE, CREATE_NEW);
-        const Bytes bytes(10000);
-        DWORD dwCount = 77;
-        const bool bRefused = platform::WriteFile(hFile, bytes.data(), 10000, &dwCount) == FALSE &&
-                              GetLastError() == ERROR_DISK_FULL && dwCount == 77;
-        return bRefused ? 'y' : 'n';
+        const bool bWritten = WriteFile(hFile, bytes.data(), 10000, &dwCount) != FALSE;
+        return !bWritten && GetLastError() == ERROR_DISK_FULL && dwCount == 77 ? 'y' : 'n';
     });
     EXPECT_EQ(writer.Answer(), 'y');
-}
-
-TEST(PosixFiles, ATemporaryNameHasWholeCharactersOfItsPrefix) {
-    const CTempFolder folder;
-    char szPath[MAX_PATH];
-    const struct {
-        const char* lpszPrefix;
-        std::string strBegin;
-    } rows[] = {
-        {"\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC",
-         "\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC-"},
-        {"../../up", "..-"},
-        {"sub\\name", "sub-"},
-    };
-    for (const auto& row : rows) {
-        ASSERT_NE(platform::GetTempFileNameA(folder.Path().c_str(), row.lpszPrefix, 0, szPath), 0U);
-        EXPECT_TRUE(std::string(szPath).starts_with(folder / row.strBegin)) << szPath;
-        EXPECT_EQ(std::filesystem::path(szPath).parent_path(), folder.Path());
-    }
-}
-
-TEST(PosixFiles, AStopEndsALongTransfer) {
-    const CTempFolder folder;
-    // Larger than anything that is read at once, and no memory behind it.
-    constexpr DWORD SIZE = 256U << 20;
-    std::ofstream(folder / "file") << "";
-    std::filesystem::resize_file(folder / "file", SIZE);
-    HANDLE hFile = Open(folder / "file");
-    const std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[SIZE]);
-    // A stop on a busy machine may come before the first byte or behind the last.
-    bool bInItsMidst = false;
-    for (int i = 0; i < 50 && !bInItsMidst; ++i) {
-        DWORD dwCount = 77;
-        BOOL bDone = FALSE;
-        platform::SetFilePointer(hFile, 0, nullptr, FILE_BEGIN);
-        CTask reader([&] { bDone = platform::ReadFile(hFile, buffer.get(), SIZE, &dwCount); });
-        platform::Sleep(5);
-        reader.Stop();
-        EXPECT_EQ(dwCount, bDone != FALSE ? SIZE : 77U);
-        const DWORD dwReached = platform::SetFilePointer(hFile, 0, nullptr, FILE_CURRENT);
-        bInItsMidst = dwReached > 0 && dwReached < SIZE;
-    }
-    EXPECT_TRUE(bInItsMidst);
+    // In a thread that is being stopped nothing moves.
+    CTask stopped([&] {
+        Sleep(INFINITE);
+        EXPECT_FALSE(WriteFile(hFile, bytes.data(), 10000, &dwCount));
+        EXPECT_FALSE(ReadFile(hFile, bytes.data(), 10000, &dwCount));
+        EXPECT_EQ(GetLastError(), ERROR_OPERATION_ABORTED);
+    });
+    EXPECT_TRUE(stopped.IsStoppedWhileBlocked());
+    EXPECT_EQ(dwCount, 77U);
+    EXPECT_EQ(SetFilePointer(hFile, 0x7FFFFFFF, nullptr, FILE_BEGIN), 0x7FFFFFFFU);
+    EXPECT_EQ(SetFilePointer(hFile, 0x7FFFFFFF, nullptr, FILE_CURRENT), 0xFFFFFFFEU);
+    EXPECT_EQ(SetFilePointer(hFile, 1, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
+    EXPECT_EQ(SetFilePointer(hFile, 0, nullptr, FILE_CURRENT), 0xFFFFFFFEU);
     CloseHandle(hFile);
 }
 
-// Handles, text, messages -----------------------------------------------------------------------
-
-TEST(PosixHandles, ANumberIsNotGivenTwice) {
-    const CTempFolder folder;
-    std::ofstream(folder / "file") << "abc";
-    std::vector<HANDLE> seen;
-    for (int i = 0; i < 1000; ++i) {
-        seen.push_back(Open(folder / "file"));
-        EXPECT_TRUE(CloseHandle(seen.back()));
+TEST(PosixFiles, ATemporaryNameHasWholeCharactersOfItsPrefix) {
+    const test::CTempFolder folder;
+    const std::string strEuro = "\xE2\x82\xAC";
+    const std::string strFive = strEuro + strEuro + strEuro + strEuro + strEuro;
+    for (const auto& [strPrefix, strBegin] : {std::pair(strFive + strEuro, strFive + "-"),
+                                              {"../../up", "..-"},
+                                              {"sub\\name", "sub-"}}) {
+        char szPath[MAX_PATH];
+        ASSERT_NE(GetTempFileNameA(folder.Path().c_str(), strPrefix.c_str(), 0, szPath), 0U);
+        EXPECT_TRUE(std::string(szPath).starts_with(folder.Path(strBegin))) << szPath;
+        EXPECT_EQ(fs::path(szPath).parent_path(), folder.Folder());
     }
-    std::ranges::sort(seen);
-    EXPECT_EQ(std::ranges::adjacent_find(seen), seen.end());
 }
 
-TEST(PosixHandles, ASuspendedThreadThatNobodyCanResumeEnds) {
+TEST(PosixHandles, NumbersAreNotGivenTwiceAndNobodyWaitsForOneThatIsGone) {
     const auto threads = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                             std::filesystem::directory_iterator());
+        return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
     };
     const auto nBefore = threads();
-    for (int i = 0; i < 10; ++i) {
-        HANDLE hThread = platform::CreateThread(
-            nullptr, 0, [](void*) -> DWORD { ::abort(); }, nullptr, CREATE_SUSPENDED, nullptr);
-        EXPECT_TRUE(CloseHandle(hThread));
+    const auto run = [](void*) -> DWORD { ::abort(); };
+    std::set<HANDLE> seen;
+    for (int i = 0; i < 20; ++i) {
+        const HANDLE hThread = CreateThread(nullptr, 0, run, nullptr, CREATE_SUSPENDED, nullptr);
+        EXPECT_TRUE(seen.insert(hThread).second && CloseHandle(hThread));
     }
-    for (int i = 0; i < 1000 && threads() > nBefore; ++i) {
-        platform::Sleep(10);
+    for (DWORD dwMs = 0; dwMs < AT_ONCE_MS && threads() > nBefore; dwMs += 5) {
+        Sleep(5);
     }
-    EXPECT_EQ(threads(), nBefore);
-}
-
-TEST(PosixText, OneReplacementForEachBrokenSequence) {
-    const struct {
-        const char* lpszNarrow;
-        std::u16string strWide;
-    } rows[] = {
-        {"\xF0\x9F\x98z", u"\xFFFDz"},           {"\xE2\x82\xE2\x82\xAC", u"\xFFFD\x20AC"},
-        {"\xED\xA0\x80", u"\xFFFD\xFFFD\xFFFD"}, {"\xF4\x90\x80\x80", u"\xFFFD\xFFFD\xFFFD\xFFFD"},
-        {"\xC0\xAF", u"\xFFFD\xFFFD"},
-    };
-    for (const auto& row : rows) {
-        WCHAR wide[16];
-        EXPECT_GT(platform::MultiByteToWideChar(CP_ACP, 0, row.lpszNarrow, -1, wide, 16), 0);
-        EXPECT_EQ(std::u16string(wide), row.strWide);
-    }
-    EXPECT_EQ(platform::WideCharToMultiByte(CP_ACP, 0, u"\x20AC", -1, nullptr, 0, nullptr, nullptr),
-              4)
-        << "no room at all only asks for the size";
+    EXPECT_EQ(threads(), nBefore) << "suspended threads that nobody can resume";
 }
 
 TEST(PosixMessages, TheDescriptorIsReadableWhileAMessageIsThere) {
-    HWND hWnd = platform::CreateMessageWindow();
-    const int nDescriptor = platform::GetMessageWindowDescriptor(hWnd);
+    const HWND hWnd = CreateMessageWindow();
     const auto readable = [&] {
-        pollfd polled{nDescriptor, POLLIN, 0};
+        pollfd polled{GetMessageWindowDescriptor(hWnd), POLLIN, 0};
         return ::poll(&polled, 1, 0) == 1;
     };
-    platform::WINDOWMESSAGE message{};
+    WINDOWMESSAGE message{};
     EXPECT_FALSE(readable());
-    EXPECT_TRUE(platform::PostMessageA(hWnd, 3028, 0, 0));
-    EXPECT_TRUE(platform::PostMessageA(hWnd, 3028, 0, 0));
-    EXPECT_TRUE(readable());
-    EXPECT_TRUE(platform::WaitWindowMessage(hWnd, 0, &message));
-    EXPECT_TRUE(readable());
-    EXPECT_TRUE(platform::WaitWindowMessage(hWnd, 0, &message));
-    EXPECT_FALSE(readable());
-    int nPosted = 0;
-    while (nPosted < 100000 && platform::PostMessageA(hWnd, 1, 0, 0) != FALSE) {
-        ++nPosted;
+    EXPECT_TRUE(PostMessageA(hWnd, 3028, 0, 0) && PostMessageA(hWnd, 3028, 0, 0) && readable());
+    EXPECT_TRUE(WaitWindowMessage(hWnd, 0, &message) && readable());
+    EXPECT_TRUE(WaitWindowMessage(hWnd, 0, &message) && !readable());
+    for (int i = 0; i <= 10000; ++i) {
+        EXPECT_EQ(PostMessageA(hWnd, 1, 0, 0) != FALSE, i < 10000) << "the queue is bounded";
     }
-    EXPECT_EQ(nPosted, 10000) << "the queue is bounded";
     EXPECT_EQ(GetLastError(), ERROR_TOO_MANY_POSTS);
     EXPECT_FALSE(CloseHandle(reinterpret_cast<HANDLE>(hWnd)));
-    EXPECT_TRUE(platform::DestroyMessageWindow(hWnd));
+    EXPECT_TRUE(DestroyMessageWindow(hWnd));
 }
 
-TEST(PosixRegistry, TheEnvironmentsSpeedIsBounded) {
+TEST(PosixRegistry, HasTheProcessorsSpeed) {
+    constexpr char KEY[] = "hardware\\description\\SYSTEM\\CentralProcessor\\0";
     HKEY hKey = nullptr;
-    ASSERT_EQ(platform::RegOpenKeyExA(HKEY_LOCAL_MACHINE,
-                                      "hardware\\description\\SYSTEM\\CentralProcessor\\0", 0,
-                                      KEY_READ, &hKey),
-              0);
-    const auto speed = [&](const char* lpszNamed) -> std::optional<DWORD> {
+    EXPECT_NE(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "MISSING", 0, KEY_READ, &hKey), 0);
+    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, KEY, 0, KEY_READ, &hKey), 0);
+    const auto speed = [&](const char* lpszName, const char* lpszNamed) {
         const CEnvironment environment("DAK_CPU_MHZ", lpszNamed);
-        DWORD dwMHz = 0;
+        DWORD dwMHz = 0x12345678;
+        DWORD dwType = REG_DWORD;
         DWORD dwSize = sizeof(dwMHz);
-        const LONG nResult = platform::RegQueryValueExA(hKey, "~MHZ", nullptr, nullptr,
-                                                        reinterpret_cast<BYTE*>(&dwMHz), &dwSize);
-        return nResult == 0 ? std::optional<DWORD>(dwMHz) : std::nullopt;
+        EXPECT_TRUE(RegQueryValueExA(hKey, lpszName, nullptr, &dwType,
+                                     reinterpret_cast<BYTE*>(&dwMHz), &dwSize) == 0 ||
+                    dwMHz == 0x12345678);
+        EXPECT_TRUE(dwType == REG_DWORD && dwSize == sizeof(dwMHz));
+        return dwMHz;
     };
-    EXPECT_EQ(speed("199"), 199U);
-    EXPECT_EQ(speed("0"), 0U);
-    EXPECT_EQ(speed("4294967296"), 0xFFFFFFFFU);
-    EXPECT_EQ(speed("99999999999999999999999"), 0xFFFFFFFFU);
-    const auto dwOfMachine = speed(nullptr);
+    EXPECT_EQ(speed("~MHz", "199"), 199U);
+    EXPECT_EQ(speed("~MHZ", "0"), 0U);
+    EXPECT_EQ(speed("~mhz", "4294967296"), 0xFFFFFFFFU);
+    EXPECT_EQ(speed("~MHZ", "99999999999999999999999"), 0xFFFFFFFFU);
     for (const char* lpszNoNumber : {"", "fast", "-5", "200 MHz", " 200"}) {
-        EXPECT_EQ(speed(lpszNoNumber), dwOfMachine) << lpszNoNumber;
+        EXPECT_EQ(speed("~MHZ", lpszNoNumber), speed("~MHZ", nullptr)) << "the machine's own";
     }
-    EXPECT_EQ(platform::RegCloseKey(hKey), 0);
+    EXPECT_EQ(speed("~MH", "199"), 0x12345678U) << "another value";
+    EXPECT_EQ(RegCloseKey(hKey), 0);
+    EXPECT_EQ(speed("~MHZ", "199"), 0x12345678U) << "closed";
+    EXPECT_NE(RegCloseKey(hKey), 0);
 }
 
-// Processes -------------------------------------------------------------------------------------
-
-std::optional<DWORD> FindProcess(const std::string& strName) {
-    HANDLE hSnapshot = platform::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    std::optional<DWORD> dwFound;
-    platform::PROCESSENTRY32 entry{};
-    for (BOOL bMore = platform::Process32First(hSnapshot, &entry); bMore != FALSE;
-         bMore = platform::Process32Next(hSnapshot, &entry)) {
+// The processes that run a file of this name.
+static std::vector<DWORD> FindProcesses(const std::string& strName) {
+    const HANDLE hSnapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    std::vector<DWORD> found;
+    PROCESSENTRY32 entry{};
+    for (BOOL bMore = Process32First(hSnapshot, &entry); bMore != FALSE;
+         bMore = Process32Next(hSnapshot, &entry)) {
         if (strName == entry.szExeFile) {
-            dwFound = entry.th32ProcessID;
+            found.push_back(entry.th32ProcessID);
         }
     }
-    CloseHandle(hSnapshot);
-    return dwFound;
-}
-
-// Starts a shell under a file of that name, which does what the script says, and waits until it has
-// stopped itself.
-pid_t StartStoppedShell(const std::string& strFile, std::string strCommand, std::string strScript) {
-    std::filesystem::copy("/bin/sh", strFile, std::filesystem::copy_options::skip_existing);
-    strScript += "kill -STOP $$";
-    std::string strOption = "-c";
-    char* arguments[] = {strCommand.data(), strOption.data(), strScript.data(), nullptr};
-    const pid_t nPid = ::fork();
-    if (nPid == 0) {
-        ::execv(strFile.c_str(), arguments);
-        ::_exit(127);
-    }
-    int nStatus = 0;
-    EXPECT_EQ(::waitpid(nPid, &nStatus, WUNTRACED), nPid);
-    EXPECT_TRUE(WIFSTOPPED(nStatus));
-    return nPid;
+    EXPECT_TRUE(!Process32Next(hSnapshot, &entry) && Process32First(hSnapshot, &entry));
+    EXPECT_TRUE(CloseHandle(hSnapshot) && !Process32First(hSnapshot, &entry));
+    return found;
 }
 
 TEST(PosixProcesses, AreFoundByTheirFileAndEnded) {
-    const CTempFolder folder;
-    EXPECT_FALSE(FindProcess("WCESCOMM.exe"));
-    const pid_t nPid = StartStoppedShell(folder / "WCESCOMM.exe", "shell", "");
-    ASSERT_EQ(FindProcess("WCESCOMM.exe"), static_cast<DWORD>(nPid));
-    std::filesystem::remove(folder / "WCESCOMM.exe");
-    EXPECT_TRUE(FindProcess("WCESCOMM.exe")) << "its file may be gone";
-    HANDLE hProcess = platform::OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(nPid));
-    ASSERT_NE(hProcess, nullptr);
-    EXPECT_TRUE(platform::TerminateProcess(hProcess, 0));
-    siginfo_t ended{};
-    EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(nPid), &ended, WEXITED | WNOWAIT), 0);
-    EXPECT_EQ(ended.si_status, SIGKILL);
-    EXPECT_FALSE(FindProcess("WCESCOMM.exe")) << "ended, though not yet forgotten";
-    ::waitpid(nPid, nullptr, 0);
-    EXPECT_FALSE(platform::TerminateProcess(hProcess, 0)) << "gone";
-    EXPECT_TRUE(CloseHandle(hProcess));
-    EXPECT_EQ(platform::OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(nPid)), nullptr);
-}
-
-TEST(PosixProcesses, AProgramUnderALoaderHasItsOwnName) {
-    const CTempFolder folder;
     const std::string strLong = "WCESCOMM-with-a-long-name.exe";
-    // As the loader does: the kernel is told the program's name, and keeps 15 bytes of it.
     const struct {
-        std::string strTold;
+        std::string strFile;
         std::string strCommand;
+        std::string strTold; // the name that a loader tells the kernel, which keeps 15 bytes of it
         std::string strSeen;
     } rows[] = {
-        {"WCESMgr.exe", "C:\\x\\WCESMgr.exe", "WCESMgr.exe"},
-        {strLong, "C:\\x\\" + strLong, strLong},
-        {strLong, "something else", strLong.substr(0, 15)},
+        {"WCESCOMM.exe", "shell", "other", "WCESCOMM.exe"},
+        {"wine64-preloader", "C:\\x\\WCESMgr.exe", "WCESMgr.exe", "WCESMgr.exe"},
+        {"wine64-preloader", "C:\\x\\" + strLong, strLong, strLong},
+        {"wine64-preloader", "something else", strLong, strLong.substr(0, 15)},
     };
     for (const auto& row : rows) {
-        const pid_t nPid = StartStoppedShell(folder / "wine64-preloader", row.strCommand,
-                                             "echo " + row.strTold + " >/proc/$$/comm; ");
-        EXPECT_EQ(FindProcess(row.strSeen), static_cast<DWORD>(nPid)) << row.strSeen;
-        ::kill(nPid, SIGKILL);
+        SCOPED_TRACE(row.strSeen);
+        const test::CTempFolder folder;
+        const std::string strFile = folder.Path(row.strFile);
+        const std::string strScript = "echo " + row.strTold + " >/proc/$$/comm; kill -STOP $$";
+        fs::copy("/bin/sh", strFile);
+        EXPECT_TRUE(FindProcesses(row.strSeen).empty());
+        const pid_t nPid = ::fork();
+        if (nPid == 0) {
+            ::execl(strFile.c_str(), row.strCommand.c_str(), "-c", strScript.c_str(), nullptr);
+            ::_exit(127);
+        }
+        int nStatus = 0;
+        EXPECT_EQ(::waitpid(nPid, &nStatus, WUNTRACED), nPid);
+        fs::remove(strFile); // a program's file may be gone
+        const auto dwPid = static_cast<DWORD>(nPid);
+        EXPECT_EQ(FindProcesses(row.strSeen), std::vector{dwPid});
+        const HANDLE hProcess = OpenProcess(PROCESS_TERMINATE, FALSE, dwPid);
+        EXPECT_TRUE(TerminateProcess(hProcess, 0));
+        siginfo_t ended{};
+        EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(nPid), &ended, WEXITED | WNOWAIT), 0);
+        EXPECT_EQ(ended.si_status, SIGKILL);
+        EXPECT_TRUE(FindProcesses(row.strSeen).empty()) << "ended, though not yet forgotten";
         ::waitpid(nPid, nullptr, 0);
+        EXPECT_FALSE(TerminateProcess(hProcess, 0)) << "gone";
+        EXPECT_TRUE(CloseHandle(hProcess));
+        EXPECT_EQ(OpenProcess(PROCESS_TERMINATE, FALSE, dwPid), nullptr);
     }
-}
-
-TEST(PosixProcesses, SomeAreNeverEnded) {
+    // Some are never ended.
     for (const DWORD dwId : {DWORD{0}, DWORD{1}, static_cast<DWORD>(::getpid()), ~DWORD{0}}) {
-        EXPECT_EQ(platform::OpenProcess(PROCESS_TERMINATE, FALSE, dwId), nullptr) << dwId;
+        EXPECT_EQ(OpenProcess(PROCESS_TERMINATE, FALSE, dwId), nullptr) << dwId;
     }
+    EXPECT_FALSE(TerminateProcess(nullptr, 0));
 }
 
-} // namespace
+} // namespace platform::tests

@@ -9,10 +9,8 @@
 #include "platform/types.h"
 #include "tests/platform/device_registration.h"
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdint>
-#include <initializer_list>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <thread>
@@ -67,43 +65,43 @@ class CPresentedDevice {
   private:
     // One overlapped call on the pipe.
     struct CCall {
-        CCall();
-        ~CCall();
-        bool HasEnded() const;
-        // Of a call that has ended, which is open no longer.
-        bool TakeResult(HANDLE hPipe, DWORD& dwCount);
-        // Ends an open call. True when it had completed all the same.
-        bool Cancel(HANDLE hPipe, DWORD& dwCount);
+        CCall() { overlapped.hEvent = ::CreateEventA(nullptr, TRUE, FALSE, nullptr); }
+        ~CCall() { ::CloseHandle(overlapped.hEvent); }
         // bDone: what the system said when the call was made.
         bool Begun(BOOL bDone);
+        bool HasEnded() const;
+        // Takes the count of a call that has ended; one that has not is cancelled and has none.
+        std::optional<DWORD> End(HANDLE hPipe);
+
         OVERLAPPED overlapped{};
         bool bOpen = false;
     };
 
     void Serve();
-    void Attach(bool bAttached);
-    bool AwaitHost();
-    void ServeHost();
-    bool FileEnded(CCall& read, CCall& write);
-    void FollowPeer(CCall& read, CCall& write);
-    bool StartCalls(CCall& read, CCall& write);
-    bool IsWanted();
-    void Wait(std::initializer_list<const CCall*> calls);
+    void Pass();
+    void AwaitHost();
+    bool FileEnded();
+    bool FollowPeer();
+    void ClosePipe();
 
     IPeer& m_peer;
-    CDeviceRegistration m_registration;
-    HANDLE m_hChange;
-    HANDLE m_hPipe = nullptr; // while attached
+    const HANDLE m_hLink;
+    const HANDLE m_hChange;
+    std::atomic<bool> m_bEnd = false;
+    std::atomic<bool> m_bPlugged = true;
+    std::atomic<std::uint64_t> m_qwPasses = 0;
+
+    // Of the thread alone.
+    HANDLE m_hPipe = nullptr; // while the device is present
+    HANDLE m_hNext =
+        nullptr; // and while a host is served, for the one that comes before it is gone
+    bool m_bHost = false;
+    CCall m_connect;
+    CCall m_read;
+    CCall m_write;
     Bytes m_reading;
-    Bytes m_offered; // in the pipe, while its write is open
-    std::mutex m_mutex;
-    std::condition_variable m_settled;
-    bool m_bEnd = false;
-    bool m_bPlugged = true;
-    std::uint64_t m_qwAsked = 0;   // passes that were asked for
-    std::uint64_t m_qwSeen = 0;    // of those, when the present pass began
-    std::uint64_t m_qwSettled = 0; // of those, when a pass last ended
-    std::thread m_thread;          // last: it uses the others
+    Bytes m_offered;      // in the pipe, while its write is open
+    std::thread m_thread; // last: it uses the others
 };
 
 } // namespace device_test

@@ -1,496 +1,209 @@
-// The device node against peers that a test plays by hand: what goes over the socket to the byte,
-// and what comes of a peer that keeps to no protocol.
-#include "platform/file.h"
-#include "platform/posix/usbip.h"
-#include "tests/platform/posix_test_tools.h"
+// The device node against a peer that is played by hand: what goes over the socket to the byte, and
+// what comes of a peer that keeps to no protocol.
+#include "tests/platform/posix_tools.h"
 
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <memory>
-#include <utility>
 
-namespace {
+namespace platform::tests {
 
-using namespace device_test;
-using namespace platform_test;
-using platform::CloseHandle;
-using platform::GetLastError;
-
-// The other end of a node's socket, by hand.
-class CPeer {
-  public:
-    CPeer() : m_attachment(m_devices.folder.Path()) {
-        m_hNode = OpenDevice(DevicePath().value_or(""));
-        EXPECT_NE(m_hNode, INVALID_HANDLE_VALUE);
-        m_nSocket = ::accept4(m_attachment.Listener(), nullptr, nullptr, SOCK_CLOEXEC);
+// A node of the host, the device at its other end, and the host's latest transfer.
+struct CPlay {
+    ~CPlay() {
+        pTransfer.reset();
+        CloseHandle(hNode);
     }
-    ~CPeer() {
-        CloseHandle(m_hNode);
-        HangUp();
-    }
-    CPeer(const CPeer&) = delete;
-    CPeer& operator=(const CPeer&) = delete;
-
-    HANDLE Node() const { return m_hNode; }
-    void HangUp() {
-        if (m_nSocket >= 0) {
-            ::close(std::exchange(m_nSocket, -1));
-        }
-    }
-
-    void Send(const Bytes& bytes) {
-        EXPECT_EQ(::send(m_nSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    // Exactly so many bytes of the host's, waited for.
-    Bytes Take(std::size_t nSize) {
-        Bytes bytes(nSize);
-        const ssize_t nTaken = ::recv(m_nSocket, bytes.data(), nSize, MSG_WAITALL);
-        bytes.resize(nTaken > 0 ? static_cast<std::size_t>(nTaken) : 0);
-        EXPECT_EQ(bytes.size(), nSize);
-        return bytes;
-    }
-    std::size_t TakeAllThatIsThere() {
-        std::size_t nAll = 0;
-        Bytes bytes(65536);
-        ssize_t nTaken = 0;
-        while ((nTaken = ::recv(m_nSocket, bytes.data(), bytes.size(), MSG_DONTWAIT)) > 0) {
-            nAll += static_cast<std::size_t>(nTaken);
-        }
-        return nAll;
-    }
-    // Whether so many bytes of the host's lie in the socket, or soon do.
-    bool Has(std::size_t nSize) const {
-        int nThere = 0;
-        for (int i = 0; i < 100; ++i) {
-            EXPECT_EQ(::ioctl(m_nSocket, FIONREAD, &nThere), 0);
-            if (static_cast<std::size_t>(nThere) >= nSize) {
-                return true;
-            }
-            platform::Sleep(2);
-        }
-        return false;
-    }
-    // Waits until the host has closed its end, with nothing more sent.
-    bool HasBeenLeft() {
-        char ch = 0;
-        return ::recv(m_nSocket, &ch, 1, 0) == 0;
-    }
-    void Import() {
-        Take(usbip::OP_REQ_IMPORT_SIZE);
-        Send(ImportReply());
-    }
-
-    // The answer to a read that brings these bytes.
-    static Bytes Brings(std::uint32_t dwSeqnum, const Bytes& data) {
-        return Answer(usbip::RET_SUBMIT, dwSeqnum, 0, static_cast<std::uint32_t>(data.size()),
-                      data);
-    }
-
-    // Takes a write of the host and says that it has arrived.
-    void ServeWrite(std::uint32_t dwSeqnum, const Bytes& package) {
-        const auto dwSize = static_cast<std::uint32_t>(package.size());
-        ExpectSubmit(dwSeqnum, usbip::DIRECTION_OUT, dwSize);
-        EXPECT_EQ(Take(dwSize), package);
-        Send(Answer(usbip::RET_SUBMIT, dwSeqnum, 0, dwSize));
-    }
-    // The header of the host's next message, which has to be this.
-    void ExpectSubmit(std::uint32_t dwSeqnum, std::uint32_t dwDirection, std::uint32_t dwLength) {
-        const Bytes header = Take(usbip::HEADER_SIZE);
-        EXPECT_EQ(usbip::GetU32(header.data() + usbip::OFFSET_COMMAND), usbip::CMD_SUBMIT);
-        EXPECT_EQ(usbip::GetU32(header.data() + usbip::OFFSET_SEQNUM), dwSeqnum);
-        EXPECT_EQ(usbip::GetU32(header.data() + usbip::OFFSET_DEVID), usbip::DEVICE_ID);
-        EXPECT_EQ(usbip::GetU32(header.data() + usbip::OFFSET_DIRECTION), dwDirection);
-        EXPECT_EQ(usbip::GetU32(header.data() + usbip::OFFSET_ENDPOINT), usbip::BULK_ENDPOINT);
-        EXPECT_EQ(usbip::GetU32(header.data() + usbip::OFFSET_BUFFER_LENGTH), dwLength);
-    }
-    void ExpectUnlink(std::uint32_t dwSeqnum, std::uint32_t dwVictim) {
-        const Bytes header = Take(usbip::HEADER_SIZE);
-        EXPECT_EQ(usbip::GetU32(header.data() + usbip::OFFSET_COMMAND), usbip::CMD_UNLINK);
-        EXPECT_EQ(usbip::GetU32(header.data() + usbip::OFFSET_SEQNUM), dwSeqnum);
-        EXPECT_EQ(usbip::GetU32(header.data() + usbip::OFFSET_UNLINK_SEQNUM), dwVictim);
-    }
-
-  private:
-    CDeviceFolder m_devices;
-    CAttachment m_attachment;
-    HANDLE m_hNode = INVALID_HANDLE_VALUE;
-    int m_nSocket = -1;
+    const CDeviceFolder devices;
+    const CAttachment attachment{devices.Path()};
+    const HANDLE hNode = OpenDevice();
+    const CUsbipEnd device{attachment};
+    std::unique_ptr<CTransfer> pTransfer;
 };
 
-// A transfer on a thread, as the library makes them.
-class CTransfer {
-  public:
-    CTransfer(HANDLE hNode, DWORD dwSize, const void* lpData = nullptr)
-        : m_buffer(dwSize), m_thread([this, hNode, dwSize, lpData] {
-              m_bDone = lpData == nullptr
-                            ? platform::ReadFile(hNode, m_buffer.data(), dwSize, &m_dwCount)
-                            : platform::WriteFile(hNode, lpData, dwSize, &m_dwCount);
-              m_dwError = GetLastError();
-          }) {}
+// What happens next, on either side.
+using STEP = std::function<void(CPlay&)>;
 
-    // Left alone it ends, and well.
-    bool Succeeds() {
-        EXPECT_TRUE(m_thread.EndsWithin(AT_ONCE_MS));
-        m_thread.Stop();
-        return m_bDone != FALSE;
-    }
-    // Left alone it ends, as a failure, with the count untouched.
-    bool Fails() {
-        EXPECT_TRUE(m_thread.EndsWithin(AT_ONCE_MS));
-        m_thread.Stop();
-        EXPECT_EQ(m_dwError, ERROR_GEN_FAILURE);
-        return m_bDone == FALSE && m_dwCount == 0;
-    }
-    // Left alone it does not end; stopped, it ends without a trace.
-    bool IsStopped(DWORD dwAfterMs = 20) {
-        const bool bBlocked = !m_thread.EndsWithin(dwAfterMs);
-        const auto start = std::chrono::steady_clock::now();
-        m_thread.Stop();
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-        // On a busy machine the stop may come before the thread's first step.
-        EXPECT_TRUE(m_dwError == ERROR_OPERATION_ABORTED || m_dwError == NOT_RUN);
-        return bBlocked && m_bDone == FALSE && m_dwCount == 0;
-    }
-    Bytes Data() const { return Bytes(m_buffer.begin(), m_buffer.begin() + m_dwCount); }
-    DWORD Count() const { return m_dwCount; }
-
-  private:
-    Bytes m_buffer;
-    DWORD m_dwCount = 0;
-    BOOL m_bDone = FALSE;
-    static constexpr DWORD NOT_RUN = 0xFFFF;
-    DWORD m_dwError = NOT_RUN;
-    CTask m_thread; // last: it uses the others
-};
-
-TEST(PosixNode, TransfersGoOutAsTheProtocolSays) {
-    CPeer peer;
-    const Bytes request = peer.Take(usbip::OP_REQ_IMPORT_SIZE);
-    Bytes expected = {0x01, 0x11, 0x80, 0x03, 0, 0, 0, 0, '1', '-', '1'};
-    expected.resize(usbip::OP_REQ_IMPORT_SIZE);
-    EXPECT_EQ(request, expected);
-
-    CTransfer first(peer.Node(), 20);
-    EXPECT_TRUE(first.IsStopped()) << "before it has been answered";
-    const Bytes package(12288, 0xAB);
-    CTransfer write(peer.Node(), 12288, package.data());
-    peer.Send(ImportReply());
-    peer.ServeWrite(1, package);
-    EXPECT_TRUE(write.Succeeds());
-    EXPECT_EQ(write.Count(), 12288U);
-
-    CTransfer read(peer.Node(), 500);
-    peer.ExpectSubmit(2, usbip::DIRECTION_IN, 500);
-    // The answer may come in any pieces.
-    const Bytes answer = CPeer::Brings(2, {1, 2, 3, 4, 5});
-    for (const std::uint8_t byte : answer) {
-        peer.Send({byte});
-        platform::Sleep(1);
-    }
-    EXPECT_TRUE(read.Succeeds());
-    EXPECT_EQ(read.Data(), (Bytes{1, 2, 3, 4, 5}));
+static STEP Reads(DWORD dwSize) {
+    return [=](CPlay& play) { play.pTransfer = std::make_unique<CTransfer>(play.hNode, dwSize); };
+}
+static STEP Writes(const Bytes& package) {
+    return [=](CPlay& play) { play.pTransfer = std::make_unique<CTransfer>(play.hNode, package); };
+}
+// The transfer ends by itself, and well.
+static STEP Brings(const Bytes& bytes) {
+    return [=](CPlay& play) {
+        EXPECT_TRUE(play.pTransfer->Succeeds());
+        EXPECT_EQ(play.pTransfer->Data(), bytes);
+    };
+}
+static void Fails(CPlay& play) {
+    EXPECT_TRUE(play.pTransfer->Fails());
+}
+// It fails, and the node is of no use any more.
+static void Breaks(CPlay& play) {
+    Fails(play);
+    EXPECT_TRUE(CTransfer(play.hNode, 1).Fails() && CTransfer(play.hNode, Bytes(1)).Fails());
+}
+// It waits, which costs no processor time, until it is stopped.
+static void IsStopped(CPlay& play) {
+    const auto nBefore = ::clock();
+    EXPECT_TRUE(play.pTransfer->IsStopped());
+    EXPECT_LT(::clock() - nBefore, CLOCKS_PER_SEC * SETTLE_MS / 1000 / 2);
 }
 
-TEST(PosixNode, BytesThatComeForAStoppedReadAreKept) {
-    CPeer peer;
-    peer.Import();
-    CTransfer stopped(peer.Node(), 100);
-    peer.ExpectSubmit(1, usbip::DIRECTION_IN, 100);
-    const Bytes late = CPeer::Brings(1, {1, 2, 3, 4, 5, 6, 7, 8});
-    peer.Send(Bytes(late.begin(), late.end() - 5)); // half of them before the stop
-    EXPECT_TRUE(stopped.IsStopped());
-    peer.ExpectUnlink(2, 1);
-    peer.Send(Bytes(late.end() - 5, late.end()));
-    peer.Send(Answer(usbip::RET_UNLINK, 2, 0));
-
-    // A write in between neither takes nor loses them.
-    const Bytes package(20, 1);
-    CTransfer write(peer.Node(), 20, package.data());
-    peer.ServeWrite(3, package);
-    EXPECT_TRUE(write.Succeeds());
-
-    CTransfer part(peer.Node(), 3);
-    EXPECT_TRUE(part.Succeeds());
-    EXPECT_EQ(part.Data(), (Bytes{1, 2, 3}));
-    CTransfer rest(peer.Node(), 100);
-    EXPECT_TRUE(rest.Succeeds());
-    EXPECT_EQ(rest.Data(), (Bytes{4, 5, 6, 7, 8})) << "at once, without asking for more";
-    EXPECT_EQ(peer.TakeAllThatIsThere(), 0U);
-    CTransfer next(peer.Node(), 100);
-    peer.ExpectSubmit(4, usbip::DIRECTION_IN, 100);
-    EXPECT_TRUE(next.IsStopped());
-    peer.ExpectUnlink(5, 4);
-    peer.Send(CPeer::Brings(4, {9}));
-    peer.Send(Answer(usbip::RET_UNLINK, 5, 0));
-    CTransfer again(peer.Node(), 100);
-    EXPECT_TRUE(again.Succeeds());
-    EXPECT_EQ(again.Data(), Bytes{9});
+static STEP Gets(const Bytes& bytes) {
+    return [=](CPlay& play) { EXPECT_EQ(play.device.Take(bytes.size()), bytes); };
 }
-
-TEST(PosixNode, AStoppedTransferIsAnsweredForBeforeTheNext) {
-    CPeer peer;
-    peer.Import();
-    CTransfer stopped(peer.Node(), 100);
-    peer.ExpectSubmit(1, usbip::DIRECTION_IN, 100);
-    EXPECT_TRUE(stopped.IsStopped());
-    peer.ExpectUnlink(2, 1);
-    // As long as the device says nothing, nothing more is sent, and nothing piles up.
-    const Bytes package(12288, 1);
-    for (int i = 0; i < 20; ++i) {
-        CTransfer silent(peer.Node(), 12288, i % 2 == 0 ? package.data() : nullptr);
-        EXPECT_TRUE(silent.IsStopped(2));
-    }
-    EXPECT_EQ(peer.TakeAllThatIsThere(), 0U);
-    peer.Send(Answer(usbip::RET_UNLINK, 2, usbip::STATUS_UNLINKED));
-    CTransfer next(peer.Node(), 8);
-    peer.ExpectSubmit(3, usbip::DIRECTION_IN, 8);
-    peer.Send(CPeer::Brings(3, {9}));
-    EXPECT_TRUE(next.Succeeds());
-    EXPECT_EQ(next.Data(), Bytes{9});
+static void GetsNothing(CPlay& play) {
+    EXPECT_EQ(play.device.Waiting(), 0);
 }
-
-TEST(PosixNode, APackageThatIsHalfOutIsFinishedFirst) {
-    CPeer peer;
-    peer.Import();
-    // More than the socket takes while nobody reads.
-    const Bytes package(usbip::MAX_TRANSFER, 0xCD);
-    CTransfer stopped(peer.Node(), usbip::MAX_TRANSFER, package.data());
-    EXPECT_TRUE(stopped.IsStopped(100));
-    const Bytes second(20, 0xEF);
-    CTransfer next(peer.Node(), 20, second.data());
-    peer.ExpectSubmit(1, usbip::DIRECTION_OUT, usbip::MAX_TRANSFER);
-    EXPECT_EQ(peer.Take(usbip::MAX_TRANSFER), package);
-    peer.ExpectUnlink(2, 1);
-    peer.Send(Answer(usbip::RET_SUBMIT, 1, 0, usbip::MAX_TRANSFER));
-    peer.Send(Answer(usbip::RET_UNLINK, 2, 0));
-    peer.ServeWrite(3, second);
-    EXPECT_TRUE(next.Succeeds());
-    EXPECT_EQ(next.Count(), 20U);
+static STEP Says(const Bytes& bytes) {
+    return [=](CPlay& play) { play.device.Send(bytes); };
 }
-
-// Writes that the peer answers without reading them, until the socket has no room for one: that one
-// is left blocked. Returns its number.
-std::uint32_t FillSocket(CPeer& peer, const Bytes& package, std::unique_ptr<CTransfer>& pBlocked) {
-    const auto dwSize = static_cast<DWORD>(package.size());
-    std::size_t nExpected = 0;
-    for (std::uint32_t dwSeqnum = 1;; ++dwSeqnum) {
-        pBlocked = std::make_unique<CTransfer>(peer.Node(), dwSize, package.data());
-        nExpected += usbip::HEADER_SIZE + package.size();
-        if (!peer.Has(nExpected)) {
-            return dwSeqnum;
+static STEP SaysByteForByte(const Bytes& bytes) {
+    return [=](CPlay& play) {
+        for (const std::uint8_t byte : bytes) {
+            play.device.Send({byte});
+            Sleep(1);
         }
-        peer.Send(Answer(usbip::RET_SUBMIT, dwSeqnum, 0, dwSize));
-        EXPECT_TRUE(pBlocked->Succeeds());
-    }
+    };
+}
+static void HangsUp(CPlay& play) {
+    play.device.HangUp();
 }
 
-TEST(PosixNode, APackageThatHasNotBegunToLeave) {
-    const Bytes package(12288, 0xCD);
-    for (const bool bAnswered : {false, true}) {
-        CPeer peer;
-        peer.Import();
-        std::unique_ptr<CTransfer> pBlocked;
-        const std::uint32_t dwBlocked = FillSocket(peer, package, pBlocked);
-        if (bAnswered) { // though the device cannot know of it
-            peer.Send(Answer(usbip::RET_SUBMIT, dwBlocked, 0, 12288));
-            EXPECT_TRUE(pBlocked->Fails());
-            continue;
-        }
-        EXPECT_TRUE(pBlocked->IsStopped());
-        EXPECT_EQ(peer.TakeAllThatIsThere(), (dwBlocked - 1) * (usbip::HEADER_SIZE + 12288));
-        // It is taken back whole: there is nothing to unlink and nothing to wait for.
-        CTransfer next(peer.Node(), 8);
-        peer.ExpectSubmit(dwBlocked + 1, usbip::DIRECTION_IN, 8);
-        peer.Send(CPeer::Brings(dwBlocked + 1, {7}));
-        EXPECT_TRUE(next.Succeeds());
-    }
+// The host's messages.
+static Bytes Import() {
+    return Message({0x0111'8003, 0, 0x312D'3100 /* "1-1" */}, {}, usbip::OP_REQ_IMPORT_SIZE);
+}
+static Bytes Read(std::uint32_t dwSeqnum, std::uint32_t dwSize) {
+    return Message(
+        {usbip::CMD_SUBMIT, dwSeqnum, 0x10001, usbip::DIRECTION_IN, 1, 0, dwSize, 0, 0xFFFFFFFF});
+}
+static Bytes Write(std::uint32_t dwSeqnum, const Bytes& package) {
+    return Message({usbip::CMD_SUBMIT, dwSeqnum, 0x10001, usbip::DIRECTION_OUT, 1, 0,
+                    static_cast<std::uint32_t>(package.size()), 0, 0xFFFFFFFF},
+                   package);
+}
+static Bytes Unlink(std::uint32_t dwSeqnum, std::uint32_t dwVictim) {
+    return Message({usbip::CMD_UNLINK, dwSeqnum, 0x10001, 0, 0, dwVictim});
+}
+// The device's answer to a read that brings these bytes.
+static Bytes Answer(std::uint32_t dwSeqnum, const Bytes& data) {
+    return Submitted(dwSeqnum, static_cast<std::uint32_t>(data.size()), data);
+}
+static Bytes Cut(const Bytes& bytes, std::size_t nBegin, std::size_t nEnd) {
+    return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(nBegin),
+                 bytes.begin() + static_cast<std::ptrdiff_t>(nEnd));
 }
 
-TEST(PosixNode, ARefusedTransferLeavesThePipeUsable) {
-    CPeer peer;
-    peer.Import();
-    CTransfer refused(peer.Node(), 100);
-    peer.ExpectSubmit(1, usbip::DIRECTION_IN, 100);
-    peer.Send(Answer(usbip::RET_SUBMIT, 1, -32, 3, {1, 2, 3}));
-    EXPECT_TRUE(refused.Fails());
-    CTransfer next(peer.Node(), 100);
-    peer.ExpectSubmit(2, usbip::DIRECTION_IN, 100);
-    peer.Send(CPeer::Brings(2, {7}));
-    EXPECT_TRUE(next.Succeeds());
-    EXPECT_EQ(next.Data(), Bytes{7});
-    const Bytes tooLong(usbip::MAX_TRANSFER + 1);
-    DWORD dwCount = 0;
-    EXPECT_FALSE(
-        platform::WriteFile(peer.Node(), tooLong.data(), usbip::MAX_TRANSFER + 1, &dwCount));
-}
-
-TEST(PosixNode, WhatIsAgainstTheProtocolBreaksItForGood) {
-    const Bytes reply = ImportReply();
-    const Bytes sound = CPeer::Brings(1, {1, 2, 3});
-    Bytes followed = sound;
-    followed.resize(followed.size() + usbip::HEADER_SIZE, 0xFF);
-    Bytes early = reply;
-    early.insert(early.end(), sound.begin(), sound.end());
-    // Said in the place of the import's reply, or in that of the answer to a read of 100 bytes.
-    enum class When { AtTheImport, AtTheRead };
-    using enum When;
+TEST(PosixNode, PlaysItsPart) {
+    constexpr std::int32_t GONE = usbip::STATUS_UNLINKED;
+    const Bytes package = Pattern(12288);
+    const Bytes large = Pattern(usbip::MAX_TRANSFER);
+    const Bytes late = Answer(1, {1, 2, 3, 4, 5});
+    const Bytes three = Answer(1, {1, 2, 3});
+    const std::vector<STEP> imported = {Gets(Import()), Says(ImportReply())};
+    std::vector<STEP> reading = imported;
+    reading.insert(reading.end(), {Reads(100), Gets(Read(1, 100))});
+    std::vector<STEP> stopped = reading;
+    stopped.insert(stopped.end(), {IsStopped, Gets(Unlink(2, 1))});
     const struct {
         const char* lpszWhat;
-        When when;
-        Bytes bytes;
-        bool bHangUp;
+        std::vector<STEP> before;
+        std::vector<STEP> steps;
     } rows[] = {
-        {"no reply", AtTheImport, {}, true},
-        {"half an import", AtTheImport, Bytes(reply.begin(), reply.begin() + 100), true},
-        {"another version", AtTheImport, ImportReply(0x0100), false},
-        {"another code", AtTheImport, ImportReply(usbip::VERSION, 0x0005), false},
-        {"a refusal", AtTheImport, Bytes{0x01, 0x11, 0x00, 0x03, 0, 0, 0, 1}, false},
-        {"an answer ahead of its question", AtTheImport, early, false},
-        {"text", AtTheImport, Bytes(400, 'a'), false},
-        {"no answer", AtTheRead, {}, true},
-        {"half a header", AtTheRead, Bytes(sound.begin(), sound.begin() + 20), true},
-        {"half the bytes", AtTheRead, Bytes(sound.begin(), sound.end() - 1), true},
-        {"an unknown command", AtTheRead, Answer(9, 1, 0), false},
-        {"a command for devices", AtTheRead, Answer(usbip::CMD_SUBMIT, 1, 0), false},
-        {"another's answer", AtTheRead, CPeer::Brings(2, {1}), false},
-        {"more than was asked for", AtTheRead, Answer(usbip::RET_SUBMIT, 1, 0, 101), false},
-        {"an absurd length", AtTheRead, Answer(usbip::RET_SUBMIT, 1, 0, 0xFFFFFFFF), false},
-        {"an unlink of nothing", AtTheRead, Answer(usbip::RET_UNLINK, 1, 0), false},
-        {"garbage behind the answer", AtTheRead, followed, false},
+        {"nothing goes out ahead of the import",
+         {},
+         {Gets(Import()), Reads(20), IsStopped, Writes(package), GetsNothing, Says(ImportReply()),
+          Gets(Write(1, package)), Says(Submitted(1, 12288)), Brings(package), Reads(500),
+          Gets(Read(2, 500)), SaysByteForByte(Answer(2, {7, 8})), Brings({7, 8})}},
+        {"what comes for a stopped read is kept",
+         reading,
+         {Says(Cut(late, 0, 51)), IsStopped, Gets(Unlink(2, 1)), Says(Cut(late, 51, 53)),
+          Says(Unlinked(2, 0)), Writes({9}), Gets(Write(3, {9})), Says(Submitted(3, 1)),
+          Brings({9}), Reads(3), Brings({1, 2, 3}), Reads(100), Brings({4, 5}), GetsNothing}},
+        {"all of it",
+         stopped,
+         {Says(late), Says(Unlinked(2, 0)), Reads(9), Brings({1, 2, 3, 4, 5}), Reads(7),
+          Gets(Read(3, 7))}},
+        {"nothing piles up behind what is not answered",
+         stopped,
+         {Writes(package), IsStopped, Reads(12288), IsStopped, Writes(package), IsStopped,
+          GetsNothing, Says(Unlinked(2, GONE)), Reads(8), Gets(Read(3, 8)), Says(Answer(3, {9})),
+          Brings({9})}},
+        {"a package that is half out is finished first",
+         imported,
+         {Writes(large), IsStopped, Writes({1, 2}), Gets(Write(1, large)), Gets(Unlink(2, 1)),
+          Says(Submitted(1, usbip::MAX_TRANSFER)), Says(Unlinked(2, 0)), Gets(Write(3, {1, 2})),
+          Says(Submitted(3, 2)), Brings({1, 2})}},
+        {"a refusal leaves the pipe usable",
+         reading,
+         {Says(Message({usbip::RET_SUBMIT, 1, 0, 0, 0, ~31U, 3}, {1, 2, 3})), Fails, Reads(100),
+          Gets(Read(2, 100)), Says(Answer(2, {7})), Brings({7})}},
+        {"too long a package", imported, {Writes(Bytes(usbip::MAX_TRANSFER + 1)), Fails}},
+
+        {"no reply", {}, {Reads(100), HangsUp, Breaks}},
+        {"half an import", {}, {Reads(100), Says(Cut(ImportReply(), 0, 100)), HangsUp, Breaks}},
+        {"another version", {}, {Reads(100), Says(ImportReply(0x0100'0003)), Breaks}},
+        {"another code", {}, {Reads(100), Says(ImportReply(0x0111'0005)), Breaks}},
+        {"a refusal", {}, {Reads(100), Says(Cut(ImportReply(0x0111'0003, 1), 0, 8)), Breaks}},
+        {"an answer ahead of all", {}, {Reads(9), Says(test::Join(ImportReply(), three)), Breaks}},
+        {"text", {}, {Reads(100), Says(Bytes(400, 'a')), Breaks}},
+        {"no answer", reading, {HangsUp, Breaks}},
+        {"half a header", reading, {Says(Cut(three, 0, 20)), HangsUp, Breaks}},
+        {"half the bytes", reading, {Says(Cut(three, 0, 50)), HangsUp, Breaks}},
+        {"an unknown command", reading, {Says(Message({9, 1})), Breaks}},
+        {"a command for devices", reading, {Says(Read(1, 100)), Breaks}},
+        {"another's answer", reading, {Says(Answer(2, {1})), Breaks}},
+        {"more than was asked for", reading, {Says(Submitted(1, 101)), Breaks}},
+        {"an absurd length", reading, {Says(Submitted(1, 0xFFFFFFFF)), Breaks}},
+        {"an unlink of nothing", reading, {Says(Unlinked(1, 0)), Breaks}},
+        {"half of it gone", imported, {Writes(large), Says(Submitted(1, 2U << 20)), Breaks}},
+        {"garbage behind it", reading, {Says(test::Join(three, Bytes(48, 0xFF))), Breaks}},
+        {"another's unlink", stopped, {Says(Unlinked(3, GONE)), Reads(100), Breaks}},
+        {"no outcome of an unlink", stopped, {Says(Unlinked(2, -1)), Reads(100), Breaks}},
+        {"an answer that never came", stopped, {Says(Unlinked(2, 0)), Reads(100), Breaks}},
+        {"an unlink's submission", stopped, {Says(Submitted(2, 0)), Reads(100), Breaks}},
+
+        {"silence", {}, {Reads(100), IsStopped, Writes(package), IsStopped}},
+        {"a begun import", {}, {Reads(100), Says({1, 0x11, 0}), IsStopped, Reads(1), IsStopped}},
+        {"a begun answer", reading, {Says({0, 0, 0}), IsStopped, Writes(package), IsStopped}},
+        {"begun bytes", reading, {Says(Cut(three, 0, 49)), IsStopped, Writes(package), IsStopped}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.lpszWhat);
-        CPeer peer;
-        CTransfer read(peer.Node(), 100);
-        if (row.when == AtTheRead) {
-            peer.Import();
-            peer.ExpectSubmit(1, usbip::DIRECTION_IN, 100);
-        }
-        peer.Send(row.bytes);
-        if (row.bHangUp) {
-            peer.HangUp();
-        }
-        EXPECT_TRUE(read.Fails());
-        for (const void* lpData :
-             {static_cast<const void*>(nullptr), static_cast<const void*>("x")}) {
-            CTransfer later(peer.Node(), 1, lpData);
-            EXPECT_TRUE(later.Fails());
-        }
+        CPlay play;
+        std::ranges::for_each(row.before, [&](const STEP& step) { step(play); });
+        std::ranges::for_each(row.steps, [&](const STEP& step) { step(play); });
     }
 }
 
-TEST(PosixNode, AnUnlinkIsJudgedToo) {
-    const std::vector<Bytes> rows = {
-        Answer(usbip::RET_UNLINK, 3, usbip::STATUS_UNLINKED), // another's
-        Answer(usbip::RET_UNLINK, 2, -1),                     // no such outcome
-        Answer(usbip::RET_UNLINK, 2, 0),                      // of an answer never given
-        Answer(usbip::RET_SUBMIT, 2, 0),
-    };
-    for (const Bytes& answer : rows) {
-        SCOPED_TRACE(&answer - rows.data());
-        CPeer peer;
-        peer.Import();
-        CTransfer stopped(peer.Node(), 100);
-        peer.ExpectSubmit(1, usbip::DIRECTION_IN, 100);
-        EXPECT_TRUE(stopped.IsStopped());
-        peer.ExpectUnlink(2, 1);
-        peer.Send(answer);
-        CTransfer next(peer.Node(), 100);
-        EXPECT_TRUE(next.Fails());
-    }
-}
-
-TEST(PosixNode, ASilentPeerHoldsNothingUp) {
-    const Bytes reply = ImportReply();
-    for (const std::size_t nSent : {0U, 1U, 8U, 319U, 320U, 321U, 367U}) {
-        SCOPED_TRACE(nSent);
-        CPeer peer;
-        Bytes bytes = reply;
-        const Bytes answer = CPeer::Brings(1, {1, 2, 3});
-        bytes.insert(bytes.end(), answer.begin(), answer.end());
-        bytes.resize(nSent);
-        CTransfer read(peer.Node(), 100);
-        peer.Send(bytes);
-        EXPECT_TRUE(read.IsStopped());
-        const Bytes package(12288);
-        CTransfer write(peer.Node(), 12288, package.data());
-        EXPECT_TRUE(write.IsStopped());
-    }
-}
-
-TEST(PosixNode, WaitingCostsNoProcessorTime) {
-    const auto usedMs = [] {
-        timespec used{};
-        ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-        return used.tv_sec * 1000 + used.tv_nsec / 1000000;
-    };
-    CPeer peer;
-    // What a stop has left behind must not keep the next waits awake, nor an answer that has only
-    // begun.
-    const Bytes package(usbip::MAX_TRANSFER);
-    for (int i = 0; i < 3; ++i) {
-        CTransfer stopped(peer.Node(), 100);
-        EXPECT_TRUE(stopped.IsStopped());
-    }
-    peer.Import();
-    peer.Send({0, 0, 0});
-    const auto nBefore = usedMs();
-    CTransfer read(peer.Node(), 100);
-    EXPECT_TRUE(read.IsStopped(300));
-    CTransfer write(peer.Node(), usbip::MAX_TRANSFER, package.data());
-    EXPECT_TRUE(write.IsStopped(300));
-    EXPECT_LT(usedMs() - nBefore, 60);
-}
-
-TEST(PosixNode, OpeningNeverWaits) {
-    const CDeviceFolder devices;
+TEST(PosixNode, OpensAtOnceWhereverTheFolderLies) {
+    const test::CTempFolder folder;
+    const std::string strDeep = folder.Path(std::string(100, 'd') + "/" + std::string(100, 'e'));
+    const CEnvironment environment("DAK_DEVICE_DIR", strDeep.c_str());
+    EXPECT_TRUE(CloseHandle(CreateMutexA(nullptr, FALSE, "TheLock"))) << "made where it is missing";
     // Nobody accepts, and there is room for one or two.
-    const CAttachment attachment(devices.folder.Path(), "device", 0);
-    const std::string strPath = DevicePath().value_or("");
-    std::vector<HANDLE> opened;
-    while (opened.size() < 10) {
-        HANDLE hNode = OpenDevice(strPath);
-        if (hNode == INVALID_HANDLE_VALUE) {
-            break;
-        }
-        opened.push_back(hNode);
+    const CAttachment attachment(strDeep, std::string(80, 'n'), 0);
+    std::vector<HANDLE> opened = {OpenDevice()};
+    while (opened.size() < 10 && opened.back() != INVALID_HANDLE_VALUE) {
+        opened.push_back(Open(DevicePaths()[0], GENERIC_READ | GENERIC_WRITE));
     }
     EXPECT_LT(opened.size(), 10U) << "a full queue must refuse";
-    for (HANDLE hNode : opened) {
-        CTransfer read(hNode, 8);
-        EXPECT_TRUE(read.IsStopped());
-        EXPECT_TRUE(CloseHandle(hNode));
-    }
-}
-
-TEST(PosixNode, TheFolderMayLieDeep) {
-    const CTempFolder folder;
-    const std::string strDeep = folder / std::string(100, 'd') + "/" + std::string(100, 'e');
-    const CEnvironment environment("DAK_DEVICE_DIR", strDeep.c_str());
-    EXPECT_EQ(ProbeLock(), 'n') << "made with the folders above it";
-    const CAttachment attachment(strDeep, std::string(80, 'n'));
-    HANDLE hNode = OpenDevice(DevicePath().value_or(""));
-    EXPECT_NE(hNode, INVALID_HANDLE_VALUE);
-    EXPECT_TRUE(CloseHandle(hNode));
+    std::ranges::for_each(opened, CloseHandle);
 }
 
 TEST(PosixNode, AForkedChildDoesNotKeepTheConnection) {
-    CPeer peer;
-    CProcess child([&] {
-        DWORD dwCount = 0;
-        char ch = 0;
-        return platform::ReadFile(peer.Node(), &ch, 1, &dwCount) == FALSE ? 'y' : 'n';
-    });
+    CPlay play;
+    Gets(Import())(play);
+    DWORD dwCount = 0;
+    const CProcess child([&] { return ReadFile(play.hNode, &dwCount, 1, &dwCount) ? 'n' : 'y'; });
     EXPECT_EQ(child.Answer(), 'y') << "nor can it use it";
-    peer.Take(usbip::OP_REQ_IMPORT_SIZE);
-    EXPECT_TRUE(CloseHandle(peer.Node()));
-    EXPECT_TRUE(peer.HasBeenLeft()) << "although the child lives";
+    EXPECT_TRUE(CloseHandle(play.hNode));
+    EXPECT_EQ(play.device.Take(1), Bytes()) << "the child's copy keeps it open";
 }
 
-} // namespace
+} // namespace platform::tests

@@ -1,109 +1,47 @@
-// This system under the contract tests of the seam: temporary folders, the real clock, and a device
-// that is presented to the system by the tests.
+// This system under the contract tests of the seam, with a device that the tests present to it.
 #include "tests/platform/contract_world.h"
-#include "tests/platform/scripted_device.h"
-
-#include <chrono>
-#include <filesystem>
-#include <memory>
+#include "tests/platform/presented_device.h"
+#include "tests/platform/real_world.h"
 
 namespace contract {
 namespace {
 
-constexpr char CPU_KEY[] = "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0";
-constexpr char CPU_VALUE[] = "~MHz";
-
-class CTempFolder {
+class CScriptedDevice final : public CDevice, private device_test::IPeer {
   public:
-    CTempFolder() {
-        char szRoot[MAX_PATH];
-        char szName[MAX_PATH];
-        ::GetTempPathA(sizeof(szRoot), szRoot);
-        // Takes the name as a file, which makes room for the folder.
-        ::GetTempFileNameA(szRoot, "dak", 0, szName);
-        ::DeleteFileA(szName);
-        ::CreateDirectoryA(szName, nullptr);
-        m_strPath = szName;
-    }
-    ~CTempFolder() {
-        std::error_code error;
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(m_strPath, error)) {
-            ::SetFileAttributesW(entry.path().c_str(), FILE_ATTRIBUTE_NORMAL);
-        }
-        std::filesystem::remove_all(m_strPath, error);
-    }
-    CTempFolder(const CTempFolder&) = delete;
-    CTempFolder& operator=(const CTempFolder&) = delete;
-
-    const std::string& Path() const { return m_strPath; }
+    explicit CScriptedDevice(CScript& script) : m_script(script) {}
+    void Settle() override { m_device.Settle(); }
 
   private:
-    std::string m_strPath;
-};
+    bool Takes() override {
+        const std::lock_guard hold(m_script.mutex);
+        return m_script.bTakes;
+    }
+    void TakePackage(std::span<const std::uint8_t> package) override {
+        const std::lock_guard hold(m_script.mutex);
+        m_script.took.emplace_back(package.begin(), package.end());
+    }
+    std::span<const std::uint8_t> Offer() override {
+        const std::lock_guard hold(m_script.mutex);
+        return m_script.gives.empty() ? std::span<const std::uint8_t>() : m_script.gives.front();
+    }
+    void OfferTaken(std::size_t /*dwBytes*/) override {
+        const std::lock_guard hold(m_script.mutex);
+        m_script.gives.pop_front();
+    }
 
-struct CWorld {
-    CTempFolder files;
-    std::unique_ptr<device_test::CScriptedDevice> pDevice;
+    CScript& m_script;
+    device_test::CPresentedDevice m_device{*this}; // last: its thread uses the other
 };
-
-CWorld* g_pWorld = nullptr;
 
 } // namespace
 
-void InWorld(const std::function<void()>& body) {
-    CWorld world;
-    g_pWorld = &world;
-    body();
-    g_pWorld = nullptr;
-}
-
-std::string Folder() {
-    return g_pWorld->files.Path();
+std::unique_ptr<CDevice> PlugIn(CScript& script) {
+    return std::make_unique<CScriptedDevice>(script);
 }
 
 // Wine's files, which lie on another system, have none of their own.
 bool CreationTimesAreKept() {
     return ::GetProcAddress(::GetModuleHandleA("ntdll.dll"), "wine_get_version") == nullptr;
-}
-
-std::uint64_t NowMs() {
-    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                          std::chrono::steady_clock::now().time_since_epoch())
-                                          .count());
-}
-
-void SetCpuMHz(std::optional<DWORD> dwMHz) {
-    HKEY hKey = nullptr;
-    ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, CPU_KEY, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &hKey,
-                      nullptr);
-    if (dwMHz) {
-        const DWORD dwValue = *dwMHz;
-        ::RegSetValueExA(hKey, CPU_VALUE, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dwValue),
-                         sizeof(dwValue));
-    } else {
-        ::RegDeleteValueA(hKey, CPU_VALUE);
-    }
-    ::RegCloseKey(hKey);
-}
-
-void PlugDevice() {
-    g_pWorld->pDevice = std::make_unique<device_test::CScriptedDevice>();
-}
-
-void UnplugDevice() {
-    g_pWorld->pDevice.reset();
-}
-
-void DeviceGives(std::vector<std::uint8_t> package) {
-    g_pWorld->pDevice->Gives(std::move(package));
-}
-
-std::vector<std::vector<std::uint8_t>> DeviceTook() {
-    return g_pWorld->pDevice->Took();
-}
-
-void DeviceTakes(bool bTakes) {
-    g_pWorld->pDevice->WillTake(bTakes);
 }
 
 } // namespace contract

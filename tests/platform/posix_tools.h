@@ -1,0 +1,184 @@
+// What the tests of the Linux implementation share: a device folder and its environment, the
+// device's end of a node's socket, written from the description of the folder and from usbip.h
+// alone, and other processes.
+#pragma once
+
+#include "platform/posix/usbip.h"
+#include "tests/platform/platform_tools.h"
+#include "tests/support/temp_folder.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <initializer_list>
+
+namespace platform::tests {
+
+// A variable of the environment for a scope; null removes it.
+class CEnvironment {
+  public:
+    CEnvironment(const char* lpszName, const char* lpszValue) : m_strName(lpszName) {
+        if (const char* lpszBefore = ::getenv(lpszName)) {
+            m_strBefore = lpszBefore;
+        }
+        lpszValue != nullptr ? ::setenv(lpszName, lpszValue, 1) : ::unsetenv(lpszName);
+    }
+    ~CEnvironment() {
+        m_strBefore ? ::setenv(m_strName.c_str(), m_strBefore->c_str(), 1)
+                    : ::unsetenv(m_strName.c_str());
+    }
+    CEnvironment(const CEnvironment&) = delete;
+    CEnvironment& operator=(const CEnvironment&) = delete;
+
+  private:
+    const std::string m_strName;
+    std::optional<std::string> m_strBefore;
+};
+
+struct CDeviceFolder : test::CTempFolder {
+    CEnvironment environment{"DAK_DEVICE_DIR", Path().c_str()};
+};
+
+// A device's place in a device folder: its socket, and the lock that says that it is attached.
+struct CAttachment {
+    explicit CAttachment(const std::string& strFolder, const std::string& strName = "device",
+                         int nBacklog = 8)
+        : strClass(strFolder + "/{25DBCE51-6C8F-4A72-8A6D-B54C2B4FC835}"),
+          strSocket(strClass + "/" + strName),
+          nListener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        std::filesystem::create_directories(strClass);
+        // By a short way to the folder, whose own may be too long for an address.
+        const int nFolder = ::open(strClass.c_str(), O_PATH | O_CLOEXEC);
+        const std::string strShort = "/proc/self/fd/" + std::to_string(nFolder) + "/" + strName;
+        sockaddr_un address{AF_UNIX, {}};
+        strShort.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        EXPECT_EQ(::bind(nListener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(::listen(nListener, nBacklog), 0);
+        ::close(nFolder);
+        nLock = ::open((strSocket + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        EXPECT_TRUE(Lock(F_OFD_SETLK, F_WRLCK)); // of the open file, as the asker is this process
+    }
+    ~CAttachment() {
+        ::close(nLock);
+        ::close(nListener);
+        ::unlink(strSocket.c_str());
+        ::unlink((strSocket + ".lock").c_str());
+    }
+    CAttachment(const CAttachment&) = delete;
+    CAttachment& operator=(const CAttachment&) = delete;
+
+    bool Lock(int nCommand, short nType) const {
+        struct flock lock {};
+        lock.l_type = nType;
+        return ::fcntl(nLock, nCommand, &lock) == 0;
+    }
+
+    const std::string strClass;
+    const std::string strSocket;
+    const int nListener;
+    int nLock = -1;
+};
+
+// A message that opens with these words, and the bytes behind its header.
+inline Bytes Message(std::initializer_list<std::uint32_t> words, const Bytes& data = {},
+                     std::size_t nHeader = usbip::HEADER_SIZE) {
+    Bytes message(nHeader);
+    std::uint8_t* lpWord = message.data();
+    for (const std::uint32_t dwWord : words) {
+        usbip::PutU32(std::exchange(lpWord, lpWord + 4), dwWord);
+    }
+    return test::Join(message, data);
+}
+inline Bytes ImportReply(std::uint32_t dwVersionAndCode = 0x0111'0003, std::uint32_t dwStatus = 0) {
+    return Message({dwVersionAndCode, dwStatus}, {}, usbip::OP_REP_IMPORT_SIZE);
+}
+inline Bytes Submitted(std::uint32_t dwSeqnum, std::uint32_t dwLength, const Bytes& data = {}) {
+    return Message({usbip::RET_SUBMIT, dwSeqnum, 0, 0, 0, 0, dwLength}, data);
+}
+inline Bytes Unlinked(std::uint32_t dwSeqnum, std::int32_t nStatus) {
+    return Message({usbip::RET_UNLINK, dwSeqnum, 0, 0, 0, static_cast<std::uint32_t>(nStatus)});
+}
+
+// The device's end of a node's socket, played by hand.
+class CUsbipEnd {
+  public:
+    explicit CUsbipEnd(const CAttachment& attachment)
+        : m_nSocket(::accept4(attachment.nListener, nullptr, nullptr, SOCK_CLOEXEC)) {
+        const timeval atOnce{AT_ONCE_MS / 1000, 0};
+        ::setsockopt(m_nSocket, SOL_SOCKET, SO_RCVTIMEO, &atOnce, sizeof(atOnce));
+    }
+    ~CUsbipEnd() { ::close(m_nSocket); }
+    CUsbipEnd(const CUsbipEnd&) = delete;
+    CUsbipEnd& operator=(const CUsbipEnd&) = delete;
+
+    int Socket() const { return m_nSocket; }
+    void HangUp() const { ::shutdown(m_nSocket, SHUT_RDWR); }
+    // A host that has gone is found so at the next Take.
+    void Send(const Bytes& bytes) const {
+        static_cast<void>(::send(m_nSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+    }
+    // So many bytes of the host's, waited for; fewer when it has gone.
+    Bytes Take(std::size_t nSize) const {
+        Bytes bytes(nSize);
+        const ssize_t nTaken = nSize == 0 ? 0 : ::recv(m_nSocket, bytes.data(), nSize, MSG_WAITALL);
+        bytes.resize(nTaken > 0 ? static_cast<std::size_t>(nTaken) : 0);
+        return bytes;
+    }
+    // Bytes of the host's that nobody has taken yet.
+    int Waiting() const {
+        int nThere = -1;
+        ::ioctl(m_nSocket, FIONREAD, &nThere);
+        return nThere;
+    }
+
+  private:
+    const int m_nSocket;
+};
+
+// A process that runs a piece of the test, says with a byte how it went, and then waits to be
+// killed.
+class CProcess {
+  public:
+    explicit CProcess(const std::function<char()>& body) {
+        EXPECT_EQ(::pipe2(m_nEnds, O_CLOEXEC), 0);
+        m_nPid = ::fork();
+        if (m_nPid == 0) {
+            const char ch = body();
+            static_cast<void>(!::write(m_nEnds[1], &ch, 1));
+            for (;;) {
+                ::pause();
+            }
+        }
+        ::close(m_nEnds[1]);
+    }
+    ~CProcess() {
+        Kill();
+        ::close(m_nEnds[0]);
+    }
+    CProcess(const CProcess&) = delete;
+    CProcess& operator=(const CProcess&) = delete;
+
+    // Waited for; 0 when none comes any more.
+    char Answer() const {
+        char ch = 0;
+        return ::read(m_nEnds[0], &ch, 1) == 1 ? ch : '\0';
+    }
+    void Kill() {
+        if (m_nPid > 0) {
+            ::kill(m_nPid, SIGKILL);
+            ::waitpid(std::exchange(m_nPid, 0), nullptr, 0);
+        }
+    }
+
+  private:
+    int m_nEnds[2];
+    pid_t m_nPid;
+};
+
+} // namespace platform::tests

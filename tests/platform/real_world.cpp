@@ -1,0 +1,69 @@
+#include "tests/platform/real_world.h"
+
+#include "tests/platform/contract_world.h"
+#include "tests/support/temp_folder.h"
+
+#include <chrono>
+
+namespace contract {
+namespace {
+
+struct CWorld {
+    test::CTempFolder files;
+    CScript script;
+    std::unique_ptr<CDevice> pDevice;
+};
+CWorld* g_pWorld = nullptr;
+
+template <class CHANGE>
+void Change(CHANGE change) {
+    {
+        const std::lock_guard hold(g_pWorld->script.mutex);
+        change(g_pWorld->script);
+    }
+    g_pWorld->pDevice->Settle();
+}
+
+} // namespace
+
+void InWorld(const std::function<void()>& body) {
+    CWorld world;
+    g_pWorld = &world;
+    body();
+    g_pWorld = nullptr;
+}
+
+std::string Folder() {
+    return g_pWorld->files.Folder().string();
+}
+
+std::uint64_t NowMs() {
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                          std::chrono::steady_clock::now().time_since_epoch())
+                                          .count());
+}
+
+void PlugDevice() {
+    g_pWorld->pDevice = PlugIn(g_pWorld->script);
+}
+
+void UnplugDevice() {
+    g_pWorld->pDevice.reset();
+}
+
+void DeviceGives(std::vector<std::uint8_t> package) {
+    Change([&](CScript& script) { script.gives.push_back(std::move(package)); });
+}
+
+void DeviceTakes(bool bTakes) {
+    Change([&](CScript& script) { script.bTakes = bTakes; });
+}
+
+std::vector<std::vector<std::uint8_t>> DeviceTook() {
+    std::vector<test::Bytes> took;
+    g_pWorld->pDevice->Settle();
+    Change([&](const CScript& script) { took = script.took; });
+    return took;
+}
+
+} // namespace contract
