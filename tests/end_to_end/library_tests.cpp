@@ -109,10 +109,14 @@ TEST_F(Library, AJobEndsWhenItIsCalledOff) {
         EXPECT_EQ(dwTotal, 300'000U);
         EXPECT_TRUE(dwCopied > 50'000 && dwCopied < 120'000) << dwCopied;
         EXPECT_EQ(nPercent, static_cast<int>(dwCopied / 3000));
+        std::thread answer([&] {
+            EXPECT_TRUE(Eventually([&] { return !m_pDak->IsTransmitting(); }));
+            device.GoOn();
+        });
         m_pDak->TerminateTransfer();
+        answer.join();
         EXPECT_FALSE(m_pDak->IsTransmitting());
         EXPECT_EQ(m_pDak->GetLastError(), DAKERROR_CANCELLED);
-        device.GoOn();
         EXPECT_EQ(AwaitEnd(), DAKERROR_CANCELLED);
         ExpectNothingDone();
     }
