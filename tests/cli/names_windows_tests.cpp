@@ -21,27 +21,24 @@ TEST(HostNames, PathsWithADriveBeginAtItsRootOrItsCurrentFolder) {
     const std::string strDrive = strHere.substr(0, 2);
     const std::string strInRoot = "dak-test-in-root.tmp"; // the one folder that ends in a separator
     std::ofstream(ToPath(strDrive + "\\" + strInRoot)) << "1";
-    const struct {
-        std::string strSource;
-        std::string strName;
-    } rows[] = {{strHere, "top\\s\\a"},
-                {strHere + "\\s/a", "a"},
-                {strHere + "/s\\.", "a"},
-                {strDrive + "s", "s\\a"},
-                {strDrive + "s\\a", "a"},
-                {strDrive, "s\\a"},
-                {".\\s", "s\\a"},
-                {strDrive + "\\" + strInRoot, strInRoot},
-                {strDrive + "/" + strInRoot, strInRoot},
-                {strDrive + "\\.\\" + strInRoot, strInRoot}};
-    for (const auto& row : rows) {
-        const HOSTTREE tree = CollectForPush({row.strSource}, "\\");
-        ASSERT_EQ(tree.Files(), 1U) << row.strSource;
-        const PUSHGROUP& group = tree.groups[0];
-        EXPECT_EQ(group.entries[0].strName, row.strName) << row.strSource;
-        EXPECT_EQ(group.entries[0].strEntry.substr(group.strSource.size() + 1), row.strName);
-        EXPECT_TRUE(fs::exists(ToPath(HostPath(group.entries[0].strEntry)))) << row.strSource;
-        EXPECT_EQ(HostPath(group.entries[0].strEntry).find('/'), std::string::npos);
+    for (const auto& [strSource, strName] : std::vector<std::pair<std::string, std::string>>{
+             {strHere, "top\\s\\a"},
+             {strHere + "\\s/a", "a"},
+             {strHere + "/s\\.", "a"},
+             {strDrive + "s", "s\\a"},
+             {strDrive + "s\\a", "a"},
+             {strDrive, "s\\a"},
+             {".\\s", "s\\a"},
+             {strDrive + "\\" + strInRoot, strInRoot},
+             {strDrive + "/" + strInRoot, strInRoot},
+             {strDrive + "\\.\\" + strInRoot, strInRoot}}) {
+        const HOSTTREE tree = CollectForPush({strSource}, "\\");
+        ASSERT_EQ(tree.Files(), 1U) << strSource;
+        const std::string& strEntry = tree.groups[0].entries[0].strEntry;
+        EXPECT_EQ(tree.groups[0].entries[0].strName, strName) << strSource;
+        EXPECT_EQ(strEntry.substr(tree.groups[0].strSource.size() + 1), strName);
+        EXPECT_TRUE(fs::exists(ToPath(HostPath(strEntry)))) << strSource;
+        EXPECT_EQ(HostPath(strEntry).find('/'), std::string::npos);
     }
     EXPECT_EQ(CollectForPush({strDrive + "\\no such file", "Q:\\"}, "\\").leftOut.size(), 2U);
     fs::remove(ToPath(strDrive + "\\" + strInRoot));

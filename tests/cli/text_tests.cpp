@@ -4,6 +4,7 @@
 #include "cli/device_path.h"
 #include "cli/file_facts.h"
 #include "cli/progress.h"
+#include "cli/results.h"
 #include "cli/table.h"
 #include "cli/text.h"
 
@@ -73,6 +74,10 @@ TEST(Text, GoesFromOneFormIntoAnother) {
         {Path("/a/../b"), "\\a\\..\\b \\a\\.. b"},
         {JoinDevicePath("\\", "a") + JoinDevicePath("\\d", "s\\a"), "\\a\\d\\s\\a"},
         {JoinArguments({"a", "-b", "/c"}), "a -b /c"},
+        {ExplainOperation(Action::Move, DAKERROR_FAIL, DAKERROR_FAIL).lpszKey, "failed"},
+        {ExplainOperation(Action::Move, DAKERROR_FAIL, DAKERROR_NO_SPACE).lpszKey, "no_space"},
+        {ExplainOperation(Action::Move, DAKERROR_NO_DEVICE, DAKERROR_NO_DEVICE).strSentence,
+         Explain(Action::Move, Stage::Opening, DAKERROR_NO_DEVICE).strSentence},
         {FormatProgress(progress, 100),
          "Docs/\xE6\xBC\xA2\xE5\xAD\x97/a long name of a file.bin  45% [#########-----------]"
          "  50 B/s  0:11 left"},

@@ -49,7 +49,8 @@ TEST(Command, ToldWrongOrWithoutADeviceDoesNothing) {
                         {"push none /", 1, "left out none: there is no such file"},
                         {"pull /f f", 8, "cannot be made or used"},
                         {"push --json f /", 3, "\"no_device\""},
-                        {"pull /f made", 3, "no device is attached, or it does not answer"},
+                        {"pull /f made", 3, ""},
+                        {"write /f", 3, "no device is attached, or it does not answer"},
                         {"push --help", 0, "dak push notes.txt /Docs"}});
     EXPECT_FALSE(exists(world.folder / "host/made"));
 }
