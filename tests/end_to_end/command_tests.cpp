@@ -82,7 +82,7 @@ TEST(Command, WorksOnFiles) {
                         {"cp --no-clobber /b /Docs/c", 5, ""},
                         {"cp /b /Docs/c", 0, "copied"},
                         {"cp /Docs /Old", 0, "copied"},
-                        {"cp /b /Docs", 5, ""},
+                        {"cp /New /Docs", 5, ""},
                         {"rm /Docs/c", 0, "deleted \\Docs\\c\n"},
                         {"rm /Docs", 5, ""},
                         {"push --json huge /", 6, "\"no_space\""}});

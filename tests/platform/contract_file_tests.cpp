@@ -102,7 +102,7 @@ CONTRACT_TEST(Files, MayHaveNamesOfAnyTextBehindEitherSlash) {
 
 CONTRACT_TEST(Files, TransferOnlyWhatTheyWereOpenedFor) {
     EXPECT_TRUE(Does("make a contents"));
-    for (const DWORD dwAccess : {GENERIC_READ, GENERIC_WRITE}) {
+    for (const DWORD dwAccess : {DWORD{GENERIC_READ}, DWORD{GENERIC_WRITE}}) {
         char ch = 'x';
         DWORD dwCount = 77;
         HANDLE hFile = Open(In("a"), dwAccess);

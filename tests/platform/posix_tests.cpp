@@ -209,7 +209,7 @@ TEST(PosixFiles, TheCreationTimeIsKeptBesideTheContents) {
     }
 }
 
-TEST(PosixFiles, FullDisksStopsAndPositionsThatLookLikeFailures) {
+TEST(PosixFiles, AreAwareOfFullDisksStopsAndLargeFiles) {
     const test::CTempFolder folder;
     const HANDLE hFile = Open(folder.Path("file"), GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
     Bytes bytes(10000);
@@ -236,6 +236,8 @@ TEST(PosixFiles, FullDisksStopsAndPositionsThatLookLikeFailures) {
     EXPECT_EQ(SetFilePointer(hFile, 0x7FFFFFFF, nullptr, FILE_CURRENT), 0xFFFFFFFEU);
     EXPECT_EQ(SetFilePointer(hFile, 1, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
     EXPECT_EQ(SetFilePointer(hFile, 0, nullptr, FILE_CURRENT), 0xFFFFFFFEU);
+    fs::resize_file(folder / "file", (std::uintmax_t{7} << 32) + 5);
+    EXPECT_TRUE(GetFileSize(hFile, &dwCount) == 5 && dwCount == 7);
     CloseHandle(hFile);
 }
 
@@ -335,15 +337,17 @@ static std::vector<DWORD> FindProcesses(const std::string& strName) {
 }
 
 TEST(PosixProcesses, AreFoundByTheirFileAndEnded) {
-    const std::string strLong = "WCESCOMM-with-a-long-name.exe";
+    // Names of this run's own: others may run at the same time.
+    const std::string strName = std::to_string(::getpid()) + ".exe";
+    const std::string strLong = strName + "-with-a-long-name.exe";
     const struct {
         std::string strFile;
         std::string strCommand;
         std::string strTold; // the name that a loader tells the kernel, which keeps 15 bytes of it
         std::string strSeen;
     } rows[] = {
-        {"WCESCOMM.exe", "shell", "other", "WCESCOMM.exe"},
-        {"wine64-preloader", "C:\\x\\WCESMgr.exe", "WCESMgr.exe", "WCESMgr.exe"},
+        {strName, "shell", "other", strName},
+        {"wine64-preloader", "C:\\x\\" + strName, strName, strName},
         {"wine64-preloader", "C:\\x\\" + strLong, strLong, strLong},
         {"wine64-preloader", "something else", strLong, strLong.substr(0, 15)},
     };
