@@ -76,8 +76,6 @@ TREE Version(std::uint32_t dwSeed, std::size_t nLonger) {
                    {"e", Content(270'000 + nLonger, dwSeed + 4)}});
 }
 
-enum class ETrouble { Cancelled, EndedAtOnce, Killed, Unplugged, Replaced, BothGone };
-
 class Trouble : public testing::TestWithParam<std::tuple<bool, ETrouble, std::uint64_t>> {
   protected:
     Trouble() {
@@ -151,12 +149,9 @@ TEST_P(Trouble, LeavesWholeFilesAndAFreeLink) {
     EXPECT_EQ(CountNew(), m_new.size());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Copies, Trouble,
-    testing::Combine(testing::Bool(),
-                     testing::Values(ETrouble::Cancelled, ETrouble::EndedAtOnce, ETrouble::Killed,
-                                     ETrouble::Unplugged, ETrouble::Replaced, ETrouble::BothGone),
-                     testing::ValuesIn(g_copyMoments)));
+INSTANTIATE_TEST_SUITE_P(Copies, Trouble,
+                         testing::Combine(testing::Bool(), testing::ValuesIn(g_copyTroubles),
+                                          testing::ValuesIn(g_copyMoments)));
 
 } // namespace
 } // namespace end_to_end

@@ -39,8 +39,10 @@ class IDevice {
 };
 std::unique_ptr<IDevice> MakeDevice(const test::CTempFolder& folder);
 
-// Moments of the device of this system. Bytes behind which a copy gets into trouble, and those
-// behind which a command meets silence, from its handshake into its response.
+// What the devices of this system are put through: troubles of a copy, the bytes behind which they
+// come, and those behind which a command meets silence, from its handshake into its response.
+enum class ETrouble { Cancelled, EndedAtOnce, Killed, Unplugged, Replaced, BothGone };
+extern const std::vector<ETrouble> g_copyTroubles;
 extern const std::vector<std::uint64_t> g_copyMoments;
 extern const std::vector<std::pair<EWay, std::uint64_t>> g_commandMoments;
 extern const int g_nOtherInterrupt; // beside Ctrl-C

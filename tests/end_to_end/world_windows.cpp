@@ -193,6 +193,8 @@ const bool g_bConsole = CConsole::Make();
 
 } // namespace
 
+const std::vector<ETrouble> g_copyTroubles = {ETrouble::Cancelled, ETrouble::EndedAtOnce,
+                                              ETrouble::Killed, ETrouble::Unplugged};
 const std::vector<std::uint64_t> g_copyMoments = {640'000};
 const std::vector<std::pair<EWay, std::uint64_t>> g_commandMoments = {
     {EWay::ToDevice, 0}, {EWay::ToDevice, 20}, {EWay::ToDevice, 30},
