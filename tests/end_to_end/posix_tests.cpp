@@ -46,7 +46,9 @@ TEST(Agent, AThousandClientsDoNotDisturbACopy) {
     world.pDevice->GoOn();
     EXPECT_EQ(pPush->End(), 0) << pPush->Errors();
     EXPECT_TRUE(world.pDevice->Files() == tree);
+#ifndef __SANITIZE_ADDRESS__ // which keeps what is given back
     EXPECT_LT(MostKibOf(agent.pid), nKib + 8192);
+#endif
     for (const int nClient : clients) {
         ::close(nClient);
     }

@@ -16,7 +16,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A thread stands where hosts look for the agent's socket, and passes on what both say.
+// Where a test holds the device, a thread stands where hosts look for the agent's socket, and
+// passes on what both say.
 class CDevice final : public IDevice {
   public:
     explicit CDevice(const test::CTempFolder& folder) : m_folder(folder) {
@@ -39,12 +40,6 @@ class CDevice final : public IDevice {
             "Card=" + m_folder.Path("device/Card"), "--allow-format", "--allow-exec", "--quota",
             "20000000", "--verbose"});
         EXPECT_TRUE(Eventually([this] { return !m_pAgent->Output().empty(); }));
-        fs::rename(m_strSocket, m_strSocket + ".agent");
-        m_fds[0].fd = Socket(::bind, m_strSocket);
-        ::listen(m_fds[0].fd, 16);
-        GoOn();
-        m_bEnd = false;
-        m_relay = std::thread([this] { Relay(); });
     }
     void Unplug() override {
         EXPECT_EQ(m_pAgent->Kill(), CProgram::KILLED);
@@ -52,6 +47,14 @@ class CDevice final : public IDevice {
         EndRelay();
     }
     void HoldAfter(EWay way, std::uint64_t qwBytes) override {
+        if (!m_relay.joinable()) {
+            fs::rename(m_strSocket, m_strSocket + ".agent");
+            m_fds[0].fd = Socket(::bind, m_strSocket);
+            ::listen(m_fds[0].fd, 16);
+            GoOn();
+            m_bEnd = false;
+            m_relay = std::thread([this] { Relay(); });
+        }
         m_left[way == EWay::ToDevice ? 1 : 2] = qwBytes;
     }
     bool Holds() const override { return m_left[1] == 0 || m_left[2] == 0; }
@@ -81,9 +84,11 @@ class CDevice final : public IDevice {
         }
     }
     void EndRelay() {
-        m_bEnd = true;
-        m_relay.join();
-        HangUp(0);
+        if (m_relay.joinable()) {
+            m_bEnd = true;
+            m_relay.join();
+            HangUp(0);
+        }
     }
     void Relay() {
         while (!m_bEnd) {
