@@ -1,0 +1,58 @@
+// What proves this system alone.
+#include "tests/end_to_end/world.h"
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace end_to_end {
+namespace {
+
+std::size_t MostKibOf(pid_t nProcess) {
+    const std::string strStatus = test::ReadBytes("/proc/" + std::to_string(nProcess) + "/status");
+    return std::stoul(strStatus.substr(strStatus.find("VmHWM:") + 6));
+}
+
+// They say nothing, or nonsense, while a copy is on its way.
+TEST(Agent, AThousandClientsDoNotDisturbACopy) {
+    const rlimit files{2000, 2000};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &files), 0);
+    const CWorld world;
+    world.pDevice->Plug();
+    const TREE tree = {{"f", std::string(3'000'000, 'b')}};
+    world.folder.Write("host", tree);
+    world.pDevice->HoldAfter(EWay::ToDevice, 1'000'000);
+    const auto pPush = world.Start("dak push f /");
+    ASSERT_TRUE(Eventually([&] { return world.pDevice->Holds(); }));
+    sockaddr_un address{AF_UNIX, {}};
+    world.folder.Path("attached/{25DBCE51-6C8F-4A72-8A6D-B54C2B4FC835}/device.agent")
+        .copy(address.sun_path, sizeof(address.sun_path) - 1);
+    ucred agent{};
+    std::size_t nKib = 0;
+    std::array<int, 1000> clients{};
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        clients[i] = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const auto* const pAddress = reinterpret_cast<const sockaddr*>(&address);
+        ASSERT_EQ(::connect(clients[i], pAddress, sizeof(address)), 0);
+        if (i == 0) {
+            socklen_t nBytes = sizeof(agent);
+            ::getsockopt(clients[0], SOL_SOCKET, SO_PEERCRED, &agent, &nBytes);
+            nKib = MostKibOf(agent.pid);
+        }
+        const std::string strNonsense(i % 4 * 10'000, static_cast<char>(i));
+        ::send(clients[i], strNonsense.data(), strNonsense.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
+    world.pDevice->GoOn();
+    EXPECT_EQ(pPush->End(), 0) << pPush->Errors();
+    EXPECT_TRUE(world.pDevice->Files() == tree);
+#ifndef __SANITIZE_ADDRESS__ // which keeps what is given back
+    EXPECT_LT(MostKibOf(agent.pid), nKib + 8192);
+#endif
+    for (const int nClient : clients) {
+        ::close(nClient);
+    }
+}
+
+} // namespace
+} // namespace end_to_end
