@@ -8,8 +8,22 @@
 #include "platform/thread.h"
 
 #include <cstring>
+#include <memory>
+#include <new>
+#include <utility>
 
 CIoBuf g_IoBuf;
+
+// A fill pass that has been asked for and has not ended. Those of one object take their turns in
+// the order in which they were asked for, because each goes on in the file where the one before has
+// stopped; those of different objects have nothing to do with one another.
+struct CFillPass {
+    CIoBuf* pOwner;
+    DWORD dwMask;                 // of the buffers it is to fill
+    HANDLE hLateThread = nullptr; // its thread's, once its object has gone on without it
+    DWORD dwTurn = 0;             // 1: no earlier pass of the object is left
+    CFillPass* pNext = nullptr;
+};
 
 namespace {
 
@@ -17,10 +31,102 @@ constexpr DWORD POLL_MS = 10;
 constexpr int FILL_TRIES = 1000;
 constexpr DWORD MASK_BOTH = 3;
 
-// A fill pass that is late (FILL_TRIES have run out) may still be at work when the next one starts.
-// Passes take this lock, so that the next one waits its turn, and a file is not given up before the
-// late one has left it.
-CWordLock g_FillLock;
+constexpr DWORD BitOf(int nIndex) {
+    return static_cast<DWORD>(nIndex) + 1;
+}
+
+// All passes, in the order in which they were asked for.
+CFillPass* g_pFirstPass = nullptr;
+CWordLock g_PassLock; // never held while a file is read
+
+// A forked child has none of its parent's passes: their threads have stayed there.
+void ForgetParentsPasses() {
+    static DWORD dwGeneration = 0;
+    if (dwGeneration != platform::ProcessGeneration()) {
+        dwGeneration = platform::ProcessGeneration();
+        g_pFirstPass = nullptr;
+    }
+}
+
+// Behind every change of the list: the first pass of each object has its turn.
+void GiveTurn(const CIoBuf* pOwner) {
+    for (CFillPass* pPass = g_pFirstPass; pPass != nullptr; pPass = pPass->pNext) {
+        if (pPass->pOwner == pOwner) {
+            StoreShared(pPass->dwTurn, DWORD{1});
+            platform::WakeByAddressAll(&pPass->dwTurn);
+            return;
+        }
+    }
+}
+
+void AskForPass(CFillPass& pass) {
+    const CWordLockHold hold(g_PassLock);
+    ForgetParentsPasses();
+    CFillPass** ppLast = &g_pFirstPass;
+    while (*ppLast != nullptr) {
+        ppLast = &(*ppLast)->pNext;
+    }
+    *ppLast = &pass;
+    GiveTurn(pass.pOwner);
+}
+
+// False when the thread is being stopped ahead of its turn.
+bool AwaitTurn(CFillPass& pass) {
+    while (LoadShared(pass.dwTurn) == 0) {
+        if (platform::WaitOnAddress(&pass.dwTurn, 0, INFINITE) == FALSE) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void EndPass(CFillPass& pass) {
+    HANDLE hLateThread = nullptr;
+    {
+        const CWordLockHold hold(g_PassLock);
+        CFillPass** ppPass = &g_pFirstPass;
+        while (*ppPass != &pass) {
+            ppPass = &(*ppPass)->pNext;
+        }
+        *ppPass = pass.pNext;
+        hLateThread = pass.hLateThread;
+        GiveTurn(pass.pOwner);
+    }
+    if (hLateThread != nullptr) {
+        platform::CloseHandle(hLateThread);
+    }
+}
+
+// The latest pass of an object goes on by itself, its thread's handle with it. False, and the
+// handle stays the caller's, when there is none any more.
+bool LeaveBehind(const CIoBuf* pOwner, HANDLE hThread) {
+    const CWordLockHold hold(g_PassLock);
+    CFillPass* pLatest = nullptr;
+    for (CFillPass* pPass = g_pFirstPass; pPass != nullptr; pPass = pPass->pNext) {
+        pLatest = pPass->pOwner == pOwner ? pPass : pLatest;
+    }
+    if (pLatest != nullptr) {
+        pLatest->hLateThread = hThread;
+    }
+    return pLatest != nullptr;
+}
+
+// The thread of a late pass of an object, now the caller's; 0 when there is none.
+HANDLE TakeLateThread(const CIoBuf* pOwner) {
+    const CWordLockHold hold(g_PassLock);
+    ForgetParentsPasses();
+    for (CFillPass* pPass = g_pFirstPass; pPass != nullptr; pPass = pPass->pNext) {
+        if (pPass->pOwner == pOwner && pPass->hLateThread != nullptr) {
+            return std::exchange(pPass->hLateThread, nullptr);
+        }
+    }
+    return nullptr;
+}
+
+void StopThread(HANDLE hThread) {
+    platform::TerminateThread(hThread, 0);
+    platform::CloseHandle(hThread);
+}
 
 } // namespace
 
@@ -33,13 +139,16 @@ CIoBuf::CIoBuf()
 CIoBuf::~CIoBuf() {
     // At the process's end a job may still read from the process's own buffer; then the system
     // takes back what it holds.
-    if (this == &g_IoBuf && !g_OperationGate.TryEnter()) {
+    if (this == &g_IoBuf && !g_OperationGate.TryEnter(nullptr)) {
         return;
     }
     StopFill();
     CloseFile();
     FreeBuffer(0);
     FreeBuffer(1);
+    if (this == &g_IoBuf) {
+        g_OperationGate.Leave();
+    }
 }
 
 CIoBuf& CIoBuf::operator=(const CIoBuf& other) = default;
@@ -85,9 +194,7 @@ int CIoBuf::InitIoBuf(int nBufSize, const char* lpszFileName) {
     m_lpReadPtr = m_lpBuffer[0];
     m_nBufferSize = nBufSize;
     StoreShared(m_dwFillMask, MASK_BOTH);
-    m_hFillThread =
-        platform::CreateThread(nullptr, 0, &CIoBuf::ReadDataToBufferThread, this, 0, nullptr);
-    return m_hFillThread != nullptr ? 1 : 0;
+    return StartFill(MASK_BOTH, 0) ? 1 : 0;
 }
 
 int CIoBuf::ReadIoBuf(BYTE* lpBuf, int nBytes) {
@@ -118,13 +225,15 @@ void CIoBuf::DeinitIoBuf() {
 }
 
 int CIoBuf::ReadFileData() {
-    FillBuffers();
+    CFillPass pass{this, MASK_BOTH};
+    AskForPass(pass);
+    RunPass(pass);
     return 1;
 }
 
 DWORD WINAPI CIoBuf::ReadDataToBufferThread(void* lpParameter) {
     if (lpParameter != nullptr) {
-        static_cast<CIoBuf*>(lpParameter)->FillBuffers();
+        static_cast<CIoBuf*>(lpParameter)->ReadFileData();
     }
     return 1;
 }
@@ -142,18 +251,43 @@ void CIoBuf::IoGetFileTime(FILETIME* lpCreationTime, FILETIME* lpLastWriteTime) 
     }
 }
 
-// One fill pass, on a fill thread or on the caller's.
-void CIoBuf::FillBuffers() {
-    if (!g_FillLock.EnterUnlessStopped()) {
-        return;
+// Asks for a pass over the buffers of dwMask and makes its thread. False when there is none.
+bool CIoBuf::StartFill(DWORD dwMask, DWORD dwCreationFlags) {
+    std::unique_ptr<CFillPass> pPass(new (std::nothrow) CFillPass{this, dwMask});
+    m_hFillThread = nullptr;
+    if (pPass == nullptr) {
+        return false;
     }
-    FillBuffer(0);
-    FillBuffer(1);
-    g_FillLock.Leave();
+    AskForPass(*pPass);
+    m_hFillThread = platform::CreateThread(nullptr, 0, &CIoBuf::FillThread, pPass.get(),
+                                           dwCreationFlags, nullptr);
+    if (m_hFillThread == nullptr) {
+        EndPass(*pPass);
+        return false;
+    }
+    static_cast<void>(pPass.release()); // the thread's now
+    return true;
+}
+
+void CIoBuf::RunPass(CFillPass& pass) {
+    if (AwaitTurn(pass)) {
+        for (const int nIndex : {0, 1}) {
+            if ((pass.dwMask & BitOf(nIndex)) != 0) {
+                pass.pOwner->FillBuffer(nIndex);
+            }
+        }
+    }
+    EndPass(pass);
+}
+
+DWORD WINAPI CIoBuf::FillThread(void* lpPass) {
+    const std::unique_ptr<CFillPass> pPass(static_cast<CFillPass*>(lpPass));
+    RunPass(*pPass);
+    return 1;
 }
 
 void CIoBuf::FillBuffer(int nIndex) {
-    const DWORD dwBit = static_cast<DWORD>(nIndex) + 1;
+    const DWORD dwBit = BitOf(nIndex);
     if ((LoadShared(m_dwFillMask) & dwBit) == 0 || LoadShared(m_bReady[nIndex]) != FALSE) {
         return;
     }
@@ -169,16 +303,14 @@ void CIoBuf::FillBuffer(int nIndex) {
     StoreShared(m_bReady[nIndex], TRUE);
 }
 
-// Returns with no fill running. A pass that was late has no handle any more, whether another could
-// be started behind it or not; its end shows in the lock.
+// Returns with no fill running and none to come.
 void CIoBuf::StopFill() {
     if (m_hFillThread != nullptr) {
-        platform::TerminateThread(m_hFillThread, 0);
-        platform::CloseHandle(m_hFillThread);
+        StopThread(m_hFillThread);
         m_hFillThread = nullptr;
     }
-    if (m_hFile != nullptr) {
-        const CWordLockHold hold(g_FillLock);
+    while (const HANDLE hLateThread = TakeLateThread(this)) {
+        StopThread(hLateThread);
     }
 }
 
@@ -216,13 +348,11 @@ bool CIoBuf::RequestRefill() {
     for (int nTry = 0; nTry < FILL_TRIES && LoadShared(m_dwFillMask) != 0; ++nTry) {
         platform::Sleep(POLL_MS);
     }
-    std::atomic_ref<DWORD>(m_dwFillMask).fetch_or(static_cast<DWORD>(m_nCurrent) + 1);
-    if (m_hFillThread != nullptr) {
+    std::atomic_ref<DWORD>(m_dwFillMask).fetch_or(BitOf(m_nCurrent));
+    if (m_hFillThread != nullptr && !LeaveBehind(this, m_hFillThread)) {
         platform::CloseHandle(m_hFillThread);
     }
-    m_hFillThread = platform::CreateThread(nullptr, 0, &CIoBuf::ReadDataToBufferThread, this,
-                                           CREATE_SUSPENDED, nullptr);
-    if (m_hFillThread == nullptr) {
+    if (!StartFill(BitOf(m_nCurrent), CREATE_SUSPENDED)) {
         StoreShared(m_bReadError, TRUE);
         return false;
     }

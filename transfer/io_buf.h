@@ -9,6 +9,8 @@
 #include "platform/export.h"
 #include "platform/types.h"
 
+struct CFillPass; // transfer/io_buf.cpp
+
 class DAK_API CIoBuf {
   public:
     CIoBuf();
@@ -44,7 +46,9 @@ class DAK_API CIoBuf {
     void IoGetFileTime(FILETIME* lpCreationTime, FILETIME* lpLastWriteTime);
 
   private:
-    void FillBuffers();
+    bool StartFill(DWORD dwMask, DWORD dwCreationFlags);
+    static DWORD WINAPI FillThread(void* lpPass);
+    static void RunPass(CFillPass& pass);
     void FillBuffer(int nIndex);
     void StopFill();
     void CloseFile();

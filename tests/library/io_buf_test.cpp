@@ -148,8 +148,8 @@ TEST_F(IoBufTest, RunningFillIsStopped) {
 }
 
 // A fill that is late by more than 1000 looks: the consumer asks for the next one all the same, and
-// the two follow one another. The late one has no handle any more; where no further thread can be
-// had, it is waited for before its buffer goes.
+// the two follow one another. Where no further thread can be had, the late one is stopped before
+// its buffer goes. It keeps no other object waiting.
 TEST_F(IoBufTest, LateFill) {
     const Bytes content = Pattern(5 * N + 3);
     world.WriteHostFile(FILE_NAME, content);
@@ -168,9 +168,11 @@ TEST_F(IoBufTest, LateFill) {
     ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
     world.FailCall(ECall::CreateThread, 1);
     EXPECT_EQ(ReadAll(N).size(), std::size_t{N});
-    EXPECT_LT(world.NowMs(), qwFilled);
+    CIoBuf other;
+    EXPECT_EQ(other.InitIoBuf(N, OTHER_NAME), 1);
+    EXPECT_EQ(other.ReadIoBuf(part.data(), N), N);
     ASSERT_EQ(buf.InitIoBuf(N, OTHER_NAME), 1);
-    EXPECT_EQ(world.NowMs(), qwFilled);
+    EXPECT_LT(world.NowMs(), qwFilled);
     EXPECT_EQ(ReadAll(N), content);
 }
 
