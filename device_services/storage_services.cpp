@@ -34,7 +34,7 @@ _tagStorageInfo TakeStorage(const BYTE* lpRecord) {
 
 DWORD CDAKVorn::DAKGetDeviceFreeSpace(DWORD* lpdwWord1, DWORD* lpdwWord2) {
     if (lpdwWord1 == nullptr && lpdwWord2 == nullptr) {
-        return SucceedAtOnce();
+        return EndAtOnce(DAKERROR_NONE);
     }
     return RunOperation(OperationFrame::Common, true,
                         [&] { return CommitGetDeviceFreeSpace(lpdwWord1, lpdwWord2); });
@@ -109,10 +109,8 @@ int CDAKVorn::CommitGetStorageInfo(CArray<_tagStorageInfo, _tagStorageInfo>* pSt
     const int nResult = exchange.Result();
     const int nRecords = static_cast<int>(exchange.FieldAt(STORAGE_COUNT_OFFSET));
     const DWORD packageLength = exchange.Head().packageLength;
-    if (packageLength > MAX_STORAGE_LENGTH) {
-        return 0;
-    }
-    if (packageLength <= STORAGE_HEAD_LENGTH) {
+    // Nor are records taken of which there are more than a device can have.
+    if (packageLength <= STORAGE_HEAD_LENGTH || packageLength > MAX_STORAGE_LENGTH) {
         return nResult;
     }
     const platform::CLocalBuffer records(packageLength - STORAGE_HEAD_LENGTH);

@@ -36,7 +36,7 @@ CDAKVorn::CDAKVorn()
       m_dwSizeTotal(0), m_szSourcePath{}, m_szDestPath{}, m_szPartPath{} {
     // A lock handle that a job left open goes with a fresh start. One that another object's
     // operation works under is not ours to touch.
-    if (g_OperationGate.TryEnter()) {
+    if (g_OperationGate.TryEnter(this)) {
         CloseDeviceLock();
         g_OperationGate.Leave();
     }
@@ -92,9 +92,9 @@ void CDAKVorn::EndWhatIsOpen() {
     // uses this object and its resend buffer.
     bool bGate = true;
     if (g_OperationGate.IsJobOwner(this)) {
-        g_OperationGate.Enter();
+        g_OperationGate.EnterAtLast(this);
     } else {
-        bGate = g_OperationGate.TryEnter();
+        bGate = g_OperationGate.TryEnter(this);
     }
     if (bGate) {
         if (IsHandleOpen(LoadShared(g_hDeviceMutex))) {

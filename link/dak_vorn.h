@@ -5,11 +5,13 @@
 // DWORD return 0 for success or one of the results of link/result.h; GetLastError says more.
 //
 // Threads: operations run on the caller's thread. Those of one process that overlap, on any object
-// and any thread, wait for one another and for a running job, also where they then refuse their
-// arguments. While a job runs these may be called from any thread without waiting for it:
-// GetCopyStatus, IsTransmitting, TerminateTransfer (which itself waits up to 2 seconds),
-// GetLastError, DAKGetVersionNumber, ClearFileList, ClearStorageList; and DAKTransmitFiles returns
-// DAKERROR_BUSY. No object is destroyed or assigned while another thread uses it.
+// and any thread, wait for one another and for a running job; what they can refuse, or answer
+// without a link, they do at once. A job that TerminateTransfer had to leave to itself is waited
+// for by nobody: until its worker has ended they return DAKERROR_BUSY. While a job runs these may
+// be called from any thread without waiting for it: GetCopyStatus, IsTransmitting,
+// TerminateTransfer (which itself waits up to 2 seconds), GetLastError, DAKGetVersionNumber,
+// ClearFileList, ClearStorageList; and DAKTransmitFiles returns DAKERROR_BUSY. No object is
+// destroyed or assigned while another thread uses it.
 //
 // Paths of the device are wide text, separated by backslashes; a path argument must be neither
 // null nor empty unless stated, otherwise the operation returns DAKERROR_FAIL without a link. Paths
@@ -67,8 +69,11 @@ class DAK_API CDAKVorn {
     // DAK_TO_DEVICE full host paths below lpSource, for DAK_FROM_DEVICE names below it. Files are
     // below 4 GiB. When the job has ended, hNotifyWnd (0: none) is sent WM_DAK_TRANSFER_END, and
     // GetLastError holds the outcome: 0, DAKERROR_CANCELLED, DAKERROR_PROTOCOL, DAKERROR_NO_SPACE,
-    // DAKERROR_DEVICE_REFUSED, DAKERROR_FAIL or DAKERROR_NO_DEVICE. Without a window,
-    // IsTransmitting stays TRUE until TerminateTransfer.
+    // DAKERROR_DEVICE_REFUSED, DAKERROR_FAIL or DAKERROR_NO_DEVICE. In a copy to the device 0 can
+    // also mean that there is no verdict: the device gave no final reply or a result of 0, there
+    // was no memory for the request, or files of the list could not be opened and were left out.
+    // Who must know lists the device's folder. Without a window, IsTransmitting stays TRUE until
+    // TerminateTransfer.
     DWORD DAKTransmitFiles(UINT nDirection, const WCHAR* lpSource, const WCHAR* lpDest,
                            CStringArray* pFileList, HWND hNotifyWnd);
 
@@ -174,7 +179,7 @@ class DAK_API CDAKVorn {
     DWORD RunOperation(OperationFrame eFrame, bool bArgumentsPass, TCommit&& commit);
     DWORD BringLinkUp();
     DWORD LeaveOperation(OperationFrame eFrame, bool bDone);
-    DWORD SucceedAtOnce();
+    DWORD EndAtOnce(DWORD dwErrCode);
     void TakeSettings(const CDAKVorn& other);
     void EndWhatIsOpen();
 
@@ -197,7 +202,7 @@ class DAK_API CDAKVorn {
     int AcceptPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEnd);
     int WriteControl(DWORD wCommand);
     int FetchPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEnd, WORD codeFunc);
-    int FieldOverrunsPackage();
+    int FieldOverrunsPackage(int bEnd);
     int AddBuffData(BYTE* lpBuffer, const BYTE* lpData, DWORD nDataBytes, DWORD& packageLength,
                     DWORD nBufferSize, WORD codeFunc);
     int GetBuffData(BYTE* lpBuffer, BYTE* lpData, DWORD nDataBytes, DWORD& dwOffset,
@@ -214,6 +219,7 @@ class DAK_API CDAKVorn {
                    CStringArray* pFileList);
     void EndJob(bool bDrain);
     void SwallowAndAbort();
+    void ForgetFile(bool bOwnJob);
     int CommitCreateFile(const WCHAR* lpFileName, DWORD dwOpenWord1, DWORD dwOpenWord2,
                          DWORD dwOpenWord3, void** lphFile);
     int CommitReadFile(void* hFile, void* lpBuffer, DWORD nBytesToRead, DWORD* lpdwBytesRead);

@@ -121,8 +121,8 @@ int AtLeastOne(int nValue) {
 
 } // namespace
 
-void TakeDeviceLock() {
-    platform::WaitForSingleObject(LoadShared(g_hDeviceMutex), INFINITE);
+bool TakeDeviceLock() {
+    return platform::WaitForSingleObject(LoadShared(g_hDeviceMutex), INFINITE) == WAIT_OBJECT_0;
 }
 
 void ReleaseDeviceLock() {
@@ -142,34 +142,138 @@ void CloseDeviceLock() {
     StoreShared(g_hDeviceMutex, INVALID_HANDLE_VALUE);
 }
 
-void COperationGate::BeginJob(CDAKVorn* lpOwner) {
-    StoreShared(m_lpJobOwner, lpOwner);
-    StoreShared(m_dwJobState, DWORD{JOB_RUNNING});
+// In a forked child nobody is inside: whoever was has stayed in the parent.
+void COperationGate::ForgetParent() {
+    const DWORD dwGeneration = platform::ProcessGeneration();
+    if (LoadShared(m_dwGeneration) == dwGeneration) {
+        return;
+    }
+    const CWordLockHold hold(m_TurnLock);
+    if (LoadShared(m_dwGeneration) != dwGeneration) {
+        m_lpHolder = nullptr;
+        StoreShared(m_lpLeaving, static_cast<const CDAKVorn*>(nullptr));
+        StoreShared(m_dwJobState, DWORD{JOB_NONE});
+        StoreShared(m_dwGeneration, dwGeneration);
+    }
+}
+
+void COperationGate::BeginTurn(const CDAKVorn* lpHolder) {
+    const CWordLockHold hold(m_TurnLock);
+    m_lpHolder = lpHolder;
+    if (++m_dwTurn == 0) {
+        m_dwTurn = 1;
+    }
+}
+
+bool COperationGate::Enter(const CDAKVorn* lpHolder) {
+    ForgetParent();
+    if (!m_Lock.EnterUnless([this] { return LoadShared(m_dwJobState) == JOB_GIVEN_UP; })) {
+        return false;
+    }
+    BeginTurn(lpHolder);
+    return true;
+}
+
+bool COperationGate::EnterForJob(const CDAKVorn* lpHolder) {
+    ForgetParent();
+    if (!m_Lock.EnterUnless([this] {
+            const DWORD dwState = LoadShared(m_dwJobState);
+            return dwState == JOB_RUNNING || dwState == JOB_GIVEN_UP;
+        })) {
+        return false;
+    }
+    BeginTurn(lpHolder);
+    return true;
+}
+
+void COperationGate::EnterAtLast(const CDAKVorn* lpHolder) {
+    ForgetParent();
+    m_Lock.Enter();
+    BeginTurn(lpHolder);
+}
+
+bool COperationGate::TryEnter(const CDAKVorn* lpHolder) {
+    ForgetParent();
+    if (!m_Lock.TryEnter()) {
+        return false;
+    }
+    BeginTurn(lpHolder);
+    return true;
+}
+
+void COperationGate::Leave() {
+    {
+        const CWordLockHold hold(m_TurnLock);
+        m_lpHolder = nullptr;
+    }
+    m_Lock.Leave();
+}
+
+DWORD COperationGate::TurnOf(const CDAKVorn* lpHolder) {
+    ForgetParent();
+    const CWordLockHold hold(m_TurnLock);
+    return m_lpHolder == lpHolder ? m_dwTurn : 0;
+}
+
+void COperationGate::ReleaseHoldOf(DWORD dwTurn) {
+    const CWordLockHold hold(m_TurnLock);
+    if (m_lpHolder != nullptr && m_dwTurn == dwTurn) {
+        ReleaseDeviceLock();
+    }
+}
+
+void COperationGate::SetJobState(DWORD dwState) {
+    const CWordLockHold hold(m_TurnLock);
+    StoreShared(m_dwJobState, dwState);
+}
+
+void COperationGate::BeginJob() {
+    SetJobState(JOB_RUNNING);
     m_Lock.AskAgain();
 }
 
 void COperationGate::CancelJob() {
-    StoreShared(m_lpJobOwner, static_cast<CDAKVorn*>(nullptr));
-    StoreShared(m_dwJobState, DWORD{JOB_NONE});
+    SetJobState(JOB_NONE);
+}
+
+void COperationGate::GiveUpJob(DWORD dwTurn) {
+    const CWordLockHold hold(m_TurnLock);
+    if (m_lpHolder != nullptr && m_dwTurn == dwTurn && LoadShared(m_dwJobState) == JOB_RUNNING) {
+        StoreShared(m_dwJobState, DWORD{JOB_GIVEN_UP});
+        m_Lock.AskAgain();
+    }
 }
 
 void COperationGate::CloseJob() {
-    StoreShared(m_dwJobState, DWORD{JOB_CLOSING});
+    SetJobState(JOB_CLOSING);
 }
 
-void COperationGate::EndJob(CDAKVorn* lpOwner) {
-    if (lpOwner == nullptr || LoadShared(m_lpJobOwner) != lpOwner) {
-        return;
+void COperationGate::EndJob(const CDAKVorn* lpOwner) {
+    {
+        const CWordLockHold hold(m_TurnLock);
+        if (lpOwner == nullptr || m_lpHolder != lpOwner || LoadShared(m_dwJobState) == JOB_NONE) {
+            return;
+        }
+        // The object's destructor looks for its worker until the gate is free.
+        StoreShared(m_lpLeaving, lpOwner);
+        StoreShared(m_dwJobState, DWORD{JOB_NONE});
     }
-    // The object's destructor looks for its worker until the gate is free.
-    StoreShared(m_lpLeaving, lpOwner);
-    CancelJob();
     Leave();
-    std::atomic_ref<CDAKVorn*>(m_lpLeaving).compare_exchange_strong(lpOwner, nullptr);
+    std::atomic_ref<const CDAKVorn*>(m_lpLeaving).compare_exchange_strong(lpOwner, nullptr);
+}
+
+bool COperationGate::IsJobOwner(const CDAKVorn* lpOwner) {
+    ForgetParent();
+    const CWordLockHold hold(m_TurnLock);
+    return (m_lpHolder == lpOwner && LoadShared(m_dwJobState) != JOB_NONE) ||
+           LoadShared(m_lpLeaving) == lpOwner;
 }
 
 DWORD CDAKVorn::ConnectDevice() {
-    const COperationGateHold gate;
+    const COperationGateHold gate(this);
+    if (!gate.Holds()) {
+        return EndAtOnce(DAKERROR_BUSY);
+    }
     StoreShared(m_dwErrCode, DAKERROR_NO_DEVICE);
     if (!Initial()) {
         StoreShared(m_dwErrCode, DAKERROR_BUSY);
@@ -300,7 +404,9 @@ int CDAKVorn::DisConnect() {
 int CDAKVorn::Handshake(DWORD wCommand, DWORD dwTimeoutMs) {
     BYTE package[DAK_HANDSHAKE_SIZE];
     DakPutHandshake(package, wCommand, DAK_PROTOCOL_VERSION);
-    TakeDeviceLock();
+    if (!TakeDeviceLock()) {
+        return 0;
+    }
     DWORD dwCount = 0;
     bool bPassed = WriteUSBData(package, sizeof(package), &dwCount) &&
                    ReadUSBData(package, sizeof(package), &dwCount, dwTimeoutMs) &&

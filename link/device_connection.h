@@ -17,58 +17,81 @@ inline bool IsHandleOpen(HANDLE hObject) {
     return hObject != nullptr && hObject != INVALID_HANDLE_VALUE;
 }
 
-// Takes the link's lock, without a time-out; releases it, also where it is not held.
-void TakeDeviceLock();
+// Takes the link's lock, without a time-out; false when there is none to be taken. Releases it,
+// also where it is not held.
+bool TakeDeviceLock();
 void ReleaseDeviceLock();
 
 // Closes the lock handle, if it is open, and marks it closed.
 void CloseDeviceLock();
 
 // One operation at a time in the process. A frame holds the gate from its first step to its last; a
-// job takes it over from DAKTransmitFiles and gives it up at its worker's end. While a job runs,
-// its owner stands here.
+// job takes it over from DAKTransmitFiles and gives it up at its worker's end. Each stay behind the
+// gate is a turn with a number; a forked child finds the gate open, and no turn of its parent's.
 class COperationGate {
   public:
-    void Enter() { m_Lock.Enter(); }
-    bool TryEnter() { return m_Lock.TryEnter(); }
-    void Leave() { m_Lock.Leave(); }
+    // Waits for the operations and the job ahead. False, without the gate, as long as a job has it
+    // that its caller has given up.
+    bool Enter(const CDAKVorn* lpHolder);
+    // For the start of a job: false, without the gate, as soon as any job runs.
+    bool EnterForJob(const CDAKVorn* lpHolder);
+    // Waits whatever it waits for.
+    void EnterAtLast(const CDAKVorn* lpHolder);
+    bool TryEnter(const CDAKVorn* lpHolder);
+    void Leave();
 
-    // For the start of a job: false, without the gate, as soon as a job runs.
-    bool EnterUnlessJobRuns() {
-        return m_Lock.EnterUnless([this] { return IsJobRunning(); });
-    }
+    // The number of the turn that an object has now, or 0.
+    DWORD TurnOf(const CDAKVorn* lpHolder);
+    // Releases the link's lock if it is held in this turn.
+    void ReleaseHoldOf(DWORD dwTurn);
 
-    // The holder's gate passes to a job of lpOwner.
-    void BeginJob(CDAKVorn* lpOwner);
-    // The job did not come about: the gate stays with the holder.
+    // The holder's turn passes to a job.
+    void BeginJob();
+    // The job did not come about: the turn stays with the holder.
     void CancelJob();
+    // The job of this turn was cut short and does not end: nobody waits for it any more.
+    void GiveUpJob(DWORD dwTurn);
     // The job's outcome stands; what is left is its closing. From here on a further job waits
     // instead of being refused.
     void CloseJob();
     // The job of lpOwner has ended: leaves the gate. Does nothing when lpOwner has no job.
-    void EndJob(CDAKVorn* lpOwner);
+    void EndJob(const CDAKVorn* lpOwner);
 
-    bool IsJobRunning() const { return LoadShared(m_dwJobState) == JOB_RUNNING; }
     // Whether a worker of lpOwner still uses the object or is just leaving the gate.
-    bool IsJobOwner(const CDAKVorn* lpOwner) const {
-        return LoadShared(m_lpJobOwner) == lpOwner || LoadShared(m_lpLeaving) == lpOwner;
-    }
+    bool IsJobOwner(const CDAKVorn* lpOwner);
 
   private:
-    enum : DWORD { JOB_NONE = 0, JOB_RUNNING = 1, JOB_CLOSING = 2 };
+    enum : DWORD { JOB_NONE, JOB_RUNNING, JOB_GIVEN_UP, JOB_CLOSING };
+
+    void ForgetParent();
+    void BeginTurn(const CDAKVorn* lpHolder);
+    void SetJobState(DWORD dwState);
 
     CWordLock m_Lock;
+    CWordLock m_TurnLock; // of the words below, where more than one matters
+    DWORD m_dwGeneration = 0;
+    DWORD m_dwTurn = 0;
     DWORD m_dwJobState = JOB_NONE;
-    CDAKVorn* m_lpJobOwner = nullptr;
-    CDAKVorn* m_lpLeaving = nullptr;
+    const CDAKVorn* m_lpHolder = nullptr;
+    const CDAKVorn* m_lpLeaving = nullptr;
 };
 
 extern COperationGate g_OperationGate;
 
 class COperationGateHold {
   public:
-    COperationGateHold() { g_OperationGate.Enter(); }
-    ~COperationGateHold() { g_OperationGate.Leave(); }
+    explicit COperationGateHold(const CDAKVorn* lpHolder)
+        : m_bHolds(g_OperationGate.Enter(lpHolder)) {}
+    ~COperationGateHold() {
+        if (m_bHolds) {
+            g_OperationGate.Leave();
+        }
+    }
     COperationGateHold(const COperationGateHold&) = delete;
     COperationGateHold& operator=(const COperationGateHold&) = delete;
+
+    bool Holds() const { return m_bHolds; }
+
+  private:
+    bool m_bHolds;
 };

@@ -26,19 +26,18 @@ bool IsDeviceFileHandle(const void* hFile);
 // the outcome of the operation's own tests.
 template <class TCommit>
 DWORD CDAKVorn::RunOperation(OperationFrame eFrame, bool bArgumentsPass, TCommit&& commit) {
-    const COperationGateHold gate;
-    StoreShared(m_dwErrCode, DAKERROR_FAIL);
     if (!bArgumentsPass) {
-        if (eFrame == OperationFrame::Status) {
-            StoreShared(m_dwErrCode, DAKERROR_FOLDER_SPACE);
-        }
-        return LoadShared(m_dwErrCode);
+        return EndAtOnce(eFrame == OperationFrame::Status ? DAKERROR_FOLDER_SPACE : DAKERROR_FAIL);
     }
+    const COperationGateHold gate(this);
+    if (!gate.Holds()) {
+        return EndAtOnce(DAKERROR_BUSY);
+    }
+    StoreShared(m_dwErrCode, DAKERROR_FAIL);
     const DWORD dwLink = BringLinkUp();
     if (dwLink != DAKERROR_NONE) {
         return dwLink;
     }
-    TakeDeviceLock();
     if (eFrame == OperationFrame::Stream) {
         StoreShared(m_bCopying, BOOL{1});
     }

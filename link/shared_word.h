@@ -18,28 +18,14 @@ inline void StoreShared(T& word, T value) {
 }
 
 // A lock of one word for state that the process's own threads share. It lives as a static, has no
-// construction and no end, and blocks through the platform, so that it works under any of them.
+// construction and no end, and blocks through the platform, so that it works under any of them. A
+// forked child finds it free, whatever it was in the parent.
 class CWordLock {
   public:
     void Enter() {
         while (!TryEnter()) {
-            DWORD dwHeld = 1;
-            // Marks that somebody waits, so that Leave wakes.
-            std::atomic_ref<DWORD>(m_dwState).compare_exchange_strong(dwHeld, 2);
-            platform::WaitOnAddress(&m_dwState, 2, INFINITE);
+            platform::WaitOnAddress(&m_dwState, MarkWait(), INFINITE);
         }
-    }
-    // The same for a thread that somebody may stop (platform::TerminateThread): false, without the
-    // lock, when that happens during the wait.
-    bool EnterUnlessStopped() {
-        while (!TryEnter()) {
-            DWORD dwHeld = 1;
-            std::atomic_ref<DWORD>(m_dwState).compare_exchange_strong(dwHeld, 2);
-            if (platform::WaitOnAddress(&m_dwState, 2, INFINITE) == FALSE) {
-                return false;
-            }
-        }
-        return true;
     }
     // The same unless refuse, which is asked ahead of every wait, says true: then false, without
     // the lock. Whoever holds the lock and changes refuse's answer calls AskAgain;
@@ -47,33 +33,47 @@ class CWordLock {
     template <class TRefuse>
     bool EnterUnless(TRefuse&& refuse) {
         while (!TryEnter()) {
-            DWORD dwHeld = 1;
-            std::atomic_ref<DWORD>(m_dwState).compare_exchange_strong(dwHeld, 2);
+            const DWORD dwMarked = MarkWait();
             if (refuse()) {
                 return false;
             }
-            platform::WaitOnAddress(&m_dwState, 2, ASK_AGAIN_MS);
+            platform::WaitOnAddress(&m_dwState, dwMarked, ASK_AGAIN_MS);
         }
         return true;
     }
     void AskAgain() {
-        std::atomic_ref<DWORD>(m_dwState).store(1);
+        std::atomic_ref<DWORD>(m_dwState).store(Word(HELD));
         platform::WakeByAddressAll(&m_dwState);
     }
     bool TryEnter() {
-        DWORD dwFree = 0;
-        return std::atomic_ref<DWORD>(m_dwState).compare_exchange_strong(dwFree, 1);
+        DWORD dwSeen = LoadShared(m_dwState);
+        while (dwSeen != Word(HELD) && dwSeen != Word(WAITED_FOR)) {
+            if (std::atomic_ref<DWORD>(m_dwState).compare_exchange_weak(dwSeen, Word(HELD))) {
+                return true;
+            }
+        }
+        return false;
     }
     void Leave() {
-        if (std::atomic_ref<DWORD>(m_dwState).exchange(0) == 2) {
+        if (std::atomic_ref<DWORD>(m_dwState).exchange(0) == Word(WAITED_FOR)) {
             platform::WakeByAddressAll(&m_dwState);
         }
     }
 
   private:
+    enum : DWORD { HELD = 1, WAITED_FOR = 2 };
     static constexpr DWORD ASK_AGAIN_MS = 100;
 
-    DWORD m_dwState = 0; // 0 free, 1 held, 2 held and waited for
+    static DWORD Word(DWORD dwState) { return (platform::ProcessGeneration() << 2) | dwState; }
+
+    // Marks that somebody waits, so that Leave wakes. The word to wait on.
+    DWORD MarkWait() {
+        DWORD dwHeld = Word(HELD);
+        std::atomic_ref<DWORD>(m_dwState).compare_exchange_strong(dwHeld, Word(WAITED_FOR));
+        return Word(WAITED_FOR);
+    }
+
+    DWORD m_dwState = 0; // 0 free; held, or held and waited for, by the process of a generation
 };
 
 class CWordLockHold {

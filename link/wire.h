@@ -5,8 +5,12 @@
 // terminator. docs/wire.md shows packages as they look in a trace.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+
+// Records that travel whole (times, listing entries, storages) are taken as they lie in memory.
+static_assert(std::endian::native == std::endian::little);
 
 // The head of every package.
 struct DAKHEADER {

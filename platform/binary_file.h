@@ -53,11 +53,14 @@ class CFile {
 
     bool IsOpen() const { return m_hFile != INVALID_HANDLE_VALUE; }
 
-    void Close() {
-        if (IsOpen()) {
-            CloseHandle(m_hFile);
-            m_hFile = INVALID_HANDLE_VALUE;
+    // False, with the error number set, when bytes that were taken did not reach the disk.
+    bool Close() {
+        if (!IsOpen()) {
+            return true;
         }
+        const bool bClosed = CloseHandle(m_hFile) != FALSE;
+        m_hFile = INVALID_HANDLE_VALUE;
+        return bClosed;
     }
 
   private:

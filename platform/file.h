@@ -51,6 +51,9 @@ BOOL GetFileTime(HANDLE hFile, FILETIME* lpCreationTime, FILETIME* lpLastAccessT
 BOOL SetFileTime(HANDLE hFile, const FILETIME* lpCreationTime, const FILETIME* lpLastAccessTime,
                  const FILETIME* lpLastWriteTime);
 
+// Whether paths may begin with the letter of a drive.
+bool HasDrives();
+
 // Deletes a file. Refuses one that is missing, is a folder, or is read-only.
 BOOL DeleteFileA(const char* lpFileName);
 
@@ -59,10 +62,13 @@ BOOL MoveFileA(const char* lpExistingFileName, const char* lpNewFileName);
 
 // The same with dwFlags MOVEFILE_REPLACE_EXISTING: a file that has the new name is replaced in one
 // step, so that at every moment the name leads to the whole old file or the whole new one. A target
-// that is a folder or read-only is refused. On failure both stay as they were.
+// that is a folder or read-only is refused. On failure both stay as they were;
+// ERROR_SHARING_VIOLATION says that somebody has one of them open. Where files have permissions
+// beside the read-only attribute, the new one takes over those of the one that it replaces.
 BOOL MoveFileExA(const char* lpExistingFileName, const char* lpNewFileName, DWORD dwFlags);
 
-// FILE_ATTRIBUTE_NORMAL makes a file writable again, FILE_ATTRIBUTE_READONLY read-only.
+// FILE_ATTRIBUTE_NORMAL makes a file writable again, FILE_ATTRIBUTE_READONLY read-only. A symbolic
+// link is not followed, and refused.
 BOOL SetFileAttributesA(const char* lpFileName, DWORD dwFileAttributes);
 
 // Makes one folder; its parent must exist. FALSE with ERROR_ALREADY_EXISTS when the name is taken.

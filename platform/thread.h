@@ -11,6 +11,11 @@ namespace platform {
 // The error number of the calling thread's latest failed call, and of CreateMutexA.
 DWORD GetLastError();
 
+// A number that differs between a process and each child that it forks and that goes on without
+// another program; it never changes within a process. Threads, and what they held, are the parent's
+// alone: for the child, their handles stand for threads that have ended.
+DWORD ProcessGeneration();
+
 // Delays the calling thread by at least dwMilliseconds (0 gives way to other threads).
 void Sleep(DWORD dwMilliseconds);
 
@@ -54,7 +59,9 @@ HANDLE CreateMutexA(_SECURITY_ATTRIBUTES* lpMutexAttributes, BOOL bInitialOwner,
 BOOL ReleaseMutex(HANDLE hMutex);
 
 // Closes a handle of any kind that the seam gave out. A hold that the lock
-// handle's process still has ends with the last handle. FALSE for anything that is not open.
+// handle's process still has ends with the last handle. FALSE for anything that is not open; and
+// for a file, which then is closed all the same, when the system tells only now that bytes which it
+// took before did not reach the disk.
 BOOL CloseHandle(HANDLE hObject);
 
 // Blocks while the 32-bit word at lpAddress equals dwCompare, until a WakeByAddressAll on the same

@@ -31,7 +31,7 @@ DWORD CDAKVorn::DAKReadFile(void* hFile, void* lpBuffer, DWORD nBytesToRead, DWO
     if (bTarget) {
         *lpdwBytesRead = 0;
         if (lpBuffer == nullptr && nBytesToRead == 0) {
-            return SucceedAtOnce();
+            return EndAtOnce(DAKERROR_NONE);
         }
     }
     return RunOperation(OperationFrame::Stream, bTarget && lpBuffer != nullptr, [&] {
@@ -45,7 +45,7 @@ DWORD CDAKVorn::DAKWriteFile(void* hFile, void* lpBuffer, DWORD nBytesToWrite,
     if (bTarget) {
         *lpdwBytesWritten = 0;
         if (lpBuffer == nullptr && nBytesToWrite == 0) {
-            return SucceedAtOnce();
+            return EndAtOnce(DAKERROR_NONE);
         }
     }
     return RunOperation(OperationFrame::Stream, bTarget && lpBuffer != nullptr, [&] {
@@ -114,18 +114,22 @@ int CDAKVorn::CommitReadFile(void* hFile, void* lpBuffer, DWORD nBytesToRead,
     DWORD dwLeft = DakGetU32(count);
     if (dwLeft > nBytesToRead) {
         // More than was asked for has no place to go.
-        WriteControl(DAK_ABORT);
+        if (bEnd == 0) {
+            WriteControl(DAK_ABORT);
+        }
         StoreShared(m_dwErrCode, DAKERROR_PROTOCOL);
         return 0;
     }
     auto* lpTarget = static_cast<BYTE*>(lpBuffer);
+    DWORD dwTaken = 0;
     DWORD dwRest = PackageRest(dwOffset, dwPackageBytes);
     bool bBroken = false;
     while (dwLeft > dwRest && !bBroken) {
         std::memcpy(lpTarget, package.Get() + dwOffset, dwRest);
         lpTarget += dwRest;
         dwLeft -= dwRest;
-        *lpdwBytesRead += dwRest;
+        dwTaken += dwRest;
+        *lpdwBytesRead = dwTaken;
         bBroken = !FetchPackage(package.Get(), dwPackageBytes, bEnd, DAK_FUNC_READ_FILE);
         dwOffset = DAK_DATA_OFFSET;
         dwRest = PackageRest(dwOffset, dwPackageBytes);
@@ -140,9 +144,10 @@ int CDAKVorn::CommitReadFile(void* hFile, void* lpBuffer, DWORD nBytesToRead,
     }
     if (!bBroken) {
         std::memcpy(lpTarget, package.Get() + dwOffset, dwLeft);
-        *lpdwBytesRead += dwLeft;
+        dwTaken += dwLeft;
+        *lpdwBytesRead = dwTaken;
     }
-    return *lpdwBytesRead > 0 ? 1 : 0;
+    return dwTaken > 0 ? 1 : 0;
 }
 
 int CDAKVorn::CommitWriteFile(void* hFile, void* lpBuffer, DWORD nBytesToWrite,
@@ -191,6 +196,7 @@ int CDAKVorn::SendFileBytes(const BYTE* lpBytes, DWORD dwLeft, DWORD* lpdwBytesW
     m_dwSentPackages = 1;
     m_nResendCount = 0;
     m_dwLastPackageSize = 0;
+    DWORD dwSent = 0;
     while (dwLeft > DAK_PACKAGE_SIZE - dwCursor) {
         const DWORD dwRoom = DAK_PACKAGE_SIZE - dwCursor;
         if (!AddBuffData(package.Get(), lpBytes, dwRoom, dwCursor, DAK_PACKAGE_SIZE,
@@ -200,7 +206,8 @@ int CDAKVorn::SendFileBytes(const BYTE* lpBytes, DWORD dwLeft, DWORD* lpdwBytesW
         }
         lpBytes += dwRoom;
         dwLeft -= dwRoom;
-        *lpdwBytesWritten += dwRoom;
+        dwSent += dwRoom;
+        *lpdwBytesWritten = dwSent;
     }
     if (dwLeft != 0) {
         std::memcpy(package.Get() + dwCursor, lpBytes, dwLeft);
@@ -210,7 +217,7 @@ int CDAKVorn::SendFileBytes(const BYTE* lpBytes, DWORD dwLeft, DWORD* lpdwBytesW
     if (!SendDataPackage(package.Get(), dwCursor, 1)) {
         return 0;
     }
-    *lpdwBytesWritten += dwLeft;
+    *lpdwBytesWritten = dwSent + dwLeft;
     return 1;
 }
 

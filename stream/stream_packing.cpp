@@ -79,7 +79,7 @@ int CDAKVorn::GetBuffData(BYTE* lpBuffer, BYTE* lpData, DWORD nDataBytes, DWORD&
     }
     const DWORD dwRest = nDataBytes - dwLeft;
     if (dwRest > PackageRest(DAK_DATA_OFFSET, dwPackageBytes)) {
-        return FieldOverrunsPackage();
+        return FieldOverrunsPackage(bEnd);
     }
     std::memcpy(lpData + dwLeft, lpBuffer + DAK_DATA_OFFSET, dwRest);
     dwOffset = DAK_DATA_OFFSET + dwRest;
@@ -99,7 +99,7 @@ int CDAKVorn::GetBuffString(BYTE* lpBuffer, WCHAR* lpszString, DWORD& dwOffset,
         return 1;
     }
     if (dwLeft == dwWindow) {
-        return FieldOverrunsPackage();
+        return FieldOverrunsPackage(bEnd);
     }
     if (!FetchPackage(lpBuffer, dwPackageBytes, bEnd, DAK_FUNC_TRANSMIT_FILES)) {
         return 0;
@@ -109,7 +109,7 @@ int CDAKVorn::GetBuffString(BYTE* lpBuffer, WCHAR* lpszString, DWORD& dwOffset,
                 dwWindow - dwLeft);
     dwTextBytes = TextBytes(lpszString, nMaxChars);
     if (dwTextBytes == 0 || dwTextBytes - dwLeft > PackageRest(DAK_DATA_OFFSET, dwPackageBytes)) {
-        return FieldOverrunsPackage();
+        return FieldOverrunsPackage(bEnd);
     }
     dwOffset = DAK_DATA_OFFSET + (dwTextBytes - dwLeft);
     return 1;
@@ -130,8 +130,12 @@ int CDAKVorn::FetchPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEnd, WOR
     return 0;
 }
 
-// A package was delivered, but the field's rest is not in it.
-int CDAKVorn::FieldOverrunsPackage() {
+// A package was delivered, but the field's rest is not in it: nothing behind it can be understood,
+// and the device is told, unless it has sent all.
+int CDAKVorn::FieldOverrunsPackage(int bEnd) {
+    if (bEnd == 0) {
+        DrainAndAbort();
+    }
     StoreShared(m_dwErrCode, DAKERROR_PROTOCOL);
     return 0;
 }

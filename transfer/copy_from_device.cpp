@@ -2,6 +2,7 @@
 
 #include "link/command_exchange.h"
 #include "link/dak_vorn.h"
+#include "link/debug_trace.h"
 #include "link/shared_word.h"
 #include "platform/binary_file.h"
 #include "platform/file.h"
@@ -10,13 +11,14 @@
 #include "stream/package_cursor.h"
 #include "transfer/copy_job.h"
 
-#include <algorithm>
 #include <cstring>
-#include <string>
 
 namespace {
 
 constexpr DWORD SETTLE_MS = 500;
+// A second, for a file that somebody holds.
+constexpr int MOVE_TRIES = 11;
+constexpr DWORD MOVE_PAUSE_MS = 100;
 // Kept free on the host's disk beside the file itself.
 constexpr std::uint64_t SPARE_ROOM = 0x19000;
 
@@ -30,13 +32,6 @@ CString Joined(const CString& strFolder, const char* lpszName) {
     strPath += "\\";
     strPath += lpszName;
     return strPath;
-}
-
-// The name with backslashes as its only separators.
-CString WithBackslashes(const char* lpszName) {
-    std::string str(lpszName);
-    std::replace(str.begin(), str.end(), '/', '\\');
-    return CString(str.c_str());
 }
 
 bool IsDrivePath(const char* lpszName) {
@@ -181,11 +176,20 @@ bool CCopyFromDevice::AddName(const char* lpszName) {
 // A full piece ahead of the last, and its acknowledgement.
 bool CCopyFromDevice::SendPiece() {
     DWORD dwCount = 0;
-    if (!m_owner.WriteUSBData(m_package.Get(), DAK_PACKAGE_SIZE, &dwCount)) {
+    return WritePiece(DAK_PACKAGE_SIZE) && AwaitAcknowledgement(dwCount) == DAK_SUCCESS;
+}
+
+bool CCopyFromDevice::WritePiece(DWORD dwBytes) {
+    const int nBytes = static_cast<int>(dwBytes);
+    TraceLine("before send codeFunc=%d, packageLength=%d\n", DAK_FUNC_TRANSMIT_FILES, nBytes);
+    DWORD dwCount = 0;
+    if (!m_owner.WriteUSBData(m_package.Get(), dwBytes, &dwCount)) {
         StoreShared(m_owner.m_dwErrCode, DAKERROR_NO_DEVICE);
         return false;
     }
-    return AwaitAcknowledgement(dwCount) == DAK_SUCCESS;
+    TraceLine("after send codeFunc=%d, packageLength=%d, dwReadBytes=%d\n", DAK_FUNC_TRANSMIT_FILES,
+              nBytes, static_cast<int>(dwCount));
+    return true;
 }
 
 // The command word of the acknowledgement, or 0; dwCount is 0 when no read brought anything. All
@@ -195,7 +199,9 @@ DWORD CCopyFromDevice::AwaitAcknowledgement(DWORD& dwCount) {
     for (;;) {
         std::memset(header, 0, sizeof(header));
         const bool bRead = m_owner.ReadUSBData(header, sizeof(header), &dwCount, 0) != 0;
-        if (!bRead) {
+        if (bRead) {
+            TraceLine("after read dwReadBytes=%d\n", static_cast<int>(dwCount));
+        } else {
             platform::Sleep(FAILED_READ_PAUSE_MS);
         }
         const bool bPresent = m_owner.IsDeviceAvailable() != 0;
@@ -210,12 +216,8 @@ DWORD CCopyFromDevice::AwaitAcknowledgement(DWORD& dwCount) {
 // the end of the command.
 bool CCopyFromDevice::SendLastPiece(bool bGoesWell) {
     DakPutHeader(m_package.Get(), DAK_LAST_PACKAGE, m_dwCursor - DAK_HEADER_SIZE);
+    bGoesWell = WritePiece(m_dwCursor) && bGoesWell;
     DWORD dwCount = 0;
-    if (!m_owner.WriteUSBData(m_package.Get(), m_dwCursor, &dwCount)) {
-        StoreShared(m_owner.m_dwErrCode, DAKERROR_NO_DEVICE);
-        bGoesWell = false;
-    }
-    dwCount = 0;
     const DWORD wCommand = bGoesWell ? AwaitAcknowledgement(dwCount) : 0;
     if (LoadShared(m_owner.m_bCopying) == 0) {
         g_bAbortPending = TRUE;
@@ -261,8 +263,7 @@ bool CCopyFromDevice::TakeFile() {
     if (!TakeRecord(record) || !TakeName(record)) {
         return false;
     }
-    MakeFolders(record);
-    if (!MakePartFile(record)) {
+    if (!MakeFolders(record) || !MakePartFile(record)) {
         return false;
     }
     CheckRoom(record);
@@ -308,16 +309,20 @@ bool CCopyFromDevice::TakeName(FileRecord& record) {
 }
 
 // The folders of the name, level by level. One that exists is no obstacle, and one that cannot be
-// made shows when the file is.
-void CCopyFromDevice::MakeFolders(FileRecord& record) const {
+// made shows when the file is, unless the disk is full. False ends the job.
+bool CCopyFromDevice::MakeFolders(FileRecord& record) {
     record.strFolder = m_strDest;
     int nStart = 0;
     for (int nEnd = record.strName.Find('\\'); nEnd >= 0;
          nEnd = record.strName.Find('\\', nStart)) {
         record.strFolder = Joined(record.strFolder, record.strName.Mid(nStart).Left(nEnd - nStart));
-        platform::CreateDirectoryA(record.strFolder, nullptr);
+        if (platform::CreateDirectoryA(record.strFolder, nullptr) == FALSE &&
+            platform::GetLastError() == ERROR_DISK_FULL) {
+            return GiveUpFile(record, DAKERROR_NO_SPACE);
+        }
         nStart = nEnd + 1;
     }
+    return true;
 }
 
 bool CCopyFromDevice::MakePartFile(FileRecord& record) {
@@ -383,7 +388,9 @@ bool CCopyFromDevice::ReceiveContents(FileRecord& record) {
         }
         nOpenFlags |= platform::CFile::modeNoTruncate;
     }
-    part.Close();
+    if (!part.Close()) {
+        return GiveUpFile(record, HostFailure());
+    }
     return WriteRest(record, nOpenFlags, static_cast<DWORD>(qwLeft));
 }
 
@@ -391,22 +398,31 @@ bool CCopyFromDevice::ReceiveContents(FileRecord& record) {
 // cancelling caller may have deleted it under us.
 bool CCopyFromDevice::WriteRest(FileRecord& record, UINT nOpenFlags, DWORD dwLeft) {
     platform::CFile part;
-    const bool bWritten = part.Open(record.strPart, nOpenFlags) && part.SeekToEnd() &&
-                          part.Write(m_package.Get() + m_dwOffset, dwLeft);
-    const DWORD dwHostFailure = HostFailure();
-    const bool bWhole = bWritten && part.GetLength() == record.qwSize;
-    part.Close();
+    bool bWhole = part.Open(record.strPart, nOpenFlags) && part.SeekToEnd() &&
+                  part.Write(m_package.Get() + m_dwOffset, dwLeft) &&
+                  part.GetLength() == record.qwSize;
+    DWORD dwHostFailure = HostFailure();
+    if (!part.Close() && bWhole) {
+        dwHostFailure = HostFailure();
+        bWhole = false;
+    }
     m_dwOffset += dwLeft;
     std::atomic_ref<std::uint64_t>(m_owner.m_dwSizeCopied).fetch_add(dwLeft);
     return bWhole || GiveUpFile(record, dwHostFailure);
 }
 
-// The whole new file takes its place in one step, also over a read-only one.
+// The whole new file takes its place in one step, also over a read-only one. Somebody who just
+// looks at it, as a scanner does with every new file, is waited for.
 bool CCopyFromDevice::TakeTargetName(FileRecord& record) {
     platform::SetFileAttributesA(record.strTarget, FILE_ATTRIBUTE_NORMAL);
-    if (platform::MoveFileExA(record.strPart, record.strTarget, MOVEFILE_REPLACE_EXISTING) ==
-        FALSE) {
-        return GiveUpFile(record, HostFailure());
+    for (int nTry = 1; platform::MoveFileExA(record.strPart, record.strTarget,
+                                             MOVEFILE_REPLACE_EXISTING) == FALSE;
+         ++nTry) {
+        if (platform::GetLastError() != ERROR_SHARING_VIOLATION || nTry == MOVE_TRIES ||
+            LoadShared(m_owner.m_bCopying) == 0) {
+            return GiveUpFile(record, HostFailure());
+        }
+        platform::Sleep(MOVE_PAUSE_MS);
     }
     record.strPart.Empty();
     return true;

@@ -45,6 +45,7 @@ class CCopyFromDevice {
     void BeginPiece(DWORD wCommand, DWORD packageLength);
     bool AddName(const char* lpszName);
     bool SendPiece();
+    bool WritePiece(DWORD dwBytes);
     DWORD AwaitAcknowledgement(DWORD& dwCount);
     bool SendLastPiece(bool bGoesWell);
 
@@ -56,7 +57,7 @@ class CCopyFromDevice {
     bool TakeField(void* lpField, DWORD dwBytes);
 
     // Host files.
-    void MakeFolders(FileRecord& record) const;
+    bool MakeFolders(FileRecord& record);
     bool MakePartFile(FileRecord& record);
     void CheckRoom(const FileRecord& record);
     bool ReceiveContents(FileRecord& record);

@@ -33,5 +33,8 @@ extern DAK_API BOOL g_bAbortPending;
 // Wide text as narrow text. bExact tells whether every character could be kept.
 CString NarrowText(const WCHAR* lpszText, bool& bExact);
 
+// The name with backslashes as its only separators.
+CString WithBackslashes(const char* lpszName);
+
 // The number of characters ahead of the terminator.
 SIZE_T WideLength(const WCHAR* lpszText);

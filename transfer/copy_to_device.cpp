@@ -50,6 +50,7 @@ bool CCopyToDevice::Run() {
             return false;
         }
         if (eOutcome == FileOutcome::StreamFailed) {
+            m_dwFirstFailure = LoadShared(m_owner.m_dwErrCode);
             break;
         }
     }
@@ -142,12 +143,16 @@ bool CCopyToDevice::SendRecord(const char* lpszEntry) {
     SetPathText(m_owner.m_szDestPath, strDest);
     WCHAR szName[DAK_MAX_NAME] = {};
     const int nChars = platform::MultiByteToWideChar(CP_ACP, 0, strName, -1, szName, DAK_MAX_NAME);
-    return nChars > 0 && AddField(szName, static_cast<DWORD>(nChars) * 2);
+    if (nChars <= 0) {
+        StoreShared(m_owner.m_dwErrCode, DAKERROR_FAIL);
+        return false;
+    }
+    return AddField(szName, static_cast<DWORD>(nChars) * 2);
 }
 
-// The entry without the source folder and one separator.
+// The entry without the source folder and one separator, as the device separates.
 CString CCopyToDevice::RelativeName(const CString& strEntry) const {
-    return strEntry.Right(strEntry.GetLength() - m_strSource.GetLength() - 1);
+    return WithBackslashes(strEntry.Right(strEntry.GetLength() - m_strSource.GetLength() - 1));
 }
 
 // The file's bytes, each read asking for exactly the room left in the package, so that a full
@@ -188,6 +193,10 @@ void CCopyToDevice::CloseStream() {
     m_owner.SendDataPackage(m_package.Get(), m_dwCursor, 1);
     if (LoadShared(m_owner.m_dwErrCode) != DAKERROR_NO_DEVICE) {
         TakeFinalReply();
+    }
+    if (m_dwFirstFailure != DAKERROR_NONE) {
+        StoreShared(m_owner.m_dwErrCode, m_dwFirstFailure);
+        m_bRet = 0;
     }
 }
 

@@ -44,6 +44,7 @@ class CCopyToDevice {
     CString m_strDest;   // narrow, without trailing backslashes
     platform::CLocalBuffer m_package;
     DWORD m_dwCursor = 0;       // of the next free byte in the package
+    DWORD m_dwFirstFailure = 0; // of the stream; no reply of the device makes up for it
     std::uint64_t m_qwLeft = 0; // bytes of the current file still to be sent
     int m_bRet = 0;
 };

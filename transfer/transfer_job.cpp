@@ -13,8 +13,10 @@
 #include "transfer/copy_to_device.h"
 #include "transfer/io_buf.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
+#include <string>
 #include <vector>
 
 BOOL g_bAbortPending = FALSE;
@@ -29,8 +31,12 @@ constexpr int DRAIN_READS = 4;
 constexpr DWORD DRAIN_PAUSE_MS = 300;
 constexpr DWORD WORKER_WAIT_MS = 2000;
 
-// Nobody may find a debug log that grew without end.
+// Nobody may find a debug log that grew without end. Where there are no drives, its path names
+// something else.
 void KeepDebugLogShort() {
+    if (!platform::HasDrives()) {
+        return;
+    }
     const HANDLE hFile = platform::CreateFileA(DEBUG_LOG, GENERIC_READ, FILE_SHARE_READ, nullptr,
                                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (hFile == INVALID_HANDLE_VALUE) {
@@ -94,22 +100,27 @@ CString NarrowText(const WCHAR* lpszText, bool& bExact) {
     return nBytes > 0 ? CString(text.data()) : CString();
 }
 
+CString WithBackslashes(const char* lpszName) {
+    std::string strName(lpszName);
+    std::replace(strName.begin(), strName.end(), '/', '\\');
+    return CString(strName.c_str());
+}
+
 DWORD CDAKVorn::DAKTransmitFiles(UINT nDirection, const WCHAR* lpSource, const WCHAR* lpDest,
                                  CStringArray* pFileList, HWND hNotifyWnd) {
-    if (!g_OperationGate.EnterUnlessJobRuns()) {
-        return DAKERROR_BUSY;
-    }
     KeepDebugLogShort();
+    if (nDirection > DAK_TO_DEVICE || !IsFolderText(lpSource) || !IsFolderText(lpDest) ||
+        pFileList == nullptr) {
+        return EndAtOnce(DAKERROR_FAIL);
+    }
+    if (!g_OperationGate.EnterForJob(this)) {
+        return EndAtOnce(DAKERROR_BUSY);
+    }
     StoreShared(m_dwErrCode, DAKERROR_FAIL);
-    DWORD dwResult = DAKERROR_FAIL;
-    if (nDirection <= DAK_TO_DEVICE && IsFolderText(lpSource) && IsFolderText(lpDest) &&
-        pFileList != nullptr) {
-        dwResult = BringLinkUp();
-        if (dwResult == DAKERROR_NONE) {
-            m_hNotifyWnd = hNotifyWnd;
-            TakeDeviceLock();
-            dwResult = StartJob(nDirection, lpSource, lpDest, pFileList);
-        }
+    DWORD dwResult = BringLinkUp();
+    if (dwResult == DAKERROR_NONE) {
+        m_hNotifyWnd = hNotifyWnd;
+        dwResult = StartJob(nDirection, lpSource, lpDest, pFileList);
     }
     if (dwResult != DAKERROR_NONE) {
         g_OperationGate.Leave();
@@ -134,7 +145,7 @@ DWORD CDAKVorn::StartJob(UINT nDirection, const WCHAR* lpSource, const WCHAR* lp
         SetPathText(m_szPartPath, "");
         StoreShared(m_bCopying, BOOL{1});
         m_nCopyResult = 1;
-        g_OperationGate.BeginJob(this);
+        g_OperationGate.BeginJob();
         const HANDLE hThread = platform::CreateThread(nullptr, 0, &CDAKVorn::Commit_Thread, lpParam,
                                                       CREATE_SUSPENDED, nullptr);
         if (hThread != nullptr) {
@@ -253,6 +264,7 @@ void CDAKVorn::GetCopyStatus(char* lpszSource, char* lpszDest, DWORD& dwTotal, D
 }
 
 void CDAKVorn::TerminateTransfer() {
+    const DWORD dwTurn = g_OperationGate.TurnOf(this);
     if (std::atomic_ref<BOOL>(m_bCopying).exchange(0) == 0) {
         return;
     }
@@ -260,16 +272,31 @@ void CDAKVorn::TerminateTransfer() {
     if (hThread != nullptr) {
         if (platform::WaitForSingleObject(hThread, WORKER_WAIT_MS) != WAIT_OBJECT_0) {
             StoreShared(m_dwErrCode, DAKERROR_CANCELLED);
+            g_OperationGate.GiveUpJob(dwTurn);
         }
         platform::CloseHandle(hThread);
     }
     // A worker or an operation that still runs has the read-ahead buffer in use, and gives it up at
     // its own end.
-    if (g_OperationGate.TryEnter()) {
+    const bool bGate = g_OperationGate.TryEnter(this);
+    if (bGate) {
         g_IoBuf.DeinitIoBuf();
-        g_OperationGate.Leave();
+    } else if (const DWORD dwTurnNow = g_OperationGate.TurnOf(this);
+               dwTurnNow != 0 && dwTurnNow != dwTurn) {
+        return; // another thread has begun something new on this object
     }
-    if (LoadShared(m_dwSizeCopied) != LoadShared(m_dwSizeTotal)) {
+    ForgetFile(dwTurn != 0);
+    if (bGate) {
+        g_OperationGate.Leave();
+    } else {
+        g_OperationGate.ReleaseHoldOf(dwTurn);
+    }
+}
+
+// Behind a cancel: nothing is shown any more, and what has come of the file in work goes, if it was
+// a job of this process's.
+void CDAKVorn::ForgetFile(bool bOwnJob) {
+    if (bOwnJob && LoadShared(m_dwSizeCopied) != LoadShared(m_dwSizeTotal)) {
         char szPartPath[260];
         GetPathText(szPartPath, m_szPartPath);
         platform::DeleteFileA(szPartPath);
@@ -278,5 +305,4 @@ void CDAKVorn::TerminateTransfer() {
     StoreShared(m_dwSizeTotal, std::uint64_t{0});
     SetPathText(m_szDestPath, "");
     SetPathText(m_szSourcePath, "");
-    ReleaseDeviceLock();
 }

@@ -71,6 +71,10 @@ BOOL MoveOver(const char* lpFrom, const char* lpTo) {
         if (RefuseReadOnly(status)) {
             return FALSE;
         }
+        if (S_ISREG(status.st_mode)) {
+            // Where the file system has no permissions to set, there are none to take over.
+            static_cast<void>(::chmod(lpFrom, status.st_mode & 07777));
+        }
     }
     return Result(::rename(lpFrom, lpTo) == 0);
 }
@@ -155,6 +159,10 @@ bool HostPath(const char* lpPath, std::string& strPath) {
 
 } // namespace posix
 
+bool HasDrives() {
+    return false;
+}
+
 BOOL DeleteFileA(const char* lpFileName) {
     return posix::WithMemory<BOOL>(FALSE, [&] {
         std::string strPath;
@@ -201,8 +209,12 @@ BOOL SetFileAttributesA(const char* lpFileName, DWORD dwFileAttributes) {
         if (!posix::HostPath(lpFileName, strPath)) {
             return FALSE;
         }
-        if (::stat(strPath.c_str(), &status) != 0) {
+        if (::lstat(strPath.c_str(), &status) != 0) {
             return posix::Result(false);
+        }
+        if (S_ISLNK(status.st_mode)) {
+            posix::SetLastError(ERROR_ACCESS_DENIED);
+            return FALSE;
         }
         constexpr mode_t ALL_WRITE = S_IWUSR | S_IWGRP | S_IWOTH;
         const mode_t nMode = status.st_mode & 07777;

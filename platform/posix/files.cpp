@@ -36,6 +36,7 @@ class CHostFile final : public CObject {
 
     BOOL Read(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override;
     BOOL Write(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override;
+    bool HandleClosed() noexcept override;
 
     int Descriptor() const { return m_file.Get(); }
     bool IsForWriting() const { return m_bForWriting; }
@@ -46,7 +47,7 @@ class CHostFile final : public CObject {
     template <class STEP>
     static bool InSteps(DWORD dwSize, DWORD& dwDone, STEP step);
 
-    const CDescriptor m_file;
+    CDescriptor m_file;
     const bool m_bForWriting;
 };
 
@@ -95,6 +96,16 @@ BOOL CHostFile::Write(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) {
     }
     *lpdwCount = dwDone;
     return TRUE;
+}
+
+// Network and user-space file systems tell of a full disk only here. After EINTR, too, the
+// descriptor is gone.
+bool CHostFile::HandleClosed() noexcept {
+    if (::close(m_file.Release()) == 0 || errno == EINTR) {
+        return true;
+    }
+    SetLastErrorFromErrno(errno);
+    return false;
 }
 
 // The flags for open, but for emptying: that waits until the file has been looked at. -1: no such

@@ -1,11 +1,14 @@
-// What a forked child must not have of its parent: CPrivateDescriptor. The process's tables are
-// held while the process forks, so that the child finds them whole.
+// What a forked child must not have of its parent: CPrivateDescriptor, and whatever looks at
+// ProcessGeneration. The process's tables are held while the process forks, so that the child finds
+// them whole.
 #include "platform/posix/descriptors.h"
 #include "platform/posix/handles.h"
 #include "platform/posix/named_locks.h"
+#include "platform/thread.h"
 
 #include <pthread.h>
 
+#include <atomic>
 #include <mutex>
 
 namespace platform::posix {
@@ -17,6 +20,7 @@ std::mutex& ListMutex() {
 }
 
 CPrivateDescriptor* g_pFirst = nullptr;
+std::atomic<DWORD> g_dwGeneration{0};
 
 void HoldTables() {
     NamedLockMutex().lock();
@@ -33,16 +37,21 @@ void ReleaseTables() {
 } // namespace
 
 void CloseInForkedChild() noexcept {
+    ++g_dwGeneration;
     for (CPrivateDescriptor* p = g_pFirst; p != nullptr; p = p->m_pNext) {
         ::close(std::exchange(p->m_nDescriptor, -1));
     }
     ReleaseTables();
 }
 
-CPrivateDescriptor::CPrivateDescriptor(CDescriptor descriptor) noexcept
-    : m_nDescriptor(descriptor.Release()) {
+static void WatchForks() noexcept {
     static const int nRegistered = pthread_atfork(HoldTables, ReleaseTables, CloseInForkedChild);
     static_cast<void>(nRegistered);
+}
+
+CPrivateDescriptor::CPrivateDescriptor(CDescriptor descriptor) noexcept
+    : m_nDescriptor(descriptor.Release()) {
+    WatchForks();
     const std::lock_guard hold(ListMutex());
     m_pNext = g_pFirst;
     if (m_pNext != nullptr) {
@@ -68,3 +77,12 @@ void CPrivateDescriptor::Close() noexcept {
 }
 
 } // namespace platform::posix
+
+namespace platform {
+
+DWORD ProcessGeneration() {
+    posix::WatchForks();
+    return posix::g_dwGeneration.load(std::memory_order_relaxed);
+}
+
+} // namespace platform

@@ -165,8 +165,7 @@ bool RemoveHandle(HANDLE hObject, const CObject* pObject) noexcept {
         SetLastError(ERROR_INVALID_HANDLE);
         return false;
     }
-    pRemoved->HandleClosed();
-    return true;
+    return pRemoved->HandleClosed();
 }
 
 bool IsDeviceLost(const std::string& strPath) noexcept {

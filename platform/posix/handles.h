@@ -31,8 +31,9 @@ class CObject {
 
     // Whether CloseHandle is the way to close it.
     virtual bool IsForCloseHandle() const { return true; }
-    // Called once for each handle, when it has left the table.
-    virtual void HandleClosed() noexcept {}
+    // Called once for each handle, when it has left the table. False, with the error number, when
+    // the end brought a failure to light.
+    virtual bool HandleClosed() noexcept { return true; }
 
     virtual DWORD Wait(const CDeadline& deadline);
     virtual BOOL Read(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount);
@@ -50,7 +51,7 @@ HANDLE AddHandle(std::shared_ptr<CObject> pObject) noexcept;
 std::shared_ptr<CObject> FindAnyObject(HANDLE hObject) noexcept;
 
 // Takes the handle from the table, if it is that object's, and tells the object. False when the
-// handle has gone already.
+// handle has gone already, or the object's end brought a failure to light.
 bool RemoveHandle(HANDLE hObject, const CObject* pObject) noexcept;
 
 // Whether a node of this process has lost the device at that path and is still open.

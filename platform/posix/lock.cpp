@@ -55,7 +55,7 @@ class CLock final : public CObject {
 
     DWORD Wait(const CDeadline& deadline) override;
     BOOL Release();
-    void HandleClosed() noexcept override;
+    bool HandleClosed() noexcept override;
 
     // One more handle. False when the last one has been closed, or the lock is that of a parent
     // process: then it is no lock any more.
@@ -147,14 +147,14 @@ BOOL CLock::Release() {
     return TRUE;
 }
 
-void CLock::HandleClosed() noexcept {
+bool CLock::HandleClosed() noexcept {
     const std::lock_guard hold(m_mutex);
-    if (--m_nHandles > 0) {
-        return;
+    if (--m_nHandles == 0) {
+        m_bHeld = false;
+        m_file.Close();
+        m_waiters.WakeAll();
     }
-    m_bHeld = false;
-    m_file.Close();
-    m_waiters.WakeAll();
+    return true;
 }
 
 // Whatever the name, a plain file name of its own.

@@ -19,7 +19,7 @@ class CMessageWindow final : public CObject {
     explicit CMessageWindow(CDescriptor event) : m_event(std::move(event)) {}
 
     bool IsForCloseHandle() const override { return false; }
-    void HandleClosed() noexcept override;
+    bool HandleClosed() noexcept override;
 
     BOOL Post(const WINDOWMESSAGE& message);
     BOOL Take(const CDeadline& deadline, WINDOWMESSAGE& message);
@@ -77,11 +77,12 @@ BOOL CMessageWindow::Take(const CDeadline& deadline, WINDOWMESSAGE& message) {
     return TRUE;
 }
 
-void CMessageWindow::HandleClosed() noexcept {
+bool CMessageWindow::HandleClosed() noexcept {
     const std::lock_guard hold(m_mutex);
     m_bAlive = false;
     m_messages.clear();
     m_waiters.WakeAll();
+    return true;
 }
 
 std::shared_ptr<CMessageWindow> FindWindow(HWND hWnd) {

@@ -37,9 +37,15 @@ class CThread final : public CObject {
     bool Resume();
     void Stop();
     DWORD Wait(const CDeadline& deadline) override;
-    void HandleClosed() noexcept override;
+    bool HandleClosed() noexcept override;
+
+    // As Wait without a deadline, also in a thread that is being stopped itself.
+    void AwaitEnd();
 
     bool IsCaller() const { return &CurrentThread() == &m_context; }
+    // In a forked child the threads of the parent have ended, whatever their objects say; and those
+    // may be locked for good.
+    bool IsOfThisProcess() const { return m_dwGeneration == ProcessGeneration(); }
 
   private:
     static void* Main(void* lpThread);
@@ -48,6 +54,7 @@ class CThread final : public CObject {
 
     LPTHREAD_START_ROUTINE m_lpStartAddress;
     void* m_lpParameter;
+    const DWORD m_dwGeneration = ProcessGeneration();
     CThreadContext m_context{true};
     pthread_t m_thread{};
     bool m_bStarted = false;
@@ -154,13 +161,25 @@ void CThread::Stop() {
 }
 
 DWORD CThread::Wait(const CDeadline& deadline) {
+    if (!IsOfThisProcess()) {
+        return WAIT_OBJECT_0;
+    }
     std::unique_lock hold(m_mutex);
     return WaitUntil(hold, m_waiters, deadline, [this] { return m_bEnded; });
 }
 
-void CThread::HandleClosed() noexcept {
-    if (!m_bStarted) {
-        return;
+void CThread::AwaitEnd() {
+    const CDeadline never(INFINITE);
+    std::unique_lock hold(m_mutex);
+    CWaiter waiter(m_waiters);
+    while (!m_bEnded) {
+        waiter.Park(hold, never);
+    }
+}
+
+bool CThread::HandleClosed() noexcept {
+    if (!m_bStarted || !IsOfThisProcess()) {
+        return true;
     }
     bool bEnded = false;
     {
@@ -178,6 +197,7 @@ void CThread::HandleClosed() noexcept {
     } else {
         pthread_detach(m_thread);
     }
+    return true;
 }
 
 // Lets the kernel wake the calling thread on time for the span of a scope. Its freedom to be late
@@ -280,8 +300,11 @@ BOOL TerminateThread(HANDLE hThread, DWORD /*dwExitCode*/) {
         posix::SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    pThread->Stop();
-    return pThread->Wait(CDeadline(INFINITE)) == WAIT_OBJECT_0 ? TRUE : FALSE;
+    if (pThread->IsOfThisProcess()) {
+        pThread->Stop();
+        pThread->AwaitEnd();
+    }
+    return TRUE;
 }
 
 DWORD WaitForSingleObject(HANDLE hObject, DWORD dwMilliseconds) {

@@ -3,7 +3,7 @@
 #include "platform/windows/paths.h"
 
 #include <cstring>
-#include <string>
+#include <string_view>
 
 namespace platform {
 namespace {
@@ -35,6 +35,18 @@ bool IsProtected(const char* lpszPath) {
     }
     ::SetLastError(ERROR_ACCESS_DENIED);
     return true;
+}
+
+// Whether somebody has a file open who does not let it go.
+bool IsHeld(const char* lpszPath) {
+    constexpr DWORD SHARE_ALL = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const HANDLE hFile =
+        ::CreateFileA(lpszPath, DELETE, SHARE_ALL, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (hFile != INVALID_HANDLE_VALUE) {
+        ::CloseHandle(hFile);
+        return false;
+    }
+    return ::GetLastError() == ERROR_SHARING_VIOLATION;
 }
 
 } // namespace
@@ -97,6 +109,10 @@ BOOL DeleteFileA(const char* lpFileName) {
     return IsPlainPath(lpFileName) && !IsProtected(lpFileName) ? ::DeleteFileA(lpFileName) : FALSE;
 }
 
+bool HasDrives() {
+    return true;
+}
+
 // Not the system's call of this name, which copies a file to another volume.
 BOOL MoveFileA(const char* lpExistingFileName, const char* lpNewFileName) {
     return IsPlainPath(lpExistingFileName) && IsPlainPath(lpNewFileName)
@@ -105,10 +121,18 @@ BOOL MoveFileA(const char* lpExistingFileName, const char* lpNewFileName) {
 }
 
 BOOL MoveFileExA(const char* lpExistingFileName, const char* lpNewFileName, DWORD dwFlags) {
-    return IsPlainPath(lpExistingFileName) && IsPlainPath(lpNewFileName) &&
-                   !IsProtected(lpNewFileName)
-               ? ::MoveFileExA(lpExistingFileName, lpNewFileName, dwFlags)
-               : FALSE;
+    if (!IsPlainPath(lpExistingFileName) || !IsPlainPath(lpNewFileName) ||
+        IsProtected(lpNewFileName)) {
+        return FALSE;
+    }
+    if (::MoveFileExA(lpExistingFileName, lpNewFileName, dwFlags) != FALSE) {
+        return TRUE;
+    }
+    // A target that somebody has open is refused like one that may not be replaced.
+    const DWORD dwError = ::GetLastError();
+    ::SetLastError(dwError == ERROR_ACCESS_DENIED && IsHeld(lpNewFileName) ? ERROR_SHARING_VIOLATION
+                                                                           : dwError);
+    return FALSE;
 }
 
 BOOL SetFileAttributesA(const char* lpFileName, DWORD dwFileAttributes) {
@@ -136,12 +160,19 @@ BOOL GetDiskFreeSpaceExA(const char* lpDirectoryName, std::uint64_t* lpFreeBytes
                          std::uint64_t* lpTotalNumberOfBytes,
                          std::uint64_t* lpTotalNumberOfFreeBytes) {
     ULARGE_INTEGER counts[3];
-    std::string strFolder = lpDirectoryName;
-    if (strFolder.starts_with("\\\\") && !strFolder.ends_with('\\')) {
-        strFolder += '\\'; // as the system wants it of a share's root
+    char szFolder[MAX_PATH + 1];
+    const std::size_t dwLength = std::strlen(lpDirectoryName);
+    if (dwLength >= MAX_PATH) {
+        ::SetLastError(ERROR_INVALID_NAME);
+        return FALSE;
+    }
+    std::memcpy(szFolder, lpDirectoryName, dwLength + 1);
+    const std::string_view folder(szFolder, dwLength);
+    if (folder.starts_with("\\\\") && !folder.ends_with('\\')) {
+        std::memcpy(szFolder + dwLength, "\\", 2); // as the system wants it of a share's root
     }
     if (!IsPlainPath(lpDirectoryName) ||
-        ::GetDiskFreeSpaceExA(strFolder.c_str(), &counts[0], &counts[1], &counts[2]) == FALSE) {
+        ::GetDiskFreeSpaceExA(szFolder, &counts[0], &counts[1], &counts[2]) == FALSE) {
         return FALSE;
     }
     std::uint64_t* const targets[] = {lpFreeBytesAvailable, lpTotalNumberOfBytes,

@@ -17,6 +17,11 @@ DWORD GetLastError() {
     return ::GetLastError();
 }
 
+// No process here is a copy of another.
+DWORD ProcessGeneration() {
+    return 0;
+}
+
 BOOL CloseHandle(HANDLE hObject) {
     if (!windows::MayBeHandle(hObject)) {
         return FALSE;

@@ -2,7 +2,7 @@
 
 #include "platform/types.h"
 
-#include <string>
+#include <algorithm>
 #include <string_view>
 
 namespace platform::windows {
@@ -13,23 +13,28 @@ bool IsLetter(char ch) {
     return chLower >= 'a' && chLower <= 'z';
 }
 
+// Whether a text is a name in capitals, whatever the case of its letters.
+bool IsName(std::string_view text, std::string_view name) {
+    return std::equal(text.begin(), text.end(), name.begin(), name.end(), [](char ch, char chName) {
+        return (IsLetter(ch) ? static_cast<char>(ch & ~0x20) : ch) == chName;
+    });
+}
+
 // Whether a component names a device wherever it stands, with whatever ending. Newer systems take
 // most of these for files in folders, older ones and shares do not.
 bool IsDeviceName(std::string_view component) {
-    std::string strName(component.substr(0, component.find('.')));
-    while (!strName.empty() && strName.back() == ' ') {
-        strName.pop_back();
-    }
-    for (char& ch : strName) {
-        ch = IsLetter(ch) ? static_cast<char>(ch & ~0x20) : ch;
+    std::string_view name = component.substr(0, component.find('.'));
+    while (!name.empty() && name.back() == ' ') {
+        name.remove_suffix(1);
     }
     for (const char* lpszDevice : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$"}) {
-        if (strName == lpszDevice) {
+        if (IsName(name, lpszDevice)) {
             return true;
         }
     }
-    return strName.size() == 4 && (strName.starts_with("COM") || strName.starts_with("LPT")) &&
-           strName[3] >= '0' && strName[3] <= '9';
+    const std::string_view begin = name.substr(0, 3);
+    return name.size() == 4 && (IsName(begin, "COM") || IsName(begin, "LPT")) && name[3] >= '0' &&
+           name[3] <= '9';
 }
 
 bool IsPlainComponent(std::string_view component) {
@@ -69,11 +74,8 @@ bool IsShareOfFiles(std::string_view fullPath) {
         return true;
     }
     const std::size_t nEnd = fullPath.find('\\', nShare + 1);
-    std::string strShare(fullPath.substr(nShare + 1, nEnd - nShare - 1));
-    for (char& ch : strShare) {
-        ch = static_cast<char>(ch | 0x20);
-    }
-    return strShare != "pipe" && strShare != "mailslot";
+    const std::string_view share = fullPath.substr(nShare + 1, nEnd - nShare - 1);
+    return !IsName(share, "PIPE") && !IsName(share, "MAILSLOT");
 }
 
 } // namespace

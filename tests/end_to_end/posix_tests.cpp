@@ -1,9 +1,12 @@
 // What proves this system alone.
+#include "link/dak_vorn.h"
+#include "platform/message_window.h"
 #include "tests/end_to_end/world.h"
 
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace end_to_end {
@@ -52,6 +55,41 @@ TEST(Agent, AThousandClientsDoNotDisturbACopy) {
     for (const int nClient : clients) {
         ::close(nClient);
     }
+}
+
+// Of a job in its parent it sees nothing but that the link is not free, and nothing that it does
+// touches the job.
+TEST(Job, IsNotThatOfAForkedChild) {
+    const CWorld world;
+    world.pDevice->Plug();
+    const TREE tree = {{"f", std::string(300'000, 'f')}};
+    world.folder.Write("host", tree);
+    world.pDevice->HoldAfter(EWay::ToDevice, 100'000);
+    auto pDak = std::make_unique<CDAKVorn>();
+    const HWND hWnd = platform::CreateMessageWindow();
+    CStringArray list;
+    list.Add(world.folder.Path("host/f").c_str());
+    const auto strHost = (world.folder / "host").string<WCHAR>();
+    ASSERT_EQ(pDak->DAKTransmitFiles(DAK_TO_DEVICE, strHost.c_str(), u"\\", &list, hWnd), 0U);
+    ASSERT_TRUE(Eventually([&] { return world.pDevice->Holds(); }));
+    const pid_t nChild = ::fork();
+    if (nChild == 0) {
+        ::alarm(60);
+        const bool bBusy = CDAKVorn().ConnectDevice() == DAKERROR_BUSY &&
+                           pDak->DAKDeleteFile(u"\\f") == DAKERROR_BUSY;
+        pDak->TerminateTransfer();
+        pDak.reset();
+        ::_exit(bBusy ? 0 : 1);
+    }
+    int nStatus = -1;
+    EXPECT_EQ(::waitpid(nChild, &nStatus, 0), nChild);
+    EXPECT_EQ(nStatus, 0);
+    world.pDevice->GoOn();
+    platform::WINDOWMESSAGE message{};
+    EXPECT_TRUE(platform::WaitWindowMessage(hWnd, test::BOUND.count() * 1000, &message));
+    EXPECT_EQ(pDak->GetLastError(), DAKERROR_NONE);
+    EXPECT_TRUE(world.pDevice->Files() == tree);
+    platform::DestroyMessageWindow(hWnd);
 }
 
 } // namespace

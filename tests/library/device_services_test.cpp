@@ -143,7 +143,7 @@ TEST_F(Values, OfStorages) {
         list.Add({});
         const std::uint64_t qwStart = world.NowMs();
         Answer(reply);
-        Check(dak->DAKGetStorageInfo(&list), nResult == 0 || nLengthMore == 1 << 20 ? FAIL : 0);
+        Check(dak->DAKGetStorageInfo(&list), nResult == 0 ? FAIL : 0);
         const std::uint64_t qwRead = nLengthMore == 240 ? 750 : records.empty() ? 0 : 10;
         EXPECT_EQ(world.NowMs() - qwStart, 340 + qwRead);
         ASSERT_EQ(list.GetSize(), nAdded + 1) << "behind what was there";

@@ -86,7 +86,7 @@ TEST(Handshake, BytesAndReplies) {
             CRun run(std::to_string(dwOffset) + ": " + std::to_string(dwValue));
             Bytes reply = Handshake(wCommand);
             dwOffset == 20 ? reply.resize(dwValue) : DakPutU32(reply.data() + dwOffset, dwValue);
-            EXPECT_TRUE(Access::OpenDevice(*run.dak));
+            EXPECT_TRUE(Access::Initial(*run.dak) && Access::OpenDevice(*run.dak));
             run.device.ExpectHandshake(wCommand, reply);
             EXPECT_EQ(bConnect ? Access::Connect(*run.dak) : Access::DisConnect(*run.dak), bPasses);
             EXPECT_EQ(Access::m_dwDeviceVersion(*run.dak),

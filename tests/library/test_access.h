@@ -28,6 +28,7 @@ struct CDAKVornTestAccess {
     ACCESS_MEMBER(m_dwSizeCopied)
     ACCESS_MEMBER(m_dwSizeTotal)
     ACCESS_MEMBER(m_szPartPath)
+    ACCESS_CALL(Initial)
     ACCESS_CALL(DeInitial)
     ACCESS_CALL(OpenDevice)
     ACCESS_CALL(Connect)

@@ -205,6 +205,10 @@ TEST(TransferJob, TerminatingLeavesTheBufferToAWorkerThatReads) {
         EXPECT_EQ(buffers(), bDestroy ? 0 : 2);
         EXPECT_EQ(run.world.posted.size(), bDestroy ? 1u : 0u);
         if (!bDestroy) {
+            // Nobody waits for a worker that was given up.
+            CDAKVorn other;
+            EXPECT_EQ(other.ConnectDevice(), DAKERROR_BUSY);
+            EXPECT_EQ(run.dak->DAKDeleteFile(DAK_WIDE("\\a")), DAKERROR_BUSY);
             EXPECT_EQ(run.world.NowMs(), 3000u);
             run.ExpectEnd(CANCELLED);
             EXPECT_EQ(buffers(), 0);
@@ -216,15 +220,20 @@ TEST(TransferJob, ObjectsShareTheLinkAndNothingElse) {
     CPush run;
     CDAKVorn other;
     run.StartEmpty();
-    // A further job is refused without a trace, whatever its arguments.
-    const std::uint64_t qwCalls = run.world.CallCount();
+    // What can be refused or answered without the link is so at once; of the object with the job
+    // the result tells, for its state is the job's.
     for (CDAKVorn* pDak : {&*run.dak, &other}) {
-        const DWORD dwErrCode = pDak->GetLastError();
-        EXPECT_EQ(pDak->DAKTransmitFiles(7, nullptr, DAK_WIDE(""), nullptr, nullptr),
-                  DAKERROR_BUSY);
-        EXPECT_EQ(pDak->GetLastError(), dwErrCode);
+        const auto expect = [&, dwState = pDak->GetLastError()](DWORD dwResult, DWORD dwExpected) {
+            EXPECT_EQ(dwResult, dwExpected);
+            EXPECT_EQ(pDak->GetLastError(), pDak == &other ? dwExpected : dwState);
+        };
+        expect(pDak->DAKTransmitFiles(1, DAK_WIDE(""), DAK_WIDE(""), &run.list, nullptr),
+               DAKERROR_BUSY);
+        expect(pDak->DAKTransmitFiles(7, nullptr, DAK_WIDE(""), nullptr, nullptr), FAIL);
+        expect(pDak->DAKDeleteFile(nullptr), FAIL);
+        expect(pDak->DAKGetDeviceFreeSpace(nullptr, nullptr), DAKERROR_NONE);
     }
-    EXPECT_EQ(run.world.CallCount(), qwCalls);
+    EXPECT_EQ(run.world.NowMs(), LINK_UP_MS);
     other.TerminateTransfer();
     EXPECT_EQ(run.dak->IsTransmitting(), TRUE);
     { const CDAKVorn third(other); }

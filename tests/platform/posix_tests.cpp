@@ -180,6 +180,24 @@ TEST(PosixFiles, WhatIsNoRegularFileIsRefusedWithoutAWait) {
     }
 }
 
+TEST(PosixFiles, PermissionsAreHandedOnAndLinksAreNotFollowed) {
+    const test::CTempFolder folder;
+    const auto permissions = [&](const char* lpszName) {
+        return static_cast<unsigned>(fs::status(folder / lpszName).permissions());
+    };
+    for (const char* lpszName : {"old", "new", "outside"}) {
+        folder.Write(lpszName, lpszName);
+        fs::permissions(folder / lpszName, fs::perms{*lpszName == 'n' ? 0644U : 0440U});
+    }
+    fs::create_symlink("outside", folder / "link");
+    EXPECT_FALSE(SetFileAttributesA(folder.Path("link").c_str(), FILE_ATTRIBUTE_NORMAL));
+    EXPECT_EQ(permissions("outside"), 0440U);
+    EXPECT_TRUE(SetFileAttributesA(folder.Path("old").c_str(), FILE_ATTRIBUTE_NORMAL));
+    EXPECT_TRUE(MoveFileExA(folder.Path("new").c_str(), folder.Path("old").c_str(),
+                            MOVEFILE_REPLACE_EXISTING));
+    EXPECT_EQ(permissions("old"), 0640U);
+}
+
 TEST(PosixFiles, TheCreationTimeIsKeptBesideTheContents) {
     constexpr char ATTRIBUTE[] = "user.dak.creation_time";
     const test::CTempFolder folder;

@@ -68,7 +68,7 @@ class CNode : public CObject {
   public:
     explicit CNode(std::uint64_t qwPlugNumber) : m_qwPlugNumber(qwPlugNumber) {}
 
-    void HandleClosed() noexcept override {
+    bool HandleClosed() noexcept override {
         CWorld& world = *CWorld::Current();
         world.Note("node close");
         if (IPeer* pPeer = PeerOf(world)) {
@@ -76,6 +76,7 @@ class CNode : public CObject {
         }
         m_qwPlugNumber = 0;
         world.PeerChanged();
+        return true;
     }
     BOOL Read(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override {
         const std::span buffer(static_cast<std::uint8_t*>(lpBuffer), dwSize);
@@ -249,6 +250,10 @@ using sim::CNode;
 using sim::CWorld;
 using sim::FindObject;
 using sim::InFolder;
+
+bool HasDrives() {
+    return true;
+}
 
 HANDLE CreateFileA(const char* lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                    _SECURITY_ATTRIBUTES* lpSecurityAttributes, DWORD dwCreationDisposition,

@@ -79,11 +79,12 @@ class CLockHandle : public CWaitable {
     }
     bool Take() override { return !std::exchange(m_pLock->bHeld, true); }
     const void* Key() const override { return m_pLock.get(); }
-    void HandleClosed() noexcept override {
+    bool HandleClosed() noexcept override {
         if (--m_pLock->nHandles == 0) {
             Release();
             CWorld::Current()->locks.erase(m_strName);
         }
+        return true;
     }
     bool Release() {
         CWorld::Current()->WakeAll(Key());
@@ -133,6 +134,10 @@ using sim::FailWith;
 using sim::FindObject;
 
 // Threads and waits.
+
+DWORD ProcessGeneration() {
+    return 0;
+}
 
 SIM_CALL(1, Sleep, FALSE, [](CWorld& world, DWORD dwMs) {
     world.Note("sleep ", dwMs);
