@@ -123,6 +123,20 @@ HANDLE TakeLateThread(const CIoBuf* pOwner) {
     return nullptr;
 }
 
+// Behind the end of an object's threads: what is left are passes whose threads were stopped before
+// they ran.
+void DropPasses(const CIoBuf* pOwner) {
+    const CWordLockHold hold(g_PassLock);
+    for (CFillPass** ppPass = &g_pFirstPass; *ppPass != nullptr;) {
+        if ((*ppPass)->pOwner == pOwner) {
+            const std::unique_ptr<CFillPass> pDropped(*ppPass);
+            *ppPass = pDropped->pNext;
+        } else {
+            ppPass = &(*ppPass)->pNext;
+        }
+    }
+}
+
 void StopThread(HANDLE hThread) {
     platform::TerminateThread(hThread, 0);
     platform::CloseHandle(hThread);
@@ -312,6 +326,7 @@ void CIoBuf::StopFill() {
     while (const HANDLE hLateThread = TakeLateThread(this)) {
         StopThread(hLateThread);
     }
+    DropPasses(this);
 }
 
 void CIoBuf::CloseFile() {
