@@ -180,8 +180,9 @@ class CDeviceFolder {
                             std::string& strError) = 0;
 
     // Removes what killed agents left of their parts and trash, and goes on with their formats; in
-    // the background where it is much. Called once, behind AddStorage.
-    virtual void RemoveLeftovers() = 0;
+    // the background where it is much. Without bMayFormat what a format has not removed yet stays,
+    // out of the host's sight. Called once, behind AddStorage.
+    virtual void RemoveLeftovers(bool bMayFormat) = 0;
 
     // Files below the root and the storages together may not grow over this many bytes. Counts
     // what is there; from then on only what passes through this object is counted.

@@ -93,7 +93,7 @@ class CPosixFolder final : public CDeviceFolder {
     void EndParts() override { m_journal.Clear(); }
     EResult MakeFolder(const CDevicePath& path) override;
     EResult Remove(const CDevicePath& path) override;
-    void RemoveLeftovers() override;
+    void RemoveLeftovers(bool bMayFormat) override;
     std::optional<CSpace> SpaceOf(const CDevicePath& folder) override;
     std::vector<std::string> StorageNames() const override;
     EResult Format(const CDevicePath& storage) override;
@@ -425,8 +425,8 @@ EResult CPosixFolder::Remove(const CDevicePath& path) {
     return EResult::SUCCESS;
 }
 
-void CPosixFolder::RemoveLeftovers() {
-    m_formats.TakeUp();
+void CPosixFolder::RemoveLeftovers(bool bMayFormat) {
+    m_formats.TakeUp(bMayFormat);
     CPartJournal::CleanUp(
         m_fdJournal.Get(), [this](const std::string& strFolder, const std::string& strPart) {
             const std::optional<std::u16string> strWide = ToUtf16(strFolder);

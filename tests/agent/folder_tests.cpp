@@ -71,7 +71,7 @@ struct CWorld {
         for (const auto& [strName, strFolder] : storages) {
             ASSERT_TRUE(pFolder->AddStorage(strName, base.Path(strFolder), strError)) << strError;
         }
-        pFolder->RemoveLeftovers();
+        pFolder->RemoveLeftovers(bMayFormat);
         if (qwQuota) {
             pFolder->SetQuota(*qwQuota);
         }
@@ -158,6 +158,7 @@ struct CWorld {
     const fs::path root = base / "root";
     std::vector<std::pair<std::string, std::string>> storages = {{"Card", "card"},
                                                                  {"In", "root/In"}};
+    bool bMayFormat = true;
     std::unique_ptr<agent::CDeviceFolder> pFolder;
 };
 
@@ -666,7 +667,7 @@ TEST_F(Folder, LeftoversOfAgents) {
     const TREE working = Disk();
     EXPECT_EQ(working.size(), after.size() + 2);
     std::string strError;
-    agent::CDeviceFolder::Open(root.string(), {}, strError)->RemoveLeftovers();
+    agent::CDeviceFolder::Open(root.string(), {}, strError)->RemoveLeftovers(true);
     EXPECT_EQ(Disk(), working);
     EXPECT_EQ(pPart->Write(BytesOf("123")), EResult::SUCCESS);
     EXPECT_EQ(pPart->Complete({}), EResult::SUCCESS);
@@ -742,6 +743,63 @@ TEST_F(Folder, FormatEmptiesAtOnceAndRemovesInTheBackground) {
     EXPECT_EQ(Disk("card").size(), 1001U);
     fs::permissions(base / "card", fs::perms(0555));
     EXPECT_EQ(pFolder->Format(At("Card")), EResult::REFUSED);
+}
+
+// What has come into a formatted folder behind the format is nobody's to remove, however far the
+// format has come when the next agent starts.
+TEST_F(Folder, FormatRemovesWhatWasThereAndNothingElse) {
+    base.Write("root/In/way", "");
+    for (const std::string strWhat :
+         {"at once", "not allowed", "many", "in the way", "mount", "again"}) {
+        fs::remove_all(base / "card");
+        base.Write("card/x/m/kept", "kept");
+        base.Write("card/y", "y");
+        bMayFormat = true;
+        Open();
+        struct stat status {};
+        ASSERT_EQ(::stat((base / "card/x/m").c_str(), &status), 0);
+        s_mounted = strWhat == "mount" ? status.st_ino : 0;
+        ASSERT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+        EXPECT_EQ(Put("Card/host", "host"), EResult::SUCCESS);
+        for (int i = 0; i < (strWhat == "many" ? 1001 : 0); ++i) {
+            base.Write("card/.dak-format/.dak-1/" + std::to_string(i), "");
+        }
+        if (strWhat == "in the way") {
+            base.Write("card/host", "owner");
+        }
+        if (strWhat != "at once" && strWhat != "not allowed") {
+            Work();
+        }
+        if (strWhat == "again") {
+            EXPECT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+        }
+        base.Write("card/late", "late");
+        base.Write("card/folder/late", "late");
+        if (strWhat == "at once") { // under a name that is listed
+            fs::rename(base / "card/folder/late", base / "card/z");
+            fs::rename(base / "card/z", base / "card/y");
+        }
+        bMayFormat = strWhat != "not allowed";
+        Open();
+        Work();
+        const bool bStays =
+            strWhat == "not allowed" || strWhat == "in the way" || strWhat == "mount";
+        EXPECT_EQ(ReadBytes(base / "card/late"), "late") << strWhat;
+        EXPECT_EQ(ReadBytes(base / (strWhat == "at once" ? "card/y" : "card/folder/late")), "late")
+            << strWhat;
+        EXPECT_EQ(fs::exists(base / "card/x/m/kept"), strWhat == "mount" || !bMayFormat) << strWhat;
+        EXPECT_EQ(fs::exists(base / "card/.dak-format"), bStays) << strWhat;
+        TREE seen = Seen();
+        EXPECT_EQ(seen.count("Card/late"), bStays ? 0U : 1U) << strWhat;
+        EXPECT_EQ(seen.count("Card/x/") + seen.count("Card/x/m/kept"), 0U) << strWhat;
+        EXPECT_EQ(seen["Card/host"], strWhat == "again" ? "" : "host") << strWhat;
+        s_mounted = 0;
+        if (strWhat == "mount") { // gone with its mount: the view can be moved up
+            fs::remove_all(base / "card/x");
+            Open();
+            EXPECT_FALSE(fs::exists(base / "card/.dak-format"));
+        }
+    }
 }
 
 // A disk without room for a folder: the removal begins ahead of the format, and only then; where

@@ -42,7 +42,7 @@ class CMemoryFolder final : public agent::CDeviceFolder {
         device.MakeFolder(strName);
         return true;
     }
-    void RemoveLeftovers() override {}
+    void RemoveLeftovers(bool) override {}
     void SetQuota(std::uint64_t qwBytes) override { m_qwQuota = qwBytes; }
 
     std::optional<agent::CEntryInfo> Find(const CDevicePath& path) override {
