@@ -2,7 +2,7 @@
 // permissions, links, what killed agents leave, full disks, another file system.
 #include <array>
 #include <random>
-#include <set>
+#include <sstream>
 
 #include <csignal>
 #include <fcntl.h>
@@ -104,6 +104,44 @@ struct CWorld {
         pPart.reset();
         pFolder->EndParts();
         return eResult;
+    }
+    // Verbs and their paths, one behind the other; for each y (done), f (no space) or n (refused).
+    std::string Do(const std::string& strScript) {
+        std::istringstream words(strScript);
+        std::string strDid;
+        for (std::string strVerb, strA, strB; words >> strVerb >> strA;) {
+            const bool bTwo = strVerb != "mkdir" && strVerb != "rm" && strVerb != "format";
+            bTwo ? words >> strB : words;
+            strA = strA == "/" ? "" : strA;
+            const EResult eResult = strVerb == "put"       ? Put(strA, strB)
+                                    : strVerb == "copy"    ? Copy(strA, strB)
+                                    : strVerb == "copynew" ? Copy(strA, strB, true)
+                                    : strVerb == "move"    ? Move(strA, strB)
+                                    : strVerb == "mkdir"   ? pFolder->MakeFolder(At(strA))
+                                    : strVerb == "rm"      ? pFolder->Remove(At(strA))
+                                                           : pFolder->Format(At(strA));
+            strDid += "yfn"[static_cast<int>(eResult)];
+        }
+        return strDid;
+    }
+    // Files ("path=bytes"), folders ("path/"), links ("path>target") and permissions ("path:444").
+    void Lay(const std::string& strThings) const {
+        std::istringstream words(strThings);
+        for (std::string strWord; words >> strWord;) {
+            const std::size_t dwMark = strWord.find_first_of("=>:");
+            const fs::path path = base / strWord.substr(0, dwMark);
+            const std::string strRest =
+                dwMark == std::string::npos ? "" : strWord.substr(dwMark + 1);
+            if (dwMark == std::string::npos) {
+                fs::create_directories(path);
+            } else if (strWord[dwMark] == '=') {
+                base.Write(strWord.substr(0, dwMark), strRest);
+            } else if (strWord[dwMark] == '>') {
+                fs::create_symlink(strRest, path);
+            } else {
+                fs::permissions(path, static_cast<fs::perms>(std::stoul(strRest, nullptr, 8)));
+            }
+        }
     }
     std::unique_ptr<agent::COpenFile> Handle(const std::string& strPath, const COpenMode& mode) {
         std::unique_ptr<agent::COpenFile> pFile;
@@ -378,157 +416,106 @@ INSTANTIATE_TEST_SUITE_P(Seed, Model, testing::Range(1U, 13U));
 TEST(FolderPaths, AgainstOperations) {
     struct CPaths : CWorld {
         CPaths() {
-            base.Write("root/d/f", "f");
-            base.Write("root/d/sub/x", "x");
-            base.Write("root/ro", "ro");
-            base.Write("root/locked/y", "y");
-            base.Write("root/.dak-x", "own");
-            base.Write("card/c", "c");
-            fs::permissions(root / "ro", fs::perms(0444));
-            fs::permissions(root / "locked", fs::perms(0555));
-            fs::create_directory(root / "empty");
-            fs::create_symlink("d/f", root / "link");
-            fs::create_directory_symlink("d", root / "same");
-            fs::create_symlink("../outside.txt", root / "out");
-            fs::create_symlink("/etc/passwd", root / "abs");
-            fs::create_symlink("none", root / "dangling");
-            fs::create_directory_symlink("..", root / "up");
+            Lay("root/d/f=f root/d/sub/x=x root/ro=ro root/ro:444 root/locked/y=y root/locked:555 "
+                "root/.dak-x=own "
+                "card/c=c root/empty/ root/link>d/f root/same>d root/out>../outside.txt "
+                "root/abs>/etc/passwd "
+                "root/dangling>none root/up>..");
             EXPECT_EQ(::mkfifo((root / "fifo").c_str(), 0600), 0);
         }
         bool Does(char chWhat, const std::string& strPath) {
-            std::unique_ptr<agent::CPartFile> pPart;
-            COpenMode mode{.bRead = true, .bWrite = chWhat == 'w' || chWhat == 'n'};
-            mode.eMissing = chWhat == 'n' ? COpenMode::EMissing::MAKE : COpenMode::EMissing::REFUSE;
-            mode.eExisting = chWhat == 'n'   ? COpenMode::EExisting::REFUSE
-                             : chWhat == 'e' ? COpenMode::EExisting::EMPTY
-                                             : COpenMode::EExisting::KEEP;
-            switch (chWhat) {
-            case 'i':
-                return pFolder->Find(At(strPath)).has_value();
-            case 'l':
-                return pFolder->Scan(At(strPath)) && pFolder->List(At(strPath), 100);
-            case 's':
-                return pFolder->OpenSource(At(strPath)) != nullptr;
-            case '$':
-                return pFolder->SpaceOf(At(strPath)).has_value();
-            case 'p':
-                return Put(strPath, "new") == EResult::SUCCESS;
-            case 'k':
-                return pFolder->MakeFolder(At(strPath)) == EResult::SUCCESS;
-            case 'd':
-                return pFolder->Remove(At(strPath)) == EResult::SUCCESS;
-            case 'c':
-                return Copy(strPath, "new") == EResult::SUCCESS;
-            case 'C':
-                return Copy("d/sub/x", strPath) == EResult::SUCCESS;
-            case 'T':
-                return Copy("d/sub", strPath) == EResult::SUCCESS;
-            case 'm':
-                return Move(strPath, "new") == EResult::SUCCESS;
-            case 'M':
-                return Move("d/sub", strPath) == EResult::SUCCESS;
-            case 'X':
-                return pFolder->Format(At(strPath)) == EResult::SUCCESS;
-            default: // r, w, e, n
+            const agent::CDevicePath path = At(strPath);
+            const auto does = [&](const std::string& strVerb) {
+                std::string strScript = strVerb;
+                return Do(strScript.replace(strScript.find('@'), 1,
+                                            strPath.empty() ? "/" : strPath)) == "y";
+            };
+            const auto opens = [&](bool bWrite, COpenMode::EMissing eMissing,
+                                   COpenMode::EExisting eExisting) {
+                COpenMode mode{.bRead = true, .bWrite = bWrite};
+                mode.eMissing = eMissing;
+                mode.eExisting = eExisting;
                 return Handle(strPath, mode) != nullptr;
-            }
+            };
+            using M = COpenMode::EMissing;
+            using E = COpenMode::EExisting;
+            return chWhat == 'i'   ? pFolder->Find(path).has_value()
+                   : chWhat == 'l' ? pFolder->Scan(path) && pFolder->List(path, 100)
+                   : chWhat == 's' ? pFolder->OpenSource(path) != nullptr
+                   : chWhat == '$' ? pFolder->SpaceOf(path).has_value()
+                   : chWhat == 'r' ? opens(false, M::REFUSE, E::KEEP)
+                   : chWhat == 'w' ? opens(true, M::REFUSE, E::KEEP)
+                   : chWhat == 'e' ? opens(false, M::REFUSE, E::EMPTY)
+                   : chWhat == 'n' ? opens(true, M::MAKE, E::REFUSE)
+                   : chWhat == 'p' ? does("put @ new")
+                   : chWhat == 'k' ? does("mkdir @")
+                   : chWhat == 'd' ? does("rm @")
+                   : chWhat == 'c' ? does("copy @ new")
+                   : chWhat == 'C' ? does("copy d/sub/x @")
+                   : chWhat == 'T' ? does("copy d/sub @")
+                   : chWhat == 'm' ? does("move @ new")
+                   : chWhat == 'M' ? does("move d/sub @")
+                                   : does("format @");
         }
     };
-    const std::pair<const char*, const char*> rows[] = {
-        {"", "il$X"},
-        {"d", "il$cm"},
-        {"d/f", "isrwepdcCm"},
-        {"d/sub", "il$cm"},
-        {"empty", "il$dcTm"},
-        {"Card", "il$cX"},
-        {"Card/c", "isrwepdcCm"},
-        {"In", "il$cX"},
-        {"ro", "isrcm"},
-        {"locked", "il$cTm"},
-        {"locked/y", "isrwedcm"},
-        {"locked/z", "k"},
-        {"link", "isrwepdcCm"},
-        {"same", "il$pdcCm"},
-        {"same/f", "isrwepdcCm"},
-        {"out", "pdCm"},
-        {"abs", "pdCm"},
-        {"dangling", "pdCm"},
-        {"up", "pdCm"},
-        {"up/outside.txt", ""},
-        {"up/z", ""},
-        {"fifo", ""},
-        {"none", "npkCTM"},
-        {"none/z", "p"},
-        {"d/f/z", ""},
-    };
-    for (const auto& [lpszPath, lpszDoes] : rows) {
+    std::istringstream rows(
+        "/ il$X d il$cm d/f isrwepdcCm d/sub il$cm empty il$dcTm Card il$cX Card/c isrwepdcCm "
+        "In il$cX ro isrcm locked il$cTm locked/y isrwedcm locked/z k link isrwepdcCm "
+        "same il$pdcCm same/f isrwepdcCm out pdCm abs pdCm dangling pdCm up pdCm "
+        "up/outside.txt - up/z - fifo - none npkCTM none/z p d/f/z -");
+    for (std::string strPath, strMay; rows >> strPath >> strMay;) {
         std::string strDoes;
         auto pWorld = std::make_unique<CPaths>();
         const TREE before = pWorld->Disk();
         for (const char chWhat : std::string("ils$rwenpkdcCTmMX")) {
-            if (pWorld->Does(chWhat, lpszPath)) {
+            if (pWorld->Does(chWhat, strPath == "/" ? "" : strPath)) {
                 strDoes += chWhat;
                 EXPECT_EQ(ReadBytes(pWorld->base / "outside.txt"), "outside");
                 pWorld = std::make_unique<CPaths>();
             } else {
-                EXPECT_EQ(pWorld->Disk(), before) << lpszPath << " " << chWhat;
+                EXPECT_EQ(pWorld->Disk(), before) << strPath << " " << chWhat;
             }
         }
-        EXPECT_EQ(strDoes, lpszDoes) << lpszPath;
+        EXPECT_EQ(strDoes.empty() ? "-" : strDoes, strMay) << strPath;
     }
 }
 
 // What travels with a file or folder: times, permissions, links.
 TEST_F(Folder, WhatAFileBringsAndHandsOn) {
     base.Write("root/t/sub/large", std::string(300'000, 'x'));
-    base.Write("root/t/sub/deep/ro", "ro");
-    base.Write("root/t/.dak-foreign", "own");
-    base.Write("root/d/old", "old");
-    fs::create_directory(root / "t/empty");
-    fs::create_symlink("sub/large", root / "t/link");
-    fs::permissions(root / "t/sub/deep/ro", fs::perms(0444));
-    fs::permissions(root / "t/sub/deep", fs::perms(0750));
-    fs::permissions(root / "d/old", fs::perms(0640));
+    base.Write("root/huge", std::string(17 << 20, 'h'));
+    Lay("root/t/sub/deep/ro=ro root/t/.dak-foreign=own root/d/old=old root/t/empty/ "
+        "root/t/link>sub/large "
+        "root/t/sub/deep/ro:444 root/t/sub/deep:750 root/d/old:640 root/place/more/than/this=x");
     const auto tTime = fs::file_time_type(std::chrono::seconds(12345));
     fs::last_write_time(root / "t/sub/large", tTime);
     fs::last_write_time(root / "t/sub", tTime);
     Open({});
     TREE tree = Disk("root/t");
     tree.erase(".dak-foreign");
-    const auto expectTree = [&](const std::string& strBelow) {
+    EXPECT_EQ(Do("copy t copy copynew t place copy t place move place Card/moved"), "ynyy");
+    for (const std::string strBelow : {"root/copy", "card/moved"}) {
         EXPECT_TRUE(Disk(strBelow) == tree) << strBelow;
         EXPECT_EQ(fs::status(base / strBelow / "sub/deep/ro").permissions(), fs::perms(0444));
         EXPECT_EQ(fs::status(base / strBelow / "sub/deep").permissions(), fs::perms(0750));
         EXPECT_EQ(fs::last_write_time(base / strBelow / "sub/large"), tTime);
         EXPECT_EQ(fs::last_write_time(base / strBelow / "sub"), tTime);
-    };
-    EXPECT_EQ(Copy("t", "copy"), EResult::SUCCESS);
-    expectTree("root/copy");
-    base.Write("root/place/more/than/this", "x");
-    EXPECT_EQ(Copy("t", "place", true), EResult::REFUSED);
-    EXPECT_EQ(Copy("t", "place"), EResult::SUCCESS);
-    expectTree("root/place");
-    EXPECT_EQ(Move("place", "Card/moved"), EResult::SUCCESS);
-    expectTree("card/moved");
+    }
     // Times of a part, and its target's permissions; those go on to a copy.
     const agent::CFileTimes times{131'000'000'000'000'001, 132'000'000'001'234'567};
-    for (const char* lpszNew : {"one", "two"}) {
-        EXPECT_EQ(lpszNew[0] == 'o' ? Put("d/old", lpszNew, times) : Copy("t/sub/deep/ro", "d/old"),
-                  EResult::SUCCESS);
-        EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
-        EXPECT_EQ(Put("d/old", lpszNew, times), EResult::SUCCESS);
-        EXPECT_EQ(pFolder->Find(At("d/old"))->times.ftLastWrite, times.ftLastWrite);
-        EXPECT_EQ(pFolder->Find(At("d/old"))->times.ftCreation, times.ftCreation);
-    }
-    // What cannot be copied ends the whole copy.
+    EXPECT_EQ(Put("d/old", "one", times), EResult::SUCCESS);
+    EXPECT_EQ(pFolder->Find(At("d/old"))->times.ftLastWrite, times.ftLastWrite);
+    EXPECT_EQ(pFolder->Find(At("d/old"))->times.ftCreation, times.ftCreation);
+    EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
+    EXPECT_EQ(Do("copy t/sub/deep/ro d/old"), "y");
+    EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
+    // What cannot be copied ends the whole copy; one that is given up at any moment leaves nothing,
+    // however large what there is of it.
     EXPECT_EQ(::mkfifo((root / "t/sub/fifo").c_str(), 0600), 0);
-    EXPECT_EQ(Copy("t", "copy"), EResult::REFUSED);
-    EXPECT_EQ(Copy("t", "other"), EResult::REFUSED);
-    expectTree("root/copy");
-    // A copy that is given up at any moment leaves nothing, however large what there is of it.
+    EXPECT_EQ(Do("copy t copy copy t other"), "nn");
+    EXPECT_TRUE(Disk("root/copy") == tree);
     fs::remove(root / "t/sub/fifo");
     fs::remove(root / "t/.dak-foreign");
-    base.Write("root/huge", std::string(17 << 20, 'h'));
     const auto before = pFolder->List(At(""), 100);
     for (const auto& [lpszFrom, nMost] : {std::pair{"t", 1}, {"huge", 3}}) {
         for (int nSteps = 0; nSteps <= nMost; ++nSteps) {
@@ -644,23 +631,20 @@ TEST_F(Folder, WalksStayBelowWithTheKernelAndWithout) {
 TEST_F(Folder, LeftoversOfAgents) {
     base.Write("root/d/kept", "1");
     const TREE before = Disk();
-    base.Write("root/d/.dak-0123456789abcdef.part", "part");
-    base.Write("root/.dak-0123456789abcdef.journal", std::string("d\0xyz", 5));
-    base.Write("root/d/.dak-1.part/sub/x", "a tree");
-    base.Write("root/.dak-1.journal", std::string("d\0", 2));
-    base.Write("card/.dak-2.part", "part");
-    base.Write("root/.dak-2.journal", std::string("Card\0", 5));
-    base.Write("root/.dak-3.journal", std::string("..\0", 3));
-    base.Write("root/.dak-0-7.trash/1/deep/2", "x");
-    base.Write("card/.dak-0-8.trash", "x");
-    fs::permissions(root / ".dak-0-7.trash/1/deep", fs::perms(0));
-    fs::create_directory_symlink(base.Folder(), root / ".dak-0-7.trash/out");
-    fs::create_directory(base / "card/.dak-format"); // killed before it had begun
-    base.Write("root/In/.dak-formatted/.dak-3/c/d", "while it was moved up");
+    for (const auto& [lpszJournal, lpszFolder] :
+         {std::pair{"0123456789abcdef", "d"}, {"1", "d"}, {"2", "Card"}, {"3", ".."}}) {
+        base.Write(std::string("root/.dak-") + lpszJournal + ".journal",
+                   lpszFolder + std::string("\0xyz", 4));
+    }
+    // The last two: killed before a format had begun, and while it was moved up.
+    Lay("root/d/.dak-0123456789abcdef.part=part root/d/.dak-1.part/sub/x=tree "
+        "card/.dak-2.part=part "
+        "root/.dak-0-7.trash/1/deep/2=x card/.dak-0-8.trash=x root/.dak-0-7.trash/1/deep:0 "
+        "root/.dak-0-7.trash/out>../.. card/.dak-format/ root/In/.dak-formatted/.dak-3/c/d=while");
     Open();
     Work();
     TREE after = before;
-    after.merge(TREE{{"root/In/c", "/"}, {"root/In/c/d", "while it was moved up"}});
+    after.merge(TREE{{"root/In/c", "/"}, {"root/In/c/d", "while"}});
     EXPECT_EQ(Disk(), after);
     std::unique_ptr<agent::CPartFile> pPart;
     EXPECT_EQ(pFolder->BeginPart(At("d/a"), 3, pPart), EResult::SUCCESS);
@@ -686,31 +670,22 @@ TEST_F(Folder, FormatEmptiesAtOnceAndRemovesInTheBackground) {
     storages.push_back({"Twin2", "twin"});
     storages.push_back({"Around", "."});
     storages.push_back({"Deep", "root/way/to/deep"});
-    base.Write("twin/x", "x");
-    base.Write("root/way/to/deep/d", "d");
-    base.Write("root/way/to/other", "o");
-    base.Write("root/.dak-0123.journal", "");
+    Lay("twin/x=x root/way/to/deep/d=d root/way/to/other=o root/.dak-0123.journal= "
+        "card/dir/.hidden=h");
     base.Write("card/a", std::string(10'000, 'a'));
-    base.Write("card/dir/.hidden", "h");
     fs::path deep = base / "card/dir";
     for (int i = 0; i < 100; ++i) { // deeper than descriptors are spent on
         fs::create_directory(deep /= "d");
     }
     fs::create_hard_link(base / "outside.txt", base / "card/hard");
-    fs::create_directory_symlink(root / "d", base / "card/link");
-    fs::permissions(base / "card/a", fs::perms(0444));
-    fs::permissions(base / "card/dir", fs::perms(0555));
-    fs::permissions(base / "card", fs::perms(0777)); // more than the umask gives
+    Lay("card/link>../root/d card/a:444 card/dir:555 card:777"); // more than the umask gives
     Open();
     fs::remove(root / ".dak-0123.journal");
     const std::uint64_t qwFree = Free();
-    EXPECT_EQ(pFolder->Format(At("Twin")), EResult::REFUSED);
-    EXPECT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+    EXPECT_EQ(Do("format Twin format Card"), "ny");
     EXPECT_EQ(Free(), qwFree);
     EXPECT_TRUE(fs::exists(base / "card/a")) << "nothing has been removed yet";
-    EXPECT_EQ(Put("Card/a", "new"), EResult::SUCCESS);
-    EXPECT_EQ(Put("Card/dir/b", "b"), EResult::SUCCESS);
-    EXPECT_EQ(pFolder->MakeFolder(At("Card/link")), EResult::SUCCESS);
+    EXPECT_EQ(Do("put Card/a new put Card/dir/b b mkdir Card/link"), "yyy");
     Work(false); // what the host writes stays where it is as long as an exchange is open
     EXPECT_TRUE(fs::exists(base / "card/.dak-format"));
     EXPECT_FALSE(fs::exists(base / "card/hard"));
@@ -719,20 +694,20 @@ TEST_F(Folder, FormatEmptiesAtOnceAndRemovesInTheBackground) {
     EXPECT_EQ(fs::status(base / "card").permissions(), fs::perms(0777));
     EXPECT_EQ(Free(), qwFree + 10'000 + 1 - 4) << "the file with another name has not gone";
     // No other storage is touched, nor the way to it.
-    EXPECT_EQ(pFolder->Format(At("")), EResult::SUCCESS);
+    EXPECT_EQ(Do("format /"), "y");
     Work();
     EXPECT_EQ(Disk("root"), (TREE{{"In", "/"},
                                   {"way", "/"},
                                   {"way/to", "/"},
                                   {"way/to/deep", "/"},
                                   {"way/to/deep/d", "d"}}));
-    EXPECT_EQ(pFolder->Format(At("Around")), EResult::SUCCESS);
+    EXPECT_EQ(Do("format Around"), "y");
     Work();
     EXPECT_EQ(Disk("root").size(), 5U);
     EXPECT_EQ(Disk("card").size(), 4U);
     EXPECT_FALSE(fs::exists(base / "outside.txt"));
     // With the host there no more than some are moved up, the others at the next start.
-    EXPECT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+    EXPECT_EQ(Do("format Card"), "y");
     for (int i = 0; i <= 1000; ++i) {
         base.Write("card/.dak-format/.dak-1/" + std::to_string(i), "");
     }
@@ -742,7 +717,7 @@ TEST_F(Folder, FormatEmptiesAtOnceAndRemovesInTheBackground) {
     Work();
     EXPECT_EQ(Disk("card").size(), 1001U);
     fs::permissions(base / "card", fs::perms(0555));
-    EXPECT_EQ(pFolder->Format(At("Card")), EResult::REFUSED);
+    EXPECT_EQ(Do("format Card"), "n");
 }
 
 // What has come into a formatted folder behind the format is nobody's to remove, however far the
@@ -866,20 +841,13 @@ TEST_F(Folder, AnotherFileSystem) {
     fs::remove(base / "card");
     fs::create_directory_symlink(szOther, base / "card");
     base.Write("root/t/sub/x", std::string(30'000, 'x'));
-    fs::create_directory(root / "t/empty");
-    fs::create_symlink("sub/x", root / "t/link");
-    base.Write("root/d/f", "f");
+    Lay("root/t/empty/ root/t/link>sub/x root/d/f=f");
     Open();
     const TREE tree = Disk("root/t");
-    EXPECT_EQ(Copy("d/f", "Card/f"), EResult::SUCCESS);
-    EXPECT_EQ(Move("d/f", "Card/f"), EResult::REFUSED) << "in the way";
-    EXPECT_EQ(Move("d/f", "Card/g"), EResult::SUCCESS);
-    EXPECT_EQ(Move("t", "Card/t"), EResult::SUCCESS);
+    EXPECT_EQ(Do("copy d/f Card/f move d/f Card/f move d/f Card/g move t Card/t"), "ynyy");
     Work();
     EXPECT_EQ(Disk("root"), (TREE{{"In", "/"}, {"d", "/"}}));
-    EXPECT_EQ(Move("Card/t/link", "d/link"), EResult::SUCCESS);
-    EXPECT_EQ(Move("d/link", "Card/t/link"), EResult::SUCCESS);
-    EXPECT_EQ(Move("Card/t", "back"), EResult::SUCCESS);
+    EXPECT_EQ(Do("move Card/t/link d/link move d/link Card/t/link move Card/t back"), "yyy");
     EXPECT_EQ(Disk("root/back"), tree);
     Work();
     EXPECT_EQ(Disk(szOther), (TREE{{"f", "f"}, {"g", "f"}}));
@@ -1005,7 +973,7 @@ TEST_F(Folder, Programs) {
     settle();
     EXPECT_EQ(ReadBytes(root / "noted"), "a b 7\n");
     EXPECT_EQ(run("d/tell", false), 7);
-    EXPECT_EQ(pFolder->Format(At("")), EResult::SUCCESS);
+    EXPECT_EQ(Do("format /"), "y");
     EXPECT_EQ(run("d/tell", false), -1) << "a format takes programs away";
     for (const char* lpszLine : {"no-such-command-anywhere", "true 'open"}) {
         options.system.messageCommands = {lpszLine};

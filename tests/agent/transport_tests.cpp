@@ -1,6 +1,5 @@
 // The agent on its socket: a host played by hand against the server in this process, and against
 // the program.
-#include <cstring>
 #include <thread>
 
 #include <csignal>
@@ -14,67 +13,53 @@
 
 #include "agent/posix/attachment.h"
 #include "agent/posix/usbip_server.h"
-#include "platform/posix/usbip.h"
 #include "tests/agent/agent_host.h"
 #include "tests/support/temp_folder.h"
 
 namespace test {
 namespace {
 
-// Fields of a message that are not zero, by their offsets.
-using Fields = std::initializer_list<std::pair<std::size_t, std::uint32_t>>;
-Bytes Message(std::size_t dwSize, const Fields& fields, const Bytes& data = {}) {
-    Bytes message(dwSize);
-    for (const auto& [dwAt, dwValue] : fields) {
-        usbip::PutU32(message.data() + dwAt, dwValue);
+// A message of 48 bytes: what it is, its number, and the words behind, the highest byte first.
+Bytes Message(std::initializer_list<std::uint32_t> words, const Bytes& data = {}) {
+    Bytes message;
+    for (const std::uint32_t dwWord : words) {
+        for (const int nShift : {24, 16, 8, 0}) {
+            message.push_back(static_cast<std::uint8_t>(dwWord >> nShift));
+        }
     }
+    message.resize(48);
     return Join(message, data);
 }
-Bytes Import(std::uint16_t wVersion = usbip::VERSION, const char* lpszBus = usbip::BUS_ID) {
-    Bytes request(usbip::OP_REQ_IMPORT_SIZE);
-    usbip::PutU16(request.data() + usbip::OP_OFFSET_VERSION, wVersion);
-    usbip::PutU16(request.data() + usbip::OP_OFFSET_CODE, usbip::OP_REQ_IMPORT);
-    std::copy_n(lpszBus, std::strlen(lpszBus), request.data() + usbip::OP_OFFSET_BUS_ID);
+enum : std::uint32_t { SUBMIT = 1, UNLINK, SUBMITTED, UNLINKED };
+enum : std::uint32_t { OUT = 0, IN = 1 };
+constexpr std::uint32_t DEVICE = 0x10001;
+constexpr std::uint32_t RESET =
+    static_cast<std::uint32_t>(-104); // of a transfer that was taken back
+
+Bytes Import(std::uint8_t byVersion = 0x11, const std::string& strBus = "1-1") {
+    Bytes request = {0x01, byVersion, 0x80, 0x03, 0, 0, 0, 0};
+    request.insert(request.end(), strBus.begin(), strBus.end());
+    request.resize(40);
     return request;
 }
-Bytes Submit(std::uint32_t dwNumber, std::uint32_t dwDirection, std::uint32_t dwLength,
-             const Bytes& data = {}, std::uint32_t dwEndpoint = usbip::BULK_ENDPOINT,
-             std::uint32_t dwCommand = usbip::CMD_SUBMIT) {
-    return Message(usbip::HEADER_SIZE,
-                   {{usbip::OFFSET_COMMAND, dwCommand},
-                    {usbip::OFFSET_SEQNUM, dwNumber},
-                    {usbip::OFFSET_DEVID, usbip::DEVICE_ID},
-                    {usbip::OFFSET_DIRECTION, dwDirection},
-                    {usbip::OFFSET_ENDPOINT, dwEndpoint},
-                    {usbip::OFFSET_BUFFER_LENGTH, dwLength}},
+Bytes Write(std::uint32_t dwNumber, const Bytes& data) {
+    return Message({SUBMIT, dwNumber, DEVICE, OUT, 1, 0, static_cast<std::uint32_t>(data.size())},
                    data);
 }
-Bytes Write(std::uint32_t dwNumber, const Bytes& data) {
-    return Submit(dwNumber, usbip::DIRECTION_OUT, static_cast<std::uint32_t>(data.size()), data);
-}
 Bytes Read(std::uint32_t dwNumber, std::uint32_t dwLength) {
-    return Submit(dwNumber, usbip::DIRECTION_IN, dwLength);
+    return Message({SUBMIT, dwNumber, DEVICE, IN, 1, 0, dwLength});
 }
 Bytes Unlink(std::uint32_t dwNumber, std::uint32_t dwVictim) {
-    return Message(usbip::HEADER_SIZE, {{usbip::OFFSET_COMMAND, usbip::CMD_UNLINK},
-                                        {usbip::OFFSET_SEQNUM, dwNumber},
-                                        {usbip::OFFSET_UNLINK_SEQNUM, dwVictim}});
+    return Message({UNLINK, dwNumber, DEVICE, 0, 0, dwVictim});
 }
 Bytes Submitted(std::uint32_t dwNumber, const Bytes& data, std::uint32_t dwTaken = 0,
                 std::int32_t nStatus = 0) {
-    return Message(
-        usbip::HEADER_SIZE,
-        {{usbip::OFFSET_COMMAND, usbip::RET_SUBMIT},
-         {usbip::OFFSET_SEQNUM, dwNumber},
-         {usbip::OFFSET_STATUS, static_cast<std::uint32_t>(nStatus)},
-         {usbip::OFFSET_ACTUAL_LENGTH, static_cast<std::uint32_t>(data.size()) + dwTaken}},
-        data);
+    return Message({SUBMITTED, dwNumber, 0, 0, 0, static_cast<std::uint32_t>(nStatus),
+                    static_cast<std::uint32_t>(data.size()) + dwTaken},
+                   data);
 }
-Bytes Unlinked(std::uint32_t dwNumber, std::int32_t nStatus) {
-    return Message(usbip::HEADER_SIZE,
-                   {{usbip::OFFSET_COMMAND, usbip::RET_UNLINK},
-                    {usbip::OFFSET_SEQNUM, dwNumber},
-                    {usbip::OFFSET_STATUS, static_cast<std::uint32_t>(nStatus)}});
+Bytes Unlinked(std::uint32_t dwNumber, std::uint32_t dwStatus) {
+    return Message({UNLINKED, dwNumber, 0, 0, 0, dwStatus});
 }
 
 const Bytes CONNECT = Handshake(DAK_CONNECT);
@@ -112,7 +97,7 @@ class CRawHost {
     bool IsClosed() { return Receive(1).empty() && m_bClosed; }
     bool Imports() {
         Send(Import());
-        return Receive(usbip::OP_REP_IMPORT_SIZE).size() == usbip::OP_REP_IMPORT_SIZE;
+        return Receive(std::size_t{320}).size() == std::size_t{320};
     }
     void Expect(const Bytes& send, const Bytes& answer) {
         Send(send);
@@ -171,21 +156,20 @@ TEST_F(Transport, TransfersCutAnywhereAndTakenBack) {
         const auto it = all.begin() + static_cast<std::ptrdiff_t>(dwAt);
         host.Send(Bytes(it, it + std::min<std::ptrdiff_t>(37, all.end() - it)));
     }
-    const Bytes reply = host.Receive(usbip::OP_REP_IMPORT_SIZE);
-    ASSERT_EQ(reply.size(), usbip::OP_REP_IMPORT_SIZE);
-    EXPECT_EQ(usbip::GetU16(reply.data() + usbip::OP_OFFSET_CODE), usbip::OP_REP_IMPORT);
-    EXPECT_EQ(usbip::GetU32(reply.data() + usbip::OP_OFFSET_STATUS), 0U);
+    const Bytes reply = host.Receive(std::size_t{320});
+    ASSERT_EQ(reply.size(), std::size_t{320});
+    EXPECT_EQ(Bytes(reply.begin(), reply.begin() + 8), (Bytes{0x01, 0x11, 0, 0x03, 0, 0, 0, 0}));
     // One package in two reads; the third waits, and is taken back. What was answered before is
     // not.
     const Bytes begin(REPLY.begin(), REPLY.begin() + 14);
     const Bytes end(REPLY.begin() + 14, REPLY.end());
     host.Expect({}, Join(Submitted(1, {}, 20), Submitted(2, begin), Submitted(3, end)));
-    host.Expect(Unlink(5, 4), Unlinked(5, usbip::STATUS_UNLINKED));
+    host.Expect(Unlink(5, 4), Unlinked(5, RESET));
     host.Expect(Join(Write(6, CONNECT), Unlink(7, 4)), Join(Submitted(6, {}, 20), Unlinked(7, 0)));
     host.Expect(Read(8, 20), Submitted(8, REPLY));
     host.Expect(Unlink(9, 8), Unlinked(9, 0));
     // An endpoint that the device does not have is stalled, its data passed over.
-    host.Expect(Submit(10, usbip::DIRECTION_OUT, 20, CONNECT, 0), Submitted(10, {}, 0, -32));
+    host.Expect(Message({SUBMIT, 10, DEVICE, OUT, 0, 0, 20}, CONNECT), Submitted(10, {}, 0, -32));
     host.Expect(Join(Write(11, {}), Read(12, 0)), Join(Submitted(11, {}), Submitted(12, {})));
     host.Shakes();
 }
@@ -194,7 +178,7 @@ TEST_F(Transport, OneHostAtATimeAndTheLatest) {
     Serve();
     CRawHost good(Device("t"));
     ASSERT_TRUE(good.Imports());
-    for (const Bytes& request : {Import(9), Import(usbip::VERSION, "2-1"), Bytes(40, 0xFF)}) {
+    for (const Bytes& request : {Import(9), Import(0x11, "2-1"), Bytes(40, 0xFF)}) {
         CRawHost bad(Device("t"));
         bad.Send(request);
         EXPECT_TRUE(bad.IsClosed());
@@ -204,10 +188,10 @@ TEST_F(Transport, OneHostAtATimeAndTheLatest) {
     for (std::uint32_t i = 0; i < 100; ++i) {
         greedy = Join(greedy, Read(i, 20));
     }
-    for (const Bytes& message :
-         {Submit(1, usbip::DIRECTION_IN, 20, {}, usbip::BULK_ENDPOINT, 77),
-          Submit(1, usbip::DIRECTION_OUT, 0xFFFFFFFF), Submit(1, usbip::DIRECTION_IN, 0x80000000),
-          Submit(1, 2, 20), greedy}) {
+    for (const Bytes& message : {Message({77, 1, DEVICE, IN, 1, 0, 20}),
+                                 Message({SUBMIT, 1, DEVICE, OUT, 1, 0, 0xFFFFFFFF}),
+                                 Message({SUBMIT, 1, DEVICE, IN, 1, 0, 0x80000000}),
+                                 Message({SUBMIT, 1, DEVICE, 2, 1, 0, 20}), greedy}) {
         CRawHost bad(Device("t"));
         ASSERT_TRUE(bad.Imports());
         bad.Send(message);
@@ -226,7 +210,7 @@ TEST_F(Transport, OneHostAtATimeAndTheLatest) {
     CRawHost deaf(Device("t"));
     ASSERT_TRUE(deaf.Imports());
     Bytes reads = Write(1, Command(10, Text(u"\\new")));
-    EXPECT_EQ(first.Receive(usbip::HEADER_SIZE),
+    EXPECT_EQ(first.Receive(48),
               Submitted(1, {},
                         static_cast<std::uint32_t>(
                             Command(8, CAgentHost::PullFields(u"\\d", {u"a"})).size())));
