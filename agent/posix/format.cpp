@@ -5,6 +5,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <optional>
 #include <string_view>
@@ -90,7 +91,7 @@ static bool Lock(int fd) {
 }
 
 // Nothing that is there is replaced.
-static bool MoveEntry(int fdFrom, int fdTo, const char* lpszName) {
+static bool RenameTo(int fdTo, int fdFrom, const char* lpszName) {
     if (::renameat2(fdFrom, lpszName, fdTo, lpszName, RENAME_NOREPLACE) == 0) {
         return true;
     }
@@ -100,13 +101,31 @@ static bool MoveEntry(int fdFrom, int fdTo, const char* lpszName) {
            ::renameat(fdFrom, lpszName, fdTo, lpszName) == 0;
 }
 
-// False when something stays.
-static bool MoveAll(int fdFrom, int fdTo) {
-    bool bAll = true;
-    for (const std::string& strName : NamesIn(fdFrom)) {
-        bAll = MoveEntry(fdFrom, fdTo, strName.c_str()) && bAll;
+// To change its parent a folder must be writable. It gets its permissions back.
+static bool MoveEntry(int fdFrom, int fdTo, const char* lpszName) {
+    struct stat status {};
+    if (RenameTo(fdTo, fdFrom, lpszName)) {
+        return true;
     }
-    return bAll;
+    if (errno != EACCES || ::fstatat(fdFrom, lpszName, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISDIR(status.st_mode) ||
+        ::fchmodat(fdFrom, lpszName, (status.st_mode & 07777) | 0700, AT_SYMLINK_NOFOLLOW) != 0) {
+        return false;
+    }
+    const bool bMoved = RenameTo(fdTo, fdFrom, lpszName);
+    // The owner, who could change it before.
+    static_cast<void>(
+        ::fchmodat(bMoved ? fdTo : fdFrom, lpszName, status.st_mode & 07777, AT_SYMLINK_NOFOLLOW));
+    return bMoved;
+}
+
+// The names that could be moved, of those wanted.
+static std::vector<std::string> MoveEntries(int fdFrom, int fdTo,
+                                            const std::vector<std::string>& names) {
+    std::vector<std::string> moved;
+    std::copy_if(names.begin(), names.end(), std::back_inserter(moved),
+                 [&](const auto& strName) { return MoveEntry(fdFrom, fdTo, strName.c_str()); });
+    return moved;
 }
 
 CFormats::CFormats(CQuota& quota, std::function<void(const std::string&)> lpLog)
@@ -360,10 +379,12 @@ void CFormats::FinishMovingUp(const CServed& served) const {
             continue;
         }
         const CFd fdFresh(::openat(fdFormatted.Get(), strName.c_str(), O_RDONLY | s_nFolder));
-        if (fdFresh && !MoveAll(fdFresh.Get(), fdFolder)) {
+        if (fdFresh) {
+            MoveEntries(fdFresh.Get(), fdFolder, NamesIn(fdFresh.Get()));
+        }
+        if (::unlinkat(fdFormatted.Get(), strName.c_str(), AT_REMOVEDIR) != 0) {
             Log(std::string("not everything could be moved up from ") + FORMATTED_FOLDER);
         }
-        ::unlinkat(fdFormatted.Get(), strName.c_str(), AT_REMOVEDIR);
     }
     ::unlinkat(fdFolder, FORMATTED_FOLDER, AT_REMOVEDIR);
 }
@@ -424,8 +445,14 @@ void CFormats::MoveUp(CServed& served, std::size_t nMost) {
         ::renameat(fdFolder, FORMAT_FOLDER, fdFolder, FORMATTED_FOLDER) != 0) {
         return;
     }
-    if (!MoveAll(served.fdFresh.Get(), fdFolder)) {
-        Log(std::string("not everything could be moved up from ") + FORMATTED_FOLDER);
+    const std::vector<std::string> names = NamesIn(served.fdFresh.Get());
+    const std::vector<std::string> moved = MoveEntries(served.fdFresh.Get(), fdFolder, names);
+    if (moved.size() != names.size()) {
+        // The host goes on seeing all of it where it was.
+        MoveEntries(fdFolder, served.fdFresh.Get(), moved);
+        ::renameat(fdFolder, FORMATTED_FOLDER, fdFolder, FORMAT_FOLDER);
+        Log(std::string("not everything could be moved up from ") + FORMAT_FOLDER);
+        return;
     }
     ::unlinkat(served.fdMarker.Get(), served.strFresh.c_str(), AT_REMOVEDIR);
     ::unlinkat(fdFolder, FORMATTED_FOLDER, AT_REMOVEDIR);

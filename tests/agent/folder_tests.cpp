@@ -29,6 +29,19 @@ extern "C" int mkdirat(int fd, const char* lpszPath, mode_t mode) {
     }
     return static_cast<int>(::syscall(SYS_mkdirat, fd, lpszPath, mode));
 }
+static bool s_bPlainUser = false; // folders that may not be written keep their parent
+static ino_t s_fixed = 0;         // can be moved by nobody
+extern "C" int renameat2(int fdOld, const char* lpszOld, int fdNew, const char* lpszNew,
+                         unsigned nFlags) {
+    struct stat status {};
+    const bool bThere = ::fstatat(fdOld, lpszOld, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (bThere && ((s_bPlainUser && S_ISDIR(status.st_mode) && (status.st_mode & 0200) == 0) ||
+                   status.st_ino == s_fixed)) {
+        errno = EACCES;
+        return -1;
+    }
+    return static_cast<int>(::syscall(SYS_renameat2, fdOld, lpszOld, fdNew, lpszNew, nFlags));
+}
 extern "C" int statx(int fd, const char* lpszPath, int nFlags, unsigned nMask,
                      struct statx* lpStatus) {
     const auto nResult =
@@ -782,6 +795,32 @@ TEST_F(Folder, FormatRemovesWhatWasThereAndNothingElse) {
             EXPECT_FALSE(fs::exists(base / "card/.dak-format"));
         }
     }
+    // What no move may take to another folder is seen by the host before and behind the moving up:
+    // a folder that is not writable is moved all the same, and what cannot be moved keeps the
+    // others.
+    fs::remove_all(base / "card");
+    fs::create_directory(base / "card");
+    Open();
+    s_bPlainUser = true;
+    for (const bool bFixed : {true, false}) {
+        ASSERT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+        EXPECT_EQ(Put("Card/a", "a"), EResult::SUCCESS);
+        EXPECT_EQ(Put("Card/ro/b", "b"), EResult::SUCCESS);
+        const fs::path view =
+            base / (bFixed ? "card/.dak-format/.dak-1" : "card/.dak-format/.dak-2");
+        fs::permissions(view / "ro", fs::perms(0555));
+        struct stat status {};
+        ASSERT_EQ(::stat((view / "ro").c_str(), &status), 0);
+        s_fixed = bFixed ? status.st_ino : 0;
+        Work();
+        TREE seen = Seen();
+        EXPECT_EQ(seen["Card/a"] + seen["Card/ro/b"], "ab");
+        EXPECT_EQ(fs::exists(base / "card/.dak-format"), bFixed);
+        EXPECT_FALSE(fs::exists(base / "card/.dak-formatted"));
+        EXPECT_EQ(fs::status((bFixed ? view : base / "card") / "ro").permissions(),
+                  fs::perms(0555));
+    }
+    s_bPlainUser = false;
 }
 
 // A disk without room for a folder: the removal begins ahead of the format, and only then; where
