@@ -231,8 +231,8 @@ TEST(CopyToDevice, WhatIsCutShortLeavesTheOldFile) {
     }
 }
 
-// Whole streams, their result, and what they leave in d. What follows a refused file is received
-// and dropped; what came before it stays.
+// Whole streams, their result, and what they leave in d. A refused file costs those behind it
+// nothing, but a disk without room, or records that have lost their order, drop the rest.
 TEST(CopyToDevice, WhatAStreamComesTo) {
     const CFileRecord a{.strName = u"a", .bytes = {1}};
     const CFileRecord b{.strName = u"b", .bytes = Pattern(700'000)};
@@ -265,8 +265,8 @@ TEST(CopyToDevice, WhatAStreamComesTo) {
         {"more", Join(stream({a}), Bytes{0}), -2, {"a"}},
         {"4 GiB", huge, -2, {}},
         {"the longest name", stream(longest), 1, {std::string(259, 'n')}},
-        {"a longer one", stream({{.strName = s_long, .bytes = {}}, a}), -2, {}},
-        {"one refused", stream({a, {.strName = u"..\\b", .bytes = b.bytes}, b}), -2, {"a"}},
+        {"a longer one", stream({b, {.strName = s_long, .bytes = {}}, a}), -2, {"b"}},
+        {"one refused", stream({a, {.strName = u"..\\b", .bytes = b.bytes}, b}), -2, {"a", "b"}},
     };
     for (const auto& row : rows) {
         CWorld world;
@@ -287,9 +287,12 @@ TEST(CopyToDevice, WhatAStreamComesTo) {
             world.memory.lpFault = [&](std::string_view strNow, const std::string& strPath) {
                 return strNow == strCall && strPath == "d/b" ? eResult : agent::EResult::SUCCESS;
             };
-            EXPECT_EQ(world.host.Push({a, b, a}),
-                      Response(8, eResult == agent::EResult::NO_SPACE ? -1 : -2));
-            EXPECT_EQ(world.memory.Files(), (TREE{{"d/a", "\1"}, {"d/b", "\2"}}));
+            const bool bFull = eResult == agent::EResult::NO_SPACE;
+            TREE files = {{"d/a", "\1"}, {"d/b", "\2"}, {"d/c", "\3"}};
+            files.erase(bFull ? "d/c" : "");
+            EXPECT_EQ(world.host.Push({a, b, {.strName = u"c", .bytes = {3}}}),
+                      Response(8, bFull ? -1 : -2));
+            EXPECT_EQ(world.memory.Files(), files);
         }
     }
     for (const char16_t* lpszName : {u"..\\a", u"x\\..\\..\\a", u"\\a", u"/a", u"C:\\a", u"c:a",
