@@ -1,7 +1,8 @@
-// Copy from the device. First the list of files is made, in slices, from the wanted names; sizes
-// and times are fixed with it. Then the stream is given: result word, count, and the records. A
-// file is opened when its contents are due and closed behind them, so that memory holds the list
-// and one package whatever the files' sizes.
+// Copy from the device. First the list of files is made, in slices, from the wanted names; sizes,
+// times and identities are fixed with it. Then the stream is given: result word, count, and the
+// records. A file is opened when its contents are due and closed behind them, so that memory holds
+// the list and one package whatever the files' sizes. One that is not as it was listed by then, or
+// behind its last byte, is not given to its end: the host never holds a mix of two contents.
 #include <algorithm>
 #include <cstring>
 
@@ -29,7 +30,7 @@ struct CListedFile {
     std::uint32_t dwPathLength; // of its path in the names, UTF-8
     std::size_t dwPathAt;
     CFileTimes times;
-    std::uint64_t qwIdentity; // when it was first opened; 0 before
+    std::uint64_t qwIdentity;
 };
 
 class CFileSource final : public CStreamSource {
@@ -52,6 +53,7 @@ class CFileSource final : public CStreamSource {
     std::string RelativeOf(const CListedFile& file) const;
     void BeginRecord();
     bool OpenContents();
+    bool IsAsListed() const;
     bool ReadContents(std::span<std::uint8_t> data);
 
     CDevice& m_device;
@@ -159,7 +161,7 @@ void CFileSource::AddFile(const CDevicePath& path, const std::string& strRelativ
     }
     m_files.push_back({static_cast<std::uint32_t>(info.qwSize),
                        static_cast<std::uint32_t>(strRelative.size()), m_strPaths.size(),
-                       info.times, 0});
+                       info.times, info.qwIdentity});
     m_strPaths += strRelative;
     m_qwLength += RECORD_HEAD_SIZE + 2 * (strName->size() + 1) + info.qwSize;
 }
@@ -197,17 +199,12 @@ void CFileSource::BeginRecord() {
 }
 
 bool CFileSource::OpenContents() {
-    CListedFile& file = m_files[m_nNextFile - 1];
-    m_pFile = m_device.Folder().OpenSource(m_source->Entry(RelativeOf(file)));
-    if (!m_pFile) {
-        return false;
-    }
-    const std::uint64_t qwIdentity = m_pFile->Identity();
-    if (file.qwIdentity != 0 && file.qwIdentity != qwIdentity) {
-        return false; // its first part, which the host may hold, was of another content
-    }
-    file.qwIdentity = qwIdentity;
-    return true;
+    m_pFile = m_device.Folder().OpenSource(m_source->Entry(RelativeOf(m_files[m_nNextFile - 1])));
+    return m_pFile && IsAsListed();
+}
+
+bool CFileSource::IsAsListed() const {
+    return m_pFile->Identity() == m_files[m_nNextFile - 1].qwIdentity;
 }
 
 // What comes behind a part that could not be had would not stand where it belongs.
@@ -216,15 +213,16 @@ bool CFileSource::ReadContents(std::span<std::uint8_t> data) {
     const std::size_t dwRead = bOpen ? m_pFile->Read(data) : 0;
     std::fill(data.begin() + static_cast<std::ptrdiff_t>(dwRead), data.end(), std::uint8_t{0});
     m_qwLeft -= data.size();
+    const bool bGood = dwRead == data.size() && (m_qwLeft > 0 || IsAsListed());
     if (m_qwLeft == 0) {
         m_pFile.reset();
     }
-    if (dwRead == data.size()) {
+    if (bGood) {
         return true;
     }
     m_bLost = true;
     m_device.Log("copy from the device: " + RelativeOf(m_files[m_nNextFile - 1]) +
-                 " is shorter than it was, or cannot be read");
+                 " has changed, or cannot be read");
     return false;
 }
 

@@ -40,6 +40,8 @@ struct CEntryInfo {
     CFileTimes times;
     bool bReadOnly = false;
     std::uint64_t ftLastAccess = 0; // as in CFileTimes
+    // Differs for another entry, and for one whose content has been written since.
+    std::uint64_t qwIdentity = 0;
 };
 
 // Bytes.
@@ -78,8 +80,8 @@ class CSourceFile {
     // The next bytes; fewer than data holds only at the end of the file or on an error.
     virtual std::size_t Read(std::span<std::uint8_t> data) = 0;
 
-    // Differs for another file, and for one whose content has been written since.
-    virtual std::uint64_t Identity() const = 0;
+    // That of its CEntryInfo, as it would be now. Nothing when the file does not tell.
+    virtual std::optional<std::uint64_t> Identity() const = 0;
 };
 
 // A copy or a move in work.

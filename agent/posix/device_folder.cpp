@@ -28,20 +28,24 @@ namespace agent {
 
 namespace {
 
+// Which file it is, and which content it has.
+std::uint64_t ContentOf(const struct stat& status) {
+    const std::array<std::uint64_t, 5> parts = {static_cast<std::uint64_t>(status.st_dev),
+                                                static_cast<std::uint64_t>(status.st_ino),
+                                                static_cast<std::uint64_t>(status.st_size),
+                                                static_cast<std::uint64_t>(status.st_mtim.tv_sec),
+                                                static_cast<std::uint64_t>(status.st_mtim.tv_nsec)};
+    std::uint64_t qwContent = 1;
+    for (const std::uint64_t qwPart : parts) {
+        qwContent = (qwContent ^ qwPart) * 0x9E3779B97F4A7C15ULL;
+        qwContent ^= qwContent >> 29;
+    }
+    return qwContent;
+}
+
 class CPosixSourceFile final : public CSourceFile {
   public:
-    CPosixSourceFile(CFd fd, const struct stat& status) : m_fd(std::move(fd)) {
-        const std::array<std::uint64_t, 4> parts = {
-            static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino),
-            static_cast<std::uint64_t>(status.st_mtim.tv_sec),
-            static_cast<std::uint64_t>(status.st_mtim.tv_nsec)};
-        m_qwIdentity = 1;
-        for (const std::uint64_t qwPart : parts) {
-            m_qwIdentity = (m_qwIdentity ^ qwPart) * 0x9E3779B97F4A7C15ULL;
-            m_qwIdentity ^= m_qwIdentity >> 29;
-        }
-        m_qwIdentity |= 1; // 0 stands for none
-    }
+    explicit CPosixSourceFile(CFd fd) : m_fd(std::move(fd)) {}
 
     std::size_t Read(std::span<std::uint8_t> data) override {
         const std::size_t dwRead = ReadAt(m_fd.Get(), m_qwAt, data);
@@ -49,12 +53,14 @@ class CPosixSourceFile final : public CSourceFile {
         return dwRead;
     }
 
-    std::uint64_t Identity() const override { return m_qwIdentity; }
+    std::optional<std::uint64_t> Identity() const override {
+        struct stat status {};
+        return ::fstat(m_fd.Get(), &status) == 0 ? std::optional(ContentOf(status)) : std::nullopt;
+    }
 
   private:
     CFd m_fd;
     std::uint64_t m_qwAt = 0;
-    std::uint64_t m_qwIdentity;
 };
 
 // Opening for reading without waiting for the other end of a pipe or becoming a terminal's owner.
@@ -250,6 +256,7 @@ std::optional<CEntryInfo> CPosixFolder::InfoOf(const CFd& fd) {
     info.qwSize = info.bFolder ? 0 : static_cast<std::uint64_t>(status.st_size);
     info.times = TimesOf(fd.Get(), status);
     info.ftLastAccess = FileTimeOf(status.st_atim);
+    info.qwIdentity = ContentOf(status);
     return info;
 }
 
@@ -322,7 +329,7 @@ std::unique_ptr<CSourceFile> CPosixFolder::OpenSource(const CDevicePath& path) {
     if (!fd || ::fstat(fd.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return nullptr;
     }
-    return std::make_unique<CPosixSourceFile>(std::move(fd), status);
+    return std::make_unique<CPosixSourceFile>(std::move(fd));
 }
 
 // A file that is not there yet, also not as a link.
