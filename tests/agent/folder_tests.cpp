@@ -434,6 +434,9 @@ INSTANTIATE_TEST_SUITE_P(Seed, Model, testing::Range(1U, 13U));
 TEST(FolderPaths, AgainstOperations) {
     struct CPaths : CWorld {
         CPaths() {
+            Lay("root/far/");
+            storages.push_back({"Far", "root/far"});
+            Open();
             Lay("root/d/f=f root/d/sub/x=x root/ro=ro root/ro:444 root/locked/y=y root/locked:555 "
                 "root/.dak-x=own "
                 "card/c=c root/empty/ root/link>d/f root/same>d root/out>../outside.txt "
@@ -477,7 +480,8 @@ TEST(FolderPaths, AgainstOperations) {
         }
     };
     std::istringstream rows(
-        "/ il$X d il$cm d/f isrwepdcCm d/sub il$cm empty il$dcTm Card il$cX Card/c isrwepdcCm "
+        "/ il$X far il$c d il$cm d/f isrwepdcCm d/sub il$cm empty il$dcTm Card il$cX Card/c "
+        "isrwepdcCm "
         "In il$cX ro isrcm locked il$cTm locked/y isrwedcm locked/z k link isrwepdcCm "
         "same il$pdcCm same/f isrwepdcCm out pdCm abs pdCm dangling pdCm up pdCm "
         "up/outside.txt - up/z - fifo - none npkCTM none/z p d/f/z -");
@@ -525,7 +529,7 @@ TEST_F(Folder, WhatAFileBringsAndHandsOn) {
     EXPECT_EQ(pFolder->Find(At("d/old"))->times.ftLastWrite, times.ftLastWrite);
     EXPECT_EQ(pFolder->Find(At("d/old"))->times.ftCreation, times.ftCreation);
     EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
-    EXPECT_EQ(Do("copy t/sub/deep/ro d/old"), "y");
+    EXPECT_EQ(Do("copy t/sub/deep/ro d/old copy d/old d/old copy t t move d/old d/old"), "ynnn");
     EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
     // What cannot be copied ends the whole copy; one that is given up at any moment leaves nothing,
     // however large what there is of it.
@@ -703,6 +707,7 @@ TEST_F(Folder, FormatEmptiesAtOnceAndRemovesInTheBackground) {
     EXPECT_EQ(Do("format Twin format Card"), "ny");
     EXPECT_EQ(Free(), qwFree);
     EXPECT_TRUE(fs::exists(base / "card/a")) << "nothing has been removed yet";
+    EXPECT_EQ(fs::status(base / "card/.dak-format/.dak-1").permissions(), fs::perms(0777));
     EXPECT_EQ(Do("put Card/a new put Card/dir/b b mkdir Card/link"), "yyy");
     Work(false); // what the host writes stays where it is as long as an exchange is open
     EXPECT_TRUE(fs::exists(base / "card/.dak-format"));

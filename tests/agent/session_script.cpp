@@ -29,6 +29,16 @@ class CScript {
     std::uint8_t Byte() { return m_script.empty() ? std::uint8_t{0} : Some(1)[0]; }
     Bytes Word(std::uint32_t dwFactor = 1) { return U32(Byte() * dwFactor); }
 
+    // Its parts are drawn in their order, which that of a call's arguments would leave to the
+    // compiler.
+    static Bytes Cat(std::initializer_list<Bytes> parts) {
+        Bytes bytes;
+        for (const Bytes& part : parts) {
+            bytes = Join(bytes, part);
+        }
+        return bytes;
+    }
+
     // A path of a few short components, some of which lead nowhere good.
     Bytes Path() {
         static constexpr std::array<const char16_t*, 10> s_components = {
@@ -44,8 +54,9 @@ class CScript {
     // Damages one in eight.
     void Send(Bytes package) {
         if (Byte() % 8 == 0 && !package.empty()) {
-            package[(Byte() * 256U + Byte()) % package.size()] ^=
-                static_cast<std::uint8_t>(1 + Byte() % 255);
+            std::size_t dwAt = Byte();
+            dwAt += Byte() * 256U;
+            package[dwAt % package.size()] ^= static_cast<std::uint8_t>(1 + Byte() % 255);
         }
         m_core.TakePackage(package);
     }
@@ -54,36 +65,36 @@ class CScript {
         switch (codeFunc) {
         case DAK_FUNC_TRANSMIT_FILES: {
             const bool bPush = Byte() % 2 != 0;
-            Bytes fields = Join(Bytes{bPush}, Path(), Path());
+            Bytes fields = Cat({Bytes{bPush}, Path(), Path()});
             const std::uint32_t nNames = bPush ? 0 : Byte() % 4U;
-            fields = bPush ? fields : Join(fields, U32(nNames));
+            fields = bPush ? fields : Cat({fields, U32(nNames)});
             for (std::uint32_t i = 0; i < nNames; ++i) {
-                fields = Join(fields, Path());
+                fields = Cat({fields, Path()});
             }
             return fields;
         }
         case DAK_FUNC_READ_FILE:
         case DAK_FUNC_WRITE_FILE: // handles count from 1
-            return Join(U32(Byte() % 4U), Byte() % 8 == 0 ? U32(0x7FFF'FFFFU - Byte()) : Word(10));
+            return Cat({U32(Byte() % 4U), Byte() % 8 == 0 ? U32(0x7FFF'FFFFU - Byte()) : Word(10)});
         case DAK_FUNC_SET_FILE_POINTER:
-            return Join(U32(Byte() % 4U), Word(10), U32(Byte() % 4U));
+            return Cat({U32(Byte() % 4U), Word(10), U32(Byte() % 4U)});
         case DAK_FUNC_CLOSE_FILE:
             return U32(Byte() % 4U);
         case DAK_FUNC_KERNEL_IO_CONTROL: {
             const Bytes input = Some(Byte() % 8);
             const Bytes output(Byte() % 16);
-            return Join(U32(Byte() % 7U), U32(static_cast<std::uint32_t>(input.size())), input,
-                        U32(static_cast<std::uint32_t>(output.size())), output);
+            return Cat({U32(Byte() % 7U), U32(static_cast<std::uint32_t>(input.size())), input,
+                        U32(static_cast<std::uint32_t>(output.size())), output});
         }
         case DAK_FUNC_BROADCAST_MESSAGE:
-            return Join(Word(), Word(), Word());
+            return Cat({Word(), Word(), Word()});
         case DAK_FUNC_CREATE_PROCESS:
         case DAK_FUNC_COPY_FILE:
-            return Join(Path(), Path(), U32(Byte() % 2U));
+            return Cat({Path(), Path(), U32(Byte() % 2U)});
         case DAK_FUNC_MOVE_FILE:
-            return Join(Path(), Path());
+            return Cat({Path(), Path()});
         case DAK_FUNC_CREATE_FILE:
-            return Join(Path(), Word(1U << 24), U32(Byte() % 9U), U32(Byte() % 7U));
+            return Cat({Path(), Word(1U << 24), U32(Byte() % 9U), U32(Byte() % 7U)});
         case DAK_FUNC_GET_DEVICE_FREE_SPACE:
         case DAK_FUNC_GET_STORAGE_INFO:
             return {};
@@ -97,8 +108,8 @@ class CScript {
         Bytes data = Byte() % 2 == 0 ? U32(Byte() % 4U) : Bytes();
         while (Byte() % 3 != 0) {
             const std::uint32_t dwSize = Byte() | (Byte() % 8 == 0 ? 0x4000U : 0);
-            data = Join(data, U32(dwSize), U32(Byte() % 16 == 0 ? 1 : 0), Some(16), Path(),
-                        Bytes(dwSize, Byte()));
+            data = Cat({data, U32(dwSize), U32(Byte() % 16 == 0 ? 1 : 0), Some(16), Path(),
+                        Bytes(dwSize, Byte())});
         }
         data.resize(bLast ? std::min<std::size_t>(data.size(), DAK_DATA_SIZE) : DAK_DATA_SIZE);
         const std::uint16_t codeFunc = Byte() % 16 == 0 ? std::uint16_t{16} : m_codeData;
@@ -142,7 +153,7 @@ class CScript {
             break;
         case 7: {
             const Bytes abort =
-                Join(Control(DAK_ABORT), Bytes(Byte() % 2 == 0 ? DAK_MAXPACKAGELENGTH : 0));
+                Cat({Control(DAK_ABORT), Bytes(Byte() % 2 == 0 ? DAK_MAXPACKAGELENGTH : 0)});
             for (int i = Byte() % 52; i > 0; --i) {
                 m_core.TakePackage(abort);
             }
