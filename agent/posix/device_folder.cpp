@@ -73,8 +73,7 @@ class CPosixFolder final : public CDeviceFolder {
   public:
     CPosixFolder(CFd fdRoot, std::function<void(const std::string&)> lpLog)
         : m_fdRoot(std::move(fdRoot)), m_lpLog(std::move(lpLog)), m_formats(m_quota, m_lpLog),
-          m_fdJournal(::openat(m_fdRoot.Get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC)),
-          m_journal(m_fdJournal.Get()), m_trash(m_fdRoot.Get(), m_journal.Identity(), m_quota) {
+          m_journal(m_fdRoot.Get()), m_trash(m_fdRoot.Get(), m_journal.Identity(), m_quota) {
         m_formats.Serve(m_fdRoot);
     }
 
@@ -96,7 +95,7 @@ class CPosixFolder final : public CDeviceFolder {
                      std::unique_ptr<COpenFile>& pFile) override;
     EResult BeginPart(const CDevicePath& path, std::uint64_t qwSize,
                       std::unique_ptr<CPartFile>& pPart) override;
-    void EndParts() override { m_journal.Clear(); }
+    void EndParts() override;
     EResult MakeFolder(const CDevicePath& path) override;
     EResult Remove(const CDevicePath& path) override;
     void RemoveLeftovers(bool bMayFormat) override;
@@ -112,12 +111,17 @@ class CPosixFolder final : public CDeviceFolder {
     struct CStorage {
         std::string strName;
         CFd fd;
+        std::unique_ptr<CPartJournal> pJournal;
         std::unique_ptr<CTrash> pTrash;
     };
 
     bool IsFixed(const CDevicePath& path) const;
     bool IsServed(const struct stat& folder) const;
+    const CStorage* StorageOf(const CDevicePath& path) const;
+    static std::string RestIn(const CStorage* lpStorage, const CDevicePath& path);
     CTrash& TrashFor(const CDevicePath& path);
+    CPartJournal& JournalFor(const CDevicePath& path);
+    void RemoveParts(CPartJournal& journal, const CFd& fdView, CTrash& trash);
     CPlace PlaceOf(const CDevicePath& path);
     static std::optional<CEntryInfo> InfoOf(const CFd& fd);
     CFd Open(const CDevicePath& path, int nFlags) const;
@@ -130,7 +134,6 @@ class CPosixFolder final : public CDeviceFolder {
     std::deque<CStorage> m_storages; // they do not move
     CQuota m_quota;
     CFormats m_formats;
-    CFd m_fdJournal; // the root itself
     CFileShares m_shares;
     CPartJournal m_journal;
     CTrash m_trash;
@@ -152,15 +155,25 @@ bool CPosixFolder::IsServed(const struct stat& folder) const {
     });
 }
 
+// Null for a path of the root's own.
+const CPosixFolder::CStorage* CPosixFolder::StorageOf(const CDevicePath& path) const {
+    const auto it = std::find_if(m_storages.begin(), m_storages.end(), [&](const CStorage& s) {
+        return s.strName == path.FirstComponent();
+    });
+    return it == m_storages.end() ? nullptr : &*it;
+}
+
+// The path below the root or the storage.
+std::string CPosixFolder::RestIn(const CStorage* lpStorage, const CDevicePath& path) {
+    const std::string& strPath = path.Text();
+    return lpStorage ? strPath.substr(std::min(strPath.size(), lpStorage->strName.size() + 1))
+                     : strPath;
+}
+
 CFd CPosixFolder::Open(const CDevicePath& path, int nFlags) const {
-    const std::string_view strFirst = path.FirstComponent();
-    for (const CStorage& storage : m_storages) {
-        if (storage.strName == strFirst) {
-            const std::size_t dwRest = std::min(path.Text().size(), strFirst.size() + 1);
-            return OpenBelow(storage.fd.Get(), path.Text().substr(dwRest), nFlags);
-        }
-    }
-    return OpenBelow(m_fdRoot.Get(), path.Text(), nFlags);
+    const CStorage* lpStorage = StorageOf(path);
+    return OpenBelow(lpStorage ? lpStorage->fd.Get() : m_fdRoot.Get(), RestIn(lpStorage, path),
+                     nFlags);
 }
 
 // The folder, made with all that is missing ahead of it. The depth is bounded by the length that
@@ -196,8 +209,9 @@ bool CPosixFolder::AddStorage(const std::string& strName, const std::string& str
         strError = strFolder + ": " + std::strerror(errno);
         return false;
     }
-    auto pTrash = std::make_unique<CTrash>(fd.Get(), m_journal.Identity(), m_quota);
-    m_storages.push_back({strName, std::move(fd), std::move(pTrash)});
+    auto pJournal = std::make_unique<CPartJournal>(fd.Get());
+    auto pTrash = std::make_unique<CTrash>(fd.Get(), pJournal->Identity(), m_quota);
+    m_storages.push_back({strName, std::move(fd), std::move(pJournal), std::move(pTrash)});
     m_formats.Serve(m_storages.back().fd);
     return true;
 }
@@ -273,14 +287,15 @@ std::unique_ptr<CFolderScan> CPosixFolder::Scan(const CDevicePath& path) {
 
 CPlace CPosixFolder::PlaceOf(const CDevicePath& path) {
     const CDevicePath folder = path.Parent();
-    return {Open(folder, O_PATH | O_DIRECTORY), folder, std::string(path.Leaf()), &TrashFor(path)};
+    return {Open(folder, O_PATH | O_DIRECTORY), RestIn(StorageOf(path), folder),
+            std::string(path.Leaf()), &TrashFor(path), &JournalFor(path)};
 }
 
 std::unique_ptr<CFolderWork>
 CPosixFolder::BeginCopy(const CDevicePath& source, const CDevicePath& target, bool bFailIfExists) {
     return IsFixed(target) ? nullptr
                            : MakeCopy(Open(source, s_nReadFlags), PlaceOf(target), bFailIfExists,
-                                      {m_journal, m_quota, m_formats.Folders()});
+                                      {m_quota, m_formats.Folders()});
 }
 
 std::unique_ptr<CFolderWork> CPosixFolder::BeginMove(const CDevicePath& source,
@@ -288,7 +303,7 @@ std::unique_ptr<CFolderWork> CPosixFolder::BeginMove(const CDevicePath& source,
     return IsFixed(source) || IsFixed(target)
                ? nullptr
                : MakeMove(Open(source, s_nReadFlags), PlaceOf(source), PlaceOf(target),
-                          {m_journal, m_quota, m_formats.Folders()});
+                          {m_quota, m_formats.Folders()});
 }
 
 std::optional<std::vector<std::string>> CPosixFolder::List(const CDevicePath& path,
@@ -382,16 +397,23 @@ EResult CPosixFolder::BeginPart(const CDevicePath& path, std::uint64_t qwSize,
     if (IsReadOnly(status) || JudgeTarget(fdFolder.Get(), strTarget) != EResult::SUCCESS) {
         return EResult::REFUSED;
     }
-    if (!m_journal.Enter(folder.Text())) {
+    CPartJournal& journal = JournalFor(path);
+    if (!journal.Enter(RestIn(StorageOf(path), folder))) {
         return ResultOf(errno);
     }
-    auto pFile = std::make_unique<CPosixPartFile>(std::move(fdFolder), m_journal.PartName(),
-                                                  strTarget, m_quota);
+    auto pFile = std::make_unique<CPosixPartFile>(std::move(fdFolder), journal, strTarget, m_quota);
     if (!pFile->Open()) {
         return ResultOf(errno);
     }
     pPart = std::move(pFile);
     return EResult::SUCCESS;
+}
+
+void CPosixFolder::EndParts() {
+    m_journal.Clear();
+    for (const CStorage& storage : m_storages) {
+        storage.pJournal->Clear();
+    }
 }
 
 EResult CPosixFolder::MakeFolder(const CDevicePath& path) {
@@ -434,35 +456,41 @@ EResult CPosixFolder::Remove(const CDevicePath& path) {
 
 void CPosixFolder::RemoveLeftovers(bool bMayFormat) {
     m_formats.TakeUp(bMayFormat);
-    CPartJournal::CleanUp(
-        m_fdJournal.Get(), [this](const std::string& strFolder, const std::string& strPart) {
-            const std::optional<std::u16string> strWide = ToUtf16(strFolder);
-            const std::optional<CDevicePath> folder =
-                strWide ? CDevicePath::Parse(*strWide) : std::optional<CDevicePath>();
-            const CFd fd = folder ? Open(*folder, O_PATH | O_DIRECTORY) : CFd();
-            errno = ENOENT;
-            const bool bRemoved = fd && (::unlinkat(fd.Get(), strPart.c_str(), 0) == 0 ||
-                                         TrashFor(*folder).TakeIn(fd.Get(), strPart));
-            const bool bGone = bRemoved || errno == ENOENT;
-            if (bRemoved && m_lpLog) {
-                m_lpLog("removed a part file that a killed agent left in \\" + strFolder);
-            }
-            return bGone;
-        });
+    RemoveParts(m_journal, m_fdRoot, m_trash);
     m_trash.Adopt();
     for (const CStorage& storage : m_storages) {
+        RemoveParts(*storage.pJournal, storage.fd, *storage.pTrash);
         storage.pTrash->Adopt();
     }
 }
 
-// The one on the file system of the path.
-CTrash& CPosixFolder::TrashFor(const CDevicePath& path) {
-    for (const CStorage& storage : m_storages) {
-        if (storage.strName == path.FirstComponent()) {
-            return *storage.pTrash;
+void CPosixFolder::RemoveParts(CPartJournal& journal, const CFd& fdView, CTrash& trash) {
+    journal.CleanUp([&](const std::string& strFolder, const std::string& strPart) {
+        const std::optional<std::u16string> strWide = ToUtf16(strFolder);
+        const std::optional<CDevicePath> folder =
+            strWide ? CDevicePath::Parse(*strWide) : std::optional<CDevicePath>();
+        errno = ENOENT; // what is no path leads nowhere
+        const CFd fd =
+            folder ? OpenBelow(fdView.Get(), folder->Text(), O_PATH | O_DIRECTORY) : CFd();
+        const bool bRemoved = fd && (::unlinkat(fd.Get(), strPart.c_str(), 0) == 0 ||
+                                     trash.TakeIn(fd.Get(), strPart));
+        const bool bGone = bRemoved || errno == ENOENT;
+        if (bRemoved && m_lpLog) {
+            m_lpLog("removed a part file that a killed agent left in \\" + strFolder);
         }
-    }
-    return m_trash;
+        return bGone;
+    });
+}
+
+// Those on the file system of the path.
+CTrash& CPosixFolder::TrashFor(const CDevicePath& path) {
+    const CStorage* lpStorage = StorageOf(path);
+    return lpStorage ? *lpStorage->pTrash : m_trash;
+}
+
+CPartJournal& CPosixFolder::JournalFor(const CDevicePath& path) {
+    const CStorage* lpStorage = StorageOf(path);
+    return lpStorage ? *lpStorage->pJournal : m_journal;
 }
 
 bool CPosixFolder::HasWork(bool bIdle) const {

@@ -654,10 +654,11 @@ TEST_F(Folder, LeftoversOfAgents) {
     base.Write("root/d/kept", "1");
     const TREE before = Disk();
     for (const auto& [lpszJournal, lpszFolder] :
-         {std::pair{"0123456789abcdef", "d"}, {"1", "d"}, {"2", "Card"}, {"3", ".."}}) {
+         {std::pair{"0123456789abcdef", "d"}, {"1", "d"}, {"3", ".."}}) {
         base.Write(std::string("root/.dak-") + lpszJournal + ".journal",
                    lpszFolder + std::string("\0xyz", 4));
     }
+    base.Write("card/.dak-2.journal", std::string(1, '\0'));
     // The last two: killed before a format had begun, and while it was moved up.
     Lay("root/d/.dak-0123456789abcdef.part=part root/d/.dak-1.part/sub/x=tree "
         "card/.dak-2.part=part "
@@ -680,6 +681,36 @@ TEST_F(Folder, LeftoversOfAgents) {
     pFolder->EndParts();
     EXPECT_EQ(ReadBytes(root / "d/a"), "123");
     ExpectNothingOwn();
+    // What a storage is given needs no room in the root.
+    const TREE rootBefore = Disk("root");
+    EXPECT_EQ(pFolder->BeginPart(At("Card/a"), 3, pPart), EResult::SUCCESS);
+    EXPECT_EQ(Disk("root"), rootBefore);
+    pPart.reset();
+    pFolder->EndParts();
+    auto pCopy = pFolder->BeginCopy(At("d/a"), At("Card/a"), true);
+    EXPECT_FALSE(pCopy->Step());
+    EXPECT_EQ(Disk("root"), rootBefore);
+    pCopy.reset();
+    // A part that cannot be removed is left to the next agent, and a target that may not be
+    // replaced any more stays.
+    for (const bool bStuck : {true, false}) {
+        EXPECT_EQ(pFolder->BeginPart(At("d/a"), 3, pPart), EResult::SUCCESS);
+        for (const auto& [strPath, strBytes] : Disk("root/d")) {
+            if (bStuck && strPath.ends_with(".part")) {
+                fs::remove(root / "d" / strPath);
+                base.Write("root/d/" + strPath + "/x", "");
+            }
+        }
+        fs::permissions(root / "d/a", fs::perms(0444));
+        EXPECT_EQ(pPart->Complete({}), EResult::REFUSED);
+        fs::permissions(root / "d/a", fs::perms(0644));
+        pPart.reset();
+        pFolder->EndParts();
+        EXPECT_EQ(Disk("root").size() - rootBefore.size(), bStuck ? 3U : 0U) << "with a journal";
+        Open();
+        Work();
+        EXPECT_EQ(Disk("root"), rootBefore);
+    }
     // What no agent has made is no format that was begun.
     base.Write("card/.dak-format/1/x", "x");
     base.Write("card/c", "c");
