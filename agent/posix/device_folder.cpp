@@ -216,23 +216,46 @@ bool CPosixFolder::AddStorage(const std::string& strName, const std::string& str
     return true;
 }
 
-// Without the folders below it that are served themselves, and counted for themselves.
+// Without the folders below it that are served themselves, and counted for themselves. One folder
+// is open at a time, however deep they lie: the way back up is by "..", as long as that leads to
+// where the way down came from.
 std::uint64_t CPosixFolder::CountBytes(CFd fdFolder) const {
+    struct CLevel {
+        FolderIdentity identity;
+        std::vector<std::string> folders; // still to be counted
+    };
     std::uint64_t qwBytes = 0;
-    CDirectory directory(std::move(fdFolder));
-    if (!directory.Open()) {
-        return 0;
-    }
-    while (const dirent* pEntry = directory.Next()) {
-        struct stat status {};
-        if (::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    std::vector<CLevel> levels;
+    const auto enter = [&] {
+        levels.push_back({IdentityOf(fdFolder.Get()), {}});
+        CDirectory directory(OpenBelow(fdFolder.Get(), "", O_RDONLY | O_DIRECTORY));
+        while (const dirent* pEntry = directory.Open() ? directory.Next() : nullptr) {
+            struct stat status {};
+            if (::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+                continue;
+            }
+            if (S_ISREG(status.st_mode)) {
+                qwBytes += static_cast<std::uint64_t>(status.st_size);
+            } else if (S_ISDIR(status.st_mode) && !IsServed(status)) {
+                levels.back().folders.emplace_back(pEntry->d_name);
+            }
+        }
+    };
+    constexpr int nFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    for (enter(); !levels.empty();) {
+        if (!levels.back().folders.empty()) {
+            CFd fdNext(::openat(fdFolder.Get(), levels.back().folders.back().c_str(), nFlags));
+            levels.back().folders.pop_back();
+            if (fdNext) {
+                fdFolder = std::move(fdNext);
+                enter();
+            }
             continue;
         }
-        if (S_ISREG(status.st_mode)) {
-            qwBytes += static_cast<std::uint64_t>(status.st_size);
-        } else if (S_ISDIR(status.st_mode) && !IsServed(status)) {
-            qwBytes += CountBytes(CFd(::openat(directory.Fd(), pEntry->d_name,
-                                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+        levels.pop_back();
+        fdFolder = CFd(::openat(fdFolder.Get(), "..", nFlags));
+        if (!levels.empty() && IdentityOf(fdFolder.Get()) != levels.back().identity) {
+            break;
         }
     }
     return qwBytes;

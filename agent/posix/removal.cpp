@@ -119,11 +119,10 @@ void CRemoval::Leave() {
 }
 
 void CRemoval::Enter(int fdParent, const char* lpszName, std::uint64_t qwInode) {
-    constexpr int nFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    CFd fd(::openat(fdParent, lpszName, nFlags));
-    if (!fd && errno == EACCES && ::fchmodat(fdParent, lpszName, 0700, AT_SYMLINK_NOFOLLOW) == 0) {
-        fd = CFd(::openat(fdParent, lpszName, nFlags));
-    }
+    // Whether the folder may be touched is asked before it is: its permissions do not matter for
+    // that.
+    constexpr int nFlags = O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const CFd fd(::openat(fdParent, lpszName, O_PATH | nFlags));
     if (!fd) {
         m_nStuck += errno == ENOENT ? 0 : 1;
         return;
@@ -150,11 +149,11 @@ void CRemoval::Enter(int fdParent, const char* lpszName, std::uint64_t qwInode) 
     }
     struct stat status {};
     if (!bStays && ::fstat(fd.Get(), &status) == 0 && (status.st_mode & 0700) != 0700) {
-        // What lies in a folder that nobody may write goes with the rest. Where this fails, the
-        // removal of its entries tells.
-        static_cast<void>(::fchmod(fd.Get(), 0700));
+        // What lies in a folder that nobody may read or write goes with the rest. Where this fails,
+        // the removal of its entries tells.
+        static_cast<void>(::fchmodat(fdParent, lpszName, 0700, AT_SYMLINK_NOFOLLOW));
     }
-    auto pDirectory = std::make_unique<CDirectory>(std::move(fd));
+    auto pDirectory = std::make_unique<CDirectory>(CFd(::openat(fd.Get(), ".", O_RDONLY | nFlags)));
     if (pDirectory->Open()) {
         m_frames.push_back({std::move(pDirectory), lpszName, bStays});
     } else {

@@ -935,11 +935,15 @@ TEST_F(Folder, AnotherFileSystem) {
     EXPECT_EQ(Disk(szOther), (TREE{{"f", "f"}, {"g", "f"}}));
     EXPECT_EQ(Free(), QUOTA - 30'002) << "the quota has not lost count";
     // Given up, refused, and written to on the way: the source is where it was.
-    for (const std::string strWhat : {"given up", "fifo", "mount", "mount inside", "changed"}) {
+    for (const std::string strWhat :
+         {"given up", "fifo", "own", "mount", "mount inside", "changed"}) {
         struct stat status {};
         EXPECT_EQ(::stat((root / (strWhat == "mount" ? "back" : "back/sub")).c_str(), &status), 0);
         s_mounted = strWhat.starts_with("mount") ? status.st_ino : 0;
         EXPECT_TRUE(strWhat != "fifo" || ::mkfifo((root / "back/sub/fifo").c_str(), 0600) == 0);
+        if (strWhat == "own") { // of another agent
+            base.Write("root/back/sub/.dak-1.part", "part");
+        }
         auto pWork = pFolder->BeginMove(At("back"), At("Card/t"));
         ASSERT_TRUE(pWork);
         if (strWhat == "changed") {
@@ -955,6 +959,7 @@ TEST_F(Folder, AnotherFileSystem) {
         s_mounted = 0;
         pWork.reset();
         fs::remove(root / "back/sub/fifo");
+        EXPECT_EQ(fs::remove(root / "back/sub/.dak-1.part"), strWhat == "own");
         Work();
         EXPECT_EQ(Disk(szOther), (TREE{{"f", "f"}, {"g", "f"}})) << strWhat;
     }

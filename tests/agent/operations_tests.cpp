@@ -681,6 +681,7 @@ TEST(Texts, CommandLinesPatternsAndNames) {
         EXPECT_EQ(bExact ? "y" : bFolded ? "f" : "n", strMatches) << strPattern << " " << strName;
         EXPECT_TRUE(bFolded || !bExact);
     }
+    EXPECT_EQ(agent::Printable("a\x1B[\x7F\n\xC2\x9B\xC2\xA0\xC3\x9F"), "a?[???\xC2\xA0\xC3\x9F");
     agent::CNameQueue queue;
     for (const char* lpszName : {"b", "a", "", "ab", "a\xFF"}) {
         EXPECT_TRUE(queue.Push(lpszName, 32)); // 12 bytes of names and 20 of the rest
