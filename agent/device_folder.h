@@ -194,8 +194,8 @@ class CDeviceFolder {
     virtual std::optional<CEntryInfo> Find(const CDevicePath& path) = 0;
 
     // Names of what a folder holds, sorted by their bytes, without what the host cannot be told;
-    // links to folders are left out, because they can lead round in circles. At most nMost names:
-    // nothing when there are more, or the folder cannot be read.
+    // links to folders are left out, because they can lead round in circles. Not more than nMost,
+    // whichever, when there are more. Nothing when the folder cannot be read to its end.
     virtual std::optional<std::vector<std::string>> List(const CDevicePath& path,
                                                          std::size_t nMost) = 0;
 

@@ -336,20 +336,21 @@ std::optional<std::vector<std::string>> CPosixFolder::List(const CDevicePath& pa
         return std::nullopt;
     }
     std::vector<std::string> names;
-    while (const dirent* pEntry = directory.Next()) {
+    errno = 0;
+    while (const dirent* pEntry = names.size() < nMost ? directory.Next() : nullptr) {
         struct stat status {};
         const bool bLink =
             (pEntry->d_type == DT_LNK || pEntry->d_type == DT_UNKNOWN) &&
             ::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISLNK(status.st_mode);
-        if (!IsNameForHost(pEntry->d_name) ||
-            (bLink && Open(path.Entry(pEntry->d_name), O_PATH | O_DIRECTORY))) {
-            continue;
+        if (IsNameForHost(pEntry->d_name) &&
+            (!bLink || !Open(path.Entry(pEntry->d_name), O_PATH | O_DIRECTORY))) {
+            names.emplace_back(pEntry->d_name);
         }
-        if (names.size() == nMost) {
-            return std::nullopt;
-        }
-        names.emplace_back(pEntry->d_name);
+        errno = 0;
+    }
+    if (errno != 0) {
+        return std::nullopt;
     }
     if (path.IsRoot()) {
         for (const CStorage& storage : m_storages) {
@@ -358,6 +359,7 @@ std::optional<std::vector<std::string>> CPosixFolder::List(const CDevicePath& pa
     }
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
+    names.resize(std::min(names.size(), nMost));
     return names;
 }
 

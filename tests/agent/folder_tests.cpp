@@ -5,6 +5,8 @@
 #include <sstream>
 
 #include <csignal>
+#include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -41,6 +43,13 @@ extern "C" int renameat2(int fdOld, const char* lpszOld, int fdNew, const char* 
         return -1;
     }
     return static_cast<int>(::syscall(SYS_renameat2, fdOld, lpszOld, fdNew, lpszNew, nFlags));
+}
+static bool s_bReadFails = false; // of folders
+extern "C" dirent* readdir(DIR* lpDir) {
+    static const auto s_lpReal =
+        reinterpret_cast<decltype(&::readdir)>(::dlsym(RTLD_NEXT, "readdir"));
+    errno = s_bReadFails ? EIO : errno;
+    return s_bReadFails ? nullptr : s_lpReal(lpDir);
 }
 extern "C" int statx(int fd, const char* lpszPath, int nFlags, unsigned nMask,
                      struct statx* lpStatus) {
@@ -900,8 +909,9 @@ TEST_F(Folder, FullDisks) {
     // The limit that the system sets on a file stands for a disk that runs full in the middle.
     base.Write("root/d/c", "old");
     base.Write("root/large", std::string(400'000, 'l'));
-    Open({});
+    Open(10'000'000);
     const TREE before = Disk();
+    const std::uint64_t qwFree = Free();
     const auto lpOldHandler = std::signal(SIGXFSZ, SIG_IGN);
     rlimit old{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
@@ -915,6 +925,24 @@ TEST_F(Folder, FullDisks) {
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
     std::signal(SIGXFSZ, lpOldHandler);
     EXPECT_EQ(Disk(), before);
+    EXPECT_EQ(Free(), qwFree);
+    // Neither depth nor a small number of descriptors hides anything from the quota.
+    std::string strDeep = "root/deep";
+    for (int i = 0; i < 100; ++i) {
+        strDeep += "/d";
+    }
+    base.Write(strDeep + "/x", std::string(1000, 'x'));
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    const rlimit few{64, old.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    pFolder->SetQuota(10'000'000);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+    EXPECT_EQ(Free(), qwFree - 1000);
+    s_bReadFails = true;
+    EXPECT_FALSE(pFolder->List(At("d"), 10))
+        << "a folder that cannot be read looks like a short one";
+    s_bReadFails = false;
+    EXPECT_EQ(pFolder->List(At("d"), 10)->size(), 1U);
 }
 
 TEST_F(Folder, AnotherFileSystem) {

@@ -478,6 +478,32 @@ TEST(StreamsFromDevice, CutShort) {
     }
 }
 
+// A list that cannot be had whole is none, and the log says why.
+TEST(CopyFromDevice, ListsThatCannotBeMade) {
+    for (const bool bTooLong : {false, true}) {
+        CMemoryDevice memory;
+        std::string strLog;
+        agent::CDeviceOptions options = ServedFrom(memory.strRoot);
+        options.lpLog = [&](const std::string& strLine) { strLog += strLine; };
+        CAgentHost host(options);
+        const std::string strFolder = "d/" + std::string(bTooLong ? 60'000 : 1, 'n');
+        for (int i = 0; i < (bTooLong ? 1200 : 1); ++i) { // 64 MiB of names and more
+            memory.Write(strFolder + "/" + std::to_string(i), "x");
+        }
+        memory.lpFault = [&](std::string_view strCall, const std::string& strPath) {
+            return !bTooLong && strCall == "List" && strPath == strFolder ? agent::EResult::REFUSED
+                                                                          : agent::EResult::SUCCESS;
+        };
+        host.Put(Command(8, CAgentHost::PullFields(u"\\", {u"d"})));
+        EXPECT_EQ(host.TakeWord(), 'S');
+        host.Settle();
+        EXPECT_EQ(host.TakeWord(), 'A');
+        EXPECT_NE(strLog.find(bTooLong ? "more files" : "\\d/n cannot be listed"),
+                  std::string::npos)
+            << strLog;
+    }
+}
+
 // The command's names meet the end of a piece in every byte.
 TEST(CopyFromDevice, CommandInPiecesCutAnywhere) {
     CWorld world;

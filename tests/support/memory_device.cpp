@@ -60,8 +60,8 @@ class CMemoryFolder final : public agent::CDeviceFolder {
                                                  std::size_t nMost) override {
         std::vector<std::string> names = NamesIn(path.Text());
         std::erase_if(names, [](const auto& strName) { return !agent::IsNameForHost(strName); });
-        return IsFolder(Readable(path.Text())) && names.size() <= nMost &&
-                       Ask("List", path.Text()) == EResult::SUCCESS
+        names.resize(std::min(names.size(), nMost));
+        return IsFolder(Readable(path.Text())) && Ask("List", path.Text()) == EResult::SUCCESS
                    ? std::optional(names)
                    : std::nullopt;
     }
