@@ -234,7 +234,7 @@ std::uint64_t CPosixFolder::CountBytes(CFd fdFolder) const {
             if (::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
                 continue;
             }
-            if (S_ISREG(status.st_mode)) {
+            if (S_ISREG(status.st_mode) && !CFormats::IsList(pEntry->d_name)) {
                 qwBytes += static_cast<std::uint64_t>(status.st_size);
             } else if (S_ISDIR(status.st_mode) && !IsServed(status)) {
                 levels.back().folders.emplace_back(pEntry->d_name);

@@ -17,7 +17,7 @@
 
 namespace agent {
 
-// Of a fresh folder: what is to be removed for it, and what could not be.
+// Lists of a fresh folder: what is to be removed for it, and what could not be.
 static constexpr char s_szList[] = ".list";
 static constexpr char s_szLeft[] = ".left";
 
@@ -66,14 +66,11 @@ static unsigned NewestIn(int fdMarker) {
     return nNewest;
 }
 
-static bool IsList(std::string_view strName) {
-    return strName.ends_with(s_szList) || strName.ends_with(s_szLeft);
-}
-
 // The lists in a marker, but for those of one fresh folder.
 static void DropListsBut(int fdMarker, const std::string& strFresh) {
     for (const std::string& strName : NamesIn(fdMarker)) {
-        if (IsList(strName) && (strFresh.empty() || !strName.starts_with(strFresh + "."))) {
+        if (CFormats::IsList(strName) &&
+            (strFresh.empty() || !strName.starts_with(strFresh + "."))) {
             ::unlinkat(fdMarker, strName.c_str(), 0);
         }
     }
@@ -126,6 +123,11 @@ static std::vector<std::string> MoveEntries(int fdFrom, int fdTo,
     std::copy_if(names.begin(), names.end(), std::back_inserter(moved),
                  [&](const auto& strName) { return MoveEntry(fdFrom, fdTo, strName.c_str()); });
     return moved;
+}
+
+bool CFormats::IsList(std::string_view strName) {
+    return strName.starts_with(RESERVED_PREFIX) &&
+           (strName.ends_with(s_szList) || strName.ends_with(s_szLeft));
 }
 
 CFormats::CFormats(CQuota& quota, std::function<void(const std::string&)> lpLog)
@@ -241,7 +243,7 @@ bool CFormats::MakeMarker(CServed& served) const {
 CFormatList CFormats::ListOf(const CServed& served, const CFormatList& old) {
     CFormatList list = old;
     for (const std::string& strName : NamesIn(served.fdMarker.Get())) {
-        if (!IsList(strName) && strName != CRemoval::LIFTED) {
+        if (!CFormats::IsList(strName) && strName != CRemoval::LIFTED) {
             list.Add(std::string(FORMAT_FOLDER) + "/" + strName);
         }
     }

@@ -19,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent/posix/format_list.h"
@@ -50,6 +51,9 @@ class CFormats {
 
     // The folders themselves, wherever their views are.
     std::vector<int> Folders() const;
+
+    // Whether a file is one of those in which formats note what they do.
+    static bool IsList(std::string_view strName);
 
     // Whether Work has something to do; bIdle: nothing is in work for the host.
     bool HasWork(bool bIdle) const;

@@ -18,6 +18,9 @@ namespace agent {
 static constexpr std::size_t s_dwMostBytes = std::size_t{64} << 20;
 static constexpr std::size_t s_dwInode = 8;
 
+// Entries between two looks at the clock: a list of fewer is whole however busy the system is.
+static constexpr std::size_t s_nLook = 4096;
+
 // File systems whose inode numbers stay with the file as long as it lives, also when it is mounted
 // anew. On others the name alone says which entry is meant.
 static bool KeepsInodes(int fdFolder) {
@@ -71,7 +74,8 @@ void CFormatList::TakeInFolder(int fdFolder, const std::string& strFolder, const
             }
         }
         m_dwBytes += strPath.size() + sizeof(CListedEntry);
-        m_bWhole = m_dwBytes <= s_dwMostBytes && std::chrono::steady_clock::now() < tEnd;
+        m_bWhole = m_dwBytes <= s_dwMostBytes && (m_entries.size() % s_nLook != s_nLook - 1 ||
+                                                  std::chrono::steady_clock::now() < tEnd);
         m_entries.push_back({strPath, bInodes ? std::uint64_t{pEntry->d_ino} : 0});
         errno = 0;
     }
