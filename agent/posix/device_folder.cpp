@@ -392,6 +392,7 @@ EResult CPosixFolder::OpenFile(const CDevicePath& path, const COpenMode& mode,
     if (IsFixed(path)) {
         return EResult::REFUSED;
     }
+    m_shares.GiveBackRoom(); // also of what copies have replaced
     CFd fd;
     errno = ENOENT;
     if (mode.eExisting != COpenMode::EExisting::REFUSE) {
@@ -439,6 +440,7 @@ void CPosixFolder::EndParts() {
     for (const CStorage& storage : m_storages) {
         storage.pJournal->Clear();
     }
+    m_shares.GiveBackRoom();
 }
 
 EResult CPosixFolder::MakeFolder(const CDevicePath& path) {
@@ -476,6 +478,7 @@ EResult CPosixFolder::Remove(const CDevicePath& path) {
     if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
         m_quota.Remove(static_cast<std::uint64_t>(status.st_size));
     }
+    m_shares.GiveBackRoom();
     return EResult::SUCCESS;
 }
 
@@ -536,6 +539,7 @@ void CPosixFolder::Work(bool bIdle) {
     for (const CStorage& storage : m_storages) {
         work(*storage.pTrash);
     }
+    m_shares.GiveBackRoom();
 }
 
 std::optional<CSpace> CPosixFolder::SpaceOf(const CDevicePath& folder) {

@@ -540,6 +540,14 @@ TEST_F(Folder, WhatAFileBringsAndHandsOn) {
     EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
     EXPECT_EQ(Do("copy t/sub/deep/ro d/old copy d/old d/old copy t t move d/old d/old"), "ynnn");
     EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
+    // Which content a file has, as it was listed and as it is.
+    const auto pSource = pFolder->OpenSource(At("d/old"));
+    for (const bool bWritten : {false, true}) {
+        const auto listed = pFolder->Find(At("d/old"));
+        EXPECT_EQ(pSource->Identity(), listed->qwIdentity);
+        fs::last_write_time(root / "d/old", bWritten ? fs::file_time_type::clock::now() : tTime);
+        EXPECT_NE(pSource->Identity(), listed->qwIdentity);
+    }
     // What cannot be copied ends the whole copy; one that is given up at any moment leaves nothing,
     // however large what there is of it.
     EXPECT_EQ(::mkfifo((root / "t/sub/fifo").c_str(), 0600), 0);
@@ -624,6 +632,16 @@ TEST_F(Folder, HandlesAndTheirFiles) {
             EXPECT_EQ(ReadBytes(root / "f"), "12");
         }
         Work();
+    }
+    // What no handle can read any more gives its room back, whatever becomes of the handle.
+    for (const bool bReads : {true, false}) {
+        base.Write("root/d/a", "123");
+        const agent::CFd fdFile(::open((root / "d/a").c_str(), O_RDONLY | O_CLOEXEC));
+        const auto pFile = Handle("d/a", {.bRead = bReads, .bWrite = true});
+        EXPECT_EQ(pFolder->Remove(At("d/a")), EResult::SUCCESS);
+        struct stat status {};
+        EXPECT_EQ(::fstat(fdFile.Get(), &status), 0);
+        EXPECT_EQ(status.st_size, bReads ? 3 : 0);
     }
     // The bytes of a file that has another name do not come back.
     pFolder->SetQuota(QUOTA);
