@@ -198,6 +198,7 @@ void CAgentCore::DropPending() {
 void CAgentCore::SetTime(std::uint64_t qwNowMs) {
     m_pState->m_qwNowMs = qwNowMs;
     m_pState->m_device.System().Tick(qwNowMs);
+    m_pState->m_device.OpenFiles().SetTime(qwNowMs);
     if (m_pState->m_pExchange) {
         m_pState->m_pExchange->Tick(m_pState->m_outbox, qwNowMs);
         m_pState->DropEnded();

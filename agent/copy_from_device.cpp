@@ -1,7 +1,8 @@
-// Copy from the device. First the list of files is made, in slices, from the wanted names; sizes
-// and times are fixed with it. Then the stream is given: result word, count, and the records. A
-// file is opened when its contents are due and closed behind them, so that memory holds the list
-// and one package whatever the files' sizes.
+// Copy from the device. First the list of files is made, in slices, from the wanted names; sizes,
+// times and identities are fixed with it. Then the stream is given: result word, count, and the
+// records. A file is opened when its contents are due and closed behind them, so that memory holds
+// the list and one package whatever the files' sizes. One that is not as it was listed by then, or
+// behind its last byte, is not given to its end: the host never holds a mix of two contents.
 #include <algorithm>
 #include <cstring>
 
@@ -29,7 +30,7 @@ struct CListedFile {
     std::uint32_t dwPathLength; // of its path in the names, UTF-8
     std::size_t dwPathAt;
     CFileTimes times;
-    std::uint64_t qwIdentity; // when it was first opened; 0 before
+    std::uint64_t qwIdentity;
 };
 
 class CFileSource final : public CStreamSource {
@@ -47,11 +48,14 @@ class CFileSource final : public CStreamSource {
   private:
     bool NextWanted();
     void Look(const std::string& strRelative);
-    bool AddFolder(const CDevicePath& path, const std::string& strRelative);
+    void AddFolder(const CDevicePath& path, const std::string& strRelative);
+    bool HasRoomFor(std::size_t dwName);
+    void Refuse(const std::string& strWhy);
     void AddFile(const CDevicePath& path, const std::string& strRelative, const CEntryInfo& info);
     std::string RelativeOf(const CListedFile& file) const;
     void BeginRecord();
     bool OpenContents();
+    bool IsAsListed() const;
     bool ReadContents(std::span<std::uint8_t> data);
 
     CDevice& m_device;
@@ -62,7 +66,8 @@ class CFileSource final : public CStreamSource {
     std::vector<std::uint8_t> m_names; // of the command, from the next one on
     std::size_t m_dwNamesAt = 0;
     std::vector<std::string> m_toLook; // relative paths, the next one last
-    bool m_bTooMany = false;
+    std::size_t m_dwToLook = 0;        // their bytes
+    bool m_bRefused = false;
 
     // The list.
     std::vector<CListedFile> m_files;
@@ -91,6 +96,7 @@ bool CFileSource::NextWanted() {
     const std::optional<CDevicePath> path = CDevicePath().Below(strName);
     if (path) {
         m_toLook.push_back(path->Text());
+        m_dwToLook += path->Text().size();
     } else {
         m_device.Log("copy from the device: a name that is not allowed is left out");
     }
@@ -98,10 +104,11 @@ bool CFileSource::NextWanted() {
 }
 
 EWork CFileSource::Begin() {
-    for (std::size_t i = 0; i < s_nSlice && !m_bTooMany; ++i) {
+    for (std::size_t i = 0; i < s_nSlice && !m_bRefused; ++i) {
         if (!m_toLook.empty()) {
             const std::string strRelative = std::move(m_toLook.back());
             m_toLook.pop_back();
+            m_dwToLook -= strRelative.size();
             Look(strRelative);
         } else if (!NextWanted()) {
             m_names = {};
@@ -110,11 +117,23 @@ EWork CFileSource::Begin() {
             return EWork::DONE;
         }
     }
-    if (m_bTooMany) {
-        m_device.Log("copy from the device: more files than one command may come to");
-        return EWork::FAILED;
+    return m_bRefused ? EWork::FAILED : EWork::MORE;
+}
+
+// The whole command: a part of what it wants would look like all.
+void CFileSource::Refuse(const std::string& strWhy) {
+    m_device.Log("copy from the device: " + strWhy);
+    m_bRefused = true;
+}
+
+// Whether one more name may be kept, as a file of the list or to be looked at.
+bool CFileSource::HasRoomFor(std::size_t dwName) {
+    const bool bRoom = m_files.size() + m_toLook.size() < s_nMostFiles &&
+                       m_strPaths.size() + m_dwToLook + dwName <= s_dwMostNames;
+    if (!bRoom && !m_bRefused) {
+        Refuse("more files than one command may come to");
     }
-    return EWork::MORE;
+    return bRoom;
 }
 
 void CFileSource::Look(const std::string& strRelative) {
@@ -126,23 +145,27 @@ void CFileSource::Look(const std::string& strRelative) {
     if (!info) {
         m_device.Log("copy from the device: " + path.Text() + " cannot be read, left out");
     } else if (info->bFolder) {
-        m_bTooMany = !AddFolder(path, strRelative);
+        AddFolder(path, strRelative);
     } else {
         AddFile(path, strRelative, *info);
     }
 }
 
-bool CFileSource::AddFolder(const CDevicePath& path, const std::string& strRelative) {
-    const std::size_t nRoom = s_nMostFiles - std::min(s_nMostFiles, m_toLook.size());
-    std::optional<std::vector<std::string>> names = m_device.Folder().List(path, nRoom);
+void CFileSource::AddFolder(const CDevicePath& path, const std::string& strRelative) {
+    std::optional<std::vector<std::string>> names =
+        m_device.Folder().List(path, s_nMostFiles - m_files.size() - m_toLook.size() + 1);
     if (!names) {
-        m_device.Log("copy from the device: folder " + path.Text() + " cannot be listed");
-        return false;
+        Refuse("folder \\" + path.Text() + " cannot be listed");
+        return;
     }
     for (auto itName = names->rbegin(); itName != names->rend(); ++itName) {
-        m_toLook.push_back(strRelative.empty() ? std::move(*itName) : strRelative + "/" + *itName);
+        std::string strName = strRelative.empty() ? *itName : strRelative + "/" + *itName;
+        if (!HasRoomFor(strName.size())) {
+            return;
+        }
+        m_dwToLook += strName.size();
+        m_toLook.push_back(std::move(strName));
     }
-    return true;
 }
 
 void CFileSource::AddFile(const CDevicePath& path, const std::string& strRelative,
@@ -153,13 +176,12 @@ void CFileSource::AddFile(const CDevicePath& path, const std::string& strRelativ
         m_device.Log("copy from the device: " + path.Text() + " is too large or named too long");
         return;
     }
-    if (m_files.size() == s_nMostFiles || m_strPaths.size() + strRelative.size() > s_dwMostNames) {
-        m_bTooMany = true;
+    if (!HasRoomFor(strRelative.size())) {
         return;
     }
     m_files.push_back({static_cast<std::uint32_t>(info.qwSize),
                        static_cast<std::uint32_t>(strRelative.size()), m_strPaths.size(),
-                       info.times, 0});
+                       info.times, info.qwIdentity});
     m_strPaths += strRelative;
     m_qwLength += RECORD_HEAD_SIZE + 2 * (strName->size() + 1) + info.qwSize;
 }
@@ -197,17 +219,12 @@ void CFileSource::BeginRecord() {
 }
 
 bool CFileSource::OpenContents() {
-    CListedFile& file = m_files[m_nNextFile - 1];
-    m_pFile = m_device.Folder().OpenSource(m_source->Entry(RelativeOf(file)));
-    if (!m_pFile) {
-        return false;
-    }
-    const std::uint64_t qwIdentity = m_pFile->Identity();
-    if (file.qwIdentity != 0 && file.qwIdentity != qwIdentity) {
-        return false; // its first part, which the host may hold, was of another content
-    }
-    file.qwIdentity = qwIdentity;
-    return true;
+    m_pFile = m_device.Folder().OpenSource(m_source->Entry(RelativeOf(m_files[m_nNextFile - 1])));
+    return m_pFile && IsAsListed();
+}
+
+bool CFileSource::IsAsListed() const {
+    return m_pFile->Identity() == m_files[m_nNextFile - 1].qwIdentity;
 }
 
 // What comes behind a part that could not be had would not stand where it belongs.
@@ -216,15 +233,16 @@ bool CFileSource::ReadContents(std::span<std::uint8_t> data) {
     const std::size_t dwRead = bOpen ? m_pFile->Read(data) : 0;
     std::fill(data.begin() + static_cast<std::ptrdiff_t>(dwRead), data.end(), std::uint8_t{0});
     m_qwLeft -= data.size();
+    const bool bGood = dwRead == data.size() && (m_qwLeft > 0 || IsAsListed());
     if (m_qwLeft == 0) {
         m_pFile.reset();
     }
-    if (dwRead == data.size()) {
+    if (bGood) {
         return true;
     }
     m_bLost = true;
     m_device.Log("copy from the device: " + RelativeOf(m_files[m_nNextFile - 1]) +
-                 " is shorter than it was, or cannot be read");
+                 " has changed, or cannot be read");
     return false;
 }
 

@@ -1,5 +1,7 @@
 // Copy to the device: the stream holds a count and then so many file records. A record may be cut
-// anywhere, so it is read by a parser that takes whatever bytes there are.
+// anywhere, so it is read by a parser that takes whatever bytes there are. A file that may not be
+// written is passed over, and those behind it are stored; where there is no room, or the records
+// have lost their order, the rest is dropped.
 #include <algorithm>
 #include <array>
 
@@ -29,19 +31,23 @@ class CFileSink final : public CStreamSink {
     void TakeName(std::span<const std::uint8_t>& data);
     void TakeContents(std::span<const std::uint8_t>& data);
     void BeginFile();
+    EResult BeginPart();
     void EndFile();
     void NextRecord();
     void Fail(EResult eResult, const std::string& strWhy);
+    void Break(const std::string& strWhy);
     void Close();
 
     CDevice& m_device;
     const std::optional<CDevicePath> m_dest;
     std::int32_t m_nResult = 1;
+    bool m_bBroken = false; // what comes is dropped
 
     EField m_eField = EField::COUNT;
     std::array<std::uint8_t, RECORD_HEAD_SIZE> m_fixed{}; // a field of fixed size, so far
     std::size_t m_dwFixed = 0;
     std::u16string m_strName;
+    std::string m_strPath;    // for the log
     bool m_bHalfUnit = false; // m_fixed[0] holds the low byte of a character
     std::uint32_t m_dwFilesLeft = 0;
     std::uint32_t m_nFilesDone = 0;
@@ -49,7 +55,7 @@ class CFileSink final : public CStreamSink {
     std::uint64_t m_qwSize = 0;
     std::uint64_t m_qwLeft = 0;
     CFileTimes m_times;
-    std::unique_ptr<CPartFile> m_pPart;
+    std::unique_ptr<CPartFile> m_pPart; // null where the file is passed over
 };
 
 void CFileSink::Close() {
@@ -57,17 +63,26 @@ void CFileSink::Close() {
     m_device.Folder().EndParts();
 }
 
+// The file in work cannot be stored.
 void CFileSink::Fail(EResult eResult, const std::string& strWhy) {
-    if (m_nResult < 0) {
-        return;
-    }
+    m_pPart.reset();
     m_nResult = eResult == EResult::NO_SPACE ? DAK_RESULT_NO_SPACE : DAK_RESULT_REFUSED;
     m_device.Log("copy to the device: " + strWhy + " (" + std::to_string(m_nResult) + ")");
+    if (eResult == EResult::NO_SPACE) {
+        m_bBroken = true;
+        Close();
+    }
+}
+
+// What follows cannot be told from its place in the stream.
+void CFileSink::Break(const std::string& strWhy) {
+    Fail(EResult::REFUSED, strWhy);
+    m_bBroken = true;
     Close();
 }
 
 void CFileSink::Apply(std::span<const std::uint8_t> data) {
-    while (!data.empty() && m_nResult > 0) {
+    while (!data.empty() && !m_bBroken) {
         switch (m_eField) {
         case EField::COUNT:
         case EField::HEAD: {
@@ -90,7 +105,7 @@ void CFileSink::Apply(std::span<const std::uint8_t> data) {
             TakeContents(data);
             break;
         case EField::NOTHING:
-            Fail(EResult::REFUSED, "more data than announced");
+            Break("more data than announced");
             break;
         }
     }
@@ -125,27 +140,16 @@ void CFileSink::TakeName(std::span<const std::uint8_t>& data) {
         }
         m_strName.push_back(unit);
         if (m_strName.size() == DAK_MAX_NAME) {
-            Fail(EResult::REFUSED, "a name is too long");
+            Break("a name is too long");
             return;
         }
     }
 }
 
 void CFileSink::BeginFile() {
-    const std::optional<CDevicePath> path =
-        m_dest ? m_dest->Below(m_strName) : std::optional<CDevicePath>();
-    if (!path || *path == *m_dest) {
-        Fail(EResult::REFUSED, "a path that is not allowed");
-        return;
-    }
-    if (m_qwSize > UINT32_MAX) {
-        Fail(EResult::REFUSED, path->Text() + ": 4 GiB or more");
-        return;
-    }
-    const EResult eResult = m_device.Folder().BeginPart(*path, m_qwSize, m_pPart);
+    const EResult eResult = BeginPart();
     if (eResult != EResult::SUCCESS) {
-        Fail(eResult, path->Text() + ": cannot be made");
-        return;
+        Fail(eResult, m_strPath + ": cannot be made");
     }
     m_qwLeft = m_qwSize;
     m_eField = EField::CONTENTS;
@@ -154,12 +158,23 @@ void CFileSink::BeginFile() {
     }
 }
 
+EResult CFileSink::BeginPart() {
+    const std::optional<CDevicePath> path =
+        m_dest ? m_dest->Below(m_strName) : std::optional<CDevicePath>();
+    if (!path || *path == *m_dest) {
+        m_strPath = ToUtf8(m_strName).value_or("?");
+        return EResult::REFUSED;
+    }
+    m_strPath = path->Text();
+    return m_qwSize > UINT32_MAX ? EResult::REFUSED
+                                 : m_device.Folder().BeginPart(*path, m_qwSize, m_pPart);
+}
+
 void CFileSink::TakeContents(std::span<const std::uint8_t>& data) {
     const auto dwCount = static_cast<std::size_t>(std::min<std::uint64_t>(m_qwLeft, data.size()));
-    const EResult eResult = m_pPart->Write(data.first(dwCount));
+    const EResult eResult = m_pPart ? m_pPart->Write(data.first(dwCount)) : EResult::SUCCESS;
     if (eResult != EResult::SUCCESS) {
-        Fail(eResult, "a file cannot be written");
-        return;
+        Fail(eResult, m_strPath + ": cannot be written");
     }
     data = data.subspan(dwCount);
     m_qwLeft -= dwCount;
@@ -169,14 +184,13 @@ void CFileSink::TakeContents(std::span<const std::uint8_t>& data) {
 }
 
 void CFileSink::EndFile() {
-    const EResult eResult = m_pPart->Complete(m_times);
-    m_pPart.reset();
+    const EResult eResult = m_pPart ? m_pPart->Complete(m_times) : EResult::SUCCESS;
     if (eResult != EResult::SUCCESS) {
-        Fail(eResult, "a file cannot take its name");
-        return;
+        Fail(eResult, m_strPath + ": cannot take its name");
     }
+    m_nFilesDone += m_pPart ? 1U : 0U;
+    m_pPart.reset();
     --m_dwFilesLeft;
-    ++m_nFilesDone;
     NextRecord();
 }
 
@@ -189,8 +203,8 @@ void CFileSink::NextRecord() {
 std::int32_t CFileSink::End() {
     const bool bBetween =
         (m_eField == EField::HEAD && m_dwFixed == 0) || m_eField == EField::NOTHING;
-    if (!bBetween) {
-        Fail(EResult::REFUSED, "the stream ends within a record");
+    if (!bBetween && !m_bBroken) {
+        Break("the stream ends within a record");
     }
     m_device.Log("copy to the device: " + std::to_string(m_nFilesDone) + " files");
     Close();
@@ -202,6 +216,7 @@ std::int32_t CFileSink::GiveUp(std::int32_t nResult) {
         m_nResult = nResult;
         m_device.Log("copy to the device: cut short");
     }
+    m_bBroken = true;
     Close();
     return m_nResult;
 }

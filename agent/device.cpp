@@ -21,7 +21,7 @@ std::unique_ptr<CDevice> CDevice::Open(const CDeviceOptions& options, std::strin
     if (!pDevice->m_pSystem) {
         return nullptr;
     }
-    pDevice->m_pFolder->RemoveLeftovers();
+    pDevice->m_pFolder->RemoveLeftovers(options.bAllowFormat);
     if (options.qwQuota) {
         pDevice->m_pFolder->SetQuota(*options.qwQuota);
     }

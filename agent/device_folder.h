@@ -40,6 +40,8 @@ struct CEntryInfo {
     CFileTimes times;
     bool bReadOnly = false;
     std::uint64_t ftLastAccess = 0; // as in CFileTimes
+    // Differs for another entry, and for one whose content has been written since.
+    std::uint64_t qwIdentity = 0;
 };
 
 // Bytes.
@@ -78,8 +80,8 @@ class CSourceFile {
     // The next bytes; fewer than data holds only at the end of the file or on an error.
     virtual std::size_t Read(std::span<std::uint8_t> data) = 0;
 
-    // Differs for another file, and for one whose content has been written since.
-    virtual std::uint64_t Identity() const = 0;
+    // That of its CEntryInfo, as it would be now. Nothing when the file does not tell.
+    virtual std::optional<std::uint64_t> Identity() const = 0;
 };
 
 // A copy or a move in work.
@@ -180,8 +182,9 @@ class CDeviceFolder {
                             std::string& strError) = 0;
 
     // Removes what killed agents left of their parts and trash, and goes on with their formats; in
-    // the background where it is much. Called once, behind AddStorage.
-    virtual void RemoveLeftovers() = 0;
+    // the background where it is much. Without bMayFormat what a format has not removed yet stays,
+    // out of the host's sight. Called once, behind AddStorage.
+    virtual void RemoveLeftovers(bool bMayFormat) = 0;
 
     // Files below the root and the storages together may not grow over this many bytes. Counts
     // what is there; from then on only what passes through this object is counted.
@@ -191,8 +194,8 @@ class CDeviceFolder {
     virtual std::optional<CEntryInfo> Find(const CDevicePath& path) = 0;
 
     // Names of what a folder holds, sorted by their bytes, without what the host cannot be told;
-    // links to folders are left out, because they can lead round in circles. At most nMost names:
-    // nothing when there are more, or the folder cannot be read.
+    // links to folders are left out, because they can lead round in circles. Not more than nMost,
+    // whichever, when there are more. Nothing when the folder cannot be read to its end.
     virtual std::optional<std::vector<std::string>> List(const CDevicePath& path,
                                                          std::size_t nMost) = 0;
 

@@ -63,7 +63,7 @@ std::uint32_t OpenHandle(CDevice& device, const std::u16string& strPath,
     COpenFiles& files = device.OpenFiles();
     const std::optional<CDevicePath> path = CDevicePath::Parse(strPath);
     const std::string strWhat = "open " + (path ? path->Text() : "?");
-    if (!files.HasRoom()) {
+    if (!files.HasRoom() && files.Forgotten() == 0) {
         device.Log(strWhat + ": as many files are open as may be");
         return s_dwNone;
     }
@@ -71,6 +71,11 @@ std::uint32_t OpenHandle(CDevice& device, const std::u16string& strPath,
     if (!path || !mode || device.Folder().OpenFile(*path, *mode, file.pFile) != EResult::SUCCESS) {
         device.Log(strWhat + ": refused");
         return s_dwNone;
+    }
+    if (!files.HasRoom()) {
+        const std::uint32_t dwForgotten = files.Forgotten();
+        device.Log("close handle " + std::to_string(dwForgotten) + ": nobody uses it");
+        files.Close(dwForgotten);
     }
     file.strPath = path->Text();
     const std::uint32_t dwHandle = files.Add(std::move(file));

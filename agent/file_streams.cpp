@@ -113,6 +113,7 @@ bool CReadSource::Read(std::span<std::uint8_t> data) {
 void CReadSource::Ended(std::uint64_t qwBytes) {
     const std::uint64_t qwTaken = qwBytes - std::min(qwBytes, s_qwCount);
     if (m_pFile) {
+        m_device.OpenFiles().Find(m_dwHandle); // in use to here
         m_pFile->qwPosition += qwTaken;
         m_device.Log("read " + m_pFile->strPath + ": " + std::to_string(qwTaken) + " bytes");
     }
@@ -171,6 +172,7 @@ void CWriteSink::Apply(std::span<const std::uint8_t> data) {
         Fail(eResult);
         return;
     }
+    m_device.OpenFiles().Find(m_dwHandle); // in use
     m_pFile->qwPosition += data.size();
     m_qwWritten += data.size();
     m_dwLeft -= static_cast<std::uint32_t>(data.size());

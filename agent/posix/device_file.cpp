@@ -17,6 +17,28 @@ bool CFileShares::Allows(const CUse& use) const {
     });
 }
 
+bool CFileShares::IsRead(const CUse& use) const {
+    return std::any_of(m_uses.begin(), m_uses.end(), [&use](const CUse& other) {
+        return other.inode == use.inode && other.device == use.device && other.bReads;
+    });
+}
+
+// A file system that counts no links tells 0 for every file.
+static bool IsGone(int fd, const struct stat& status) {
+    return status.st_nlink == 0 && PathOf(fd).ends_with(" (deleted)");
+}
+
+void CFileShares::GiveBackRoom() const {
+    for (const CUse& use : m_uses) {
+        struct stat status {};
+        if (use.bWrites && !IsRead(use) && ::fstat(use.fd, &status) == 0 && status.st_size > 0 &&
+            IsGone(use.fd, status)) {
+            // Where this fails the last close does it.
+            static_cast<void>(::ftruncate(use.fd, 0) == 0);
+        }
+    }
+}
+
 CPosixOpenFile::CPosixOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares,
                                CFileShares::Entry entry, const CFormats& formats, CQuota& quota)
     : m_fd(std::move(fd)), m_bRead(mode.bRead), m_bWrite(mode.bWrite), m_shares(shares),
@@ -108,7 +130,8 @@ EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, const C
                           .bReads = mode.bRead,
                           .bWrites = mode.bWrite || bEmpties,
                           .bShareRead = mode.bShareRead,
-                          .bShareWrite = mode.bShareWrite};
+                          .bShareWrite = mode.bShareWrite,
+                          .fd = fd.Get()};
     if ((use.bWrites && IsReadOnly(status)) || !shares.Allows(use)) {
         return EResult::REFUSED;
     }

@@ -19,6 +19,7 @@ class CFileShares {
         bool bWrites = false;
         bool bShareRead = false;
         bool bShareWrite = false;
+        int fd = -1;
     };
     using Entry = std::list<CUse>::iterator;
 
@@ -26,7 +27,13 @@ class CFileShares {
     Entry Enter(const CUse& use) { return m_uses.insert(m_uses.end(), use); }
     void Leave(Entry entry) { m_uses.erase(entry); }
 
+    // Empties files that have lost their last name and can be read by no handle: nobody can come to
+    // what is in them, and a handle that was forgotten would keep its room.
+    void GiveBackRoom() const;
+
   private:
+    bool IsRead(const CUse& use) const;
+
     std::list<CUse> m_uses;
 };
 

@@ -28,20 +28,24 @@ namespace agent {
 
 namespace {
 
+// Which file it is, and which content it has.
+std::uint64_t ContentOf(const struct stat& status) {
+    const std::array<std::uint64_t, 5> parts = {static_cast<std::uint64_t>(status.st_dev),
+                                                static_cast<std::uint64_t>(status.st_ino),
+                                                static_cast<std::uint64_t>(status.st_size),
+                                                static_cast<std::uint64_t>(status.st_mtim.tv_sec),
+                                                static_cast<std::uint64_t>(status.st_mtim.tv_nsec)};
+    std::uint64_t qwContent = 1;
+    for (const std::uint64_t qwPart : parts) {
+        qwContent = (qwContent ^ qwPart) * 0x9E3779B97F4A7C15ULL;
+        qwContent ^= qwContent >> 29;
+    }
+    return qwContent;
+}
+
 class CPosixSourceFile final : public CSourceFile {
   public:
-    CPosixSourceFile(CFd fd, const struct stat& status) : m_fd(std::move(fd)) {
-        const std::array<std::uint64_t, 4> parts = {
-            static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino),
-            static_cast<std::uint64_t>(status.st_mtim.tv_sec),
-            static_cast<std::uint64_t>(status.st_mtim.tv_nsec)};
-        m_qwIdentity = 1;
-        for (const std::uint64_t qwPart : parts) {
-            m_qwIdentity = (m_qwIdentity ^ qwPart) * 0x9E3779B97F4A7C15ULL;
-            m_qwIdentity ^= m_qwIdentity >> 29;
-        }
-        m_qwIdentity |= 1; // 0 stands for none
-    }
+    explicit CPosixSourceFile(CFd fd) : m_fd(std::move(fd)) {}
 
     std::size_t Read(std::span<std::uint8_t> data) override {
         const std::size_t dwRead = ReadAt(m_fd.Get(), m_qwAt, data);
@@ -49,12 +53,14 @@ class CPosixSourceFile final : public CSourceFile {
         return dwRead;
     }
 
-    std::uint64_t Identity() const override { return m_qwIdentity; }
+    std::optional<std::uint64_t> Identity() const override {
+        struct stat status {};
+        return ::fstat(m_fd.Get(), &status) == 0 ? std::optional(ContentOf(status)) : std::nullopt;
+    }
 
   private:
     CFd m_fd;
     std::uint64_t m_qwAt = 0;
-    std::uint64_t m_qwIdentity;
 };
 
 // Opening for reading without waiting for the other end of a pipe or becoming a terminal's owner.
@@ -67,8 +73,7 @@ class CPosixFolder final : public CDeviceFolder {
   public:
     CPosixFolder(CFd fdRoot, std::function<void(const std::string&)> lpLog)
         : m_fdRoot(std::move(fdRoot)), m_lpLog(std::move(lpLog)), m_formats(m_quota, m_lpLog),
-          m_fdJournal(::openat(m_fdRoot.Get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC)),
-          m_journal(m_fdJournal.Get()), m_trash(m_fdRoot.Get(), m_journal.Identity(), m_quota) {
+          m_journal(m_fdRoot.Get()), m_trash(m_fdRoot.Get(), m_journal.Identity(), m_quota) {
         m_formats.Serve(m_fdRoot);
     }
 
@@ -90,10 +95,10 @@ class CPosixFolder final : public CDeviceFolder {
                      std::unique_ptr<COpenFile>& pFile) override;
     EResult BeginPart(const CDevicePath& path, std::uint64_t qwSize,
                       std::unique_ptr<CPartFile>& pPart) override;
-    void EndParts() override { m_journal.Clear(); }
+    void EndParts() override;
     EResult MakeFolder(const CDevicePath& path) override;
     EResult Remove(const CDevicePath& path) override;
-    void RemoveLeftovers() override;
+    void RemoveLeftovers(bool bMayFormat) override;
     std::optional<CSpace> SpaceOf(const CDevicePath& folder) override;
     std::vector<std::string> StorageNames() const override;
     EResult Format(const CDevicePath& storage) override;
@@ -106,12 +111,17 @@ class CPosixFolder final : public CDeviceFolder {
     struct CStorage {
         std::string strName;
         CFd fd;
+        std::unique_ptr<CPartJournal> pJournal;
         std::unique_ptr<CTrash> pTrash;
     };
 
     bool IsFixed(const CDevicePath& path) const;
     bool IsServed(const struct stat& folder) const;
+    const CStorage* StorageOf(const CDevicePath& path) const;
+    static std::string RestIn(const CStorage* lpStorage, const CDevicePath& path);
     CTrash& TrashFor(const CDevicePath& path);
+    CPartJournal& JournalFor(const CDevicePath& path);
+    void RemoveParts(CPartJournal& journal, const CFd& fdView, CTrash& trash);
     CPlace PlaceOf(const CDevicePath& path);
     static std::optional<CEntryInfo> InfoOf(const CFd& fd);
     CFd Open(const CDevicePath& path, int nFlags) const;
@@ -124,7 +134,6 @@ class CPosixFolder final : public CDeviceFolder {
     std::deque<CStorage> m_storages; // they do not move
     CQuota m_quota;
     CFormats m_formats;
-    CFd m_fdJournal; // the root itself
     CFileShares m_shares;
     CPartJournal m_journal;
     CTrash m_trash;
@@ -146,15 +155,25 @@ bool CPosixFolder::IsServed(const struct stat& folder) const {
     });
 }
 
+// Null for a path of the root's own.
+const CPosixFolder::CStorage* CPosixFolder::StorageOf(const CDevicePath& path) const {
+    const auto it = std::find_if(m_storages.begin(), m_storages.end(), [&](const CStorage& s) {
+        return s.strName == path.FirstComponent();
+    });
+    return it == m_storages.end() ? nullptr : &*it;
+}
+
+// The path below the root or the storage.
+std::string CPosixFolder::RestIn(const CStorage* lpStorage, const CDevicePath& path) {
+    const std::string& strPath = path.Text();
+    return lpStorage ? strPath.substr(std::min(strPath.size(), lpStorage->strName.size() + 1))
+                     : strPath;
+}
+
 CFd CPosixFolder::Open(const CDevicePath& path, int nFlags) const {
-    const std::string_view strFirst = path.FirstComponent();
-    for (const CStorage& storage : m_storages) {
-        if (storage.strName == strFirst) {
-            const std::size_t dwRest = std::min(path.Text().size(), strFirst.size() + 1);
-            return OpenBelow(storage.fd.Get(), path.Text().substr(dwRest), nFlags);
-        }
-    }
-    return OpenBelow(m_fdRoot.Get(), path.Text(), nFlags);
+    const CStorage* lpStorage = StorageOf(path);
+    return OpenBelow(lpStorage ? lpStorage->fd.Get() : m_fdRoot.Get(), RestIn(lpStorage, path),
+                     nFlags);
 }
 
 // The folder, made with all that is missing ahead of it. The depth is bounded by the length that
@@ -190,29 +209,53 @@ bool CPosixFolder::AddStorage(const std::string& strName, const std::string& str
         strError = strFolder + ": " + std::strerror(errno);
         return false;
     }
-    auto pTrash = std::make_unique<CTrash>(fd.Get(), m_journal.Identity(), m_quota);
-    m_storages.push_back({strName, std::move(fd), std::move(pTrash)});
+    auto pJournal = std::make_unique<CPartJournal>(fd.Get());
+    auto pTrash = std::make_unique<CTrash>(fd.Get(), pJournal->Identity(), m_quota);
+    m_storages.push_back({strName, std::move(fd), std::move(pJournal), std::move(pTrash)});
     m_formats.Serve(m_storages.back().fd);
     return true;
 }
 
-// Without the folders below it that are served themselves, and counted for themselves.
+// Without the folders below it that are served themselves, and counted for themselves. One folder
+// is open at a time, however deep they lie: the way back up is by "..", as long as that leads to
+// where the way down came from.
 std::uint64_t CPosixFolder::CountBytes(CFd fdFolder) const {
+    struct CLevel {
+        FolderIdentity identity;
+        std::vector<std::string> folders; // still to be counted
+    };
     std::uint64_t qwBytes = 0;
-    CDirectory directory(std::move(fdFolder));
-    if (!directory.Open()) {
-        return 0;
-    }
-    while (const dirent* pEntry = directory.Next()) {
-        struct stat status {};
-        if (::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    std::vector<CLevel> levels;
+    const auto enter = [&] {
+        levels.push_back({IdentityOf(fdFolder.Get()), {}});
+        CDirectory directory(OpenBelow(fdFolder.Get(), "", O_RDONLY | O_DIRECTORY));
+        while (const dirent* pEntry = directory.Open() ? directory.Next() : nullptr) {
+            struct stat status {};
+            if (::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+                continue;
+            }
+            if (S_ISREG(status.st_mode) && !CFormats::IsList(pEntry->d_name)) {
+                qwBytes += static_cast<std::uint64_t>(status.st_size);
+            } else if (S_ISDIR(status.st_mode) && !IsServed(status)) {
+                levels.back().folders.emplace_back(pEntry->d_name);
+            }
+        }
+    };
+    constexpr int nFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    for (enter(); !levels.empty();) {
+        if (!levels.back().folders.empty()) {
+            CFd fdNext(::openat(fdFolder.Get(), levels.back().folders.back().c_str(), nFlags));
+            levels.back().folders.pop_back();
+            if (fdNext) {
+                fdFolder = std::move(fdNext);
+                enter();
+            }
             continue;
         }
-        if (S_ISREG(status.st_mode)) {
-            qwBytes += static_cast<std::uint64_t>(status.st_size);
-        } else if (S_ISDIR(status.st_mode) && !IsServed(status)) {
-            qwBytes += CountBytes(CFd(::openat(directory.Fd(), pEntry->d_name,
-                                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+        levels.pop_back();
+        fdFolder = CFd(::openat(fdFolder.Get(), "..", nFlags));
+        if (!levels.empty() && IdentityOf(fdFolder.Get()) != levels.back().identity) {
+            break;
         }
     }
     return qwBytes;
@@ -250,6 +293,7 @@ std::optional<CEntryInfo> CPosixFolder::InfoOf(const CFd& fd) {
     info.qwSize = info.bFolder ? 0 : static_cast<std::uint64_t>(status.st_size);
     info.times = TimesOf(fd.Get(), status);
     info.ftLastAccess = FileTimeOf(status.st_atim);
+    info.qwIdentity = ContentOf(status);
     return info;
 }
 
@@ -266,14 +310,15 @@ std::unique_ptr<CFolderScan> CPosixFolder::Scan(const CDevicePath& path) {
 
 CPlace CPosixFolder::PlaceOf(const CDevicePath& path) {
     const CDevicePath folder = path.Parent();
-    return {Open(folder, O_PATH | O_DIRECTORY), folder, std::string(path.Leaf()), &TrashFor(path)};
+    return {Open(folder, O_PATH | O_DIRECTORY), RestIn(StorageOf(path), folder),
+            std::string(path.Leaf()), &TrashFor(path), &JournalFor(path)};
 }
 
 std::unique_ptr<CFolderWork>
 CPosixFolder::BeginCopy(const CDevicePath& source, const CDevicePath& target, bool bFailIfExists) {
     return IsFixed(target) ? nullptr
                            : MakeCopy(Open(source, s_nReadFlags), PlaceOf(target), bFailIfExists,
-                                      {m_journal, m_quota, m_formats.Folders()});
+                                      {m_quota, m_formats.Folders()});
 }
 
 std::unique_ptr<CFolderWork> CPosixFolder::BeginMove(const CDevicePath& source,
@@ -281,7 +326,7 @@ std::unique_ptr<CFolderWork> CPosixFolder::BeginMove(const CDevicePath& source,
     return IsFixed(source) || IsFixed(target)
                ? nullptr
                : MakeMove(Open(source, s_nReadFlags), PlaceOf(source), PlaceOf(target),
-                          {m_journal, m_quota, m_formats.Folders()});
+                          {m_quota, m_formats.Folders()});
 }
 
 std::optional<std::vector<std::string>> CPosixFolder::List(const CDevicePath& path,
@@ -291,20 +336,21 @@ std::optional<std::vector<std::string>> CPosixFolder::List(const CDevicePath& pa
         return std::nullopt;
     }
     std::vector<std::string> names;
-    while (const dirent* pEntry = directory.Next()) {
+    errno = 0;
+    while (const dirent* pEntry = names.size() < nMost ? directory.Next() : nullptr) {
         struct stat status {};
         const bool bLink =
             (pEntry->d_type == DT_LNK || pEntry->d_type == DT_UNKNOWN) &&
             ::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISLNK(status.st_mode);
-        if (!IsNameForHost(pEntry->d_name) ||
-            (bLink && Open(path.Entry(pEntry->d_name), O_PATH | O_DIRECTORY))) {
-            continue;
+        if (IsNameForHost(pEntry->d_name) &&
+            (!bLink || !Open(path.Entry(pEntry->d_name), O_PATH | O_DIRECTORY))) {
+            names.emplace_back(pEntry->d_name);
         }
-        if (names.size() == nMost) {
-            return std::nullopt;
-        }
-        names.emplace_back(pEntry->d_name);
+        errno = 0;
+    }
+    if (errno != 0) {
+        return std::nullopt;
     }
     if (path.IsRoot()) {
         for (const CStorage& storage : m_storages) {
@@ -313,6 +359,7 @@ std::optional<std::vector<std::string>> CPosixFolder::List(const CDevicePath& pa
     }
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
+    names.resize(std::min(names.size(), nMost));
     return names;
 }
 
@@ -322,7 +369,7 @@ std::unique_ptr<CSourceFile> CPosixFolder::OpenSource(const CDevicePath& path) {
     if (!fd || ::fstat(fd.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return nullptr;
     }
-    return std::make_unique<CPosixSourceFile>(std::move(fd), status);
+    return std::make_unique<CPosixSourceFile>(std::move(fd));
 }
 
 // A file that is not there yet, also not as a link.
@@ -345,6 +392,7 @@ EResult CPosixFolder::OpenFile(const CDevicePath& path, const COpenMode& mode,
     if (IsFixed(path)) {
         return EResult::REFUSED;
     }
+    m_shares.GiveBackRoom(); // also of what copies have replaced
     CFd fd;
     errno = ENOENT;
     if (mode.eExisting != COpenMode::EExisting::REFUSE) {
@@ -375,16 +423,24 @@ EResult CPosixFolder::BeginPart(const CDevicePath& path, std::uint64_t qwSize,
     if (IsReadOnly(status) || JudgeTarget(fdFolder.Get(), strTarget) != EResult::SUCCESS) {
         return EResult::REFUSED;
     }
-    if (!m_journal.Enter(folder.Text())) {
+    CPartJournal& journal = JournalFor(path);
+    if (!journal.Enter(RestIn(StorageOf(path), folder))) {
         return ResultOf(errno);
     }
-    auto pFile = std::make_unique<CPosixPartFile>(std::move(fdFolder), m_journal.PartName(),
-                                                  strTarget, m_quota);
+    auto pFile = std::make_unique<CPosixPartFile>(std::move(fdFolder), journal, strTarget, m_quota);
     if (!pFile->Open()) {
         return ResultOf(errno);
     }
     pPart = std::move(pFile);
     return EResult::SUCCESS;
+}
+
+void CPosixFolder::EndParts() {
+    m_journal.Clear();
+    for (const CStorage& storage : m_storages) {
+        storage.pJournal->Clear();
+    }
+    m_shares.GiveBackRoom();
 }
 
 EResult CPosixFolder::MakeFolder(const CDevicePath& path) {
@@ -422,40 +478,47 @@ EResult CPosixFolder::Remove(const CDevicePath& path) {
     if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
         m_quota.Remove(static_cast<std::uint64_t>(status.st_size));
     }
+    m_shares.GiveBackRoom();
     return EResult::SUCCESS;
 }
 
-void CPosixFolder::RemoveLeftovers() {
-    m_formats.TakeUp();
-    CPartJournal::CleanUp(
-        m_fdJournal.Get(), [this](const std::string& strFolder, const std::string& strPart) {
-            const std::optional<std::u16string> strWide = ToUtf16(strFolder);
-            const std::optional<CDevicePath> folder =
-                strWide ? CDevicePath::Parse(*strWide) : std::optional<CDevicePath>();
-            const CFd fd = folder ? Open(*folder, O_PATH | O_DIRECTORY) : CFd();
-            errno = ENOENT;
-            const bool bRemoved = fd && (::unlinkat(fd.Get(), strPart.c_str(), 0) == 0 ||
-                                         TrashFor(*folder).TakeIn(fd.Get(), strPart));
-            const bool bGone = bRemoved || errno == ENOENT;
-            if (bRemoved && m_lpLog) {
-                m_lpLog("removed a part file that a killed agent left in \\" + strFolder);
-            }
-            return bGone;
-        });
+void CPosixFolder::RemoveLeftovers(bool bMayFormat) {
+    m_formats.TakeUp(bMayFormat);
+    RemoveParts(m_journal, m_fdRoot, m_trash);
     m_trash.Adopt();
     for (const CStorage& storage : m_storages) {
+        RemoveParts(*storage.pJournal, storage.fd, *storage.pTrash);
         storage.pTrash->Adopt();
     }
 }
 
-// The one on the file system of the path.
-CTrash& CPosixFolder::TrashFor(const CDevicePath& path) {
-    for (const CStorage& storage : m_storages) {
-        if (storage.strName == path.FirstComponent()) {
-            return *storage.pTrash;
+void CPosixFolder::RemoveParts(CPartJournal& journal, const CFd& fdView, CTrash& trash) {
+    journal.CleanUp([&](const std::string& strFolder, const std::string& strPart) {
+        const std::optional<std::u16string> strWide = ToUtf16(strFolder);
+        const std::optional<CDevicePath> folder =
+            strWide ? CDevicePath::Parse(*strWide) : std::optional<CDevicePath>();
+        errno = ENOENT; // what is no path leads nowhere
+        const CFd fd =
+            folder ? OpenBelow(fdView.Get(), folder->Text(), O_PATH | O_DIRECTORY) : CFd();
+        const bool bRemoved = fd && (::unlinkat(fd.Get(), strPart.c_str(), 0) == 0 ||
+                                     trash.TakeIn(fd.Get(), strPart));
+        const bool bGone = bRemoved || errno == ENOENT;
+        if (bRemoved && m_lpLog) {
+            m_lpLog("removed a part file that a killed agent left in \\" + strFolder);
         }
-    }
-    return m_trash;
+        return bGone;
+    });
+}
+
+// Those on the file system of the path.
+CTrash& CPosixFolder::TrashFor(const CDevicePath& path) {
+    const CStorage* lpStorage = StorageOf(path);
+    return lpStorage ? *lpStorage->pTrash : m_trash;
+}
+
+CPartJournal& CPosixFolder::JournalFor(const CDevicePath& path) {
+    const CStorage* lpStorage = StorageOf(path);
+    return lpStorage ? *lpStorage->pJournal : m_journal;
 }
 
 bool CPosixFolder::HasWork(bool bIdle) const {
@@ -476,6 +539,7 @@ void CPosixFolder::Work(bool bIdle) {
     for (const CStorage& storage : m_storages) {
         work(*storage.pTrash);
     }
+    m_shares.GiveBackRoom();
 }
 
 std::optional<CSpace> CPosixFolder::SpaceOf(const CDevicePath& folder) {

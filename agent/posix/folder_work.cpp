@@ -93,15 +93,15 @@ class CCopyWork final : public CFolderWork {
               bool bMove, const CFolderParts& parts)
         : m_source(source), m_target(std::move(target)), m_bFailIfExists(bFailIfExists),
           m_parts(parts), m_fdSource(::fcntl(fdSource.Get(), F_DUPFD_CLOEXEC, 0)),
-          m_copy(std::move(fdSource), source, m_target.fdFolder.Get(), parts.journal.PartName(),
-                 bMove, parts.quota) {}
+          m_copy(std::move(fdSource), source, m_target.fdFolder.Get(),
+                 m_target.lpJournal->PartName(), bMove, parts.quota) {}
 
     // Nothing is left of a copy that is not done, and the target is as it was.
     ~CCopyWork() override {
         if (m_bBegun && RemovePart()) {
-            m_parts.journal.Clear();
+            m_target.lpJournal->Clear();
         } else if (m_bBegun) {
-            m_parts.journal.Abandon();
+            m_target.lpJournal->Abandon();
         }
     }
 
@@ -111,7 +111,7 @@ class CCopyWork final : public CFolderWork {
             if (eJudged != EResult::SUCCESS) {
                 return eJudged;
             }
-            if (!m_parts.journal.Enter(m_target.folder.Text())) {
+            if (!m_target.lpJournal->Enter(m_target.strFolder)) {
                 return ResultOf(errno);
             }
             m_bBegun = true;
@@ -161,7 +161,7 @@ EResult CCopyWork::Judge() {
 
 EResult CCopyWork::Commit() {
     const int fd = m_target.fdFolder.Get();
-    const std::string& strPart = m_parts.journal.PartName();
+    const std::string& strPart = m_target.lpJournal->PartName();
     const EResult eJudged = Judge();
     struct stat old {};
     if (eJudged != EResult::SUCCESS) {
@@ -191,7 +191,7 @@ EResult CCopyWork::Commit() {
 bool CCopyWork::RemovePart() const {
     struct stat part {};
     const int fd = m_target.fdFolder.Get();
-    const std::string& strPart = m_parts.journal.PartName();
+    const std::string& strPart = m_target.lpJournal->PartName();
     if (::fstatat(fd, strPart.c_str(), &part, AT_SYMLINK_NOFOLLOW) != 0) {
         return errno == ENOENT;
     }

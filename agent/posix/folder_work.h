@@ -17,14 +17,14 @@ namespace agent {
 // An entry by its folder, whether it exists or not.
 struct CPlace {
     CFd fdFolder;
-    CDevicePath folder;
+    std::string strFolder; // its path below the root or the storage that it is part of
     std::string strName;
-    CTrash* lpTrash;
+    CTrash* lpTrash; // of those
+    CPartJournal* lpJournal;
 };
 
 // Outlive the work.
 struct CFolderParts {
-    CPartJournal& journal;
     CQuota& quota;
     std::vector<int> served; // the root and the storages, wherever they lie
 };

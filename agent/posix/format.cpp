@@ -5,6 +5,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <optional>
 #include <string_view>
@@ -16,11 +17,14 @@
 
 namespace agent {
 
-static constexpr char s_szFormat[] = ".dak-format";
-static constexpr char s_szFormatted[] = ".dak-formatted";
+// Lists of a fresh folder: what is to be removed for it, and what could not be.
+static constexpr char s_szList[] = ".list";
+static constexpr char s_szLeft[] = ".left";
 
 static constexpr std::chrono::milliseconds s_slice{5};
-// How long a format looks for room on a disk that has none even for its folders.
+// How long a format writes down what there is, and until when it looks for room on a disk that has
+// none even for that.
+static constexpr std::chrono::milliseconds s_takeIn{200};
 static constexpr std::chrono::milliseconds s_makeRoom{300};
 static constexpr int s_nStepsAtStart = 1000;
 // What is moved up while a host may call at any moment; more waits for the next start.
@@ -62,13 +66,29 @@ static unsigned NewestIn(int fdMarker) {
     return nNewest;
 }
 
+// The lists in a marker, but for those of one fresh folder.
+static void DropListsBut(int fdMarker, const std::string& strFresh) {
+    for (const std::string& strName : NamesIn(fdMarker)) {
+        if (CFormats::IsList(strName) &&
+            (strFresh.empty() || !strName.starts_with(strFresh + "."))) {
+            ::unlinkat(fdMarker, strName.c_str(), 0);
+        }
+    }
+}
+
+static void DropMarker(int fdFolder, int fdMarker) {
+    DropListsBut(fdMarker, {});
+    ::unlinkat(fdMarker, CRemoval::LIFTED, AT_REMOVEDIR);
+    ::unlinkat(fdFolder, FORMAT_FOLDER, AT_REMOVEDIR);
+}
+
 // A file system that knows no locks keeps nobody away.
 static bool Lock(int fd) {
     return ::flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
 // Nothing that is there is replaced.
-static bool MoveEntry(int fdFrom, int fdTo, const char* lpszName) {
+static bool RenameTo(int fdTo, int fdFrom, const char* lpszName) {
     if (::renameat2(fdFrom, lpszName, fdTo, lpszName, RENAME_NOREPLACE) == 0) {
         return true;
     }
@@ -78,13 +98,36 @@ static bool MoveEntry(int fdFrom, int fdTo, const char* lpszName) {
            ::renameat(fdFrom, lpszName, fdTo, lpszName) == 0;
 }
 
-// False when something stays.
-static bool MoveAll(int fdFrom, int fdTo) {
-    bool bAll = true;
-    for (const std::string& strName : NamesIn(fdFrom)) {
-        bAll = MoveEntry(fdFrom, fdTo, strName.c_str()) && bAll;
+// To change its parent a folder must be writable. It gets its permissions back.
+static bool MoveEntry(int fdFrom, int fdTo, const char* lpszName) {
+    struct stat status {};
+    if (RenameTo(fdTo, fdFrom, lpszName)) {
+        return true;
     }
-    return bAll;
+    if (errno != EACCES || ::fstatat(fdFrom, lpszName, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISDIR(status.st_mode) ||
+        ::fchmodat(fdFrom, lpszName, (status.st_mode & 07777) | 0700, AT_SYMLINK_NOFOLLOW) != 0) {
+        return false;
+    }
+    const bool bMoved = RenameTo(fdTo, fdFrom, lpszName);
+    // The owner, who could change it before.
+    static_cast<void>(
+        ::fchmodat(bMoved ? fdTo : fdFrom, lpszName, status.st_mode & 07777, AT_SYMLINK_NOFOLLOW));
+    return bMoved;
+}
+
+// The names that could be moved, of those wanted.
+static std::vector<std::string> MoveEntries(int fdFrom, int fdTo,
+                                            const std::vector<std::string>& names) {
+    std::vector<std::string> moved;
+    std::copy_if(names.begin(), names.end(), std::back_inserter(moved),
+                 [&](const auto& strName) { return MoveEntry(fdFrom, fdTo, strName.c_str()); });
+    return moved;
+}
+
+bool CFormats::IsList(std::string_view strName) {
+    return strName.starts_with(RESERVED_PREFIX) &&
+           (strName.ends_with(s_szList) || strName.ends_with(s_szLeft));
 }
 
 CFormats::CFormats(CQuota& quota, std::function<void(const std::string&)> lpLog)
@@ -159,7 +202,7 @@ CSpared CFormats::OthersThan(const CServed& served) const {
 
 // A full disk may have no room for the folder that stands for its emptiness: then the removal
 // begins ahead of it.
-bool CFormats::MakeRoomFor(CServed& served, Clock::time_point tEnd,
+bool CFormats::MakeRoomFor(const CServed& served, const CFormatList& old, Clock::time_point tEnd,
                            const std::function<bool()>& make) const {
     std::unique_ptr<CRemoval> pRemoval;
     while (!make()) {
@@ -167,13 +210,8 @@ bool CFormats::MakeRoomFor(CServed& served, Clock::time_point tEnd,
             return false;
         }
         if (!pRemoval) {
-            CSpared spared = OthersThan(served);
-            if (served.fdMarker) {
-                spared.Add(served.fdMarker.Get(), served.fdFolder.Get());
-            }
-            pRemoval = std::make_unique<CRemoval>(
-                CFd(::openat(served.fdFolder.Get(), ".", O_RDONLY | s_nFolder)), std::move(spared),
-                -1, m_quota);
+            pRemoval = std::make_unique<CRemoval>(served.fdFolder.Get(), old.Entries(),
+                                                  OthersThan(served), -1, m_quota);
         }
         const std::uint64_t qwBefore = pRemoval->Removed();
         while (pRemoval->Removed() == qwBefore) {
@@ -185,36 +223,53 @@ bool CFormats::MakeRoomFor(CServed& served, Clock::time_point tEnd,
     return true;
 }
 
-bool CFormats::MakeMarker(CServed& served, Clock::time_point tEnd) const {
+bool CFormats::MakeMarker(CServed& served) const {
     const int fdFolder = served.fdFolder.Get();
-    if (!MakeRoomFor(served, tEnd, [fdFolder] {
-            return ::mkdirat(fdFolder, s_szFormat, 0700) == 0 || errno == EEXIST;
-        })) {
-        return false;
+    const auto open = [fdFolder] {
+        return CFd(::openat(fdFolder, FORMAT_FOLDER, O_RDONLY | s_nFolder));
+    };
+    served.fdMarker = open();
+    if (!served.fdMarker && errno == ENOENT && ::mkdirat(fdFolder, FORMAT_FOLDER, 0700) == 0) {
+        served.fdMarker = open();
     }
-    served.fdMarker = CFd(::openat(fdFolder, s_szFormat, O_RDONLY | s_nFolder));
     if (served.fdMarker && !Lock(served.fdMarker.Get())) {
         served.fdMarker.Close(); // another agent formats the same folder
+        errno = EBUSY;
     }
     return static_cast<bool>(served.fdMarker);
+}
+
+// What lay in the folder, and what earlier formats have in the marker.
+CFormatList CFormats::ListOf(const CServed& served, const CFormatList& old) {
+    CFormatList list = old;
+    for (const std::string& strName : NamesIn(served.fdMarker.Get())) {
+        if (!CFormats::IsList(strName) && strName != CRemoval::LIFTED) {
+            list.Add(std::string(FORMAT_FOLDER) + "/" + strName);
+        }
+    }
+    list.Add(std::string(FORMAT_FOLDER) + "/" + CRemoval::LIFTED);
+    return list;
 }
 
 bool CFormats::TurnTo(CServed& served, const std::string& strFresh) {
     CFd fdFresh(::openat(served.fdMarker.Get(), strFresh.c_str(), O_RDONLY | s_nFolder));
     CFd fdView(::openat(served.fdMarker.Get(), strFresh.c_str(), O_PATH | s_nFolder));
-    CFd fdOld(::openat(served.fdFolder.Get(), ".", O_RDONLY | s_nFolder));
-    if (!fdFresh || !fdView || !fdOld) {
+    if (!fdFresh || !fdView) {
         return false;
     }
-    CSpared spared = OthersThan(served);
-    spared.Add(fdFresh.Get(), served.fdFolder.Get());
-    served.pRemoval = std::make_unique<CRemoval>(std::move(fdOld), std::move(spared),
-                                                 served.fdMarker.Get(), m_quota);
-    served.bAwaitsIdle = false;
     served.fdFresh = std::move(fdFresh);
     served.fdView = std::move(fdView);
     served.strFresh = strFresh;
     return true;
+}
+
+void CFormats::BeginRemoval(CServed& served, CFormatList list) const {
+    served.bAwaitsIdle = false;
+    served.pRemoval.reset(); // it goes by the list
+    served.list = std::move(list);
+    served.pRemoval =
+        std::make_unique<CRemoval>(served.fdFolder.Get(), served.list.Entries(), OthersThan(served),
+                                   served.fdMarker.Get(), m_quota);
 }
 
 bool CFormats::Format(const CFd& fdView) {
@@ -224,61 +279,100 @@ bool CFormats::Format(const CFd& fdView) {
         return false;
     }
     CServed& served = **itServed;
-    const auto tEnd = Clock::now() + s_makeRoom;
+    const auto tBegin = Clock::now();
+    const CSpared others = OthersThan(served);
     struct stat status {};
     if (::fstat(served.fdFolder.Get(), &status) != 0 || IsReadOnly(status) ||
-        OthersThan(served).IsSpared(IdentityOf(served.fdFolder.Get())) ||
-        (!served.fdMarker && !MakeMarker(served, tEnd))) {
+        others.IsSpared(IdentityOf(served.fdFolder.Get()))) {
+        return false;
+    }
+    CFormatList old;
+    old.TakeIn(served.fdFolder.Get(), others, tBegin + s_takeIn);
+    const auto make = [&](const std::function<bool()>& lpMake) {
+        return MakeRoomFor(served, old, tBegin + s_makeRoom, lpMake);
+    };
+    if (!served.fdMarker && !make([&] { return MakeMarker(served); })) {
         return false;
     }
     const int fdMarker = served.fdMarker.Get();
     const std::string strFresh = FreshName(NewestIn(fdMarker) + 1);
-    const bool bMade = MakeRoomFor(served, tEnd, [&] {
-        return ::mkdirat(fdMarker, strFresh.c_str(), status.st_mode & 0777) == 0;
-    });
-    // The umask has no say: the folder is to look as it did.
-    if (bMade && ::fchmodat(fdMarker, strFresh.c_str(), status.st_mode & 07777, 0) == 0 &&
+    CFormatList list = ListOf(served, old);
+    // With the fresh folder the format is made. The umask has no say: the folder is to look as it
+    // did.
+    if (make([&] { return list.Store(fdMarker, strFresh + s_szList); }) &&
+        make([&] { return ::mkdirat(fdMarker, strFresh.c_str(), status.st_mode & 0777) == 0; }) &&
+        ::fchmodat(fdMarker, strFresh.c_str(), status.st_mode & 07777, 0) == 0 &&
         TurnTo(served, strFresh)) {
+        DropListsBut(fdMarker, strFresh);
+        BeginRemoval(served, std::move(list));
         return true;
     }
     ::unlinkat(fdMarker, strFresh.c_str(), AT_REMOVEDIR);
+    ::unlinkat(fdMarker, (strFresh + s_szList).c_str(), 0);
     if (served.strFresh.empty()) {
-        ::unlinkat(served.fdFolder.Get(), s_szFormat, AT_REMOVEDIR);
+        DropMarker(served.fdFolder.Get(), fdMarker);
         served.fdMarker.Close();
     }
     return false;
 }
 
-void CFormats::TakeUp() {
+void CFormats::TakeUp(bool bMayRemove) {
     for (const auto& pServed : m_served) {
-        TakeUp(*pServed);
+        if (!TakeUpView(*pServed)) {
+            continue;
+        }
+        TakeUpRemoval(*pServed, bMayRemove);
+        for (int i = 0; i < s_nStepsAtStart && pServed->pRemoval; ++i) {
+            StepRemoval(*pServed);
+        }
+        if (std::exchange(pServed->bAwaitsIdle, false)) {
+            MoveUp(*pServed, std::numeric_limits<std::size_t>::max());
+        }
     }
 }
 
-void CFormats::TakeUp(CServed& served) {
+// False when the folder is its own view.
+bool CFormats::TakeUpView(CServed& served) {
     const int fdFolder = served.fdFolder.Get();
-    served.fdMarker = CFd(::openat(fdFolder, s_szFormat, O_RDONLY | s_nFolder));
-    if (served.fdMarker) {
-        if (!Lock(served.fdMarker.Get())) {
-            served.fdMarker.Close();
-            return;
-        }
-        const unsigned nNewest = NewestIn(served.fdMarker.Get());
-        if (nNewest != 0 && TurnTo(served, FreshName(nNewest))) {
-            Log("going on with a format that an agent before has begun");
-            for (int i = 0; i < s_nStepsAtStart && served.pRemoval; ++i) {
-                StepRemoval(served);
-            }
-            if (std::exchange(served.bAwaitsIdle, false)) {
-                MoveUp(served, std::numeric_limits<std::size_t>::max());
-            }
-        } else {
-            ::unlinkat(fdFolder, s_szFormat, AT_REMOVEDIR); // killed before it had begun
-            served.fdMarker.Close();
-        }
-        return;
+    served.fdMarker = CFd(::openat(fdFolder, FORMAT_FOLDER, O_RDONLY | s_nFolder));
+    if (!served.fdMarker) {
+        FinishMovingUp(served);
+        return false;
     }
-    const CFd fdFormatted(::openat(fdFolder, s_szFormatted, O_RDONLY | s_nFolder));
+    const bool bOurs = Lock(served.fdMarker.Get());
+    const unsigned nNewest = bOurs ? NewestIn(served.fdMarker.Get()) : 0;
+    if (nNewest != 0 && TurnTo(served, FreshName(nNewest))) {
+        DropListsBut(served.fdMarker.Get(), served.strFresh);
+        return true;
+    }
+    if (bOurs && nNewest == 0) { // killed before it was made
+        DropMarker(fdFolder, served.fdMarker.Get());
+    }
+    served.fdMarker.Close();
+    return false;
+}
+
+void CFormats::TakeUpRemoval(CServed& served, bool bMayRemove) const {
+    const int fdMarker = served.fdMarker.Get();
+    const std::string strLeft = served.strFresh + s_szLeft;
+    CFormatList list;
+    if (list.Load(fdMarker, served.strFresh + s_szList)) {
+        if (bMayRemove) {
+            Log("going on with a format that an agent before has begun");
+            BeginRemoval(served, std::move(list));
+        } else {
+            Log("what a format has not removed yet stays, out of sight: formats are not allowed");
+        }
+    } else if (!list.Load(fdMarker, strLeft) || list.AllGone(served.fdFolder.Get())) {
+        ::unlinkat(fdMarker, strLeft.c_str(), 0);
+        served.bAwaitsIdle = true;
+    }
+}
+
+// What was killed while it moved up.
+void CFormats::FinishMovingUp(const CServed& served) const {
+    const int fdFolder = served.fdFolder.Get();
+    const CFd fdFormatted(::openat(fdFolder, FORMATTED_FOLDER, O_RDONLY | s_nFolder));
     if (!fdFormatted || !Lock(fdFormatted.Get())) {
         return;
     }
@@ -287,12 +381,14 @@ void CFormats::TakeUp(CServed& served) {
             continue;
         }
         const CFd fdFresh(::openat(fdFormatted.Get(), strName.c_str(), O_RDONLY | s_nFolder));
-        if (fdFresh && !MoveAll(fdFresh.Get(), fdFolder)) {
-            Log(std::string("not everything could be moved up from ") + s_szFormatted);
+        if (fdFresh) {
+            MoveEntries(fdFresh.Get(), fdFolder, NamesIn(fdFresh.Get()));
         }
-        ::unlinkat(fdFormatted.Get(), strName.c_str(), AT_REMOVEDIR);
+        if (::unlinkat(fdFormatted.Get(), strName.c_str(), AT_REMOVEDIR) != 0) {
+            Log(std::string("not everything could be moved up from ") + FORMATTED_FOLDER);
+        }
     }
-    ::unlinkat(fdFolder, s_szFormatted, AT_REMOVEDIR);
+    ::unlinkat(fdFolder, FORMATTED_FOLDER, AT_REMOVEDIR);
 }
 
 bool CFormats::HasWork(bool bIdle) const {
@@ -317,10 +413,19 @@ void CFormats::StepRemoval(CServed& served) const {
     if (served.pRemoval->Step()) {
         return;
     }
-    served.bAwaitsIdle = served.pRemoval->Complete();
+    const bool bAll = served.pRemoval->Complete() && served.list.Whole();
     Log("format: removed " + std::to_string(served.pRemoval->Removed()) + " entries" +
-        (served.bAwaitsIdle ? "" : "; what cannot be removed stays out of sight"));
+        (bAll ? "" : "; what cannot be removed stays out of sight"));
+    const int fdMarker = served.fdMarker.Get();
+    const std::string strList = served.strFresh + s_szList;
+    if (bAll) {
+        ::unlinkat(fdMarker, strList.c_str(), 0);
+    } else {
+        ::renameat(fdMarker, strList.c_str(), fdMarker, (served.strFresh + s_szLeft).c_str());
+    }
+    served.bAwaitsIdle = bAll;
     served.pRemoval.reset();
+    served.list = {};
 }
 
 // What is spared may bear the name of something new; then the view stays where it is.
@@ -339,14 +444,20 @@ void CFormats::MoveUp(CServed& served, std::size_t nMost) {
     const int fdFolder = served.fdFolder.Get();
     CFd fdView(::openat(fdFolder, ".", O_PATH | s_nFolder));
     if (!fdView || !MayMoveUp(served, nMost) ||
-        ::renameat(fdFolder, s_szFormat, fdFolder, s_szFormatted) != 0) {
+        ::renameat(fdFolder, FORMAT_FOLDER, fdFolder, FORMATTED_FOLDER) != 0) {
         return;
     }
-    if (!MoveAll(served.fdFresh.Get(), fdFolder)) {
-        Log(std::string("not everything could be moved up from ") + s_szFormatted);
+    const std::vector<std::string> names = NamesIn(served.fdFresh.Get());
+    const std::vector<std::string> moved = MoveEntries(served.fdFresh.Get(), fdFolder, names);
+    if (moved.size() != names.size()) {
+        // The host goes on seeing all of it where it was.
+        MoveEntries(fdFolder, served.fdFresh.Get(), moved);
+        ::renameat(fdFolder, FORMATTED_FOLDER, fdFolder, FORMAT_FOLDER);
+        Log(std::string("not everything could be moved up from ") + FORMAT_FOLDER);
+        return;
     }
     ::unlinkat(served.fdMarker.Get(), served.strFresh.c_str(), AT_REMOVEDIR);
-    ::unlinkat(fdFolder, s_szFormatted, AT_REMOVEDIR);
+    ::unlinkat(fdFolder, FORMATTED_FOLDER, AT_REMOVEDIR);
     served.fdView = std::move(fdView);
     served.fdFresh.Close();
     served.fdMarker.Close();

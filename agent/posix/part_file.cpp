@@ -19,17 +19,25 @@ EResult JudgeTarget(int fdFolder, const std::string& strTarget) {
     return bReplaceable ? EResult::SUCCESS : EResult::REFUSED;
 }
 
-CPosixPartFile::CPosixPartFile(CFd fdFolder, std::string strPart, std::string strTarget,
+CPosixPartFile::CPosixPartFile(CFd fdFolder, CPartJournal& journal, std::string strTarget,
                                CQuota& quota)
-    : m_fdFolder(std::move(fdFolder)), m_strPart(std::move(strPart)),
+    : m_fdFolder(std::move(fdFolder)), m_journal(journal), m_strPart(journal.PartName()),
       m_strTarget(std::move(strTarget)), m_quota(quota),
       m_fd(::openat(m_fdFolder.Get(), m_strPart.c_str(),
                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666)) {}
 
 CPosixPartFile::~CPosixPartFile() {
     if (m_fd) {
-        ::unlinkat(m_fdFolder.Get(), m_strPart.c_str(), 0);
+        Remove();
+    }
+}
+
+// A part that cannot be removed is left to the next agent, and counts.
+void CPosixPartFile::Remove() {
+    if (::unlinkat(m_fdFolder.Get(), m_strPart.c_str(), 0) == 0 || errno == ENOENT) {
         m_quota.Remove(m_qwWritten);
+    } else {
+        m_journal.Abandon();
     }
 }
 
@@ -43,6 +51,11 @@ EResult CPosixPartFile::Write(std::span<const std::uint8_t> data) {
 }
 
 EResult CPosixPartFile::Complete(const CFileTimes& times) {
+    struct stat folder {};
+    if (::fstat(m_fdFolder.Get(), &folder) != 0 || IsReadOnly(folder) ||
+        JudgeTarget(m_fdFolder.Get(), m_strTarget) != EResult::SUCCESS) {
+        return EResult::REFUSED;
+    }
     if (times.ftCreation != 0) {
         KeepCreationTime(m_fd.Get(), times.ftCreation);
     }
@@ -65,17 +78,12 @@ EResult CPosixPartFile::Complete(const CFileTimes& times) {
     }
     // A network file system tells a full disk only now. close() may not be called twice, so the
     // descriptor is given up whatever it says.
-    if (::close(m_fd.Release()) != 0 && errno != EINTR) {
+    const int fd = m_fd.Release();
+    if ((::close(fd) != 0 && errno != EINTR) ||
+        ::renameat(m_fdFolder.Get(), m_strPart.c_str(), m_fdFolder.Get(), m_strTarget.c_str()) !=
+            0) {
         const EResult eResult = ResultOf(errno);
-        ::unlinkat(m_fdFolder.Get(), m_strPart.c_str(), 0);
-        m_quota.Remove(m_qwWritten);
-        return eResult;
-    }
-    if (::renameat(m_fdFolder.Get(), m_strPart.c_str(), m_fdFolder.Get(), m_strTarget.c_str()) !=
-        0) {
-        const EResult eResult = ResultOf(errno);
-        ::unlinkat(m_fdFolder.Get(), m_strPart.c_str(), 0);
-        m_quota.Remove(m_qwWritten);
+        Remove();
         return eResult;
     }
     if (bOld && old.st_nlink == 1) {

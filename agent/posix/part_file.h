@@ -11,8 +11,9 @@ namespace agent {
 
 class CPosixPartFile final : public CPartFile {
   public:
-    // Makes the part file in fdFolder. Not Open() on failure, errno says why. quota outlives it.
-    CPosixPartFile(CFd fdFolder, std::string strPart, std::string strTarget, CQuota& quota);
+    // Makes the part file, which journal has entered, in fdFolder. Not Open() on failure, errno
+    // says why. journal and quota outlive it.
+    CPosixPartFile(CFd fdFolder, CPartJournal& journal, std::string strTarget, CQuota& quota);
     ~CPosixPartFile() override;
 
     bool Open() const { return static_cast<bool>(m_fd); }
@@ -21,7 +22,10 @@ class CPosixPartFile final : public CPartFile {
     EResult Complete(const CFileTimes& times) override;
 
   private:
+    void Remove();
+
     CFd m_fdFolder;
+    CPartJournal& m_journal;
     const std::string m_strPart;
     const std::string m_strTarget;
     CQuota& m_quota;

@@ -25,7 +25,7 @@ static bool LockWhole(int fd) {
     return ::fcntl(fd, F_OFD_SETLK, &lock) == 0;
 }
 
-CPartJournal::CPartJournal(int fdRoot) : m_fdRoot(fdRoot) {
+CPartJournal::CPartJournal(int fdTop) : m_fdTop(OpenBelow(fdTop, "", O_PATH | O_DIRECTORY)) {
     DrawIdentity();
 }
 
@@ -55,7 +55,7 @@ void CPartJournal::DrawIdentity() {
 // lock is on it: the file must still have its name behind the lock. The other removes it at once.
 bool CPartJournal::Make() {
     for (int nTry = 0; nTry < 10; ++nTry) {
-        CFd fd(::openat(m_fdRoot, m_strName.c_str(),
+        CFd fd(::openat(m_fdTop.Get(), m_strName.c_str(),
                         O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!fd && errno != EEXIST) {
             return false;
@@ -93,7 +93,7 @@ bool CPartJournal::Enter(const std::string& strFolder) {
 
 void CPartJournal::Clear() {
     if (m_fd) {
-        ::unlinkat(m_fdRoot, m_strName.c_str(), 0);
+        ::unlinkat(m_fdTop.Get(), m_strName.c_str(), 0);
         m_fd.Close();
     }
 }
@@ -107,9 +107,9 @@ bool CPartJournal::IsJournal(std::string_view strName) {
     return strName.starts_with(RESERVED_PREFIX) && strName.ends_with(s_strJournal);
 }
 
-static std::vector<std::string> JournalsIn(int fdRoot) {
+static std::vector<std::string> JournalsIn(int fdTop) {
     std::vector<std::string> names;
-    CFd fd(::openat(fdRoot, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    CFd fd(::openat(fdTop, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     DIR* pDir = fd ? ::fdopendir(fd.Get()) : nullptr;
     if (!pDir) {
         return names;
@@ -125,9 +125,10 @@ static std::vector<std::string> JournalsIn(int fdRoot) {
 }
 
 void CPartJournal::CleanUp(
-    int fdRoot, const std::function<bool(const std::string&, const std::string&)>& remove) {
-    for (const std::string& strName : JournalsIn(fdRoot)) {
-        CFd fd(::openat(fdRoot, strName.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const std::function<bool(const std::string&, const std::string&)>& remove) const {
+    const int fdTop = m_fdTop.Get();
+    for (const std::string& strName : JournalsIn(fdTop)) {
+        CFd fd(::openat(fdTop, strName.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (!fd || !LockWhole(fd.Get())) {
             continue;
         }
@@ -135,7 +136,7 @@ void CPartJournal::CleanUp(
         const std::string strIdentity = strName.substr(0, strName.size() - s_strJournal.size());
         if (::pread(fd.Get(), content.data(), content.size() - 1, 0) < 0 ||
             remove(content.data(), strIdentity + std::string(s_strPart))) {
-            ::unlinkat(fdRoot, strName.c_str(), 0);
+            ::unlinkat(fdTop, strName.c_str(), 0);
         }
     }
 }

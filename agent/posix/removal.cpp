@@ -1,12 +1,9 @@
 #include "agent/posix/removal.h"
 
 #include <cerrno>
-#include <string_view>
 
 #include <fcntl.h>
 #include <unistd.h>
-
-#include "agent/posix/part_journal.h"
 
 namespace agent {
 
@@ -39,43 +36,67 @@ void CSpared::Add(int fdSpared, int fdTop) {
     }
 }
 
-CRemoval::CRemoval(CFd fdFolder, CSpared spared, int fdLift, CQuota& quota)
-    : m_spared(std::move(spared)), m_fdLift(fdLift), m_quota(quota) {
-    m_frames.push_back({std::make_unique<CDirectory>(std::move(fdFolder)), {}, true});
-    if (!m_frames.back().pDirectory->Open()) {
-        m_frames.clear();
-        m_nStuck = 1;
-    }
+int CRemoval::Parent() const {
+    return m_frames.size() > 1 ? m_frames[m_frames.size() - 2].pDirectory->Fd() : m_fdParent.Get();
 }
 
-// The folders are gone through again and again, until a pass removes nothing: entries may be
-// missed where others vanish while they are read.
 bool CRemoval::Step() {
     if (m_frames.empty()) {
-        return false;
-    }
-    CDirectory& directory = *m_frames.back().pDirectory;
-    const dirent* pEntry = directory.Next();
-    if (!pEntry) {
-        return Leave();
-    }
-    if (m_frames.size() == 1 && CPartJournal::IsJournal(pEntry->d_name)) {
+        if (m_nNext == m_entries.size()) {
+            return EndPass();
+        }
+        BeginListed(m_entries[m_nNext++]);
         return true;
     }
-    struct stat status {};
-    if (::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        m_nStuck += errno == ENOENT ? 0 : 1;
-    } else if (S_ISDIR(status.st_mode)) {
-        Enter(pEntry->d_name);
+    CDirectory& directory = *m_frames.back().pDirectory;
+    if (const dirent* pEntry = directory.Next()) {
+        Remove(directory.Fd(), pEntry->d_name, 0);
     } else {
-        RemoveEntry(pEntry->d_name, status);
+        Leave();
     }
     return true;
 }
 
-void CRemoval::RemoveEntry(const char* lpszName, const struct stat& status) {
-    const bool bFolder = S_ISDIR(status.st_mode);
-    if (::unlinkat(m_frames.back().pDirectory->Fd(), lpszName, bFolder ? AT_REMOVEDIR : 0) != 0) {
+// The list is gone through again and again, until a pass removes nothing: entries may be missed
+// where others vanish while they are read.
+bool CRemoval::EndPass() {
+    if (m_qwRemoved == m_qwRemovedBefore) {
+        return false;
+    }
+    m_qwRemovedBefore = m_qwRemoved;
+    m_nStuck = 0;
+    m_nNext = 0;
+    return true;
+}
+
+void CRemoval::BeginListed(const CListedEntry& entry) {
+    const std::size_t dwSlash = entry.strPath.rfind('/');
+    const std::string strParent =
+        entry.strPath.substr(0, dwSlash == std::string::npos ? 0 : dwSlash);
+    if (!m_fdParent || strParent != m_strParent) {
+        m_fdParent = OpenBelowByWalk(m_fdFolder, strParent, O_RDONLY | O_DIRECTORY);
+        m_strParent = strParent;
+    }
+    if (m_fdParent) {
+        Remove(m_fdParent.Get(), entry.strPath.c_str() + (dwSlash + 1), entry.qwInode);
+    } else {
+        m_nStuck += errno == ENOENT ? 0 : 1;
+    }
+}
+
+void CRemoval::Remove(int fdParent, const char* lpszName, std::uint64_t qwInode) {
+    struct stat status {};
+    if (::fstatat(fdParent, lpszName, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        m_nStuck += errno == ENOENT ? 0 : 1;
+    } else if (S_ISDIR(status.st_mode)) {
+        Enter(fdParent, lpszName, qwInode);
+    } else if (qwInode == 0 || qwInode == status.st_ino) {
+        Unlink(fdParent, lpszName, status);
+    }
+}
+
+void CRemoval::Unlink(int fdParent, const char* lpszName, const struct stat& status) {
+    if (::unlinkat(fdParent, lpszName, S_ISDIR(status.st_mode) ? AT_REMOVEDIR : 0) != 0) {
         m_nStuck += errno == ENOENT ? 0 : 1;
         return;
     }
@@ -85,35 +106,23 @@ void CRemoval::RemoveEntry(const char* lpszName, const struct stat& status) {
     }
 }
 
-// The end of a folder: it goes too, or the next pass begins.
-bool CRemoval::Leave() {
-    if (m_frames.size() > 1) {
-        const CFrame frame = std::move(m_frames.back());
-        m_frames.pop_back();
-        if (!frame.bStays) {
-            struct stat status {};
-            status.st_mode = S_IFDIR;
-            RemoveEntry(frame.strName.c_str(), status);
-        }
-        return true;
+// The end of a folder: it goes too.
+void CRemoval::Leave() {
+    const int fdParent = Parent();
+    const CFrame frame = std::move(m_frames.back());
+    m_frames.pop_back();
+    if (!frame.bStays) {
+        struct stat status {};
+        status.st_mode = S_IFDIR;
+        Unlink(fdParent, frame.strName.c_str(), status);
     }
-    if (m_qwRemoved == m_qwRemovedBefore) {
-        m_frames.clear();
-        return false;
-    }
-    m_qwRemovedBefore = m_qwRemoved;
-    m_nStuck = 0;
-    m_frames.back().pDirectory->Rewind();
-    return true;
 }
 
-void CRemoval::Enter(const char* lpszName) {
-    const int fdParent = m_frames.back().pDirectory->Fd();
-    constexpr int nFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    CFd fd(::openat(fdParent, lpszName, nFlags));
-    if (!fd && errno == EACCES && ::fchmodat(fdParent, lpszName, 0700, AT_SYMLINK_NOFOLLOW) == 0) {
-        fd = CFd(::openat(fdParent, lpszName, nFlags));
-    }
+void CRemoval::Enter(int fdParent, const char* lpszName, std::uint64_t qwInode) {
+    // Whether the folder may be touched is asked before it is: its permissions do not matter for
+    // that.
+    constexpr int nFlags = O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const CFd fd(::openat(fdParent, lpszName, O_PATH | nFlags));
     if (!fd) {
         m_nStuck += errno == ENOENT ? 0 : 1;
         return;
@@ -127,6 +136,9 @@ void CRemoval::Enter(const char* lpszName) {
         m_nStuck += bStays ? 0 : 1;
         return;
     }
+    if (qwInode != 0 && qwInode != identity.second) {
+        return; // it came under the name of a listed one, which is gone
+    }
     if (!bStays && m_frames.size() >= s_nMostFrames) {
         if (Lift(fdParent, lpszName)) {
             ++m_qwRemoved;
@@ -137,11 +149,11 @@ void CRemoval::Enter(const char* lpszName) {
     }
     struct stat status {};
     if (!bStays && ::fstat(fd.Get(), &status) == 0 && (status.st_mode & 0700) != 0700) {
-        // What lies in a folder that nobody may write goes with the rest. Where this fails, the
-        // removal of its entries tells.
-        static_cast<void>(::fchmod(fd.Get(), 0700));
+        // What lies in a folder that nobody may read or write goes with the rest. Where this fails,
+        // the removal of its entries tells.
+        static_cast<void>(::fchmodat(fdParent, lpszName, 0700, AT_SYMLINK_NOFOLLOW));
     }
-    auto pDirectory = std::make_unique<CDirectory>(std::move(fd));
+    auto pDirectory = std::make_unique<CDirectory>(CFd(::openat(fd.Get(), ".", O_RDONLY | nFlags)));
     if (pDirectory->Open()) {
         m_frames.push_back({std::move(pDirectory), lpszName, bStays});
     } else {
@@ -151,8 +163,11 @@ void CRemoval::Enter(const char* lpszName) {
 
 // Names that an earlier removal has left are passed over.
 bool CRemoval::Lift(int fdParent, const char* lpszName) {
-    for (int nTry = 0; m_fdLift >= 0 && nTry < 100; ++nTry) {
-        const std::string strLifted = "lifted-" + std::to_string(m_nLifted++);
+    if (m_fdLift < 0 || (::mkdirat(m_fdLift, LIFTED, 0700) != 0 && errno != EEXIST)) {
+        return false;
+    }
+    for (int nTry = 0; nTry < 100; ++nTry) {
+        const std::string strLifted = std::string(LIFTED) + "/" + std::to_string(m_nLifted++);
         if (::renameat(fdParent, lpszName, m_fdLift, strLifted.c_str()) == 0) {
             return true;
         }

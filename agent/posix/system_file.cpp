@@ -126,8 +126,9 @@ bool IsMountPoint(int fd, dev_t deviceAbove) {
     struct statx status {};
     struct stat plain {};
     return ::fstat(fd, &plain) != 0 || plain.st_dev != deviceAbove ||
-           (::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) == 0 &&
-            (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0);
+           ::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) != 0 ||
+           (status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0 ||
+           (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
 EResult ResultOf(int nError) {

@@ -97,7 +97,8 @@ EResult CTreeCopy::CopyEntry() {
     }
     const std::string strName = pEntry->d_name;
     if (IsReserved(strName)) {
-        return EResult::SUCCESS;
+        // It would go with the source, and another agent may have it in work.
+        return m_bMove ? EResult::REFUSED : EResult::SUCCESS;
     }
     struct stat status {};
     if (::fstatat(level.source.Fd(), strName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -146,10 +147,20 @@ EResult CTreeCopy::CopyBytes() {
     if (!m_quota.HasRoom(dwBytes)) {
         return EResult::NO_SPACE;
     }
+    const std::uint64_t qwBefore =
+        static_cast<std::uint64_t>(m_file->source.st_size) - m_file->qwLeft;
+    if (!WriteWhole(m_file->fdTarget.Get(), m_buffer.data(), dwBytes)) {
+        const EResult eResult = ResultOf(errno);
+        // What there is of it comes back when the file is removed.
+        struct stat target {};
+        if (::fstat(m_file->fdTarget.Get(), &target) == 0) {
+            m_quota.Add(static_cast<std::uint64_t>(target.st_size) - qwBefore);
+        }
+        return eResult;
+    }
     m_quota.Add(dwBytes);
     m_file->qwLeft -= dwBytes;
-    return WriteWhole(m_file->fdTarget.Get(), m_buffer.data(), dwBytes) ? EResult::SUCCESS
-                                                                        : ResultOf(errno);
+    return EResult::SUCCESS;
 }
 
 // A copy that mixes two contents, or has lost its end, is none.

@@ -3,7 +3,8 @@
 // Permissions and last-write times go along, links go as links, reserved names stay behind. What
 // is neither file, folder nor link, and a file that is written while it is copied, end the copy.
 // Where the source is to go behind the copy, creation times go along too, and folders whose entries
-// change meanwhile or on which something is mounted, which could not go, end the copy as well.
+// change meanwhile or on which something is mounted, which could not go, end the copy as well; so
+// do reserved names, which would go without having been copied.
 #pragma once
 
 #include <cstdint>

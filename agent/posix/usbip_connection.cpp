@@ -78,10 +78,6 @@ void CUsbipConnection::AnswerImport() {
 std::uint8_t* CUsbipConnection::AddAnswer(std::uint32_t dwCommand, std::uint32_t dwSeqNum,
                                           std::int32_t nStatus, std::uint32_t dwActual,
                                           std::size_t dwBytes) {
-    if (m_dwSent == m_output.size()) {
-        m_output.clear();
-        m_dwSent = 0;
-    }
     const std::size_t dwAt = m_output.size();
     m_output.resize(dwAt + usbip::HEADER_SIZE + dwBytes);
     std::uint8_t* lpHeader = m_output.data() + dwAt;
@@ -94,8 +90,35 @@ std::uint8_t* CUsbipConnection::AddAnswer(std::uint32_t dwCommand, std::uint32_t
     return lpHeader + usbip::HEADER_SIZE;
 }
 
+const char* CUsbipConnection::Work(CAgentCore& core) {
+    do {
+        m_bHeldUp = false;
+        if (!Serve(core)) {
+            return "broken protocol";
+        }
+        // The answer to what the host wrote goes out before the core is asked for bytes, since that
+        // may mean work on the disk.
+        if (!Flush()) {
+            return "connection failed";
+        }
+        Give(core);
+        if (!Flush()) {
+            return "connection failed";
+        }
+        // Nobody calls for what has been held up when the socket takes all at once.
+    } while (m_bHeldUp && WantsInput());
+    return nullptr;
+}
+
+bool CUsbipConnection::MayAnswer() {
+    m_bHeldUp = m_bHeldUp || !WantsInput();
+    return WantsInput();
+}
+
+// What the host writes goes to the core, what it asks for waits until the core has it. False when
+// the host breaks the protocol.
 bool CUsbipConnection::Serve(CAgentCore& core) {
-    while (Input().size() >= usbip::HEADER_SIZE && WantsInput()) {
+    while (Input().size() >= usbip::HEADER_SIZE && MayAnswer()) {
         const std::span<const std::uint8_t> input = Input();
         const std::uint32_t dwCommand = usbip::GetU32(input.data() + usbip::OFFSET_COMMAND);
         if (dwCommand == usbip::CMD_UNLINK) {
@@ -157,8 +180,9 @@ void CUsbipConnection::ServeUnlink(std::span<const std::uint8_t> message) {
     AddAnswer(usbip::RET_UNLINK, dwSeqNum, bFound ? usbip::STATUS_UNLINKED : 0, 0, 0);
 }
 
+// Answers the oldest transfers to the host with what the core has.
 void CUsbipConnection::Give(CAgentCore& core) {
-    while (!m_pending.empty() && WantsInput() && core.HasBytes()) {
+    while (!m_pending.empty() && MayAnswer() && core.HasBytes()) {
         const CPending pending = m_pending.front();
         m_pending.pop_front();
         // A transfer brings what is left of one package at most, which an output of an I/O control
@@ -172,6 +196,7 @@ void CUsbipConnection::Give(CAgentCore& core) {
     }
 }
 
+// False when the socket failed.
 bool CUsbipConnection::Flush() {
     while (m_dwSent < m_output.size()) {
         const ssize_t nSent = ::send(m_fd.Get(), m_output.data() + m_dwSent,
@@ -183,9 +208,13 @@ bool CUsbipConnection::Flush() {
             return errno == EAGAIN;
         }
         m_dwSent += static_cast<std::size_t>(nSent);
+        // A host that never takes the last byte does not make the rest pile up.
+        if (m_dwSent > m_output.size() / 2) {
+            m_output.erase(m_output.begin(),
+                           m_output.begin() + static_cast<std::ptrdiff_t>(m_dwSent));
+            m_dwSent = 0;
+        }
     }
-    m_output.clear();
-    m_dwSent = 0;
     return true;
 }
 

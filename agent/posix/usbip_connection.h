@@ -24,15 +24,10 @@ class CUsbipConnection {
     EImport LookForImport();
     void AnswerImport();
 
-    // Serves the messages that have come in whole: what the host writes goes to the core, what it
-    // asks for waits until the core has it. False when the host breaks the protocol.
-    bool Serve(CAgentCore& core);
-
-    // Answers the oldest transfers to the host with what the core has.
-    void Give(CAgentCore& core);
-
-    // Writes out what the socket takes. False when it failed.
-    bool Flush();
+    // Serves the messages that have come in whole, gives what the host has asked for, and writes
+    // out what the socket takes. Null, or why the connection cannot go on. What is left over waits
+    // for the socket to take more, or for the core.
+    const char* Work(CAgentCore& core);
 
     bool WantsInput() const { return m_output.size() - m_dwSent < s_dwMostOutput; }
     bool WantsOutput() const { return m_dwSent < m_output.size(); }
@@ -48,6 +43,10 @@ class CUsbipConnection {
     static constexpr std::size_t s_nMostPending = 64;
 
     std::span<const std::uint8_t> Input() const;
+    bool MayAnswer();
+    bool Serve(CAgentCore& core);
+    void Give(CAgentCore& core);
+    bool Flush();
     bool ServeSubmit(std::span<const std::uint8_t> message, std::uint32_t dwData, CAgentCore& core);
     void ServeUnlink(std::span<const std::uint8_t> message);
     std::uint8_t* AddAnswer(std::uint32_t dwCommand, std::uint32_t dwSeqNum, std::int32_t nStatus,
@@ -59,6 +58,7 @@ class CUsbipConnection {
     std::size_t m_dwServed = 0; // end of what has been served of it
     std::vector<std::uint8_t> m_output;
     std::size_t m_dwSent = 0;
+    bool m_bHeldUp = false; // something could not be answered for want of room in the output
     std::deque<CPending> m_pending; // transfers to the host, oldest first
 };
 

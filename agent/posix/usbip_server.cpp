@@ -80,24 +80,11 @@ void CUsbipServer::ServeNewcomers() {
     }
 }
 
-// The answer to what the host wrote goes out before the core is asked for bytes, since that may
-// mean work on the disk.
 void CUsbipServer::ServeHost(bool bReadable) {
     if (bReadable && !m_pHost->Fill()) {
         DropHost("connection closed");
-        return;
-    }
-    if (!m_pHost->Serve(m_core)) {
-        DropHost("broken protocol");
-        return;
-    }
-    if (m_pHost->WantsOutput() && !m_pHost->Flush()) {
-        DropHost("connection failed");
-        return;
-    }
-    m_pHost->Give(m_core);
-    if (m_pHost->WantsOutput() && !m_pHost->Flush()) {
-        DropHost("connection failed");
+    } else if (const char* lpszWhy = m_pHost->Work(m_core)) {
+        DropHost(lpszWhy);
     }
 }
 

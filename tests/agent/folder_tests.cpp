@@ -5,6 +5,8 @@
 #include <sstream>
 
 #include <csignal>
+#include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -18,8 +20,9 @@
 #include "tests/support/temp_folder.h"
 
 // The system's own calls, with a full disk and a mount that no test could count on making.
-static int s_nFullFor = 0;  // folders that find no room
-static ino_t s_mounted = 0; // seems to be a mount's root
+static int s_nFullFor = 0;        // folders that find no room
+static ino_t s_mounted = 0;       // seems to be a mount's root
+static bool s_bOldKernel = false; // which cannot tell a mount's root
 extern "C" int mkdirat(int fd, const char* lpszPath, mode_t mode) {
     if (s_nFullFor > 0) {
         --s_nFullFor;
@@ -28,12 +31,36 @@ extern "C" int mkdirat(int fd, const char* lpszPath, mode_t mode) {
     }
     return static_cast<int>(::syscall(SYS_mkdirat, fd, lpszPath, mode));
 }
+static bool s_bPlainUser = false; // folders that may not be written keep their parent
+static ino_t s_fixed = 0;         // can be moved by nobody
+extern "C" int renameat2(int fdOld, const char* lpszOld, int fdNew, const char* lpszNew,
+                         unsigned nFlags) {
+    struct stat status {};
+    const bool bThere = ::fstatat(fdOld, lpszOld, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (bThere && ((s_bPlainUser && S_ISDIR(status.st_mode) && (status.st_mode & 0200) == 0) ||
+                   status.st_ino == s_fixed)) {
+        errno = EACCES;
+        return -1;
+    }
+    return static_cast<int>(::syscall(SYS_renameat2, fdOld, lpszOld, fdNew, lpszNew, nFlags));
+}
+static bool s_bReadFails = false; // of folders
+extern "C" dirent* readdir(DIR* lpDir) {
+    static const auto s_lpReal =
+        reinterpret_cast<decltype(&::readdir)>(::dlsym(RTLD_NEXT, "readdir"));
+    errno = s_bReadFails ? EIO : errno;
+    return s_bReadFails ? nullptr : s_lpReal(lpDir);
+}
 extern "C" int statx(int fd, const char* lpszPath, int nFlags, unsigned nMask,
                      struct statx* lpStatus) {
     const auto nResult =
         static_cast<int>(::syscall(SYS_statx, fd, lpszPath, nFlags, nMask, lpStatus));
     if (nResult == 0 && s_mounted != 0 && lpStatus->stx_ino == s_mounted) {
         lpStatus->stx_attributes |= STATX_ATTR_MOUNT_ROOT;
+    }
+    if (nResult == 0 && s_bOldKernel) {
+        lpStatus->stx_attributes &= ~std::uint64_t{STATX_ATTR_MOUNT_ROOT};
+        lpStatus->stx_attributes_mask &= ~std::uint64_t{STATX_ATTR_MOUNT_ROOT};
     }
     return nResult;
 }
@@ -71,7 +98,7 @@ struct CWorld {
         for (const auto& [strName, strFolder] : storages) {
             ASSERT_TRUE(pFolder->AddStorage(strName, base.Path(strFolder), strError)) << strError;
         }
-        pFolder->RemoveLeftovers();
+        pFolder->RemoveLeftovers(bMayFormat);
         if (qwQuota) {
             pFolder->SetQuota(*qwQuota);
         }
@@ -196,6 +223,7 @@ struct CWorld {
     const fs::path root = base / "root";
     std::vector<std::pair<std::string, std::string>> storages = {{"Card", "card"},
                                                                  {"In", "root/In"}};
+    bool bMayFormat = true;
     std::unique_ptr<agent::CDeviceFolder> pFolder;
 };
 
@@ -512,6 +540,14 @@ TEST_F(Folder, WhatAFileBringsAndHandsOn) {
     EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
     EXPECT_EQ(Do("copy t/sub/deep/ro d/old copy d/old d/old copy t t move d/old d/old"), "ynnn");
     EXPECT_EQ(fs::status(root / "d/old").permissions(), fs::perms(0640));
+    // Which content a file has, as it was listed and as it is.
+    const auto pSource = pFolder->OpenSource(At("d/old"));
+    for (const bool bWritten : {false, true}) {
+        const auto listed = pFolder->Find(At("d/old"));
+        EXPECT_EQ(pSource->Identity(), listed->qwIdentity);
+        fs::last_write_time(root / "d/old", bWritten ? fs::file_time_type::clock::now() : tTime);
+        EXPECT_NE(pSource->Identity(), listed->qwIdentity);
+    }
     // What cannot be copied ends the whole copy; one that is given up at any moment leaves nothing,
     // however large what there is of it.
     EXPECT_EQ(::mkfifo((root / "t/sub/fifo").c_str(), 0600), 0);
@@ -597,6 +633,16 @@ TEST_F(Folder, HandlesAndTheirFiles) {
         }
         Work();
     }
+    // What no handle can read any more gives its room back, whatever becomes of the handle.
+    for (const bool bReads : {true, false}) {
+        base.Write("root/d/a", "123");
+        const agent::CFd fdFile(::open((root / "d/a").c_str(), O_RDONLY | O_CLOEXEC));
+        const auto pFile = Handle("d/a", {.bRead = bReads, .bWrite = true});
+        EXPECT_EQ(pFolder->Remove(At("d/a")), EResult::SUCCESS);
+        struct stat status {};
+        EXPECT_EQ(::fstat(fdFile.Get(), &status), 0);
+        EXPECT_EQ(status.st_size, bReads ? 3 : 0);
+    }
     // The bytes of a file that has another name do not come back.
     pFolder->SetQuota(QUOTA);
     const std::uint64_t qwFree = Free();
@@ -635,10 +681,11 @@ TEST_F(Folder, LeftoversOfAgents) {
     base.Write("root/d/kept", "1");
     const TREE before = Disk();
     for (const auto& [lpszJournal, lpszFolder] :
-         {std::pair{"0123456789abcdef", "d"}, {"1", "d"}, {"2", "Card"}, {"3", ".."}}) {
+         {std::pair{"0123456789abcdef", "d"}, {"1", "d"}, {"3", ".."}}) {
         base.Write(std::string("root/.dak-") + lpszJournal + ".journal",
                    lpszFolder + std::string("\0xyz", 4));
     }
+    base.Write("card/.dak-2.journal", std::string(1, '\0'));
     // The last two: killed before a format had begun, and while it was moved up.
     Lay("root/d/.dak-0123456789abcdef.part=part root/d/.dak-1.part/sub/x=tree "
         "card/.dak-2.part=part "
@@ -654,13 +701,43 @@ TEST_F(Folder, LeftoversOfAgents) {
     const TREE working = Disk();
     EXPECT_EQ(working.size(), after.size() + 2);
     std::string strError;
-    agent::CDeviceFolder::Open(root.string(), {}, strError)->RemoveLeftovers();
+    agent::CDeviceFolder::Open(root.string(), {}, strError)->RemoveLeftovers(true);
     EXPECT_EQ(Disk(), working);
     EXPECT_EQ(pPart->Write(BytesOf("123")), EResult::SUCCESS);
     EXPECT_EQ(pPart->Complete({}), EResult::SUCCESS);
     pFolder->EndParts();
     EXPECT_EQ(ReadBytes(root / "d/a"), "123");
     ExpectNothingOwn();
+    // What a storage is given needs no room in the root.
+    const TREE rootBefore = Disk("root");
+    EXPECT_EQ(pFolder->BeginPart(At("Card/a"), 3, pPart), EResult::SUCCESS);
+    EXPECT_EQ(Disk("root"), rootBefore);
+    pPart.reset();
+    pFolder->EndParts();
+    auto pCopy = pFolder->BeginCopy(At("d/a"), At("Card/a"), true);
+    EXPECT_FALSE(pCopy->Step());
+    EXPECT_EQ(Disk("root"), rootBefore);
+    pCopy.reset();
+    // A part that cannot be removed is left to the next agent, and a target that may not be
+    // replaced any more stays.
+    for (const bool bStuck : {true, false}) {
+        EXPECT_EQ(pFolder->BeginPart(At("d/a"), 3, pPart), EResult::SUCCESS);
+        for (const auto& [strPath, strBytes] : Disk("root/d")) {
+            if (bStuck && strPath.ends_with(".part")) {
+                fs::remove(root / "d" / strPath);
+                base.Write("root/d/" + strPath + "/x", "");
+            }
+        }
+        fs::permissions(root / "d/a", fs::perms(0444));
+        EXPECT_EQ(pPart->Complete({}), EResult::REFUSED);
+        fs::permissions(root / "d/a", fs::perms(0644));
+        pPart.reset();
+        pFolder->EndParts();
+        EXPECT_EQ(Disk("root").size() - rootBefore.size(), bStuck ? 3U : 0U) << "with a journal";
+        Open();
+        Work();
+        EXPECT_EQ(Disk("root"), rootBefore);
+    }
     // What no agent has made is no format that was begun.
     base.Write("card/.dak-format/1/x", "x");
     base.Write("card/c", "c");
@@ -724,6 +801,95 @@ TEST_F(Folder, FormatEmptiesAtOnceAndRemovesInTheBackground) {
     EXPECT_EQ(Do("format Card"), "n");
 }
 
+// What has come into a formatted folder behind the format is nobody's to remove, however far the
+// format has come when the next agent starts.
+TEST_F(Folder, FormatRemovesWhatWasThereAndNothingElse) {
+    base.Write("root/In/way", "");
+    for (const std::string strWhat :
+         {"at once", "not allowed", "many", "in the way", "mount", "old kernel", "again"}) {
+        fs::remove_all(base / "card");
+        base.Write("card/x/m/kept", "kept");
+        base.Write("card/y", "y");
+        bMayFormat = true;
+        Open();
+        struct stat status {};
+        ASSERT_EQ(::stat((base / "card/x/m").c_str(), &status), 0);
+        s_mounted = strWhat == "mount" ? status.st_ino : 0;
+        s_bOldKernel = strWhat == "old kernel";
+        const bool bStuck = s_mounted != 0 || s_bOldKernel;
+        ASSERT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+        EXPECT_EQ(Put("Card/host", "host"), EResult::SUCCESS);
+        for (int i = 0; i < (strWhat == "many" ? 1001 : 0); ++i) {
+            base.Write("card/.dak-format/.dak-1/" + std::to_string(i), "");
+        }
+        if (strWhat == "in the way") {
+            base.Write("card/host", "owner");
+        }
+        if (strWhat != "at once" && strWhat != "not allowed") {
+            Work();
+        }
+        if (strWhat == "again") {
+            EXPECT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+        }
+        base.Write("card/late", "late");
+        base.Write("card/folder/late", "late");
+        if (bStuck) { // what could not be removed is not tried again
+            base.Write("card/x/late", "late");
+        }
+        if (strWhat == "at once") { // under a name that is listed
+            fs::rename(base / "card/folder/late", base / "card/z");
+            fs::rename(base / "card/z", base / "card/y");
+        }
+        bMayFormat = strWhat != "not allowed";
+        Open();
+        Work();
+        const bool bStays = strWhat == "not allowed" || strWhat == "in the way" || bStuck;
+        EXPECT_EQ(ReadBytes(base / "card/late"), "late") << strWhat;
+        EXPECT_EQ(ReadBytes(base / (strWhat == "at once" ? "card/y" : "card/folder/late")), "late")
+            << strWhat;
+        EXPECT_EQ(fs::exists(base / "card/x/m/kept"), bStuck || !bMayFormat) << strWhat;
+        EXPECT_EQ(fs::exists(base / "card/x/late"), bStuck) << strWhat;
+        EXPECT_EQ(fs::exists(base / "card/.dak-format"), bStays) << strWhat;
+        TREE seen = Seen();
+        EXPECT_EQ(seen.count("Card/late"), bStays ? 0U : 1U) << strWhat;
+        EXPECT_EQ(seen.count("Card/x/") + seen.count("Card/x/m/kept"), 0U) << strWhat;
+        EXPECT_EQ(seen["Card/host"], strWhat == "again" ? "" : "host") << strWhat;
+        s_mounted = 0;
+        s_bOldKernel = false;
+        if (bStuck) { // gone with its mount: the view can be moved up
+            fs::remove_all(base / "card/x");
+            Open();
+            EXPECT_FALSE(fs::exists(base / "card/.dak-format"));
+        }
+    }
+    // What no move may take to another folder is seen by the host before and behind the moving up:
+    // a folder that is not writable is moved all the same, and what cannot be moved keeps the
+    // others.
+    fs::remove_all(base / "card");
+    fs::create_directory(base / "card");
+    Open();
+    s_bPlainUser = true;
+    for (const bool bFixed : {true, false}) {
+        ASSERT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+        EXPECT_EQ(Put("Card/a", "a"), EResult::SUCCESS);
+        EXPECT_EQ(Put("Card/ro/b", "b"), EResult::SUCCESS);
+        const fs::path view =
+            base / (bFixed ? "card/.dak-format/.dak-1" : "card/.dak-format/.dak-2");
+        fs::permissions(view / "ro", fs::perms(0555));
+        struct stat status {};
+        ASSERT_EQ(::stat((view / "ro").c_str(), &status), 0);
+        s_fixed = bFixed ? status.st_ino : 0;
+        Work();
+        TREE seen = Seen();
+        EXPECT_EQ(seen["Card/a"] + seen["Card/ro/b"], "ab");
+        EXPECT_EQ(fs::exists(base / "card/.dak-format"), bFixed);
+        EXPECT_FALSE(fs::exists(base / "card/.dak-formatted"));
+        EXPECT_EQ(fs::status((bFixed ? view : base / "card") / "ro").permissions(),
+                  fs::perms(0555));
+    }
+    s_bPlainUser = false;
+}
+
 // A disk without room for a folder: the removal begins ahead of the format, and only then; where
 // that frees nothing in time, the format is refused.
 TEST_F(Folder, FullDisks) {
@@ -765,8 +931,9 @@ TEST_F(Folder, FullDisks) {
     // The limit that the system sets on a file stands for a disk that runs full in the middle.
     base.Write("root/d/c", "old");
     base.Write("root/large", std::string(400'000, 'l'));
-    Open({});
+    Open(10'000'000);
     const TREE before = Disk();
+    const std::uint64_t qwFree = Free();
     const auto lpOldHandler = std::signal(SIGXFSZ, SIG_IGN);
     rlimit old{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
@@ -780,6 +947,24 @@ TEST_F(Folder, FullDisks) {
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
     std::signal(SIGXFSZ, lpOldHandler);
     EXPECT_EQ(Disk(), before);
+    EXPECT_EQ(Free(), qwFree);
+    // Neither depth nor a small number of descriptors hides anything from the quota.
+    std::string strDeep = "root/deep";
+    for (int i = 0; i < 100; ++i) {
+        strDeep += "/d";
+    }
+    base.Write(strDeep + "/x", std::string(1000, 'x'));
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    const rlimit few{64, old.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    pFolder->SetQuota(10'000'000);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+    EXPECT_EQ(Free(), qwFree - 1000);
+    s_bReadFails = true;
+    EXPECT_FALSE(pFolder->List(At("d"), 10))
+        << "a folder that cannot be read looks like a short one";
+    s_bReadFails = false;
+    EXPECT_EQ(pFolder->List(At("d"), 10)->size(), 1U);
 }
 
 TEST_F(Folder, AnotherFileSystem) {
@@ -800,11 +985,15 @@ TEST_F(Folder, AnotherFileSystem) {
     EXPECT_EQ(Disk(szOther), (TREE{{"f", "f"}, {"g", "f"}}));
     EXPECT_EQ(Free(), QUOTA - 30'002) << "the quota has not lost count";
     // Given up, refused, and written to on the way: the source is where it was.
-    for (const std::string strWhat : {"given up", "fifo", "mount", "mount inside", "changed"}) {
+    for (const std::string strWhat :
+         {"given up", "fifo", "own", "mount", "mount inside", "changed"}) {
         struct stat status {};
         EXPECT_EQ(::stat((root / (strWhat == "mount" ? "back" : "back/sub")).c_str(), &status), 0);
         s_mounted = strWhat.starts_with("mount") ? status.st_ino : 0;
         EXPECT_TRUE(strWhat != "fifo" || ::mkfifo((root / "back/sub/fifo").c_str(), 0600) == 0);
+        if (strWhat == "own") { // of another agent
+            base.Write("root/back/sub/.dak-1.part", "part");
+        }
         auto pWork = pFolder->BeginMove(At("back"), At("Card/t"));
         ASSERT_TRUE(pWork);
         if (strWhat == "changed") {
@@ -820,6 +1009,7 @@ TEST_F(Folder, AnotherFileSystem) {
         s_mounted = 0;
         pWork.reset();
         fs::remove(root / "back/sub/fifo");
+        EXPECT_EQ(fs::remove(root / "back/sub/.dak-1.part"), strWhat == "own");
         Work();
         EXPECT_EQ(Disk(szOther), (TREE{{"f", "f"}, {"g", "f"}})) << strWhat;
     }

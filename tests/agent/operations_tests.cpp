@@ -441,6 +441,13 @@ TEST_F(Operations, OpenFilesByHandle) {
     }
     Expect(R"(15 \d\new #0x40000000 #7 #1 = 0 #-1)");
     EXPECT_FALSE(memory.entries.contains("d/new")) << "without room the disk is not touched";
+    // Until one has not been used for ten minutes: the first was, the second goes.
+    host.Pass(599'000);
+    Expect(R"(15 \d\new #0x40000000 #7 #1 = 0 #-1; 18 #1 #0 #1 = 0)");
+    host.Pass(2'000);
+    Expect(R"(15 \d\none #0x80000000 #7 #3 = 0 #-1; 18 #2 #0 #1 = 0)");
+    Expect(
+        R"(15 \d\new #0x40000000 #7 #1 = 1 #260; 18 #1 #0 #1 = 0; 18 #2 #0 #1 = 0; 18 #3 #0 #1 = -1)");
     agent::COpenFiles files(4, NONE - 1);
     for (const std::uint32_t dwWanted : {NONE - 1, 1U, 2U, 3U}) {
         EXPECT_TRUE(files.HasRoom());
@@ -681,6 +688,7 @@ TEST(Texts, CommandLinesPatternsAndNames) {
         EXPECT_EQ(bExact ? "y" : bFolded ? "f" : "n", strMatches) << strPattern << " " << strName;
         EXPECT_TRUE(bFolded || !bExact);
     }
+    EXPECT_EQ(agent::Printable("a\x1B[\x7F\n\xC2\x9B\xC2\xA0\xC3\x9F"), "a?[???\xC2\xA0\xC3\x9F");
     agent::CNameQueue queue;
     for (const char* lpszName : {"b", "a", "", "ab", "a\xFF"}) {
         EXPECT_TRUE(queue.Push(lpszName, 32)); // 12 bytes of names and 20 of the rest

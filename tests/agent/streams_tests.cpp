@@ -231,8 +231,8 @@ TEST(CopyToDevice, WhatIsCutShortLeavesTheOldFile) {
     }
 }
 
-// Whole streams, their result, and what they leave in d. What follows a refused file is received
-// and dropped; what came before it stays.
+// Whole streams, their result, and what they leave in d. A refused file costs those behind it
+// nothing, but a disk without room, or records that have lost their order, drop the rest.
 TEST(CopyToDevice, WhatAStreamComesTo) {
     const CFileRecord a{.strName = u"a", .bytes = {1}};
     const CFileRecord b{.strName = u"b", .bytes = Pattern(700'000)};
@@ -265,8 +265,8 @@ TEST(CopyToDevice, WhatAStreamComesTo) {
         {"more", Join(stream({a}), Bytes{0}), -2, {"a"}},
         {"4 GiB", huge, -2, {}},
         {"the longest name", stream(longest), 1, {std::string(259, 'n')}},
-        {"a longer one", stream({{.strName = s_long, .bytes = {}}, a}), -2, {}},
-        {"one refused", stream({a, {.strName = u"..\\b", .bytes = b.bytes}, b}), -2, {"a"}},
+        {"a longer one", stream({b, {.strName = s_long, .bytes = {}}, a}), -2, {"b"}},
+        {"one refused", stream({a, {.strName = u"..\\b", .bytes = b.bytes}, b}), -2, {"a", "b"}},
     };
     for (const auto& row : rows) {
         CWorld world;
@@ -287,9 +287,12 @@ TEST(CopyToDevice, WhatAStreamComesTo) {
             world.memory.lpFault = [&](std::string_view strNow, const std::string& strPath) {
                 return strNow == strCall && strPath == "d/b" ? eResult : agent::EResult::SUCCESS;
             };
-            EXPECT_EQ(world.host.Push({a, b, a}),
-                      Response(8, eResult == agent::EResult::NO_SPACE ? -1 : -2));
-            EXPECT_EQ(world.memory.Files(), (TREE{{"d/a", "\1"}, {"d/b", "\2"}}));
+            const bool bFull = eResult == agent::EResult::NO_SPACE;
+            TREE files = {{"d/a", "\1"}, {"d/b", "\2"}, {"d/c", "\3"}};
+            files.erase(bFull ? "d/c" : "");
+            EXPECT_EQ(world.host.Push({a, b, {.strName = u"c", .bytes = {3}}}),
+                      Response(8, bFull ? -1 : -2));
+            EXPECT_EQ(world.memory.Files(), files);
         }
     }
     for (const char16_t* lpszName : {u"..\\a", u"x\\..\\..\\a", u"\\a", u"/a", u"C:\\a", u"c:a",
@@ -444,11 +447,13 @@ TEST(StreamsFromDevice, CutShort) {
                                        nHeld == 0 ? 0 : nHeld * DAK_DATA_SIZE - 4)));
         }
     }
-    // A copy's file that grows is sent as announced; one that shrinks, or fails, ends in a word
-    // that no host takes for data; so does a list that cannot be made.
+    // A copy's file that is written meanwhile, also without another size, or that fails, ends in a
+    // word that no host takes for data, and ahead of its last package; so does a list that cannot
+    // be made.
     for (const auto& [bRefused, dwSize, nWhole] :
          std::initializer_list<std::tuple<bool, std::size_t, std::size_t>>{
-             {false, 130 * DAK_DATA_SIZE, 121},
+             {false, 130 * DAK_DATA_SIZE, 120},
+             {false, data.size(), 120},
              {false, 7 * DAK_DATA_SIZE, 7},
              {true, data.size(), 5},
              {true, data.size(), 0}}) {
@@ -464,12 +469,38 @@ TEST(StreamsFromDevice, CutShort) {
                 };
             }
             EXPECT_TRUE(i == nWhole || !world.host.TakeData().empty());
-            if ((i + 1) % 50 == 0 || i + 1 == 121) {
+            if ((i + 1) % 50 == 0) {
                 world.host.Put(Ack());
             }
         }
-        EXPECT_EQ(world.host.TakeWord(), nWhole == 121 ? '-' : 'A') << dwSize << bRefused;
+        EXPECT_EQ(world.host.TakeWord(), 'A') << dwSize << bRefused;
         world.memory.lpFault = nullptr;
+    }
+}
+
+// A list that cannot be had whole is none, and the log says why.
+TEST(CopyFromDevice, ListsThatCannotBeMade) {
+    for (const bool bTooLong : {false, true}) {
+        CMemoryDevice memory;
+        std::string strLog;
+        agent::CDeviceOptions options = ServedFrom(memory.strRoot);
+        options.lpLog = [&](const std::string& strLine) { strLog += strLine; };
+        CAgentHost host(options);
+        const std::string strFolder = "d/" + std::string(bTooLong ? 60'000 : 1, 'n');
+        for (int i = 0; i < (bTooLong ? 1200 : 1); ++i) { // 64 MiB of names and more
+            memory.Write(strFolder + "/" + std::to_string(i), "x");
+        }
+        memory.lpFault = [&](std::string_view strCall, const std::string& strPath) {
+            return !bTooLong && strCall == "List" && strPath == strFolder ? agent::EResult::REFUSED
+                                                                          : agent::EResult::SUCCESS;
+        };
+        host.Put(Command(8, CAgentHost::PullFields(u"\\", {u"d"})));
+        EXPECT_EQ(host.TakeWord(), 'S');
+        host.Settle();
+        EXPECT_EQ(host.TakeWord(), 'A');
+        EXPECT_NE(strLog.find(bTooLong ? "more files" : "\\d/n cannot be listed"),
+                  std::string::npos)
+            << strLog;
     }
 }
 

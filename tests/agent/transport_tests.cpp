@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
@@ -15,6 +16,22 @@
 #include "agent/posix/usbip_server.h"
 #include "tests/agent/agent_host.h"
 #include "tests/support/temp_folder.h"
+
+// The system's own call, but for one socket, which takes all but so many bytes at once.
+static int s_fdTaking = -1;
+static std::size_t s_dwLeaves = 0;
+static std::size_t s_dwTaken = 0;
+extern "C" ssize_t send(int fd, const void* lpBytes, std::size_t dwBytes, int nFlags) {
+    if (fd != s_fdTaking) {
+        return ::sendto(fd, lpBytes, dwBytes, nFlags, nullptr, 0);
+    }
+    if (dwBytes <= s_dwLeaves) {
+        errno = EAGAIN;
+        return -1;
+    }
+    s_dwTaken += dwBytes - s_dwLeaves;
+    return static_cast<ssize_t>(dwBytes - s_dwLeaves);
+}
 
 namespace test {
 namespace {
@@ -225,6 +242,44 @@ TEST_F(Transport, OneHostAtATimeAndTheLatest) {
     CRawHost next(Device("t"));
     ASSERT_TRUE(next.Imports());
     next.Shakes();
+}
+
+// What one call of the connection answers, and what it holds for a host.
+TEST_F(Transport, OutputThatTheSocketTakesAtOnceAndNever) {
+    base.Write("root/d/a", std::string(2'000'000, 'a'));
+    CAgentHost agent(ServedFrom(base.Path("root")));
+    int fds[2] = {};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    agent::CUsbipConnection connection{agent::CFd(fds[0])};
+    const agent::CFd fdHost(fds[1]);
+    const auto put = [&](const Bytes& bytes) {
+        EXPECT_TRUE(agent::WriteWhole(fdHost.Get(), bytes.data(), bytes.size()));
+        EXPECT_TRUE(connection.Fill());
+        EXPECT_EQ(connection.Work(agent.Core()), nullptr);
+    };
+    s_fdTaking = fds[0];
+    put(Join(Write(1, Command(8, CAgentHost::PullFields(u"\\d", {u"a"}))), Read(2, 8)));
+    agent.Settle();
+    s_dwTaken = 0;
+    Bytes reads;
+    for (std::uint32_t i = 3; i < 53; ++i) {
+        reads = Join(reads, Read(i, DAK_PACKAGE_SIZE));
+    }
+    put(reads);
+    EXPECT_EQ(s_dwTaken, 50 * (48 + DAK_PACKAGE_SIZE)) << "a window";
+    s_dwLeaves = 1;
+    Bytes unlinks;
+    for (std::uint32_t i = 0; i < 100; ++i) {
+        unlinks = Join(unlinks, Unlink(i, 0));
+    }
+    const auto held = ::mallinfo2();
+    for (int i = 0; i < 2000; ++i) {
+        put(unlinks);
+    }
+    EXPECT_TRUE(connection.WantsOutput());
+    const auto now = ::mallinfo2();
+    EXPECT_LT(now.uordblks + now.hblkhd, held.uordblks + held.hblkhd + (1U << 20));
+    s_fdTaking = -1;
 }
 
 TEST_F(Transport, OneAgentToAName) {

@@ -42,7 +42,7 @@ class CMemoryFolder final : public agent::CDeviceFolder {
         device.MakeFolder(strName);
         return true;
     }
-    void RemoveLeftovers() override {}
+    void RemoveLeftovers(bool) override {}
     void SetQuota(std::uint64_t qwBytes) override { m_qwQuota = qwBytes; }
 
     std::optional<agent::CEntryInfo> Find(const CDevicePath& path) override {
@@ -52,6 +52,7 @@ class CMemoryFolder final : public agent::CDeviceFolder {
         const Entry pEntry = At(path.Text());
         if (pEntry) {
             pEntry->info.qwSize = pEntry->strBytes.size();
+            pEntry->info.qwIdentity = pEntry->qwVersion;
         }
         return pEntry ? std::optional(pEntry->info) : std::nullopt;
     }
@@ -59,8 +60,8 @@ class CMemoryFolder final : public agent::CDeviceFolder {
                                                  std::size_t nMost) override {
         std::vector<std::string> names = NamesIn(path.Text());
         std::erase_if(names, [](const auto& strName) { return !agent::IsNameForHost(strName); });
-        return IsFolder(Readable(path.Text())) && names.size() <= nMost &&
-                       Ask("List", path.Text()) == EResult::SUCCESS
+        names.resize(std::min(names.size(), nMost));
+        return IsFolder(Readable(path.Text())) && Ask("List", path.Text()) == EResult::SUCCESS
                    ? std::optional(names)
                    : std::nullopt;
     }
@@ -224,7 +225,7 @@ class CMemoryFile final : public agent::CSourceFile,
         m_qwAt += dwRead;
         return dwRead;
     }
-    std::uint64_t Identity() const override { return m_qwIdentity; }
+    std::optional<std::uint64_t> Identity() const override { return m_pEntry->qwVersion; }
 
     EResult Write(std::span<const std::uint8_t> data) override {
         return Write(m_pEntry->strBytes.size(), data);
@@ -285,7 +286,6 @@ class CMemoryFile final : public agent::CSourceFile,
     const Entry m_pEntry;
     const COpenMode m_mode;
     const std::list<std::pair<Entry, COpenMode>>::iterator m_use;
-    const std::uint64_t m_qwIdentity = m_pEntry->qwVersion;
     std::uint64_t m_qwAt = 0;
 };
 
