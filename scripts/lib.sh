@@ -89,12 +89,13 @@ build() {
     (cd "$DAK_HOME" && cmake --build --preset "$preset" "${targets[@]}")
 }
 
-# run_tests PRESET: every test, several at a time, for many of them wait most of their time. Ends with
-# ctest's own summary. In CI a test that was skipped has failed.
+# run_tests PRESET [CTEST_OPTION...]: every test, four at a time, for many of them wait most of their
+# time. Ends with ctest's own summary. In CI a test that was skipped has failed.
 run_tests() {
-    local folder=build-$1 abreast=4
-    [[ $1 == release ]] && folder=build abreast=6
-    (cd "$DAK_HOME" && ctest --preset "$1" --parallel "$abreast" --no-tests=error)
+    local preset=$1 folder=build-$1
+    shift
+    [[ $preset == release ]] && folder=build
+    (cd "$DAK_HOME" && ctest --preset "$preset" --parallel 4 --no-tests=error "$@")
     if [[ -n ${CI:-} ]] &&
         grep -E '^\[  SKIPPED \]' "$DAK_HOME/$folder/Testing/Temporary/LastTest.log"; then
         die "tests were skipped"
