@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* lpData, std::size_t dw
         bServes = !connection.WantsInput() || connection.Fill();
         if (eImport == EImport::WAITING) {
             eImport = connection.LookForImport();
-            eImport == EImport::ASKED ? connection.AnswerImport() : void();
+            eImport == EImport::ASKED ? connection.AnswerImport(true) : void();
         }
         if (bServes && eImport == EImport::ASKED) {
             bServes = connection.Work(core) == nullptr;

@@ -16,43 +16,56 @@ constexpr DWORD NO_BOUND = 0;
 
 constexpr Acknowledgement SINGLE = Acknowledgement::Single;
 constexpr Acknowledgement POLLED = Acknowledgement::Polled;
+constexpr DevicePause NONE = DevicePause::None;
 
 // Function code, acknowledgement, pause ahead of each of its tries, pause behind it, shape, bytes
 // of the response, bound, DAK_REPLY_PACKAGE ends, further code of a right response.
 constexpr _tagExchangeRow EXCHANGE_TABLE[] = {
-    {DAK_FUNC_MOVE_FILE, SINGLE, 0, 0, AwaitShape::PolledWait, 14, TRIES_2_MINUTES, true, 0},
-    {DAK_FUNC_DELETE_FILE, SINGLE, 0, 0, AwaitShape::UnboundedWait, 14, NO_BOUND, false, 0},
-    {DAK_FUNC_GET_DEVICE_FREE_SPACE, SINGLE, 0, 0, AwaitShape::PolledWait, 22, TRIES_20_MINUTES,
+    {DAK_FUNC_MOVE_FILE, SINGLE, NONE, NONE, AwaitShape::PolledWait, 14, TRIES_2_MINUTES, true, 0},
+    {DAK_FUNC_DELETE_FILE, SINGLE, NONE, NONE, AwaitShape::UnboundedWait, 14, NO_BOUND, false, 0},
+    {DAK_FUNC_GET_DEVICE_FREE_SPACE, SINGLE, NONE, NONE, AwaitShape::PolledWait, 22,
+     TRIES_20_MINUTES, false, 0},
+    {DAK_FUNC_GET_FOLDER_CONTENT, POLLED, DevicePause::ListingToBegin, DevicePause::ListingToBeMade,
+     AwaitShape::PolledWait, 18, TRIES_2_MINUTES, true, 0},
+    {DAK_FUNC_TRANSMIT_FILES, SINGLE, NONE, NONE, AwaitShape::None, 0, NO_BOUND, false, 0},
+    {DAK_FUNC_CREATE_DIRECTORY, SINGLE, NONE, NONE, AwaitShape::PolledWait, 14, TRIES_20_MINUTES,
      false, 0},
-    {DAK_FUNC_GET_FOLDER_CONTENT, POLLED, 100, 500, AwaitShape::PolledWait, 18, TRIES_2_MINUTES,
-     true, 0},
-    {DAK_FUNC_TRANSMIT_FILES, SINGLE, 0, 0, AwaitShape::None, 0, NO_BOUND, false, 0},
-    {DAK_FUNC_CREATE_DIRECTORY, SINGLE, 0, 0, AwaitShape::PolledWait, 14, TRIES_20_MINUTES, false,
+    {DAK_FUNC_CREATE_PROCESS, SINGLE, NONE, NONE, AwaitShape::UnboundedWait, 18, NO_BOUND, false,
      0},
-    {DAK_FUNC_CREATE_PROCESS, SINGLE, 0, 0, AwaitShape::UnboundedWait, 18, NO_BOUND, false, 0},
-    {DAK_FUNC_KERNEL_IO_CONTROL, SINGLE, 0, 0, AwaitShape::PolledWait, 18, TRIES_20_MINUTES, false,
+    {DAK_FUNC_KERNEL_IO_CONTROL, SINGLE, NONE, NONE, AwaitShape::PolledWait, 18, TRIES_20_MINUTES,
+     false, 0},
+    {DAK_FUNC_GET_FILE_INFO, SINGLE, NONE, NONE, AwaitShape::SingleRead, 1250, 1, false, 0},
+    {DAK_FUNC_CREATE_FILE, SINGLE, NONE, NONE, AwaitShape::PolledWait, 18, TRIES_20_MINUTES, false,
      0},
-    {DAK_FUNC_GET_FILE_INFO, SINGLE, 0, 0, AwaitShape::SingleRead, 1250, 1, false, 0},
-    {DAK_FUNC_CREATE_FILE, SINGLE, 0, 0, AwaitShape::PolledWait, 18, TRIES_20_MINUTES, false, 0},
-    {DAK_FUNC_READ_FILE, POLLED, 0, 0, AwaitShape::None, 0, NO_BOUND, false, 0},
-    {DAK_FUNC_WRITE_FILE, POLLED, 0, 0, AwaitShape::FirstReadWait, 14, FIRST_READ_TRIES, false, 0},
-    {DAK_FUNC_SET_FILE_POINTER, SINGLE, 0, 0, AwaitShape::CompletedRead, 14, 1, false, 0},
-    {DAK_FUNC_CLOSE_FILE, SINGLE, 0, 0, AwaitShape::CompletedRead, 14, 1, false, 0},
-    {DAK_FUNC_COPY_FILE, SINGLE, 0, 0, AwaitShape::PolledWait, 14, TRIES_20_MINUTES, false, 0},
+    {DAK_FUNC_READ_FILE, POLLED, NONE, NONE, AwaitShape::None, 0, NO_BOUND, false, 0},
+    {DAK_FUNC_WRITE_FILE, POLLED, NONE, NONE, AwaitShape::FirstReadWait, 14, FIRST_READ_TRIES,
+     false, 0},
+    {DAK_FUNC_SET_FILE_POINTER, SINGLE, NONE, NONE, AwaitShape::CompletedRead, 14, 1, false, 0},
+    {DAK_FUNC_CLOSE_FILE, SINGLE, NONE, NONE, AwaitShape::CompletedRead, 14, 1, false, 0},
+    {DAK_FUNC_COPY_FILE, SINGLE, NONE, NONE, AwaitShape::PolledWait, 14, TRIES_20_MINUTES, false,
+     0},
     // Devices answer this one under the code of DAK_FUNC_CLOSE_FILE; the own code is taken as well.
-    {DAK_FUNC_REGISTER_WINDOW_MESSAGE, SINGLE, 0, 0, AwaitShape::CompletedRead, 14, 1, false,
+    {DAK_FUNC_REGISTER_WINDOW_MESSAGE, SINGLE, NONE, NONE, AwaitShape::CompletedRead, 14, 1, false,
      DAK_FUNC_CLOSE_FILE},
-    {DAK_FUNC_BROADCAST_MESSAGE, SINGLE, 0, 0, AwaitShape::CompletedRead, 14, 1, false, 0},
-    {DAK_FUNC_GET_STORAGE_INFO, SINGLE, 0, 0, AwaitShape::UnboundedWait, 18, NO_BOUND, true, 0},
-    {DAK_FUNC_FORMAT_PARTITION, SINGLE, 0, 0, AwaitShape::SingleRead, 14, 1, false, 0},
-    {DAK_FUNC_GET_FOLDER_FREE_SPACE, SINGLE, 0, 0, AwaitShape::PolledWait, 22, TRIES_6_MINUTES,
-     true, 0},
+    {DAK_FUNC_BROADCAST_MESSAGE, SINGLE, NONE, NONE, AwaitShape::CompletedRead, 14, 1, false, 0},
+    {DAK_FUNC_GET_STORAGE_INFO, SINGLE, NONE, NONE, AwaitShape::UnboundedWait, 18, NO_BOUND, true,
+     0},
+    {DAK_FUNC_FORMAT_PARTITION, SINGLE, NONE, NONE, AwaitShape::SingleRead, 14, 1, false, 0},
+    {DAK_FUNC_GET_FOLDER_FREE_SPACE, SINGLE, NONE, NONE, AwaitShape::PolledWait, 22,
+     TRIES_6_MINUTES, true, 0},
 };
 
 } // namespace
 
-const _tagExchangeRow g_rowStartProcess = {
-    DAK_FUNC_CREATE_PROCESS, SINGLE, 0, 500, AwaitShape::SingleRead, 18, 1, false, 0};
+const _tagExchangeRow g_rowStartProcess = {DAK_FUNC_CREATE_PROCESS,
+                                           SINGLE,
+                                           NONE,
+                                           DevicePause::ProgramToStart,
+                                           AwaitShape::SingleRead,
+                                           18,
+                                           1,
+                                           false,
+                                           0};
 
 const _tagExchangeRow* FindExchangeRow(WORD codeFunc) {
     for (const _tagExchangeRow& row : EXCHANGE_TABLE) {
@@ -134,9 +147,7 @@ bool CExchange::SendCommand() {
     if (!TakeAcknowledgement()) {
         return false;
     }
-    if (m_row.dwSettleMs != 0) {
-        platform::Sleep(m_row.dwSettleMs);
-    }
+    PauseForDevice(m_owner.m_hDevice, m_row.ePauseBehind);
     return true;
 }
 
@@ -144,7 +155,7 @@ bool CExchange::TakeAcknowledgement() {
     BYTE header[DAK_HEADER_SIZE] = {};
     if (m_row.eAcknowledgement == Acknowledgement::Polled) {
         m_dwAckBytes = FirstReadWait(
-            m_owner, {header, sizeof(header), sizeof(header), m_row.dwAckPauseMs, nullptr, false});
+            m_owner, {header, sizeof(header), sizeof(header), m_row.eAckPause, nullptr, false});
     } else {
         m_owner.ReadUSBData(header, sizeof(header), &m_dwAckBytes, 0);
     }
@@ -157,9 +168,7 @@ bool CExchange::TakeAcknowledgement() {
 
 DWORD CExchange::FirstReadWait(CDAKVorn& owner, const _tagFirstReadWait& wait) {
     for (DWORD dwTry = 0; dwTry < FIRST_READ_TRIES; ++dwTry) {
-        if (wait.dwPauseMs != 0) {
-            platform::Sleep(wait.dwPauseMs);
-        }
+        PauseForDevice(owner.m_hDevice, wait.ePause);
         std::memset(wait.lpBuffer, 0, wait.dwClearBytes);
         if (wait.lpszTrace != nullptr) {
             TraceLine(wait.lpszTrace);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "link/dak_vorn.h"
+#include "link/pacing.h"
 #include "platform/memory.h"
 
 enum class Acknowledgement {
@@ -24,8 +25,8 @@ enum class AwaitShape {
 struct _tagExchangeRow {
     WORD codeFunc;
     Acknowledgement eAcknowledgement;
-    DWORD dwAckPauseMs; // ahead of each try for a polled acknowledgement
-    DWORD dwSettleMs;   // behind a good acknowledgement
+    DevicePause eAckPause;    // ahead of each try for a polled acknowledgement
+    DevicePause ePauseBehind; // a good acknowledgement
     AwaitShape eShape;
     DWORD dwResponseBytes;  // R: the bytes of a response
     DWORD dwBound;          // tries
@@ -48,8 +49,8 @@ inline constexpr DWORD FAILED_READ_PAUSE_MS = 500;
 struct _tagFirstReadWait {
     BYTE* lpBuffer;
     DWORD dwReadBytes;
-    DWORD dwClearBytes;  // of the buffer, ahead of each read
-    DWORD dwPauseMs = 0; // ahead of each try
+    DWORD dwClearBytes;                     // of the buffer, ahead of each read
+    DevicePause ePause = DevicePause::None; // ahead of each try
     const char* lpszTrace = nullptr;
     bool bCancelEnds = false; // a cleared m_bCopying ends the wait too
 };

@@ -212,6 +212,7 @@ class DAK_API CDAKVorn {
 
     // The private halves of the operations: the wire exchange, under the lock. They return the
     // device's result word, or 0 for failure.
+    void DrainWindow(DWORD dwTimeoutMs);
     void DrainPipe(int nReadsAtLeast, DWORD dwPauseMs);
     int CommitCopyMultiFiles(UINT nDirection, const WCHAR* lpSource, const WCHAR* lpDest,
                              CStringArray* pFileList);

@@ -3,6 +3,7 @@
 #include "link/device_connection.h"
 
 #include "link/dak_vorn.h"
+#include "link/pacing.h"
 #include "platform/device.h"
 #include "platform/file.h"
 #include "platform/memory.h"
@@ -30,7 +31,6 @@ constexpr const char* SYNC_PROCESSES[] = {"WCESCOMM.exe", "WCESMgr.exe"};
 constexpr int SYNC_PROCESS_COUNT = 2;
 
 constexpr DWORD CONNECT_TIMEOUT_MS = 300;
-constexpr DWORD SETTLE_MS = 300;
 
 // Guards the handle between a worker that closes it and a cancelling caller that releases the lock.
 CWordLock g_HandleLock;
@@ -358,7 +358,7 @@ int CDAKVorn::IsDeviceConnected() {
         OpenDevice();
     }
     if (m_hDevice == INVALID_HANDLE_VALUE && !OpenDevice()) {
-        platform::Sleep(SETTLE_MS);
+        PauseForDevice(m_hDevice, DevicePause::LinkToSettle);
         return 0;
     }
     int bConnected = Connect();
@@ -368,7 +368,7 @@ int CDAKVorn::IsDeviceConnected() {
             bConnected = Connect();
         }
     }
-    platform::Sleep(SETTLE_MS);
+    PauseForDevice(m_hDevice, DevicePause::LinkToSettle);
     return bConnected;
 }
 

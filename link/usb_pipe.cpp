@@ -3,13 +3,12 @@
 
 #include "link/dak_vorn.h"
 #include "link/debug_trace.h"
+#include "link/pacing.h"
 #include "platform/file.h"
+#include "platform/memory.h"
 #include "platform/thread.h"
 
 namespace {
-
-// The device needs a moment between two transfers to us before it has the next one ready.
-constexpr DWORD READ_PAUSE_MS = 10;
 
 // Two full windows of a stream, 8 bytes at a time.
 constexpr int DRAIN_READS_AT_MOST = static_cast<int>(2 * DAK_WINDOW_SIZE / DAK_HEADER_SIZE);
@@ -43,7 +42,7 @@ int CDAKVorn::ReadUSBData(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount, DWORD 
     m_lpReadBuf = lpBuffer;
     m_dwSizeIn = dwSize;
     m_lpdwSizeOut = lpdwCount;
-    platform::Sleep(READ_PAUSE_MS);
+    PauseForDevice(m_hDevice, DevicePause::ReadToBeReady);
     const HANDLE hThread =
         platform::CreateThread(nullptr, 0, &CDAKVorn::ReadUSBThread, this, 0, nullptr);
     if (hThread == nullptr) {
@@ -113,10 +112,26 @@ DWORD WINAPI CDAKVorn::WriteUSBThread(void* lpParam) {
     return 0;
 }
 
+// Reads and drops up to a window of what a stream has in the pipe, in one read; a prompt device
+// drops it by itself.
+void CDAKVorn::DrainWindow(DWORD dwTimeoutMs) {
+    if (!IsPaced(m_hDevice)) {
+        return;
+    }
+    const platform::CLocalBuffer window(DAK_WINDOW_SIZE);
+    if (window) {
+        DWORD dwCount = 0;
+        ReadUSBData(window.Get(), DAK_WINDOW_SIZE, &dwCount, dwTimeoutMs);
+    }
+}
+
 // Reads 8 bytes at a time until a read brings nothing and at least nReadsAtLeast reads have been
 // made, with a pause behind each such read but the last, and drops what came. A device that never
-// stops sending is left alone after a while.
+// stops sending is left alone after a while, and a prompt one drops by itself what is left over.
 void CDAKVorn::DrainPipe(int nReadsAtLeast, DWORD dwPauseMs) {
+    if (!IsPaced(m_hDevice)) {
+        return;
+    }
     BYTE bytes[DAK_HEADER_SIZE];
     for (int nReads = 1; nReads <= DRAIN_READS_AT_MOST; ++nReads) {
         DWORD dwCount = 0;

@@ -47,4 +47,9 @@ BOOL SetupDiGetDeviceInterfaceDetailA(HDEVINFO DeviceInfoSet,
 
 BOOL SetupDiDestroyDeviceInfoList(HDEVINFO DeviceInfoSet);
 
+// Whether the device of an open node says of itself that it is prompt: that it answers as soon as
+// it can, keeps what the host has not asked for, and drops what is left over at each handshake. It
+// is known when the first transfer of the node has completed. FALSE for every other handle.
+BOOL IsPromptDevice(HANDLE hDevice);
+
 } // namespace platform

@@ -15,7 +15,6 @@ namespace {
 constexpr DWORD HEAD_BYTES = DAK_DATA_OFFSET; // header, checksum and codeFunc, read by themselves
 constexpr DWORD MIN_LENGTH = HEAD_BYTES - DAK_HEADER_SIZE;
 constexpr DWORD DRAIN_TIMEOUT_MS = 3000;
-constexpr DWORD ACKNOWLEDGED_PAUSE_MS = 500;
 constexpr int RETRANSMIT_TRIES = 11;
 
 bool IsLengthInRange(DWORD packageLength) {
@@ -61,12 +60,7 @@ int CDAKVorn::ReceiveDataPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEn
 
 // The owner has no room for the data: empties the pipe and stops the stream.
 int CDAKVorn::DrainAndAbort() {
-    platform::CLocalBuffer window(DAK_WINDOW_SIZE);
-    if (window) {
-        DWORD dwCount = 0;
-        ReadUSBData(window.Get(), DAK_WINDOW_SIZE, &dwCount, DRAIN_TIMEOUT_MS);
-        window.Free();
-    }
+    DrainWindow(DRAIN_TIMEOUT_MS);
     WriteControl(DAK_ABORT);
     return 0;
 }
@@ -79,8 +73,8 @@ int CDAKVorn::FailByPresence() {
 // The head and the body of the next package. 0 when there is no whole package; one whose length is
 // out of range comes without a body and is left for the test to refuse.
 int CDAKVorn::ReadFirstPackage(BYTE* lpBuffer) {
-    const DWORD dwHead =
-        CExchange::FirstReadWait(*this, {lpBuffer, HEAD_BYTES, DAK_PACKAGE_SIZE, 0, nullptr, true});
+    const DWORD dwHead = CExchange::FirstReadWait(
+        *this, {lpBuffer, HEAD_BYTES, DAK_PACKAGE_SIZE, DevicePause::None, nullptr, true});
     const DWORD packageLength = DakGetHeader(lpBuffer).packageLength;
     if (dwHead == 0 || packageLength == 0) {
         return 0;
@@ -100,7 +94,7 @@ int CDAKVorn::RecoverPackage(BYTE* lpBuffer) {
         StoreShared(m_dwErrCode, DAKERROR_NO_DEVICE);
         return 0;
     }
-    platform::Sleep(static_cast<DWORD>(m_dwRetryBase));
+    PauseForDevice(m_hDevice, DevicePause::WindowToBeRepeated, static_cast<DWORD>(m_dwRetryBase));
     for (int i = 0; i < m_nResendCount; ++i) {
         if (!SkipRepeatedPackage(lpBuffer)) {
             return 0;
@@ -183,7 +177,7 @@ int CDAKVorn::AcceptPackage(BYTE* lpBuffer, DWORD& dwPackageBytes, int& bEnd) {
         StoreShared(m_dwErrCode, DAKERROR_NO_DEVICE);
         return 0;
     }
-    platform::Sleep(ACKNOWLEDGED_PAUSE_MS);
+    PauseForDevice(m_hDevice, DevicePause::ConfirmationToBeTaken);
     if (LoadShared(m_bCopying) != 0) {
         StoreShared(m_dwErrCode, DAKERROR_NONE);
         return 1;

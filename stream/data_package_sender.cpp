@@ -83,7 +83,8 @@ int CDAKVorn::AwaitConfirmation(BYTE* lpPackage, DWORD dwBytes) {
     while (bPresent && wAnswer == DAK_RETRANSMIT && nTry < COUNT_TRY) {
         ++nTry;
         TraceLine("1nTry=%d\n", nTry);
-        platform::Sleep(static_cast<DWORD>(m_dwRetryStep * nTry + m_dwRetryBase));
+        PauseForDevice(m_hDevice, DevicePause::DeviceToRecover,
+                       static_cast<DWORD>(m_dwRetryStep * nTry + m_dwRetryBase));
         if (IsDeviceAvailable() && !ResendWindow()) {
             return 0;
         }
@@ -96,7 +97,7 @@ int CDAKVorn::AwaitConfirmation(BYTE* lpPackage, DWORD dwBytes) {
 // The command word of the device's answer, or 0.
 DWORD CDAKVorn::AwaitAnswer(BYTE* lpPackage, DWORD dwBytes, const char* lpszTrace) {
     const DWORD dwCount = CExchange::FirstReadWait(
-        *this, {lpPackage, DAK_PACKAGE_SIZE, dwBytes, 0, lpszTrace, false});
+        *this, {lpPackage, DAK_PACKAGE_SIZE, dwBytes, DevicePause::None, lpszTrace, false});
     return dwCount != 0 ? DakGetU32(lpPackage) : 0;
 }
 
@@ -148,7 +149,7 @@ int CDAKVorn::JudgeAnswer(DWORD wAnswer, int nTry) {
     }
     if (wAnswer == DAK_SUCCESS) {
         TraceLine("SendDataPackage_600k_header1.wCommand=%d\n", static_cast<int>(wAnswer));
-        platform::Sleep(static_cast<DWORD>(m_dwRetryBase));
+        PauseForDevice(m_hDevice, DevicePause::WindowToBeStored, static_cast<DWORD>(m_dwRetryBase));
         std::memset(m_lpResendBuf, 0, DAK_WINDOW_SIZE);
         m_nResendCount = 0;
         m_dwLastPackageSize = 0;

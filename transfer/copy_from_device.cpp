@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr DWORD SETTLE_MS = 500;
 // A second, for a file that somebody holds.
 constexpr int MOVE_TRIES = 11;
 constexpr DWORD MOVE_PAUSE_MS = 100;
@@ -93,7 +92,7 @@ void CCopyFromDevice::Run() {
     if (!m_package.Allocate(DAK_PACKAGE_SIZE) || !SendRequest()) {
         return;
     }
-    platform::Sleep(SETTLE_MS);
+    PauseForDevice(m_owner.m_hDevice, DevicePause::FilesToBeFound);
     DWORD dwFileCount = 0;
     if (!TakeStreamHead(dwFileCount)) {
         if (LoadShared(m_owner.m_bCopying) == 0) {

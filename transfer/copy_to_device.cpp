@@ -8,6 +8,7 @@
 #include "platform/thread.h"
 #include "transfer/copy_job.h"
 #include "transfer/io_buf.h"
+#include "transfer/read_ahead.h"
 
 #include <algorithm>
 #include <cstring>
@@ -37,6 +38,7 @@ CCopyToDevice::CCopyToDevice(CDAKVorn& owner, const WCHAR* lpSource, const WCHAR
     bool bExact = false;
     m_strSource = NarrowText(lpSource, bExact);
     m_strDest = WithoutTrailingBackslashes(NarrowText(lpDest, bExact));
+    SetReadAheadWait(IsPaced(owner.m_hDevice) ? ReadAheadWait::Poll : ReadAheadWait::Event);
 }
 
 bool CCopyToDevice::Run() {
@@ -77,7 +79,8 @@ bool CCopyToDevice::SendRequest() {
                     exchange.WasWritten() ? DAKERROR_FAIL : DAKERROR_NO_DEVICE);
         return false;
     }
-    platform::Sleep(static_cast<DWORD>(m_owner.m_dwRetryBase));
+    PauseForDevice(m_owner.m_hDevice, DevicePause::CopyToBegin,
+                   static_cast<DWORD>(m_owner.m_dwRetryBase));
     return true;
 }
 

@@ -6,6 +6,7 @@
 #include "platform/memory.h"
 #include "platform/text.h"
 #include "platform/thread.h"
+#include "transfer/read_ahead.h"
 
 #include <cstring>
 #include <memory>
@@ -137,12 +138,41 @@ void DropPasses(const CIoBuf* pOwner) {
     }
 }
 
+DWORD g_dwReadAheadWait = static_cast<DWORD>(ReadAheadWait::Poll);
+
+bool WaitsForEvents(const CIoBuf* pBuffer) {
+    return pBuffer == &g_IoBuf &&
+           LoadShared(g_dwReadAheadWait) == static_cast<DWORD>(ReadAheadWait::Event);
+}
+
+// Waits while the word, which the fills of the buffer write, is what it was; 10 ms at most.
+template <class TWord>
+void AwaitFill(const CIoBuf* pBuffer, const TWord& word, TWord before) {
+    if (WaitsForEvents(pBuffer)) {
+        platform::WaitOnAddress(reinterpret_cast<DWORD*>(const_cast<TWord*>(&word)),
+                                static_cast<DWORD>(before), POLL_MS);
+    } else {
+        platform::Sleep(POLL_MS);
+    }
+}
+
+template <class TWord>
+void TellOfFill(const CIoBuf* pBuffer, TWord& word) {
+    if (WaitsForEvents(pBuffer)) {
+        platform::WakeByAddressAll(reinterpret_cast<DWORD*>(&word));
+    }
+}
+
 void StopThread(HANDLE hThread) {
     platform::TerminateThread(hThread, 0);
     platform::CloseHandle(hThread);
 }
 
 } // namespace
+
+void SetReadAheadWait(ReadAheadWait eWait) {
+    StoreShared(g_dwReadAheadWait, static_cast<DWORD>(eWait));
+}
 
 CIoBuf::CIoBuf()
     : m_hFile(nullptr), m_hFillThread(nullptr), m_dwFillCount{},
@@ -313,8 +343,10 @@ void CIoBuf::FillBuffer(int nIndex) {
     StoreShared(m_bFilling[nIndex], FALSE);
     m_nBytesLeft[nIndex] = static_cast<int>(m_dwFillCount[nIndex]);
     std::atomic_ref<DWORD>(m_dwFillMask).fetch_and(~dwBit);
+    TellOfFill(this, m_dwFillMask);
     // Last: it hands the buffer over.
     StoreShared(m_bReady[nIndex], TRUE);
+    TellOfFill(this, m_bReady[nIndex]);
 }
 
 // Returns with no fill running and none to come.
@@ -350,7 +382,7 @@ bool CIoBuf::IsBroken() const {
 // Waits until the current buffer is filled. False after a read error.
 bool CIoBuf::WaitReady() const {
     while (!IsBroken() && LoadShared(m_bReady[m_nCurrent]) == FALSE) {
-        platform::Sleep(POLL_MS);
+        AwaitFill(this, m_bReady[m_nCurrent], FALSE);
     }
     return !IsBroken();
 }
@@ -360,8 +392,12 @@ bool CIoBuf::WaitReady() const {
 bool CIoBuf::RequestRefill() {
     StoreShared(m_bReady[m_nCurrent], FALSE);
     m_dwFillCount[m_nCurrent] = 0;
-    for (int nTry = 0; nTry < FILL_TRIES && LoadShared(m_dwFillMask) != 0; ++nTry) {
-        platform::Sleep(POLL_MS);
+    for (int nTry = 0; nTry < FILL_TRIES; ++nTry) {
+        const DWORD dwMask = LoadShared(m_dwFillMask);
+        if (dwMask == 0) {
+            break;
+        }
+        AwaitFill(this, m_dwFillMask, dwMask);
     }
     std::atomic_ref<DWORD>(m_dwFillMask).fetch_or(BitOf(m_nCurrent));
     if (m_hFillThread != nullptr && !LeaveBehind(this, m_hFillThread)) {
@@ -372,7 +408,9 @@ bool CIoBuf::RequestRefill() {
         return false;
     }
     platform::ResumeThread(m_hFillThread);
-    platform::Sleep(POLL_MS);
+    if (!WaitsForEvents(this)) {
+        platform::Sleep(POLL_MS);
+    }
     return !IsBroken();
 }
 

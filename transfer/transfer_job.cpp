@@ -232,11 +232,7 @@ void CDAKVorn::EndJob(bool bDrain) {
 // The device does not know yet that its stream is no longer wanted.
 void CDAKVorn::SwallowAndAbort() {
     g_bAbortPending = FALSE;
-    const platform::CLocalBuffer window(DAK_WINDOW_SIZE);
-    if (window) {
-        DWORD dwCount = 0;
-        ReadUSBData(window.Get(), DAK_WINDOW_SIZE, &dwCount, SWALLOW_TIMEOUT_MS);
-    }
+    DrainWindow(SWALLOW_TIMEOUT_MS);
     StoreShared(m_dwErrCode, DAKERROR_CANCELLED);
     if (!WriteControl(DAK_ABORT)) {
         StoreShared(m_dwErrCode, DAKERROR_NO_DEVICE);

@@ -29,6 +29,7 @@ struct CArguments {
     std::vector<std::string> storages; // NAME=DIR
     std::string strName = "device";
     std::uint64_t qwQuota = 0;
+    bool bPaced = false;
     bool bVerbose = false;
 };
 
@@ -73,6 +74,9 @@ void DeclareOptions(CLI::App& app, CArguments& arguments) {
         ->capture_default_str()
         ->type_name("N")
         ->check(CLI::Range(1, 65536));
+    app.add_flag("--paced", arguments.bPaced,
+                 "Do not say that the device needs no pauses: hosts then pause for it as for any\n"
+                 "other device");
     app.add_flag("--verbose", arguments.bVerbose, "Say on standard error what the device does");
     app.set_version_flag("--version", "dak-agent " DAK_AGENT_VERSION);
     app.footer("The device is attached until the agent is stopped (Ctrl-C). Hosts find it in the\n"
@@ -127,7 +131,8 @@ int ServeAttached(const CArguments& arguments, agent::CAgentCore& core, int fdSt
         if (!pAttachment) {
             return Complain(strError, s_nExitFailed);
         }
-        agent::CUsbipServer server(core, pAttachment->Socket(), arguments.device.lpLog);
+        agent::CUsbipServer server(core, pAttachment->Socket(), !arguments.bPaced,
+                                   arguments.device.lpLog);
         if (bFirst) {
             std::printf("dak-agent: %s is attached as %s (%s)\n", arguments.device.strRoot.c_str(),
                         arguments.strName.c_str(), pAttachment->Path().c_str());

@@ -59,7 +59,7 @@ CUsbipConnection::EImport CUsbipConnection::LookForImport() {
     return bImport ? EImport::ASKED : EImport::REFUSED;
 }
 
-void CUsbipConnection::AnswerImport() {
+void CUsbipConnection::AnswerImport(bool bPrompt) {
     m_output.resize(m_output.size() + usbip::OP_REP_IMPORT_SIZE);
     std::uint8_t* lpReply = m_output.data() + m_output.size() - usbip::OP_REP_IMPORT_SIZE;
     usbip::PutU16(lpReply + usbip::OP_OFFSET_VERSION, usbip::VERSION);
@@ -70,9 +70,10 @@ void CUsbipConnection::AnswerImport() {
     usbip::PutU32(lpReply + usbip::OP_REP_OFFSET_BUSNUM, usbip::DEVICE_ID >> 16);
     usbip::PutU32(lpReply + usbip::OP_REP_OFFSET_DEVNUM, usbip::DEVICE_ID & 0xFFFF);
     usbip::PutU32(lpReply + usbip::OP_REP_OFFSET_SPEED, usbip::SPEED_HIGH);
-    // One configuration with one interface, all of a class of the vendor's own.
-    static constexpr std::uint8_t s_class[] = {0xFF, 0, 0, 1, 1, 1};
-    std::copy_n(s_class, sizeof(s_class), lpReply + usbip::OP_REP_OFFSET_CLASS);
+    // One configuration with one interface.
+    const std::uint8_t classes[] = {
+        usbip::CLASS_VENDOR, 0, bPrompt ? usbip::PROTOCOL_PROMPT : usbip::PROTOCOL_PACED, 1, 1, 1};
+    std::copy_n(classes, sizeof(classes), lpReply + usbip::OP_REP_OFFSET_CLASS);
 }
 
 std::uint8_t* CUsbipConnection::AddAnswer(std::uint32_t dwCommand, std::uint32_t dwSeqNum,

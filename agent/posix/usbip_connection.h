@@ -22,7 +22,8 @@ class CUsbipConnection {
     // Whether the host has asked for the device. False as long as its request is not whole.
     enum class EImport { WAITING, ASKED, REFUSED };
     EImport LookForImport();
-    void AnswerImport();
+    // bPrompt: what the device says of itself (platform/posix/usbip.h).
+    void AnswerImport(bool bPrompt);
 
     // Serves the messages that have come in whole, gives what the host has asked for, and writes
     // out what the socket takes. Null, or why the connection cannot go on. What is left over waits

@@ -21,9 +21,9 @@ static std::uint64_t NowMs() {
         std::chrono::duration_cast<std::chrono::milliseconds>(sinceStart).count());
 }
 
-CUsbipServer::CUsbipServer(CAgentCore& core, int fdListen,
+CUsbipServer::CUsbipServer(CAgentCore& core, int fdListen, bool bPrompt,
                            std::function<void(const std::string&)> lpLog)
-    : m_core(core), m_fdListen(fdListen), m_lpLog(std::move(lpLog)) {}
+    : m_core(core), m_fdListen(fdListen), m_bPrompt(bPrompt), m_lpLog(std::move(lpLog)) {}
 
 CUsbipServer::~CUsbipServer() {
     DropHost("the agent ends");
@@ -66,7 +66,7 @@ void CUsbipServer::ServeNewcomers() {
         if (eImport == CUsbipConnection::EImport::ASKED) {
             DropHost("another connection takes the device");
             m_pHost = std::move(m_newcomers[i]);
-            m_pHost->AnswerImport();
+            m_pHost->AnswerImport(m_bPrompt);
             Log("host came");
         }
         if (eImport != CUsbipConnection::EImport::WAITING || !bOpen) {

@@ -14,8 +14,10 @@ namespace agent {
 
 class CUsbipServer {
   public:
-    // fdListen does not block and stays the caller's. lpLog may be empty.
-    CUsbipServer(CAgentCore& core, int fdListen, std::function<void(const std::string&)> lpLog);
+    // fdListen does not block and stays the caller's. bPrompt: what the device says of itself.
+    // lpLog may be empty.
+    CUsbipServer(CAgentCore& core, int fdListen, bool bPrompt,
+                 std::function<void(const std::string&)> lpLog);
     ~CUsbipServer();
     CUsbipServer(const CUsbipServer&) = delete;
     CUsbipServer& operator=(const CUsbipServer&) = delete;
@@ -40,6 +42,7 @@ class CUsbipServer {
 
     CAgentCore& m_core;
     int m_fdListen;
+    bool m_bPrompt;
     std::function<void(const std::string&)> m_lpLog;
     std::unique_ptr<CUsbipConnection> m_pHost;
     std::deque<std::unique_ptr<CUsbipConnection>> m_newcomers;

@@ -117,6 +117,11 @@ BOOL SetupDiGetDeviceInterfaceDetailA(HDEVINFO DeviceInfoSet,
     return TRUE;
 }
 
+BOOL IsPromptDevice(HANDLE hDevice) {
+    const auto pNode = posix::FindAnyObject(hDevice);
+    return pNode != nullptr && pNode->IsPrompt() ? TRUE : FALSE;
+}
+
 BOOL SetupDiDestroyDeviceInfoList(HDEVINFO DeviceInfoSet) {
     return posix::CloseObject<CInterfaceSet>(DeviceInfoSet) ? TRUE : FALSE;
 }

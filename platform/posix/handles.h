@@ -39,6 +39,8 @@ class CObject {
     virtual BOOL Read(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount);
     virtual BOOL Write(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount);
 
+    // Whether it is a node of a prompt device.
+    virtual bool IsPrompt() const noexcept { return false; }
     // Whether it is a node of the device at that path, and has lost it. Asked under the table's
     // lock: it takes no lock and calls nothing of this header.
     virtual bool HasLostDevice(const std::string& /*strPath*/) const noexcept { return false; }

@@ -17,12 +17,20 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace platform::posix {
 namespace {
+
+// DAK_PACE=full takes every device for one that needs its pauses.
+bool MayBePrompt() {
+    const char* lpszPace = std::getenv("DAK_PACE");
+    return lpszPace == nullptr || std::string_view(lpszPace) != "full";
+}
 
 // One connection to a device. One transfer runs at a time, on the calling thread.
 //
@@ -40,6 +48,7 @@ class CUsbNode final : public CObject {
 
     BOOL Read(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override;
     BOOL Write(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override;
+    bool IsPrompt() const noexcept override { return m_bPrompt; }
     bool HasLostDevice(const std::string& strPath) const noexcept override {
         return m_bBroken && m_strPath == strPath;
     }
@@ -87,6 +96,7 @@ class CUsbNode final : public CObject {
     const std::string m_strPath;
     std::atomic<bool> m_bBroken = false;
     bool m_bImportOpen = true;
+    std::atomic<bool> m_bPrompt = false;
     DWORD m_dwLastSeqnum = 0;
     CTransfer m_transfer;
     bool m_bUnlinkOpen = false;
@@ -360,6 +370,8 @@ bool CUsbNode::DigestImport() {
     if (InCount() < usbip::OP_REP_IMPORT_SIZE) {
         return false;
     }
+    m_bPrompt = lpReply[usbip::OP_REP_OFFSET_CLASS] == usbip::CLASS_VENDOR &&
+                lpReply[usbip::OP_REP_OFFSET_PROTOCOL] == usbip::PROTOCOL_PROMPT && MayBePrompt();
     m_nInBegin += usbip::OP_REP_IMPORT_SIZE;
     m_bImportOpen = false;
     return true;

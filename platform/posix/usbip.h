@@ -40,6 +40,12 @@ inline constexpr std::size_t OP_REP_OFFSET_CLASS = 314;   // u8 class, subclass,
 inline constexpr std::size_t OP_REP_IMPORT_SIZE = 320;
 inline constexpr std::uint32_t SPEED_HIGH = 3;
 
+// Device classes: one of the vendor's own. Its protocol says what kind of DAK device this is.
+inline constexpr std::uint8_t CLASS_VENDOR = 0xFF;
+inline constexpr std::size_t OP_REP_OFFSET_PROTOCOL = OP_REP_OFFSET_CLASS + 2;
+inline constexpr std::uint8_t PROTOCOL_PACED = 0;
+inline constexpr std::uint8_t PROTOCOL_PROMPT = 1; // platform/device.h, IsPromptDevice
+
 // Transfers: every message opens with a header of 48 bytes.
 inline constexpr std::uint32_t CMD_SUBMIT = 1;
 inline constexpr std::uint32_t CMD_UNLINK = 2;

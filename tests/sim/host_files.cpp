@@ -68,6 +68,7 @@ class CNode : public CObject {
   public:
     explicit CNode(std::uint64_t qwPlugNumber) : m_qwPlugNumber(qwPlugNumber) {}
 
+    bool IsPrompt() const noexcept override { return CWorld::Current()->bPromptDevice; }
     bool HandleClosed() noexcept override {
         CWorld& world = *CWorld::Current();
         world.Note("node close");

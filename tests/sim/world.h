@@ -212,6 +212,7 @@ class CWorld {
     }
     // The n-th enumeration of interfaces from now on finds the device gone.
     void UnplugAtQuestion(std::uint64_t nNumber) { m_qwUnplugAt = m_qwQuestions + nNumber; }
+    bool bPromptDevice = false; // platform/device.h, IsPromptDevice
     bool IsPlugged() const { return m_pPeer != nullptr; }
     void PeerChanged() { WakeAll(&m_pPeer); }
 
