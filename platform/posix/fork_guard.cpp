@@ -1,6 +1,7 @@
 // What a forked child must not have of its parent: CPrivateDescriptor, and whatever looks at
 // ProcessGeneration. The process's tables are held while the process forks, so that the child finds
 // them whole.
+#include "platform/posix/carriers.h"
 #include "platform/posix/descriptors.h"
 #include "platform/posix/handles.h"
 #include "platform/posix/named_locks.h"
@@ -24,6 +25,7 @@ std::atomic<DWORD> g_dwGeneration{0};
 
 void HoldTables() {
     NamedLockMutex().lock();
+    CarrierMutex().lock();
     HandleTableMutex().lock();
     ListMutex().lock();
 }
@@ -31,6 +33,7 @@ void HoldTables() {
 void ReleaseTables() {
     ListMutex().unlock();
     HandleTableMutex().unlock();
+    CarrierMutex().unlock();
     NamedLockMutex().unlock();
 }
 

@@ -1,38 +1,27 @@
 // Threads, time, and the wait on a word.
 #include "platform/thread.h"
 
+#include "platform/posix/carriers.h"
 #include "platform/posix/handles.h"
 #include "platform/posix/waiting.h"
 
-#include <pthread.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/prctl.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 
 namespace platform {
 namespace posix {
 namespace {
 
-// A thread is made for every transfer on the pipe, so its stack is small: the deepest of them runs
-// the library's own code alone. The sanitizers' instrumentation needs several times as much.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr SIZE_T STACK_SIZE = SIZE_T{2} << 20;
-#else
-constexpr SIZE_T STACK_SIZE = SIZE_T{256} << 10;
-#endif
-
-class CThread final : public CObject {
+class CThread final : public CObject, public CCarried {
   public:
     CThread(LPTHREAD_START_ROUTINE lpStartAddress, void* lpParameter, bool bSuspended)
         : m_lpStartAddress(lpStartAddress), m_lpParameter(lpParameter), m_bSuspended(bSuspended) {}
 
-    // Starts the system's thread. 0, or the system's error.
-    static int Start(const std::shared_ptr<CThread>& pThread, SIZE_T dwStackSize);
+    void Run() override;
+    void End() noexcept override;
 
     bool Resume();
     void Stop();
@@ -48,18 +37,10 @@ class CThread final : public CObject {
     bool IsOfThisProcess() const { return m_dwGeneration == ProcessGeneration(); }
 
   private:
-    static void* Main(void* lpThread);
-    void Run();
-    void End();
-
     LPTHREAD_START_ROUTINE m_lpStartAddress;
     void* m_lpParameter;
     const DWORD m_dwGeneration = ProcessGeneration();
     CThreadContext m_context{true};
-    pthread_t m_thread{};
-    bool m_bStarted = false;
-    // Keeps the object for the thread itself while it runs.
-    std::shared_ptr<CThread> m_pKeep;
 
     std::mutex m_mutex;
     CWaiterList m_waiters;
@@ -67,80 +48,21 @@ class CThread final : public CObject {
     bool m_bEnded = false;
 };
 
-// The application's signal handlers must not run on a small stack. Signals that a fault of the
-// thread itself raises are not to be held up.
-sigset_t BlockedSignals() {
-    sigset_t signals;
-    sigfillset(&signals);
-    for (const int nSignal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS, SIGPROF}) {
-        sigdelset(&signals, nSignal);
-    }
-    return signals;
-}
-
-int CreateSystemThread(pthread_t* pThread, SIZE_T dwStackSize, void* (*lpMain)(void*),
-                       void* lpParameter) {
-    pthread_attr_t attributes;
-    int nError = pthread_attr_init(&attributes);
-    if (nError != 0) {
-        return nError;
-    }
-    pthread_attr_setstacksize(&attributes, dwStackSize);
-    const sigset_t signals = BlockedSignals();
-#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 32)
-    pthread_attr_setsigmask_np(&attributes, &signals);
-    nError = pthread_create(pThread, &attributes, lpMain, lpParameter);
-#else
-    sigset_t previous;
-    pthread_sigmask(SIG_BLOCK, &signals, &previous);
-    nError = pthread_create(pThread, &attributes, lpMain, lpParameter);
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-#endif
-    pthread_attr_destroy(&attributes);
-    return nError;
-}
-
-int CThread::Start(const std::shared_ptr<CThread>& pThread, SIZE_T dwStackSize) {
-    constexpr SIZE_T PAGE = 4096;
-    const SIZE_T dwWanted =
-        (std::clamp(dwStackSize, STACK_SIZE, SIZE_T{1} << 30) + PAGE - 1) / PAGE * PAGE;
-    // Only the handle's owner reads what is set here, and he has the handle when this returns.
-    pThread->m_pKeep = pThread;
-    int nError = CreateSystemThread(&pThread->m_thread, dwWanted, Main, pThread.get());
-    if (nError == EINVAL) {
-        // A program with much thread-local storage needs more: that lies on the stack too.
-        nError = CreateSystemThread(&pThread->m_thread, dwWanted + (SIZE_T{8} << 20), Main,
-                                    pThread.get());
-    }
-    if (nError != 0) {
-        pThread->m_pKeep.reset();
-    }
-    pThread->m_bStarted = nError == 0;
-    return nError;
-}
-
-void* CThread::Main(void* lpThread) {
-    const std::shared_ptr<CThread> pThread = std::move(static_cast<CThread*>(lpThread)->m_pKeep);
-    SetCurrentThread(&pThread->m_context);
-    pThread->Run();
-    pThread->m_context.GiveStopEventBack();
-    pThread->End();
-    SetCurrentThread(nullptr);
-    return nullptr;
-}
-
 void CThread::Run() {
-    {
-        std::unique_lock hold(m_mutex);
-        const CDeadline never(INFINITE);
-        if (WaitUntil(hold, m_waiters, never, [this] { return !m_bSuspended; }) != WAIT_OBJECT_0) {
-            return;
-        }
+    SetCurrentThread(&m_context);
+    const CDeadline never(INFINITE);
+    std::unique_lock hold(m_mutex);
+    const bool bRuns =
+        WaitUntil(hold, m_waiters, never, [this] { return !m_bSuspended; }) == WAIT_OBJECT_0;
+    hold.unlock();
+    if (bRuns) {
+        m_lpStartAddress(m_lpParameter);
     }
-    m_lpStartAddress(m_lpParameter);
+    m_context.GiveStopEventBack();
+    SetCurrentThread(nullptr);
 }
 
-void CThread::End() {
+void CThread::End() noexcept {
     const std::lock_guard hold(m_mutex);
     m_bEnded = true;
     m_waiters.WakeAll();
@@ -178,24 +100,12 @@ void CThread::AwaitEnd() {
 }
 
 bool CThread::HandleClosed() noexcept {
-    if (!m_bStarted || !IsOfThisProcess()) {
-        return true;
-    }
-    bool bEnded = false;
-    {
+    if (IsOfThisProcess()) {
         const std::lock_guard hold(m_mutex);
-        bEnded = m_bEnded;
         if (m_bSuspended && !m_bEnded) {
             // Nobody can let it run any more.
             m_context.Stop();
         }
-    }
-    if (bEnded) {
-        // It has nothing left to do but to leave, so this does not block; and when it is over,
-        // nothing of the thread is left that would still need the library's code.
-        pthread_join(m_thread, nullptr);
-    } else {
-        pthread_detach(m_thread);
     }
     return true;
 }
@@ -266,8 +176,7 @@ HANDLE CreateThread(_SECURITY_ATTRIBUTES* /*lpThreadAttributes*/, SIZE_T dwStack
         if (hThread == nullptr) {
             return nullptr;
         }
-        const int nError = CThread::Start(pThread, dwStackSize);
-        if (nError != 0) {
+        if (posix::Carry(pThread, dwStackSize) != 0) {
             posix::RemoveHandle(hThread, pThread.get());
             posix::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
             return nullptr;
