@@ -26,6 +26,10 @@
 namespace platform::posix {
 namespace {
 
+// What a read asks of a prompt device at least: room for a whole package. What the read does not
+// want of it is at hand for the next one.
+constexpr DWORD PACKAGE_ROOM = 16384 - usbip::HEADER_SIZE;
+
 // DAK_PACE=full takes every device for one that needs its pauses.
 bool MayBePrompt() {
     const char* lpszPace = std::getenv("DAK_PACE");
@@ -74,6 +78,7 @@ class CUsbNode final : public CObject {
     bool Submit(bool bIn, DWORD dwLength, const void* lpData);
     bool AwaitAnswer();
     void Cancel();
+    void DropBegun();
     bool TakeKept(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount);
 
     bool AwaitProgress();
@@ -143,12 +148,27 @@ BOOL CUsbNode::Read(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) {
     if (TakeKept(lpBuffer, dwSize, lpdwCount)) {
         return TRUE;
     }
-    if (!Submit(true, std::min(dwSize, usbip::MAX_TRANSFER), nullptr) || !AwaitAnswer()) {
+    const DWORD dwAsked = m_bPrompt ? std::max(dwSize, PACKAGE_ROOM) : dwSize;
+    if (!Submit(true, std::min(dwAsked, usbip::MAX_TRANSFER), nullptr) || !AwaitAnswer()) {
         return FALSE;
     }
-    std::copy(m_body.begin(), m_body.end(), static_cast<BYTE*>(lpBuffer));
-    *lpdwCount = static_cast<DWORD>(m_body.size());
+    *lpdwCount = static_cast<DWORD>(std::min<std::size_t>(m_body.size(), dwSize));
+    std::copy_n(m_body.begin(), *lpdwCount, static_cast<BYTE*>(lpBuffer));
+    if (*lpdwCount < m_body.size()) {
+        m_kept.swap(m_body);
+        m_nKeptTaken = *lpdwCount;
+    }
     return TRUE;
+}
+
+// Of a package that the host has begun to read, the rest is dropped at its next write, as a prompt
+// device drops it at a handshake and when it sends again: nothing of it could be told from what
+// comes next.
+void CUsbNode::DropBegun() {
+    if (m_bPrompt && m_nKeptTaken > 0) {
+        m_kept.clear();
+        m_nKeptTaken = 0;
+    }
 }
 
 BOOL CUsbNode::Write(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) {
@@ -163,6 +183,7 @@ BOOL CUsbNode::Write(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) {
         *lpdwCount = 0;
         return TRUE;
     }
+    DropBegun();
     if (!Settle() || !Submit(false, dwSize, lpBuffer) || !AwaitAnswer()) {
         return FALSE;
     }
