@@ -32,8 +32,8 @@ HANDLE CreateThread(_SECURITY_ATTRIBUTES* lpThreadAttributes, SIZE_T dwStackSize
 DWORD ResumeThread(HANDLE hThread);
 
 // Stops a thread: every platform call in which it blocks now or would block later fails at once,
-// and the function returns when the thread has ended, so that it touches no buffer, count or
-// handle afterwards. The pipe of a transfer cut short so stays usable, and what the transfer had
+// and the function returns when the thread has run to its end, so that it touches no buffer, count
+// or handle afterwards. The pipe of a transfer cut short so stays usable, and what the transfer had
 // already received is kept for the next read. Nothing of the thread is killed inside other code:
 // a thread that never enters a platform call is waited for. A suspended thread ends without
 // having run. dwExitCode is ignored where the thread ends by itself. Not to be called by a thread

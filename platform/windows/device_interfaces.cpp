@@ -1,4 +1,5 @@
 #include "platform/device.h"
+#include "platform/windows/device_node.h"
 
 #include <cstring>
 
@@ -21,6 +22,19 @@ void ToOurs(SP_DEVICE_INTERFACE_DATA& ours, const ::SP_DEVICE_INTERFACE_DATA& da
     ours.cbSize = sizeof(ours);
 }
 
+// Whether it is there again while a node of its earlier attachment is open here. It counts as gone
+// until that is closed: whoever waits on that node waits in vain.
+bool IsLost(HDEVINFO hSet, ::SP_DEVICE_INTERFACE_DATA& data) {
+    union {
+        ::SP_DEVICE_INTERFACE_DETAIL_DATA_A detail;
+        char room[1024]; // a longer path would be no node that was opened
+    } record;
+    record.detail.cbSize = sizeof(record.detail);
+    return ::SetupDiGetDeviceInterfaceDetailA(hSet, &data, &record.detail, sizeof(record), nullptr,
+                                              nullptr) != FALSE &&
+           windows::IsDeviceLost(record.detail.DevicePath);
+}
+
 } // namespace
 
 HDEVINFO SetupDiGetClassDevsA(const GUID* ClassGuid, const char* Enumerator, HWND hwndParent,
@@ -37,9 +51,14 @@ BOOL SetupDiEnumDeviceInterfaces(HDEVINFO DeviceInfoSet, void* DeviceInfoData,
     }
     ::SP_DEVICE_INTERFACE_DATA data{};
     data.cbSize = sizeof(data);
-    if (::SetupDiEnumDeviceInterfaces(DeviceInfoSet, static_cast<SP_DEVINFO_DATA*>(DeviceInfoData),
-                                      InterfaceClassGuid, MemberIndex, &data) == FALSE) {
-        return FALSE;
+    // The index counts those that are not lost.
+    for (DWORD dwIndex = 0, dwFound = 0; dwFound <= MemberIndex; ++dwIndex) {
+        if (::SetupDiEnumDeviceInterfaces(DeviceInfoSet,
+                                          static_cast<SP_DEVINFO_DATA*>(DeviceInfoData),
+                                          InterfaceClassGuid, dwIndex, &data) == FALSE) {
+            return FALSE;
+        }
+        dwFound += IsLost(DeviceInfoSet, data) ? 0U : 1U;
     }
     ToOurs(*DeviceInterfaceData, data);
     return TRUE;

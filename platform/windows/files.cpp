@@ -1,4 +1,5 @@
 #include "platform/file.h"
+#include "platform/windows/device_node.h"
 #include "platform/windows/handles.h"
 #include "platform/windows/paths.h"
 
@@ -55,10 +56,12 @@ HANDLE CreateFileA(const char* lpFileName, DWORD dwDesiredAccess, DWORD dwShareM
                    _SECURITY_ATTRIBUTES* lpSecurityAttributes, DWORD dwCreationDisposition,
                    DWORD dwFlagsAndAttributes, HANDLE hTemplateFile) {
     if (windows::IsInterfacePath(lpFileName)) {
-        // Overlapped, so that a stop can end a transfer (transfers.cpp).
-        return ::CreateFileA(lpFileName, dwDesiredAccess, dwShareMode, lpSecurityAttributes,
-                             dwCreationDisposition, dwFlagsAndAttributes | FILE_FLAG_OVERLAPPED,
-                             hTemplateFile);
+        // Overlapped, so that a stop can end a transfer.
+        return windows::RememberNode(::CreateFileA(lpFileName, dwDesiredAccess, dwShareMode,
+                                                   lpSecurityAttributes, dwCreationDisposition,
+                                                   dwFlagsAndAttributes | FILE_FLAG_OVERLAPPED,
+                                                   hTemplateFile),
+                                     lpFileName);
     }
     if (!IsPlainPath(lpFileName) ||
         ((dwDesiredAccess & GENERIC_WRITE) != 0 && dwCreationDisposition != CREATE_NEW &&

@@ -1,6 +1,7 @@
 #include "platform/windows/handles.h"
 
 #include "platform/thread.h"
+#include "platform/windows/device_node.h"
 #include "platform/windows/threads.h"
 
 namespace platform {
@@ -27,6 +28,7 @@ BOOL CloseHandle(HANDLE hObject) {
         return FALSE;
     }
     windows::ForgetThread(hObject);
+    windows::ForgetNode(hObject);
     return ::CloseHandle(hObject);
 }
 

@@ -10,24 +10,16 @@ namespace platform::windows {
 // False, with the error number set, for a value that can be no handle of the seam.
 bool MayBeHandle(HANDLE hObject);
 
-// Closes its handle, unless that is null, at the end of a scope, and keeps the error number.
-class CScopedHandle {
+// Holds one of the seam's own locks for a scope.
+class CLockHold {
   public:
-    explicit CScopedHandle(HANDLE hObject) : m_hObject(hObject) {}
-    ~CScopedHandle() {
-        if (m_hObject != nullptr) {
-            const DWORD dwError = ::GetLastError();
-            ::CloseHandle(m_hObject);
-            ::SetLastError(dwError);
-        }
-    }
-    CScopedHandle(const CScopedHandle&) = delete;
-    CScopedHandle& operator=(const CScopedHandle&) = delete;
-
-    HANDLE Get() const { return m_hObject; }
+    explicit CLockHold(SRWLOCK& lock) : m_lock(lock) { ::AcquireSRWLockExclusive(&m_lock); }
+    ~CLockHold() { ::ReleaseSRWLockExclusive(&m_lock); }
+    CLockHold(const CLockHold&) = delete;
+    CLockHold& operator=(const CLockHold&) = delete;
 
   private:
-    HANDLE m_hObject;
+    SRWLOCK& m_lock;
 };
 
 } // namespace platform::windows

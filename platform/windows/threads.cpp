@@ -14,6 +14,10 @@ namespace {
 // its wait just behind the wake.
 constexpr DWORD LOOK_AGAIN_MS = 1;
 
+// How long the system is waited for to end a thread that has run to its end. It holds one up whose
+// transfer a driver does not end.
+constexpr DWORD THREAD_END_MS = 200;
+
 // Where the system keeps each thread's record. Until there is a place for it, and behind its end,
 // no thread has one.
 class CRecordIndex {
@@ -32,16 +36,8 @@ const CRecordIndex g_recordIndex;
 SRWLOCK g_TableLock = SRWLOCK_INIT;
 CThread* g_pFirst = nullptr;
 
-class CTableHold {
-  public:
-    CTableHold() { ::AcquireSRWLockExclusive(&g_TableLock); }
-    ~CTableHold() { ::ReleaseSRWLockExclusive(&g_TableLock); }
-    CTableHold(const CTableHold&) = delete;
-    CTableHold& operator=(const CTableHold&) = delete;
-};
-
 void RememberThread(CThread* pThread, HANDLE hThread) {
-    const CTableHold hold;
+    const CLockHold hold(g_TableLock);
     pThread->m_hThread = hThread;
     pThread->m_pNext = g_pFirst;
     g_pFirst = pThread;
@@ -49,7 +45,7 @@ void RememberThread(CThread* pThread, HANDLE hThread) {
 
 // The record behind a handle with a reference for the caller, or null with the error number set.
 CThread* FindThread(HANDLE hThread) {
-    const CTableHold hold;
+    const CLockHold hold(g_TableLock);
     for (CThread* pThread = g_pFirst; pThread != nullptr; pThread = pThread->m_pNext) {
         if (pThread->m_hThread == hThread) {
             pThread->AddReference();
@@ -118,6 +114,7 @@ DWORD CThread::Run() {
     ::TlsSetValue(CRecordIndex::s_dwIndex, this);
     const DWORD dwExitCode = m_bNeverRuns ? 0 : m_lpStartAddress(m_lpParameter);
     ::TlsSetValue(CRecordIndex::s_dwIndex, nullptr);
+    m_bEnded.store(true);
     Release();
     return dwExitCode;
 }
@@ -133,7 +130,7 @@ void CThread::Stop(bool bNeverRuns) {
 void ForgetThread(HANDLE hObject) {
     CThread* pForgotten = nullptr;
     {
-        const CTableHold hold;
+        const CLockHold hold(g_TableLock);
         for (CThread** ppThread = &g_pFirst; *ppThread != nullptr;
              ppThread = &(*ppThread)->m_pNext) {
             if ((*ppThread)->m_hThread == hObject) {
@@ -204,7 +201,7 @@ BOOL TerminateThread(HANDLE hThread, DWORD /*dwExitCode*/) {
         ::ResumeThread(hThread);
     }
     DWORD dwResult = WAIT_TIMEOUT;
-    while (dwResult == WAIT_TIMEOUT) {
+    while (dwResult == WAIT_TIMEOUT && !pThread->HasEnded()) {
         DWORD* const lpAddress = pThread->m_lpWaitAddress.load();
         if (lpAddress != nullptr) {
             ::WakeByAddressAll(lpAddress);
@@ -213,8 +210,11 @@ BOOL TerminateThread(HANDLE hThread, DWORD /*dwExitCode*/) {
         ::CancelSynchronousIo(hThread);
         dwResult = ::WaitForSingleObject(hThread, windows::LOOK_AGAIN_MS);
     }
+    if (dwResult == WAIT_TIMEOUT) {
+        dwResult = ::WaitForSingleObject(hThread, windows::THREAD_END_MS);
+    }
     pThread->Release();
-    return dwResult == WAIT_OBJECT_0 ? TRUE : FALSE;
+    return dwResult != WAIT_FAILED ? TRUE : FALSE;
 }
 
 } // namespace platform

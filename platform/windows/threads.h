@@ -30,6 +30,8 @@ class CThread {
     // A suspended thread that is stopped does not run its procedure.
     void Stop(bool bNeverRuns);
     bool IsStopping() const { return m_bStopping.load(); }
+    // Whether its procedure has returned. The system may take its time over the rest.
+    bool HasEnded() const { return m_bEnded.load(); }
     // Signalled from the stop on.
     HANDLE StopEvent() const { return m_hStop; }
 
@@ -53,6 +55,7 @@ class CThread {
     HMODULE m_hModule;
     std::atomic<bool> m_bSuspended;
     std::atomic<bool> m_bStopping{false};
+    std::atomic<bool> m_bEnded{false};
     bool m_bNeverRuns = false; // written ahead of the resumption
     std::atomic<int> m_nReferences{1};
 };

@@ -1,6 +1,7 @@
 #include "tests/platform/real_world.h"
 
 #include "tests/platform/contract_world.h"
+#include "tests/platform/platform_tools.h"
 #include "tests/support/temp_folder.h"
 
 #include <chrono>
@@ -67,3 +68,20 @@ std::vector<std::vector<std::uint8_t>> DeviceTook() {
 }
 
 } // namespace contract
+
+namespace platform::tests {
+
+// What waits on the node of its earlier attachment would wait in vain.
+CONTRACT_TEST(Device, ThatComesBackCountsAsGoneWhileItsNodeIsOpen) {
+    contract::PlugDevice();
+    const HANDLE hNode = OpenDevice();
+    CTransfer cut(hNode, 20);
+    contract::UnplugDevice();
+    EXPECT_TRUE(cut.Fails());
+    contract::PlugDevice();
+    EXPECT_EQ(DevicePaths().size(), 0U);
+    EXPECT_TRUE(CloseHandle(hNode));
+    EXPECT_EQ(DevicePaths().size(), 1U);
+}
+
+} // namespace platform::tests

@@ -59,6 +59,61 @@ CONTRACT_TEST(Names, OfATemporaryFileMeanNothingElse) {
     }
 }
 
+// The place through which this program calls the system.
+extern "C" decltype(&::CancelIoEx) __imp_CancelIoEx;
+
+// Stands between the seam and the system where a transfer of this node is cancelled, for a scope.
+class CCancels {
+  public:
+    CCancels(HANDLE hNode, std::function<void()> instead) {
+        s_hNode = hNode;
+        s_instead = std::move(instead);
+        Set(Cancel);
+    }
+    ~CCancels() { Set(s_cancel); }
+    CCancels(const CCancels&) = delete;
+    CCancels& operator=(const CCancels&) = delete;
+
+  private:
+    static BOOL WINAPI Cancel(HANDLE hFile, OVERLAPPED* lpOverlapped) {
+        return hFile == s_hNode ? (s_instead(), TRUE) : s_cancel(hFile, lpOverlapped);
+    }
+    static void Set(decltype(&::CancelIoEx) cancel) {
+        DWORD dwBefore = 0;
+        ::VirtualProtect(&__imp_CancelIoEx, sizeof(cancel), PAGE_READWRITE, &dwBefore);
+        __imp_CancelIoEx = cancel;
+    }
+    static inline const auto s_cancel = __imp_CancelIoEx;
+    static inline HANDLE s_hNode;
+    static inline std::function<void()> s_instead;
+};
+
+// Whether the driver never finishes a cancel or the device delivers in the middle of one: the stop
+// is a stop, and what comes all the same is kept.
+CONTRACT_TEST(Node, NoCancelHoldsTheCallerOrLosesBytes) {
+    contract::PlugDevice();
+    const auto deliver = [] { contract::DeviceGives(Pattern(20)); };
+    for (const bool bInTheCancel : {true, false}) {
+        SCOPED_TRACE(bInTheCancel);
+        const HANDLE hNode = OpenDevice();
+        const CCancels cancels(
+            hNode, bInTheCancel ? +deliver : [] {});
+        EXPECT_TRUE(CTransfer(hNode, 12).IsStopped());
+        if (!bInTheCancel) {
+            deliver();
+        }
+        Bytes all;
+        for (int i = 0; i < 5 && all.size() < 20; ++i) {
+            CTransfer read(hNode, 8);
+            EXPECT_TRUE(read.Succeeds());
+            all = test::Join(all, read.Data());
+        }
+        EXPECT_EQ(all, Pattern(20));
+        EXPECT_TRUE(bInTheCancel || CTransfer(hNode, 12).IsStopped());
+        EXPECT_TRUE(CloseHandle(hNode)) << "though a transfer may be left behind";
+    }
+}
+
 TEST(WindowsMessages, TheEndOfTheThreadsLoopIsLeftToIt) {
     const HWND hWnd = CreateMessageWindow();
     ::PostQuitMessage(7);
