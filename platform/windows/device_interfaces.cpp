@@ -82,6 +82,11 @@ BOOL SetupDiGetDeviceInterfaceDetailA(HDEVINFO DeviceInfoSet,
                                               static_cast<SP_DEVINFO_DATA*>(DeviceInfoData));
 }
 
+BOOL IsPromptDevice(HANDLE hDevice) {
+    const windows::CDeviceNode* pNode = windows::FindNode(hDevice);
+    return pNode != nullptr && pNode->IsPrompt() ? TRUE : FALSE;
+}
+
 BOOL SetupDiDestroyDeviceInfoList(HDEVINFO DeviceInfoSet) {
     return ::SetupDiDestroyDeviceInfoList(DeviceInfoSet);
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <string_view>
 
 namespace platform::windows {
 namespace {
@@ -49,6 +50,37 @@ bool IsRemoval(DWORD dwError) {
            dwError == ERROR_DEV_NOT_EXIST || dwError == NO_SUCH_DEVICE ||
            dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_BAD_COMMAND ||
            dwError == ERROR_BROKEN_PIPE || dwError == ERROR_PIPE_NOT_CONNECTED;
+}
+
+// DAK_PACE=full takes every device for one that needs its pauses.
+bool MayBePrompt() {
+    constexpr std::string_view FULL = "full";
+    char szPace[FULL.size() + 1] = {};
+    return ::GetEnvironmentVariableA("DAK_PACE", szPace, sizeof(szPace)) != FULL.size() ||
+           szPace != FULL;
+}
+
+// What the interface's driver has written into its key: "Prompt", a REG_DWORD of 1.
+bool SaysPrompt(const char* lpszPath) {
+    wchar_t szPath[MAX_PATH];
+    const HDEVINFO hSet = ::SetupDiCreateDeviceInfoList(nullptr, nullptr);
+    if (hSet == INVALID_HANDLE_VALUE) {
+        return false;
+    }
+    DWORD dwPrompt = 0;
+    ::SP_DEVICE_INTERFACE_DATA data{};
+    data.cbSize = sizeof(data);
+    if (::MultiByteToWideChar(CP_ACP, 0, lpszPath, -1, szPath, MAX_PATH) > 0 &&
+        ::SetupDiOpenDeviceInterfaceW(hSet, szPath, 0, &data) != FALSE) {
+        const HKEY hKey = ::SetupDiOpenDeviceInterfaceRegKey(hSet, &data, 0, KEY_READ);
+        DWORD dwBytes = sizeof(dwPrompt);
+        if (hKey != INVALID_HANDLE_VALUE) {
+            ::RegGetValueA(hKey, nullptr, "Prompt", RRF_RT_REG_DWORD, nullptr, &dwPrompt, &dwBytes);
+            ::RegCloseKey(hKey);
+        }
+    }
+    ::SetupDiDestroyDeviceInfoList(hSet);
+    return dwPrompt == 1;
 }
 
 } // namespace
@@ -121,6 +153,9 @@ DWORD CNodeTransfer::Take(void* lpBuffer, DWORD dwSize) {
 bool CNodeTransfer::HasEnded() const {
     return !m_bOpen || ::WaitForSingleObject(m_hDone, 0) == WAIT_OBJECT_0;
 }
+
+CDeviceNode::CDeviceNode(HANDLE hNode, const char* lpszPath)
+    : m_hNode(hNode), m_strPath(lpszPath), m_bPrompt(MayBePrompt() && SaysPrompt(lpszPath)) {}
 
 bool CDeviceNode::Read(void* lpBuffer, DWORD dwSize, DWORD& dwCount) {
     if (!m_read.Settle(m_hNode)) {

@@ -53,7 +53,7 @@ class CNodeTransfer {
 
 class CDeviceNode {
   public:
-    CDeviceNode(HANDLE hNode, const char* lpszPath) : m_hNode(hNode), m_strPath(lpszPath) {}
+    CDeviceNode(HANDLE hNode, const char* lpszPath);
 
     // As ReadFile and WriteFile of the seam.
     bool Read(void* lpBuffer, DWORD dwSize, DWORD& dwCount);
@@ -61,6 +61,7 @@ class CDeviceNode {
 
     bool HasEnded() const { return m_read.HasEnded() && m_write.HasEnded(); }
     bool HasLostDevice(const char* lpszPath) const;
+    bool IsPrompt() const { return m_bPrompt; }
 
     // In the table of nodes. The handle is null when it has been closed.
     HANDLE m_hNode;
@@ -70,6 +71,7 @@ class CDeviceNode {
     bool AwaitEnd(CNodeTransfer& transfer, BOOL bBegun);
 
     const std::string m_strPath;
+    const bool m_bPrompt;
     std::atomic<bool> m_bLost{false};
     CNodeTransfer m_read;
     CNodeTransfer m_write;

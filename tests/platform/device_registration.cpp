@@ -37,9 +37,19 @@ void Register() {
         Require(::SetupDiRegisterDeviceInfo(hSet, &device, 0, nullptr, nullptr, nullptr) != FALSE,
                 "SetupDiRegisterDeviceInfo");
     }
-    Require(::SetupDiCreateDeviceInterfaceA(hSet, &device, &DEVICE_CLASS, nullptr, 0, nullptr) !=
+    SP_DEVICE_INTERFACE_DATA data{};
+    data.cbSize = sizeof(data);
+    Require(::SetupDiCreateDeviceInterfaceA(hSet, &device, &DEVICE_CLASS, nullptr, 0, &data) !=
                 FALSE,
             "SetupDiCreateDeviceInterfaceA");
+    const HKEY hKey =
+        ::SetupDiCreateDeviceInterfaceRegKeyA(hSet, &data, 0, KEY_WRITE, nullptr, nullptr);
+    const DWORD dwPrompt = 1;
+    Require(hKey != INVALID_HANDLE_VALUE &&
+                ::RegSetValueExA(hKey, "Prompt", 0, REG_DWORD,
+                                 reinterpret_cast<const BYTE*>(&dwPrompt), sizeof(dwPrompt)) == 0,
+            "SetupDiCreateDeviceInterfaceRegKeyA");
+    ::RegCloseKey(hKey);
     ::SetupDiDestroyDeviceInfoList(hSet);
 }
 

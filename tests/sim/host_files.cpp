@@ -205,8 +205,7 @@ std::vector<std::string> CWorld::HostFiles(const std::string& strFolder, bool bF
 
 extern "C" ssize_t sim_getrandom(void* lpBuffer, std::size_t dwBytes,
                                  unsigned /*nFlags*/) noexcept {
-    static std::uint32_t nNumber = 0;
-    ++nNumber;
+    const std::uint32_t nNumber = ++sim::CWorld::Current()->nRandomNumber;
     std::memcpy(lpBuffer, &nNumber, std::min(dwBytes, sizeof(nNumber)));
     return static_cast<ssize_t>(dwBytes);
 }
