@@ -101,6 +101,10 @@ inline Bytes ImportReply(std::uint32_t dwVersionAndCode = 0x0111'0003, std::uint
 inline Bytes Submitted(std::uint32_t dwSeqnum, std::uint32_t dwLength, const Bytes& data = {}) {
     return Message({usbip::RET_SUBMIT, dwSeqnum, 0, 0, 0, 0, dwLength}, data);
 }
+// The answer to a read that brings these bytes.
+inline Bytes Answered(std::uint32_t dwSeqnum, const Bytes& data) {
+    return Submitted(dwSeqnum, static_cast<std::uint32_t>(data.size()), data);
+}
 inline Bytes Unlinked(std::uint32_t dwSeqnum, std::int32_t nStatus) {
     return Message({usbip::RET_UNLINK, dwSeqnum, 0, 0, 0, static_cast<std::uint32_t>(nStatus)});
 }

@@ -92,10 +92,6 @@ static Bytes Write(std::uint32_t dwSeqnum, const Bytes& package) {
 static Bytes Unlink(std::uint32_t dwSeqnum, std::uint32_t dwVictim) {
     return Message({usbip::CMD_UNLINK, dwSeqnum, 0x10001, 0, 0, dwVictim});
 }
-// The device's answer to a read that brings these bytes.
-static Bytes Answer(std::uint32_t dwSeqnum, const Bytes& data) {
-    return Submitted(dwSeqnum, static_cast<std::uint32_t>(data.size()), data);
-}
 static Bytes Cut(const Bytes& bytes, std::size_t nBegin, std::size_t nEnd) {
     return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(nBegin),
                  bytes.begin() + static_cast<std::ptrdiff_t>(nEnd));
@@ -106,8 +102,8 @@ TEST(PosixNode, PlaysItsPart) {
     const Bytes package = Pattern(12288);
     // More than the socket takes while nobody reads.
     const Bytes large = Pattern(usbip::MAX_TRANSFER);
-    const Bytes late = Answer(1, {1, 2, 3, 4, 5});
-    const Bytes three = Answer(1, {1, 2, 3});
+    const Bytes late = Answered(1, {1, 2, 3, 4, 5});
+    const Bytes three = Answered(1, {1, 2, 3});
     const std::vector<STEP> imported = {Gets(Import()), Says(ImportReply())};
     std::vector<STEP> reading = imported;
     reading.insert(reading.end(), {Reads(100), Gets(Read(1, 100))});
@@ -122,7 +118,7 @@ TEST(PosixNode, PlaysItsPart) {
          {},
          {Gets(Import()), Reads(20), IsStopped, Writes(package), GetsNothing, Says(ImportReply()),
           Gets(Write(1, package)), Says(Submitted(1, 12288)), Brings(package), Reads(500),
-          Gets(Read(2, 500)), SaysByteForByte(Answer(2, {7, 8})), Brings({7, 8})}},
+          Gets(Read(2, 500)), SaysByteForByte(Answered(2, {7, 8})), Brings({7, 8})}},
         {"what comes for a stopped read is kept",
          reading,
          {Says(Cut(late, 0, 51)), IsStopped, Gets(Unlink(2, 1)), Says(Cut(late, 51, 53)),
@@ -135,7 +131,7 @@ TEST(PosixNode, PlaysItsPart) {
         {"nothing piles up behind what is not answered",
          stopped,
          {Writes(package), IsStopped, Reads(12288), IsStopped, Writes(package), IsStopped,
-          GetsNothing, Says(Unlinked(2, GONE)), Reads(8), Gets(Read(3, 8)), Says(Answer(3, {9})),
+          GetsNothing, Says(Unlinked(2, GONE)), Reads(8), Gets(Read(3, 8)), Says(Answered(3, {9})),
           Brings({9})}},
         {"a package that is half out is finished first",
          imported,
@@ -145,7 +141,7 @@ TEST(PosixNode, PlaysItsPart) {
         {"a refusal leaves the pipe usable",
          reading,
          {Says(Message({usbip::RET_SUBMIT, 1, 0, 0, 0, ~31U, 3}, {1, 2, 3})), Fails, Reads(100),
-          Gets(Read(2, 100)), Says(Answer(2, {7})), Brings({7})}},
+          Gets(Read(2, 100)), Says(Answered(2, {7})), Brings({7})}},
         {"too long a package", imported, {Writes(Bytes(usbip::MAX_TRANSFER + 1)), Fails}},
 
         {"no reply", {}, {Reads(100), HangsUp, Breaks}},
@@ -160,7 +156,7 @@ TEST(PosixNode, PlaysItsPart) {
         {"half the bytes", reading, {Says(Cut(three, 0, 50)), HangsUp, Breaks}},
         {"an unknown command", reading, {Says(Message({9, 1})), Breaks}},
         {"a command for devices", reading, {Says(Read(1, 100)), Breaks}},
-        {"another's answer", reading, {Says(Answer(2, {1})), Breaks}},
+        {"another's answer", reading, {Says(Answered(2, {1})), Breaks}},
         {"more than was asked for", reading, {Says(Submitted(1, 101)), Breaks}},
         {"an absurd length", reading, {Says(Submitted(1, 0xFFFFFFFF)), Breaks}},
         {"an unlink of nothing", reading, {Says(Unlinked(1, 0)), Breaks}},
@@ -206,7 +202,7 @@ TEST(PosixNode, AForkedChildDoesNotKeepTheConnection) {
     Gets(Import())(play);
     DWORD dwCount = 0;
     const CProcess child([&] { return ReadFile(play.hNode, &dwCount, 1, &dwCount) ? 'n' : 'y'; });
-    EXPECT_EQ(child.Answer(), 'y') << "nor can it use it";
+    EXPECT_EQ(child.Answered(), 'y') << "nor can it use it";
     EXPECT_TRUE(CloseHandle(play.hNode));
     EXPECT_EQ(play.device.Take(1), Bytes()) << "the child's copy keeps it open";
 }
