@@ -82,10 +82,6 @@ class CDevice final : public IDevice, private device_test::IPeer {
                                 static_cast<std::uint32_t>(std::stoul(programs[i].arguments[0])));
         }
     }
-    std::optional<std::uint64_t> NextDueMs() override {
-        const std::lock_guard hold(m_mutex);
-        return Holds() ? std::nullopt : m_pCore->NextDueMs();
-    }
     bool IsAttached() override {
         const std::lock_guard hold(m_mutex);
         return m_pCore->LinkUp();

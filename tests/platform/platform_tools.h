@@ -9,9 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -47,30 +45,18 @@ class CTask {
         return WaitForSingleObject(m_hThread, dwMs) == WAIT_OBJECT_0;
     }
     bool Ends() const { return EndsWithin(AT_ONCE_MS); }
-    void AwaitBegin() {
-        while (std::atomic_ref<DWORD>(m_dwBegun).load() == 0) {
-            ASSERT_TRUE(WaitOnAddress(&m_dwBegun, 0, AT_ONCE_MS));
-        }
-    }
     bool IsStopped() const { return TerminateThread(m_hThread, 0) != FALSE && EndsWithin(0); }
     // Whether it is found blocked, and ends when it is stopped.
-    bool IsStoppedWhileBlocked() {
-        AwaitBegin();
-        return !EndsWithin(SETTLE_MS) && IsStopped();
-    }
+    bool IsStoppedWhileBlocked() const { return !EndsWithin(SETTLE_MS) && IsStopped(); }
 
   private:
     static DWORD WINAPI Run(void* lpTask) {
-        auto* pTask = static_cast<CTask*>(lpTask);
-        std::atomic_ref<DWORD>(pTask->m_dwBegun).store(1);
-        WakeByAddressAll(&pTask->m_dwBegun);
-        pTask->m_body();
+        static_cast<CTask*>(lpTask)->m_body();
         return 1;
     }
 
     std::function<void()> m_body;
-    DWORD m_dwBegun = 0;
-    HANDLE m_hThread; // last: the thread uses the others
+    HANDLE m_hThread; // last: the thread uses the other
 };
 
 // Opens a host file or a device node.
@@ -98,10 +84,7 @@ class CTransfer {
     // Left alone it ends, as a failure.
     bool Fails() { return EndsWithin(AT_ONCE_MS) && m_bDone == FALSE; }
     // Left alone it does not end, and stopped it does.
-    bool IsStopped(DWORD dwAfterMs = SETTLE_MS) {
-        m_task.AwaitBegin();
-        return !EndsWithin(dwAfterMs) && m_bDone == FALSE;
-    }
+    bool IsStopped() { return !EndsWithin(SETTLE_MS) && m_bDone == FALSE; }
     // Ends by itself or is stopped at the time-out. Without success there is no count.
     bool EndsWithin(DWORD dwMs) {
         const bool bEnded = m_task.EndsWithin(dwMs);
@@ -109,8 +92,6 @@ class CTransfer {
         EXPECT_TRUE(m_bDone != FALSE || m_dwCount == 0);
         return bEnded;
     }
-    bool Done() const { return m_bDone != FALSE; }
-    DWORD Count() const { return m_dwCount; }
     Bytes Data() const { return Bytes(m_bytes.begin(), m_bytes.begin() + m_dwCount); }
 
   private:
@@ -136,29 +117,21 @@ inline std::vector<std::string> DevicePaths() {
                                                          DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
     SP_DEVICE_INTERFACE_DATA data{};
     data.cbSize = sizeof(data);
-    const auto find = [&](DWORD dwIndex) {
-        return platform::SetupDiEnumDeviceInterfaces(hSet, nullptr, &DEVICE_CLASS, dwIndex,
-                                                     &data) != FALSE;
-    };
-    const auto detail = [&](void* lpDetail, DWORD dwSize, DWORD* lpdwNeeded) {
-        return platform::SetupDiGetDeviceInterfaceDetailA(
-                   hSet, &data, static_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_A*>(lpDetail), dwSize,
-                   lpdwNeeded, nullptr) != FALSE;
-    };
     std::vector<std::string> paths;
-    while (find(static_cast<DWORD>(paths.size()))) {
+    while (platform::SetupDiEnumDeviceInterfaces(hSet, nullptr, &DEVICE_CLASS,
+                                                 static_cast<DWORD>(paths.size()), &data)) {
+        alignas(DWORD) char record[4096] = {};
+        auto* lpDetail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_A*>(record);
+        lpDetail->cbSize = DETAIL_RECORD_SIZE;
         DWORD dwSize = 0;
-        EXPECT_FALSE(detail(nullptr, 0, &dwSize));
-        std::vector<DWORD> memory(dwSize / sizeof(DWORD) + 1);
-        memory[0] = DETAIL_RECORD_SIZE;
-        EXPECT_TRUE(detail(memory.data(), dwSize, nullptr));
-        paths.emplace_back(reinterpret_cast<char*>(memory.data()) + DETAIL_PATH_OFFSET);
+        EXPECT_TRUE(!platform::SetupDiGetDeviceInterfaceDetailA(hSet, &data, nullptr, 0, &dwSize,
+                                                                nullptr) &&
+                    platform::SetupDiGetDeviceInterfaceDetailA(hSet, &data, lpDetail, dwSize,
+                                                               nullptr, nullptr));
+        paths.emplace_back(record + DETAIL_PATH_OFFSET);
         EXPECT_EQ(paths.back().size(), dwSize - DETAIL_PATH_OFFSET - 1);
     }
-    if (hSet != INVALID_HANDLE_VALUE) {
-        EXPECT_TRUE(platform::SetupDiDestroyDeviceInfoList(hSet));
-    }
-    EXPECT_FALSE(platform::SetupDiDestroyDeviceInfoList(hSet) || find(0)) << "destroyed";
+    EXPECT_EQ(platform::SetupDiDestroyDeviceInfoList(hSet) != FALSE, hSet != INVALID_HANDLE_VALUE);
     return paths;
 }
 

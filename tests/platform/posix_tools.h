@@ -95,11 +95,19 @@ inline Bytes Message(std::initializer_list<std::uint32_t> words, const Bytes& da
     }
     return test::Join(message, data);
 }
-inline Bytes ImportReply(std::uint32_t dwVersionAndCode = 0x0111'0003, std::uint32_t dwStatus = 0) {
-    return Message({dwVersionAndCode, dwStatus}, {}, usbip::OP_REP_IMPORT_SIZE);
+inline Bytes ImportReply(std::uint8_t bProtocol = usbip::PROTOCOL_PACED,
+                         std::uint32_t dwVersionAndCode = 0x0111'0003, std::uint32_t dwStatus = 0) {
+    Bytes reply = Message({dwVersionAndCode, dwStatus}, {}, usbip::OP_REP_IMPORT_SIZE);
+    reply[usbip::OP_REP_OFFSET_CLASS] = usbip::CLASS_VENDOR;
+    reply[usbip::OP_REP_OFFSET_PROTOCOL] = bProtocol;
+    return reply;
 }
 inline Bytes Submitted(std::uint32_t dwSeqnum, std::uint32_t dwLength, const Bytes& data = {}) {
     return Message({usbip::RET_SUBMIT, dwSeqnum, 0, 0, 0, 0, dwLength}, data);
+}
+// The answer to a read that brings these bytes.
+inline Bytes Answered(std::uint32_t dwSeqnum, const Bytes& data) {
+    return Submitted(dwSeqnum, static_cast<std::uint32_t>(data.size()), data);
 }
 inline Bytes Unlinked(std::uint32_t dwSeqnum, std::int32_t nStatus) {
     return Message({usbip::RET_UNLINK, dwSeqnum, 0, 0, 0, static_cast<std::uint32_t>(nStatus)});

@@ -17,10 +17,10 @@ const CDeviceFolder g_devices;
 
 // Serves one host at a time on a thread of its own: it holds what it is to give until it is asked,
 // and answers a write when it has taken it.
-class CScriptedDevice final : public CDevice {
+class CSocketDevice final : public CDevice {
   public:
-    explicit CScriptedDevice(CScript& script) : m_script(script) {}
-    ~CScriptedDevice() override {
+    explicit CSocketDevice(device_test::IPeer& peer) : m_peer(peer) {}
+    ~CSocketDevice() override {
         m_bEnd = true;
         m_thread.join();
     }
@@ -35,11 +35,12 @@ class CScriptedDevice final : public CDevice {
             if (polled[0].revents != 0) {
                 pHost = std::make_unique<CUsbipEnd>(m_attachment);
                 pHost->Take(usbip::OP_REQ_IMPORT_SIZE);
-                pHost->Send(ImportReply());
+                pHost->Send(ImportReply(usbip::PROTOCOL_PROMPT));
                 m_dwOpen = 0;
             } else if (polled[1].revents != 0 && !TakeMessage(*pHost)) {
                 pHost.reset();
-            } else if (m_dwOpen != 0) {
+            }
+            if (pHost != nullptr && m_dwOpen != 0) {
                 Answer(*pHost);
             }
         }
@@ -50,9 +51,7 @@ class CScriptedDevice final : public CDevice {
         if (header.size() != usbip::HEADER_SIZE) {
             return false;
         }
-        const auto word = [&](std::size_t nOffset) {
-            return usbip::GetU32(header.data() + nOffset);
-        };
+        const auto word = [&](std::size_t nAt) { return usbip::GetU32(header.data() + nAt); };
         if (word(usbip::OFFSET_COMMAND) == usbip::CMD_UNLINK) {
             host.Send(Unlinked(word(usbip::OFFSET_SEQNUM),
                                std::exchange(m_dwOpen, 0) != 0 ? usbip::STATUS_UNLINKED : 0));
@@ -62,32 +61,26 @@ class CScriptedDevice final : public CDevice {
         m_bIn = word(usbip::OFFSET_DIRECTION) == usbip::DIRECTION_IN;
         m_dwLength = word(usbip::OFFSET_BUFFER_LENGTH);
         m_data = host.Take(m_bIn ? 0 : m_dwLength);
-        Answer(host);
         return true;
     }
 
     // Answers the open transfer if that can be.
     void Answer(const CUsbipEnd& host) {
-        const std::lock_guard hold(m_script.mutex);
-        if (m_bIn ? m_script.gives.empty() : !m_script.bTakes) {
-            return;
-        }
-        Bytes data;
         if (m_bIn) {
-            Bytes& package = m_script.gives.front();
-            m_dwLength = std::min(m_dwLength, static_cast<DWORD>(package.size()));
-            data.assign(package.begin(), package.begin() + m_dwLength);
-            package.erase(package.begin(), package.begin() + m_dwLength);
-            if (package.empty()) {
-                m_script.gives.pop_front();
+            const auto offer = m_peer.Offer();
+            if (offer.empty()) {
+                return;
             }
-        } else {
-            m_script.took.push_back(std::move(m_data));
+            const auto bytes = offer.first(std::min<std::size_t>(m_dwLength, offer.size()));
+            host.Send(Answered(std::exchange(m_dwOpen, 0), Bytes(bytes.begin(), bytes.end())));
+            m_peer.OfferTaken(bytes.size());
+        } else if (m_peer.Takes()) {
+            m_peer.TakePackage(m_data);
+            host.Send(Submitted(std::exchange(m_dwOpen, 0), m_dwLength));
         }
-        host.Send(Submitted(std::exchange(m_dwOpen, 0), m_dwLength, data));
     }
 
-    CScript& m_script;
+    device_test::IPeer& m_peer;
     const CAttachment m_attachment{g_devices.Path()};
     // The open transfer: its number, or 0 when there is none, and its bytes.
     std::uint32_t m_dwOpen = 0;
@@ -100,8 +93,8 @@ class CScriptedDevice final : public CDevice {
 
 } // namespace
 
-std::unique_ptr<CDevice> PlugIn(CScript& script) {
-    return std::make_unique<CScriptedDevice>(script);
+std::unique_ptr<CDevice> PlugIn(device_test::IPeer& peer) {
+    return std::make_unique<CSocketDevice>(peer);
 }
 
 bool CreationTimesAreKept() {

@@ -1,52 +1,90 @@
 #include "tests/platform/presented_device.h"
 
+#include <winternl.h>
+
 #include <algorithm>
-#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <utility>
+
+extern "C" NTSTATUS NTAPI NtCreateSymbolicLinkObject(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*,
+                                                     UNICODE_STRING*);
+
+// NOLINTBEGIN(cppcoreguidelines-macro-usage)
+#define NAME "ROOT#DAK#0001#{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}"
+#define CLASS_KEY                                                                                  \
+    "SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}\\"  \
+    "##?#" NAME
+#define PIPE "dak-presented-device"
+// NOLINTEND(cppcoreguidelines-macro-usage)
 
 namespace device_test {
 namespace {
 
 // More than the longest command.
 constexpr std::size_t LARGEST_PACKAGE = (1U << 20) + 65536;
+// The pipe's buffer is a quota: a package that does not fit it waits until it is taken.
+constexpr DWORD PIPE_QUOTA = 1;
+// How often the peer is asked though nothing moves.
+constexpr DWORD TICK_MS = 2;
 
-// Far more than a pass takes.
-constexpr std::chrono::seconds AT_MOST{90};
+// A test without its device proves nothing: ends the program, saying what could not be done.
+void Require(bool bDone, const char* lpszWhat) {
+    if (!bDone) {
+        std::fprintf(stderr, "The device cannot be presented: %s, error %lu\n", lpszWhat,
+                     ::GetLastError());
+        std::abort();
+    }
+}
 
-std::uint64_t NowMs() {
-    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                          std::chrono::steady_clock::now().time_since_epoch())
-                                          .count());
+void SetValue(const char* lpszKey, const char* lpszName, DWORD dwType, const void* lpValue,
+              std::size_t dwSize) {
+    Require(::RegSetKeyValueA(HKEY_LOCAL_MACHINE, lpszKey, lpszName, dwType, lpValue,
+                              static_cast<DWORD>(dwSize)) == ERROR_SUCCESS,
+            lpszName);
+}
+
+void SetPresent(bool bPresent) {
+    const DWORD dwLinked = bPresent ? 1 : 0;
+    SetValue(CLASS_KEY "\\#\\Control", "Linked", REG_DWORD, &dwLinked, sizeof(dwLinked));
+}
+
+// Enters the interface into the system's list, where it stays, and has its path lead to the pipe
+// for as long as the handle is open.
+HANDLE Register() {
+    constexpr char INSTANCE[] = "ROOT\\DAK\\0001";
+    constexpr char LINK[] = "\\\\?\\" NAME;
+    SetValue(CLASS_KEY, "DeviceInstance", REG_SZ, INSTANCE, sizeof(INSTANCE));
+    SetValue(CLASS_KEY "\\#", "SymbolicLink", REG_SZ, LINK, sizeof(LINK));
+    const DWORD dwPrompt = 1;
+    SetValue(CLASS_KEY "\\#\\Device Parameters", "Prompt", REG_DWORD, &dwPrompt, sizeof(dwPrompt));
+    UNICODE_STRING name;
+    UNICODE_STRING target;
+    ::RtlInitUnicodeString(&name, L"\\??\\" NAME);
+    ::RtlInitUnicodeString(&target, L"\\Device\\NamedPipe\\" PIPE);
+    OBJECT_ATTRIBUTES attributes{};
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    HANDLE hLink = nullptr;
+    Require(::NtCreateSymbolicLinkObject(&hLink, 0xF0001, &attributes, &target) >= 0, "link");
+    return hLink;
+}
+
+HANDLE MakePipe() {
+    const HANDLE hPipe =
+        ::CreateNamedPipeA("\\\\.\\pipe\\" PIPE, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+                           PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_REJECT_REMOTE_CLIENTS,
+                           PIPE_UNLIMITED_INSTANCES, PIPE_QUOTA, PIPE_QUOTA, 0, nullptr);
+    Require(hPipe != INVALID_HANDLE_VALUE, "pipe");
+    return hPipe;
 }
 
 } // namespace
 
-CPresentedDevice::CCall::CCall() {
-    overlapped.hEvent = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    Require(overlapped.hEvent != nullptr, "CreateEventA");
-}
-
-CPresentedDevice::CCall::~CCall() {
-    ::CloseHandle(overlapped.hEvent);
-}
-
-bool CPresentedDevice::CCall::HasEnded() const {
-    return bOpen && ::WaitForSingleObject(overlapped.hEvent, 0) == WAIT_OBJECT_0;
-}
-
-bool CPresentedDevice::CCall::TakeResult(HANDLE hPipe, DWORD& dwCount) {
-    const bool bDone = ::GetOverlappedResult(hPipe, &overlapped, &dwCount, TRUE) != FALSE;
-    bOpen = false;
-    ::ResetEvent(overlapped.hEvent);
-    return bDone;
-}
-
-bool CPresentedDevice::CCall::Cancel(HANDLE hPipe, DWORD& dwCount) {
-    if (!bOpen) {
-        return false;
-    }
-    ::CancelIoEx(hPipe, &overlapped);
-    return TakeResult(hPipe, dwCount);
+OVERLAPPED* CPresentedDevice::CCall::Fresh() {
+    overlapped = {};
+    overlapped.hEvent = hDone;
+    return &overlapped;
 }
 
 bool CPresentedDevice::CCall::Begun(BOOL bDone) {
@@ -54,190 +92,121 @@ bool CPresentedDevice::CCall::Begun(BOOL bDone) {
     return bOpen;
 }
 
+bool CPresentedDevice::CCall::End(HANDLE hPipe, DWORD& dwCount) {
+    bOpen = false;
+    ::CancelIoEx(hPipe, &overlapped);
+    return ::GetOverlappedResult(hPipe, &overlapped, &dwCount, TRUE) != FALSE;
+}
+
 CPresentedDevice::CPresentedDevice(IPeer& peer)
-    : m_peer(peer), m_hChange(::CreateEventA(nullptr, FALSE, FALSE, nullptr)),
-      m_reading(LARGEST_PACKAGE), m_thread([this] { Serve(); }) {
+    : m_peer(peer), m_hLink(Register()), m_reading(LARGEST_PACKAGE), m_thread([this] { Serve(); }) {
     Settle();
 }
 
 CPresentedDevice::~CPresentedDevice() {
-    {
-        const std::lock_guard hold(m_mutex);
-        m_bEnd = true;
-    }
+    m_bEnd = true;
     ::SetEvent(m_hChange);
     m_thread.join();
     ::CloseHandle(m_hChange);
-}
-
-void CPresentedDevice::SetPlugged(bool bPlugged) {
-    {
-        const std::lock_guard hold(m_mutex);
-        m_bPlugged = bPlugged;
-    }
-    Settle();
+    ::CloseHandle(m_hLink);
 }
 
 void CPresentedDevice::Settle() {
-    std::unique_lock hold(m_mutex);
-    const std::uint64_t qwMine = ++m_qwAsked;
-    ::SetEvent(m_hChange);
-    Require(m_settled.wait_for(hold, AT_MOST, [&] { return m_qwSettled >= qwMine; }),
-            "its thread does not answer");
-}
-
-// Ends a pass, and waits until there is reason for another: a call has ended, the peer's time has
-// come, or somebody asks.
-void CPresentedDevice::Wait(std::initializer_list<const CCall*> calls) {
-    {
-        const std::lock_guard hold(m_mutex);
-        m_qwSettled = m_qwSeen;
-    }
-    m_settled.notify_all();
-    HANDLE events[3] = {m_hChange};
-    DWORD dwEvents = 1;
-    for (const CCall* pCall : calls) {
-        events[dwEvents++] = pCall->overlapped.hEvent;
-    }
-    DWORD dwWaitMs = INFINITE;
-    if (const auto qwDueMs = m_peer.NextDueMs()) {
-        dwWaitMs = static_cast<DWORD>(*qwDueMs - std::min(*qwDueMs, NowMs()));
-    }
-    ::WaitForMultipleObjects(dwEvents, events, FALSE, dwWaitMs);
-    const std::lock_guard hold(m_mutex);
-    m_qwSeen = m_qwAsked;
-}
-
-bool CPresentedDevice::IsWanted() {
-    const std::lock_guard hold(m_mutex);
-    return m_bPlugged && !m_bEnd && m_peer.IsAttached();
-}
-
-void CPresentedDevice::Attach(bool bAttached) {
-    if (bAttached == (m_hPipe != nullptr)) {
-        return;
-    }
-    if (bAttached) {
-        m_hPipe = m_registration.MakePipe();
-        m_registration.SetPresent(true);
-    } else {
-        m_registration.SetPresent(false);
-        ::CloseHandle(m_hPipe);
-        m_hPipe = nullptr;
+    // Of the two the second begins from here on.
+    for (const unsigned nPasses = m_nPasses; m_nPasses - nPasses < 2;) {
+        ::SetEvent(m_hChange);
+        ::Sleep(1);
     }
 }
 
 void CPresentedDevice::Serve() {
-    for (bool bEnd = false; !bEnd;) {
-        m_peer.SetTime(NowMs());
-        if (!IsWanted()) {
-            Attach(false);
-            Wait({});
-        } else {
-            Attach(true);
-            if (AwaitHost()) {
-                ServeHost();
-                m_peer.HostGone();
-            }
-        }
-        const std::lock_guard hold(m_mutex);
+    for (bool bEnd = false; !bEnd; ++m_nPasses) {
         bEnd = m_bEnd;
-    }
-    Attach(false);
-}
-
-// Waits for a host, or for a reason to look at the rest again.
-bool CPresentedDevice::AwaitHost() {
-    CCall connect;
-    const BOOL bDone = ::ConnectNamedPipe(m_hPipe, &connect.overlapped);
-    if (bDone == FALSE && ::GetLastError() != ERROR_IO_PENDING) {
-        // One that has come and gone meanwhile is found to have gone.
-        Require(::GetLastError() == ERROR_PIPE_CONNECTED || ::GetLastError() == ERROR_NO_DATA,
-                "ConnectNamedPipe");
-        return true;
-    }
-    connect.bOpen = true;
-    Wait({&connect});
-    DWORD dwCount = 0;
-    return connect.HasEnded() ? connect.TakeResult(m_hPipe, dwCount)
-                              : connect.Cancel(m_hPipe, dwCount);
-}
-
-// Until the host closes its end or the device is not wanted any more.
-void CPresentedDevice::ServeHost() {
-    // The next host may come before this end has seen the last one go.
-    const HANDLE hNext = m_registration.MakePipe();
-    CCall read;
-    CCall write;
-    while (FileEnded(read, write)) {
-        m_peer.SetTime(NowMs());
-        if (!IsWanted()) {
-            break;
+        m_peer.SetTime(::GetTickCount64());
+        const bool bWanted = !bEnd && m_peer.IsAttached();
+        if (bWanted && m_hPipe == nullptr) {
+            m_hPipe = MakePipe();
+            SetPresent(true);
         }
-        FollowPeer(read, write);
-        if (!StartCalls(read, write)) {
-            break;
+        if (m_hPipe != nullptr && (!bWanted || !FileEnded() || !StartCalls())) {
+            DropHost(bWanted);
         }
-        Wait({&read, &write});
+        const HANDLE events[] = {m_hChange, m_read.hDone, m_write.hDone};
+        ::WaitForMultipleObjects(bEnd ? 0 : 3, events, FALSE, TICK_MS);
     }
-    DWORD dwCount = 0;
-    read.Cancel(m_hPipe, dwCount);
-    write.Cancel(m_hPipe, dwCount);
-    const HANDLE hServed = std::exchange(m_hPipe, hNext);
-    if (!IsWanted()) {
-        // Whoever finds the pipe cut is to find the device gone as well.
-        Attach(false);
-    }
-    ::CloseHandle(hServed);
 }
 
-// Hands on what the calls that have ended brought. What the host has taken comes first: it may have
-// written in answer to it. False when the host has gone.
-bool CPresentedDevice::FileEnded(CCall& read, CCall& write) {
+// Hands on what the calls brought that have ended, and takes back what the peer wants no longer.
+// What the host has taken comes first: it may have written in answer to it. False when the host has
+// gone.
+bool CPresentedDevice::FileEnded() {
     DWORD dwCount = 0;
-    const bool bWritten = write.HasEnded();
-    if (bWritten) {
-        if (!write.TakeResult(m_hPipe, dwCount)) {
+    if (m_write.bOpen && HasOverlappedIoCompleted(&m_write.overlapped)) {
+        if (!m_write.End(m_hPipe, dwCount)) {
             return false;
         }
         m_peer.OfferTaken(m_offered.size());
+    } else if (m_write.bOpen && !std::ranges::equal(m_offered, m_peer.Offer())) {
+        // Where the host has it all the same, it was quicker.
+        m_write.End(m_hPipe, dwCount);
     }
-    if (read.HasEnded()) {
-        if (!read.TakeResult(m_hPipe, dwCount)) {
+    const bool bRead = HasOverlappedIoCompleted(&m_read.overlapped);
+    if (m_read.bOpen && (bRead || !m_peer.Takes())) {
+        if (m_read.End(m_hPipe, dwCount)) {
+            m_peer.TakePackage(std::span(m_reading).first(dwCount));
+        } else if (bRead) {
             return false;
         }
-        m_peer.TakePackage(std::span(m_reading).first(dwCount));
     }
     return true;
 }
 
-// Takes back what the peer wants no longer.
-void CPresentedDevice::FollowPeer(CCall& read, CCall& write) {
-    DWORD dwCount = 0;
-    if (write.bOpen && !std::ranges::equal(m_offered, m_peer.Offer())) {
-        // Where the host has it all the same, it was quicker.
-        write.Cancel(m_hPipe, dwCount);
-    }
-    if (!m_peer.Takes() && read.Cancel(m_hPipe, dwCount)) {
-        m_peer.TakePackage(std::span(m_reading).first(dwCount));
-    }
-}
-
 // Opens the calls that are due. False when the host has gone.
-bool CPresentedDevice::StartCalls(CCall& read, CCall& write) {
-    if (!read.bOpen && m_peer.Takes() &&
-        !read.Begun(::ReadFile(m_hPipe, m_reading.data(), static_cast<DWORD>(m_reading.size()),
-                               nullptr, &read.overlapped))) {
-        return false;
-    }
-    if (write.bOpen) {
-        return true;
+bool CPresentedDevice::StartCalls() {
+    bool bBegun = true;
+    if (!m_read.bOpen && m_peer.Takes()) {
+        bBegun =
+            m_read.Begun(::ReadFile(m_hPipe, m_reading.data(), static_cast<DWORD>(m_reading.size()),
+                                    nullptr, m_read.Fresh()));
     }
     const std::span<const std::uint8_t> offer = m_peer.Offer();
-    m_offered.assign(offer.begin(), offer.end());
-    return m_offered.empty() ||
-           write.Begun(::WriteFile(m_hPipe, m_offered.data(), static_cast<DWORD>(m_offered.size()),
-                                   nullptr, &write.overlapped));
+    if (bBegun && !m_write.bOpen && !offer.empty()) {
+        m_offered.assign(offer.begin(), offer.end());
+        bBegun = m_write.Begun(::WriteFile(m_hPipe, m_offered.data(),
+                                           static_cast<DWORD>(m_offered.size()), nullptr,
+                                           m_write.Fresh()));
+    }
+    if (!bBegun) {
+        return ::GetLastError() == ERROR_PIPE_LISTENING;
+    }
+    if (m_hNext == nullptr && (m_read.bOpen || m_write.bOpen)) {
+        // The next host may come before this end has seen the last one go.
+        m_hNext = MakePipe();
+    }
+    return true;
+}
+
+void CPresentedDevice::DropHost(bool bStays) {
+    DWORD dwCount = 0;
+    for (CCall* pCall : {&m_read, &m_write}) {
+        if (pCall->bOpen) {
+            pCall->End(m_hPipe, dwCount);
+        }
+    }
+    HANDLE hNext = std::exchange(m_hNext, nullptr);
+    const bool bHost = hNext != nullptr;
+    if (!bStays) {
+        // Whoever finds the pipe cut is to find the device gone as well.
+        SetPresent(false);
+        ::CloseHandle(hNext);
+        hNext = nullptr;
+    } else if (hNext == nullptr) {
+        hNext = MakePipe();
+    }
+    ::CloseHandle(std::exchange(m_hPipe, hNext));
+    if (bHost) {
+        m_peer.HostGone();
+    }
 }
 
 } // namespace device_test

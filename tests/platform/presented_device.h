@@ -7,48 +7,15 @@
 #pragma once
 
 #include "platform/types.h"
-#include "tests/platform/device_registration.h"
+#include "tests/platform/device_peer.h"
 
-#include <condition_variable>
-#include <cstdint>
-#include <initializer_list>
-#include <mutex>
-#include <optional>
-#include <span>
+#include <atomic>
 #include <thread>
 #include <vector>
 
 namespace device_test {
 
-using Bytes = std::vector<std::uint8_t>;
-
-// What stands behind the pipe. All calls come from the device's thread.
-class IPeer {
-  public:
-    virtual ~IPeer() = default;
-
-    // Milliseconds from any fixed start; and when it wants to be told again though nothing comes.
-    virtual void SetTime(std::uint64_t /*qwNowMs*/) {}
-    virtual std::optional<std::uint64_t> NextDueMs() { return {}; }
-
-    // Whether the device is to be seen.
-    virtual bool IsAttached() { return true; }
-
-    // Whether it takes what the host writes; while it does not, the host's writes block.
-    virtual bool Takes() = 0;
-    virtual void TakePackage(std::span<const std::uint8_t> package) = 0;
-
-    // What the host is to have next, all in one package; empty: nothing. Asked again and again, and
-    // valid until the next call.
-    virtual std::span<const std::uint8_t> Offer() = 0;
-    // The host has taken as many bytes of what was offered, which is all of it.
-    virtual void OfferTaken(std::size_t dwBytes) = 0;
-
-    // The host has closed its end, or the device has been unplugged.
-    virtual void HostGone() {}
-};
-
-// Present while the object lives, unless it is unplugged; one at a time.
+// Present while the object lives and the peer is attached; one at a time in the system.
 class CPresentedDevice {
   public:
     // The peer outlives the object.
@@ -57,9 +24,6 @@ class CPresentedDevice {
     CPresentedDevice(const CPresentedDevice&) = delete;
     CPresentedDevice& operator=(const CPresentedDevice&) = delete;
 
-    // Unplugging takes the device from the list and then cuts the pipe.
-    void SetPlugged(bool bPlugged);
-
     // Has the peer asked anew. On return what was in the pipe before has reached the peer, and
     // what the peer wants now is done.
     void Settle();
@@ -67,43 +31,35 @@ class CPresentedDevice {
   private:
     // One overlapped call on the pipe.
     struct CCall {
-        CCall();
-        ~CCall();
-        bool HasEnded() const;
-        // Of a call that has ended, which is open no longer.
-        bool TakeResult(HANDLE hPipe, DWORD& dwCount);
-        // Ends an open call. True when it had completed all the same.
-        bool Cancel(HANDLE hPipe, DWORD& dwCount);
-        // bDone: what the system said when the call was made.
+        ~CCall() { ::CloseHandle(hDone); }
+        // Whether it is open, given what the system said when it was made.
         bool Begun(BOOL bDone);
+        OVERLAPPED* Fresh();
+        // Cuts it short if it has not ended. Whether it has moved its bytes.
+        bool End(HANDLE hPipe, DWORD& dwCount);
+
+        const HANDLE hDone = ::CreateEventA(nullptr, FALSE, FALSE, nullptr);
         OVERLAPPED overlapped{};
         bool bOpen = false;
     };
 
     void Serve();
-    void Attach(bool bAttached);
-    bool AwaitHost();
-    void ServeHost();
-    bool FileEnded(CCall& read, CCall& write);
-    void FollowPeer(CCall& read, CCall& write);
-    bool StartCalls(CCall& read, CCall& write);
-    bool IsWanted();
-    void Wait(std::initializer_list<const CCall*> calls);
+    bool FileEnded();
+    bool StartCalls();
+    void DropHost(bool bStays);
 
     IPeer& m_peer;
-    CDeviceRegistration m_registration;
-    HANDLE m_hChange;
+    const HANDLE m_hLink;
+    const HANDLE m_hChange = ::CreateEventA(nullptr, FALSE, FALSE, nullptr);
     HANDLE m_hPipe = nullptr; // while attached
-    Bytes m_reading;
-    Bytes m_offered; // in the pipe, while its write is open
-    std::mutex m_mutex;
-    std::condition_variable m_settled;
-    bool m_bEnd = false;
-    bool m_bPlugged = true;
-    std::uint64_t m_qwAsked = 0;   // passes that were asked for
-    std::uint64_t m_qwSeen = 0;    // of those, when the present pass began
-    std::uint64_t m_qwSettled = 0; // of those, when a pass last ended
-    std::thread m_thread;          // last: it uses the others
+    HANDLE m_hNext = nullptr; // while a host is there: the pipe for the next one
+    CCall m_read;
+    CCall m_write;
+    std::vector<std::uint8_t> m_reading;
+    std::vector<std::uint8_t> m_offered; // in the pipe, while its write is open
+    std::atomic<bool> m_bEnd = false;
+    std::atomic<unsigned> m_nPasses = 0;
+    std::thread m_thread; // last: it uses the others
 };
 
 } // namespace device_test

@@ -5,9 +5,40 @@
 #include "tests/support/temp_folder.h"
 
 #include <chrono>
+#include <deque>
+#include <mutex>
 
 namespace contract {
 namespace {
+
+// Gives and takes what the test says.
+struct CScript final : device_test::IPeer {
+    bool Takes() override {
+        const std::lock_guard hold(mutex);
+        return bTakes;
+    }
+    void TakePackage(std::span<const std::uint8_t> package) override {
+        const std::lock_guard hold(mutex);
+        took.emplace_back(package.begin(), package.end());
+    }
+    std::span<const std::uint8_t> Offer() override {
+        const std::lock_guard hold(mutex);
+        return gives.empty() ? std::span<const std::uint8_t>() : gives.front();
+    }
+    void OfferTaken(std::size_t dwBytes) override {
+        const std::lock_guard hold(mutex);
+        test::Bytes& bytes = gives.front();
+        bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(dwBytes));
+        if (bytes.empty()) {
+            gives.pop_front();
+        }
+    }
+
+    std::mutex mutex;
+    bool bTakes = true;
+    std::deque<test::Bytes> gives;
+    std::vector<test::Bytes> took;
+};
 
 struct CWorld {
     test::CTempFolder files;
@@ -61,10 +92,9 @@ void DeviceTakes(bool bTakes) {
 }
 
 std::vector<std::vector<std::uint8_t>> DeviceTook() {
-    std::vector<test::Bytes> took;
     g_pWorld->pDevice->Settle();
-    Change([&](const CScript& script) { took = script.took; });
-    return took;
+    const std::lock_guard hold(g_pWorld->script.mutex);
+    return g_pWorld->script.took;
 }
 
 } // namespace contract

@@ -92,10 +92,6 @@ static Bytes Write(std::uint32_t dwSeqnum, const Bytes& package) {
 static Bytes Unlink(std::uint32_t dwSeqnum, std::uint32_t dwVictim) {
     return Message({usbip::CMD_UNLINK, dwSeqnum, 0x10001, 0, 0, dwVictim});
 }
-// The device's answer to a read that brings these bytes.
-static Bytes Answer(std::uint32_t dwSeqnum, const Bytes& data) {
-    return Submitted(dwSeqnum, static_cast<std::uint32_t>(data.size()), data);
-}
 static Bytes Cut(const Bytes& bytes, std::size_t nBegin, std::size_t nEnd) {
     return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(nBegin),
                  bytes.begin() + static_cast<std::ptrdiff_t>(nEnd));
@@ -106,8 +102,9 @@ TEST(PosixNode, PlaysItsPart) {
     const Bytes package = Pattern(12288);
     // More than the socket takes while nobody reads.
     const Bytes large = Pattern(usbip::MAX_TRANSFER);
-    const Bytes late = Answer(1, {1, 2, 3, 4, 5});
-    const Bytes three = Answer(1, {1, 2, 3});
+    const Bytes late = Answered(1, {1, 2, 3, 4, 5});
+    const Bytes three = Answered(1, {1, 2, 3});
+    constexpr DWORD WHOLE = 16384 - usbip::HEADER_SIZE;
     const std::vector<STEP> imported = {Gets(Import()), Says(ImportReply())};
     std::vector<STEP> reading = imported;
     reading.insert(reading.end(), {Reads(100), Gets(Read(1, 100))});
@@ -122,7 +119,7 @@ TEST(PosixNode, PlaysItsPart) {
          {},
          {Gets(Import()), Reads(20), IsStopped, Writes(package), GetsNothing, Says(ImportReply()),
           Gets(Write(1, package)), Says(Submitted(1, 12288)), Brings(package), Reads(500),
-          Gets(Read(2, 500)), SaysByteForByte(Answer(2, {7, 8})), Brings({7, 8})}},
+          Gets(Read(2, 500)), SaysByteForByte(Answered(2, {7, 8})), Brings({7, 8})}},
         {"what comes for a stopped read is kept",
          reading,
          {Says(Cut(late, 0, 51)), IsStopped, Gets(Unlink(2, 1)), Says(Cut(late, 51, 53)),
@@ -132,10 +129,16 @@ TEST(PosixNode, PlaysItsPart) {
          stopped,
          {Says(late), Says(Unlinked(2, 0)), Reads(9), Brings({1, 2, 3, 4, 5}), Reads(7),
           Gets(Read(3, 7))}},
+        {"of a prompt device a whole package is read, and what is left of it ends with a write",
+         {Gets(Import()), Says(ImportReply(usbip::PROTOCOL_PROMPT))},
+         {Writes({9}), Gets(Write(1, {9})), Says(Submitted(1, 1)), Brings({9}), Reads(2),
+          Gets(Read(2, WHOLE)), Says(Answered(2, {1, 2, 3, 4, 5})), Brings({1, 2}), Reads(2),
+          Brings({3, 4}), GetsNothing, Writes({9}), Gets(Write(3, {9})), Says(Submitted(3, 1)),
+          Brings({9}), Reads(2), Gets(Read(4, WHOLE)), Says(Answered(4, {6})), Brings({6})}},
         {"nothing piles up behind what is not answered",
          stopped,
          {Writes(package), IsStopped, Reads(12288), IsStopped, Writes(package), IsStopped,
-          GetsNothing, Says(Unlinked(2, GONE)), Reads(8), Gets(Read(3, 8)), Says(Answer(3, {9})),
+          GetsNothing, Says(Unlinked(2, GONE)), Reads(8), Gets(Read(3, 8)), Says(Answered(3, {9})),
           Brings({9})}},
         {"a package that is half out is finished first",
          imported,
@@ -145,14 +148,14 @@ TEST(PosixNode, PlaysItsPart) {
         {"a refusal leaves the pipe usable",
          reading,
          {Says(Message({usbip::RET_SUBMIT, 1, 0, 0, 0, ~31U, 3}, {1, 2, 3})), Fails, Reads(100),
-          Gets(Read(2, 100)), Says(Answer(2, {7})), Brings({7})}},
+          Gets(Read(2, 100)), Says(Answered(2, {7})), Brings({7})}},
         {"too long a package", imported, {Writes(Bytes(usbip::MAX_TRANSFER + 1)), Fails}},
 
         {"no reply", {}, {Reads(100), HangsUp, Breaks}},
         {"half an import", {}, {Reads(100), Says(Cut(ImportReply(), 0, 100)), HangsUp, Breaks}},
-        {"another version", {}, {Reads(100), Says(ImportReply(0x0100'0003)), Breaks}},
-        {"another code", {}, {Reads(100), Says(ImportReply(0x0111'0005)), Breaks}},
-        {"a refusal", {}, {Reads(100), Says(Cut(ImportReply(0x0111'0003, 1), 0, 8)), Breaks}},
+        {"another version", {}, {Reads(100), Says(ImportReply(0, 0x0100'0003)), Breaks}},
+        {"another code", {}, {Reads(100), Says(ImportReply(0, 0x0111'0005)), Breaks}},
+        {"a refusal", {}, {Reads(100), Says(Cut(ImportReply(0, 0x0111'0003, 1), 0, 8)), Breaks}},
         {"an answer ahead of all", {}, {Reads(9), Says(test::Join(ImportReply(), three)), Breaks}},
         {"text", {}, {Reads(100), Says(Bytes(400, 'a')), Breaks}},
         {"no answer", reading, {HangsUp, Breaks}},
@@ -160,7 +163,7 @@ TEST(PosixNode, PlaysItsPart) {
         {"half the bytes", reading, {Says(Cut(three, 0, 50)), HangsUp, Breaks}},
         {"an unknown command", reading, {Says(Message({9, 1})), Breaks}},
         {"a command for devices", reading, {Says(Read(1, 100)), Breaks}},
-        {"another's answer", reading, {Says(Answer(2, {1})), Breaks}},
+        {"another's answer", reading, {Says(Answered(2, {1})), Breaks}},
         {"more than was asked for", reading, {Says(Submitted(1, 101)), Breaks}},
         {"an absurd length", reading, {Says(Submitted(1, 0xFFFFFFFF)), Breaks}},
         {"an unlink of nothing", reading, {Says(Unlinked(1, 0)), Breaks}},
@@ -206,7 +209,7 @@ TEST(PosixNode, AForkedChildDoesNotKeepTheConnection) {
     Gets(Import())(play);
     DWORD dwCount = 0;
     const CProcess child([&] { return ReadFile(play.hNode, &dwCount, 1, &dwCount) ? 'n' : 'y'; });
-    EXPECT_EQ(child.Answer(), 'y') << "nor can it use it";
+    EXPECT_EQ(child.Answered(), 'y') << "nor can it use it";
     EXPECT_TRUE(CloseHandle(play.hNode));
     EXPECT_EQ(play.device.Take(1), Bytes()) << "the child's copy keeps it open";
 }
