@@ -47,6 +47,8 @@ CONTRACT_TEST(Device, AWriteIsAPackageAndAReadTakesOfOneWhatItWants) {
         contract::DeviceGives(package);
     }
     EXPECT_EQ(contract::DeviceTook(), packages);
+    EXPECT_TRUE(IsPromptDevice(hNode)) << "as the one that is played here says";
+    EXPECT_FALSE(IsPromptDevice(nullptr) || IsPromptDevice(INVALID_HANDLE_VALUE));
     EXPECT_EQ(Reads(hNode, 12288), packages[0]) << "no two packages in one read";
     EXPECT_EQ(test::Join(Reads(hNode, 14), Reads(hNode, 12288)), packages[1]);
     EXPECT_EQ(Reads(hNode, 8), packages[2]);

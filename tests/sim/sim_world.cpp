@@ -28,6 +28,7 @@ std::optional<CPlainDevice> g_device;
 void InWorld(const std::function<void()>& body) {
     sim::CWorld world;
     world.MakeHostFolder(Folder());
+    world.bPromptDevice = true;
     body();
     g_device.reset();
 }
