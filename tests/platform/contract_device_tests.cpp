@@ -50,7 +50,8 @@ CONTRACT_TEST(Device, AWriteIsAPackageAndAReadTakesOfOneWhatItWants) {
     EXPECT_TRUE(IsPromptDevice(hNode)) << "as the one that is played here says";
     EXPECT_FALSE(IsPromptDevice(nullptr) || IsPromptDevice(INVALID_HANDLE_VALUE));
     EXPECT_EQ(Reads(hNode, 12288), packages[0]) << "no two packages in one read";
-    EXPECT_EQ(test::Join(Reads(hNode, 14), Reads(hNode, 12288)), packages[1]);
+    const Bytes begin = Reads(hNode, 14);
+    EXPECT_EQ(test::Join(begin, Reads(hNode, 12288)), packages[1]);
     EXPECT_EQ(Reads(hNode, 8), packages[2]);
     CTransfer reader(hNode, 100);
     Sleep(SETTLE_MS);

@@ -9,7 +9,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -20,46 +19,41 @@
 
 namespace platform::tests {
 
-// A variable of the environment for a scope; null removes it.
-class CEnvironment {
-  public:
-    CEnvironment(const char* lpszName, const char* lpszValue) : m_strName(lpszName) {
-        if (const char* lpszBefore = ::getenv(lpszName)) {
-            m_strBefore = lpszBefore;
-        }
-        lpszValue != nullptr ? ::setenv(lpszName, lpszValue, 1) : ::unsetenv(lpszName);
+// A variable of the environment for a scope; an empty one counts as none.
+struct CEnvironment {
+    CEnvironment(const char* lpszVariable, const std::string& strValue)
+        : lpszName(lpszVariable),
+          strBefore(::getenv(lpszName) != nullptr ? ::getenv(lpszName) : "") {
+        ::setenv(lpszName, strValue.c_str(), 1);
     }
-    ~CEnvironment() {
-        m_strBefore ? ::setenv(m_strName.c_str(), m_strBefore->c_str(), 1)
-                    : ::unsetenv(m_strName.c_str());
-    }
+    ~CEnvironment() { ::setenv(lpszName, strBefore.c_str(), 1); }
     CEnvironment(const CEnvironment&) = delete;
     CEnvironment& operator=(const CEnvironment&) = delete;
 
-  private:
-    const std::string m_strName;
-    std::optional<std::string> m_strBefore;
+    const char* const lpszName;
+    const std::string strBefore;
 };
 
-struct CDeviceFolder : test::CTempFolder {
-    CEnvironment environment{"DAK_DEVICE_DIR", Path().c_str()};
+// A device folder of the test's own, with a path that is too long for the address of a socket.
+struct CDeviceFolder {
+    const test::CTempFolder temp;
+    const std::string strFolder = temp.Path(std::string(100, 'd') + "/" + std::string(100, 'e'));
+    const CEnvironment environment{"DAK_DEVICE_DIR", strFolder};
 };
 
 // A device's place in a device folder: its socket, and the lock that says that it is attached.
 struct CAttachment {
-    explicit CAttachment(const std::string& strFolder, const std::string& strName = "device",
-                         int nBacklog = 8)
-        : strClass(strFolder + "/{25DBCE51-6C8F-4A72-8A6D-B54C2B4FC835}"),
-          strSocket(strClass + "/" + strName),
-          nListener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        std::filesystem::create_directories(strClass);
-        // By a short way to the folder, whose own may be too long for an address.
-        const int nFolder = ::open(strClass.c_str(), O_PATH | O_CLOEXEC);
+    explicit CAttachment(const std::string& strFolder, const std::string& strName = "device")
+        : strSocket(strFolder + "/{25DBCE51-6C8F-4A72-8A6D-B54C2B4FC835}/" + strName) {
+        const std::filesystem::path folder = std::filesystem::path(strSocket).parent_path();
+        std::filesystem::create_directories(folder);
+        // The address leads through a descriptor of the folder.
+        const int nFolder = ::open(folder.c_str(), O_PATH | O_CLOEXEC);
         const std::string strShort = "/proc/self/fd/" + std::to_string(nFolder) + "/" + strName;
         sockaddr_un address{AF_UNIX, {}};
         strShort.copy(address.sun_path, sizeof(address.sun_path) - 1);
         EXPECT_EQ(::bind(nListener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-        EXPECT_EQ(::listen(nListener, nBacklog), 0);
+        EXPECT_EQ(::listen(nListener, 8), 0);
         ::close(nFolder);
         nLock = ::open((strSocket + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         EXPECT_TRUE(Lock(F_OFD_SETLK, F_WRLCK)); // of the open file, as the asker is this process
@@ -73,15 +67,14 @@ struct CAttachment {
     CAttachment(const CAttachment&) = delete;
     CAttachment& operator=(const CAttachment&) = delete;
 
-    bool Lock(int nCommand, short nType) const {
+    bool Lock(int nCommand, int nType) const {
         struct flock lock {};
-        lock.l_type = nType;
+        lock.l_type = static_cast<short>(nType);
         return ::fcntl(nLock, nCommand, &lock) == 0;
     }
 
-    const std::string strClass;
     const std::string strSocket;
-    const int nListener;
+    const int nListener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int nLock = -1;
 };
 
@@ -126,23 +119,17 @@ class CUsbipEnd {
     CUsbipEnd& operator=(const CUsbipEnd&) = delete;
 
     int Socket() const { return m_nSocket; }
-    void HangUp() const { ::shutdown(m_nSocket, SHUT_RDWR); }
     // A host that has gone is found so at the next Take.
     void Send(const Bytes& bytes) const {
         static_cast<void>(::send(m_nSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL));
     }
-    // So many bytes of the host's, waited for; fewer when it has gone.
-    Bytes Take(std::size_t nSize) const {
+    // So many bytes of the host's, waited for unless the flags say otherwise; fewer when it has
+    // gone.
+    Bytes Take(std::size_t nSize, int nFlags = MSG_WAITALL) const {
         Bytes bytes(nSize);
-        const ssize_t nTaken = nSize == 0 ? 0 : ::recv(m_nSocket, bytes.data(), nSize, MSG_WAITALL);
+        const ssize_t nTaken = nSize == 0 ? 0 : ::recv(m_nSocket, bytes.data(), nSize, nFlags);
         bytes.resize(nTaken > 0 ? static_cast<std::size_t>(nTaken) : 0);
         return bytes;
-    }
-    // Bytes of the host's that nobody has taken yet.
-    int Waiting() const {
-        int nThere = -1;
-        ::ioctl(m_nSocket, FIONREAD, &nThere);
-        return nThere;
     }
 
   private:
@@ -166,7 +153,8 @@ class CProcess {
         ::close(m_nEnds[1]);
     }
     ~CProcess() {
-        Kill();
+        ::kill(m_nPid, SIGKILL);
+        ::waitpid(m_nPid, nullptr, 0);
         ::close(m_nEnds[0]);
     }
     CProcess(const CProcess&) = delete;
@@ -176,12 +164,6 @@ class CProcess {
     char Answer() const {
         char ch = 0;
         return ::read(m_nEnds[0], &ch, 1) == 1 ? ch : '\0';
-    }
-    void Kill() {
-        if (m_nPid > 0) {
-            ::kill(m_nPid, SIGKILL);
-            ::waitpid(std::exchange(m_nPid, 0), nullptr, 0);
-        }
     }
 
   private:

@@ -6,6 +6,7 @@
 
 #include <poll.h>
 
+#include <atomic>
 #include <thread>
 
 namespace contract {
@@ -36,57 +37,62 @@ class CSocketDevice final : public CDevice {
                 pHost = std::make_unique<CUsbipEnd>(m_attachment);
                 pHost->Take(usbip::OP_REQ_IMPORT_SIZE);
                 pHost->Send(ImportReply(usbip::PROTOCOL_PROMPT));
-                m_dwOpen = 0;
+                m_bOpen = false;
             } else if (polled[1].revents != 0 && !TakeMessage(*pHost)) {
                 pHost.reset();
             }
-            if (pHost != nullptr && m_dwOpen != 0) {
+            if (pHost != nullptr && m_bOpen) {
                 Answer(*pHost);
             }
         }
     }
 
     bool TakeMessage(const CUsbipEnd& host) {
-        const Bytes header = host.Take(usbip::HEADER_SIZE);
-        if (header.size() != usbip::HEADER_SIZE) {
+        m_header = host.Take(usbip::HEADER_SIZE);
+        if (m_header.empty()) {
             return false;
         }
-        const auto word = [&](std::size_t nAt) { return usbip::GetU32(header.data() + nAt); };
-        if (word(usbip::OFFSET_COMMAND) == usbip::CMD_UNLINK) {
-            host.Send(Unlinked(word(usbip::OFFSET_SEQNUM),
-                               std::exchange(m_dwOpen, 0) != 0 ? usbip::STATUS_UNLINKED : 0));
+        if (Word(usbip::OFFSET_COMMAND) == usbip::CMD_UNLINK) {
+            host.Send(Unlinked(Word(usbip::OFFSET_SEQNUM), m_bOpen ? usbip::STATUS_UNLINKED : 0));
+            m_bOpen = false;
             return true;
         }
-        m_dwOpen = word(usbip::OFFSET_SEQNUM);
-        m_bIn = word(usbip::OFFSET_DIRECTION) == usbip::DIRECTION_IN;
-        m_dwLength = word(usbip::OFFSET_BUFFER_LENGTH);
-        m_data = host.Take(m_bIn ? 0 : m_dwLength);
+        m_bOpen = true;
+        if (Word(usbip::OFFSET_DIRECTION) == usbip::DIRECTION_OUT) {
+            m_data = host.Take(Word(usbip::OFFSET_BUFFER_LENGTH));
+        }
         return true;
     }
 
     // Answers the open transfer if that can be.
     void Answer(const CUsbipEnd& host) {
-        if (m_bIn) {
-            const auto offer = m_peer.Offer();
-            if (offer.empty()) {
-                return;
+        const std::uint32_t dwSeqnum = Word(usbip::OFFSET_SEQNUM);
+        const std::uint32_t dwLength = Word(usbip::OFFSET_BUFFER_LENGTH);
+        const auto offer = m_peer.Offer();
+        if (Word(usbip::OFFSET_DIRECTION) == usbip::DIRECTION_OUT) {
+            if (m_peer.Takes()) {
+                m_peer.TakePackage(m_data);
+                host.Send(Submitted(dwSeqnum, dwLength));
+                m_bOpen = false;
             }
-            const auto bytes = offer.first(std::min<std::size_t>(m_dwLength, offer.size()));
-            host.Send(Answered(std::exchange(m_dwOpen, 0), Bytes(bytes.begin(), bytes.end())));
+        } else if (!offer.empty()) {
+            const auto bytes = offer.first(std::min<std::size_t>(dwLength, offer.size()));
+            host.Send(Answered(dwSeqnum, Bytes(bytes.begin(), bytes.end())));
             m_peer.OfferTaken(bytes.size());
-        } else if (m_peer.Takes()) {
-            m_peer.TakePackage(m_data);
-            host.Send(Submitted(std::exchange(m_dwOpen, 0), m_dwLength));
+            m_bOpen = false;
         }
     }
 
+    std::uint32_t Word(std::size_t nOffset) const {
+        return usbip::GetU32(m_header.data() + nOffset);
+    }
+
     device_test::IPeer& m_peer;
-    const CAttachment m_attachment{g_devices.Path()};
-    // The open transfer: its number, or 0 when there is none, and its bytes.
-    std::uint32_t m_dwOpen = 0;
-    bool m_bIn = false;
-    std::uint32_t m_dwLength = 0;
+    const CAttachment m_attachment{g_devices.strFolder};
+    // The latest message with the bytes behind it, and whether its transfer is open.
+    Bytes m_header;
     Bytes m_data;
+    bool m_bOpen = false;
     std::atomic<bool> m_bEnd = false;
     std::thread m_thread{[this] { Serve(); }}; // last: it uses the others
 };

@@ -16,7 +16,7 @@ struct CPlay {
         CloseHandle(hNode);
     }
     const CDeviceFolder devices;
-    const CAttachment attachment{devices.Path()};
+    const CAttachment attachment{devices.strFolder};
     const HANDLE hNode = OpenDevice();
     const CUsbipEnd device{attachment};
     std::unique_ptr<CTransfer> pTransfer;
@@ -25,17 +25,21 @@ struct CPlay {
 // What happens next, on either side.
 using STEP = std::function<void(CPlay&)>;
 
+// The host reads so many bytes, or writes a package.
+template <class WHAT>
+static STEP Moves(const WHAT& what) {
+    return [=](CPlay& play) { play.pTransfer = std::make_unique<CTransfer>(play.hNode, what); };
+}
 static STEP Reads(DWORD dwSize) {
-    return [=](CPlay& play) { play.pTransfer = std::make_unique<CTransfer>(play.hNode, dwSize); };
+    return Moves(dwSize);
 }
 static STEP Writes(const Bytes& package) {
-    return [=](CPlay& play) { play.pTransfer = std::make_unique<CTransfer>(play.hNode, package); };
+    return Moves(package);
 }
 // The transfer ends by itself, and well.
 static STEP Brings(const Bytes& bytes) {
     return [=](CPlay& play) {
-        EXPECT_TRUE(play.pTransfer->Succeeds());
-        EXPECT_EQ(play.pTransfer->Data(), bytes);
+        EXPECT_TRUE(play.pTransfer->Succeeds() && play.pTransfer->Data() == bytes);
     };
 }
 static void Fails(CPlay& play) {
@@ -55,11 +59,10 @@ static STEP Gets(const Bytes& bytes) {
 }
 // The beginning of it, which is not taken yet.
 static void GetsSome(CPlay& play) {
-    pollfd polled{play.device.Socket(), POLLIN, 0};
-    EXPECT_EQ(::poll(&polled, 1, AT_ONCE_MS), 1);
+    EXPECT_EQ(play.device.Take(1, MSG_PEEK).size(), 1U);
 }
 static void GetsNothing(CPlay& play) {
-    EXPECT_EQ(play.device.Waiting(), 0);
+    EXPECT_EQ(play.device.Take(1, MSG_PEEK | MSG_DONTWAIT), Bytes());
 }
 static STEP Says(const Bytes& bytes) {
     return [=](CPlay& play) { play.device.Send(bytes); };
@@ -73,28 +76,30 @@ static STEP SaysByteForByte(const Bytes& bytes) {
     };
 }
 static void HangsUp(CPlay& play) {
-    play.device.HangUp();
+    ::shutdown(play.device.Socket(), SHUT_RDWR);
 }
 
 // The host's messages.
 static Bytes Import() {
     return Message({0x0111'8003, 0, 0x312D'3100 /* "1-1" */}, {}, usbip::OP_REQ_IMPORT_SIZE);
 }
+static Bytes Submit(std::uint32_t dwSeqnum, std::uint32_t dwDirection, std::size_t nSize,
+                    const Bytes& package = {}) {
+    return Message({usbip::CMD_SUBMIT, dwSeqnum, 0x10001, dwDirection, 1, 0,
+                    static_cast<std::uint32_t>(nSize), 0, 0xFFFFFFFF},
+                   package);
+}
 static Bytes Read(std::uint32_t dwSeqnum, std::uint32_t dwSize) {
-    return Message(
-        {usbip::CMD_SUBMIT, dwSeqnum, 0x10001, usbip::DIRECTION_IN, 1, 0, dwSize, 0, 0xFFFFFFFF});
+    return Submit(dwSeqnum, usbip::DIRECTION_IN, dwSize);
 }
 static Bytes Write(std::uint32_t dwSeqnum, const Bytes& package) {
-    return Message({usbip::CMD_SUBMIT, dwSeqnum, 0x10001, usbip::DIRECTION_OUT, 1, 0,
-                    static_cast<std::uint32_t>(package.size()), 0, 0xFFFFFFFF},
-                   package);
+    return Submit(dwSeqnum, usbip::DIRECTION_OUT, package.size(), package);
 }
 static Bytes Unlink(std::uint32_t dwSeqnum, std::uint32_t dwVictim) {
     return Message({usbip::CMD_UNLINK, dwSeqnum, 0x10001, 0, 0, dwVictim});
 }
-static Bytes Cut(const Bytes& bytes, std::size_t nBegin, std::size_t nEnd) {
-    return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(nBegin),
-                 bytes.begin() + static_cast<std::ptrdiff_t>(nEnd));
+static Bytes Cut(const Bytes& bytes, int nBegin, int nEnd) {
+    return Bytes(bytes.begin() + nBegin, bytes.begin() + nEnd);
 }
 
 TEST(PosixNode, PlaysItsPart) {
@@ -124,11 +129,8 @@ TEST(PosixNode, PlaysItsPart) {
          reading,
          {Says(Cut(late, 0, 51)), IsStopped, Gets(Unlink(2, 1)), Says(Cut(late, 51, 53)),
           Says(Unlinked(2, 0)), Writes({9}), Gets(Write(3, {9})), Says(Submitted(3, 1)),
-          Brings({9}), Reads(3), Brings({1, 2, 3}), Reads(100), Brings({4, 5}), GetsNothing}},
-        {"all of it",
-         stopped,
-         {Says(late), Says(Unlinked(2, 0)), Reads(9), Brings({1, 2, 3, 4, 5}), Reads(7),
-          Gets(Read(3, 7))}},
+          Brings({9}), Reads(3), Brings({1, 2, 3}), Reads(100), Brings({4, 5}), GetsNothing,
+          Reads(7), Gets(Read(4, 7))}},
         {"of a prompt device a whole package is read, and what is left of it ends with a write",
          {Gets(Import()), Says(ImportReply(usbip::PROTOCOL_PROMPT))},
          {Writes({9}), Gets(Write(1, {9})), Says(Submitted(1, 1)), Brings({9}), Reads(2),
@@ -137,9 +139,8 @@ TEST(PosixNode, PlaysItsPart) {
           Brings({9}), Reads(2), Gets(Read(4, WHOLE)), Says(Answered(4, {6})), Brings({6})}},
         {"nothing piles up behind what is not answered",
          stopped,
-         {Writes(package), IsStopped, Reads(12288), IsStopped, Writes(package), IsStopped,
-          GetsNothing, Says(Unlinked(2, GONE)), Reads(8), Gets(Read(3, 8)), Says(Answered(3, {9})),
-          Brings({9})}},
+         {Writes(package), IsStopped, Reads(12288), IsStopped, GetsNothing, Says(Unlinked(2, GONE)),
+          Reads(8), Gets(Read(3, 8)), Says(Answered(3, {9})), Brings({9})}},
         {"a package that is half out is finished first",
          imported,
          {Writes(large), GetsSome, IsStopped, Writes({1, 2}), Gets(Write(1, large)),
@@ -151,21 +152,16 @@ TEST(PosixNode, PlaysItsPart) {
           Gets(Read(2, 100)), Says(Answered(2, {7})), Brings({7})}},
         {"too long a package", imported, {Writes(Bytes(usbip::MAX_TRANSFER + 1)), Fails}},
 
-        {"no reply", {}, {Reads(100), HangsUp, Breaks}},
         {"half an import", {}, {Reads(100), Says(Cut(ImportReply(), 0, 100)), HangsUp, Breaks}},
         {"another version", {}, {Reads(100), Says(ImportReply(0, 0x0100'0003)), Breaks}},
         {"another code", {}, {Reads(100), Says(ImportReply(0, 0x0111'0005)), Breaks}},
         {"a refusal", {}, {Reads(100), Says(Cut(ImportReply(0, 0x0111'0003, 1), 0, 8)), Breaks}},
         {"an answer ahead of all", {}, {Reads(9), Says(test::Join(ImportReply(), three)), Breaks}},
-        {"text", {}, {Reads(100), Says(Bytes(400, 'a')), Breaks}},
         {"no answer", reading, {HangsUp, Breaks}},
-        {"half a header", reading, {Says(Cut(three, 0, 20)), HangsUp, Breaks}},
         {"half the bytes", reading, {Says(Cut(three, 0, 50)), HangsUp, Breaks}},
         {"an unknown command", reading, {Says(Message({9, 1})), Breaks}},
-        {"a command for devices", reading, {Says(Read(1, 100)), Breaks}},
         {"another's answer", reading, {Says(Answered(2, {1})), Breaks}},
         {"more than was asked for", reading, {Says(Submitted(1, 101)), Breaks}},
-        {"an absurd length", reading, {Says(Submitted(1, 0xFFFFFFFF)), Breaks}},
         {"an unlink of nothing", reading, {Says(Unlinked(1, 0)), Breaks}},
         {"half of it gone",
          imported,
@@ -174,12 +170,9 @@ TEST(PosixNode, PlaysItsPart) {
         {"another's unlink", stopped, {Says(Unlinked(3, GONE)), Reads(100), Breaks}},
         {"no outcome of an unlink", stopped, {Says(Unlinked(2, -1)), Reads(100), Breaks}},
         {"an answer that never came", stopped, {Says(Unlinked(2, 0)), Reads(100), Breaks}},
-        {"an unlink's submission", stopped, {Says(Submitted(2, 0)), Reads(100), Breaks}},
 
-        {"silence", {}, {Reads(100), IsStopped, Writes(package), IsStopped}},
         {"a begun import", {}, {Reads(100), Says({1, 0x11, 0}), IsStopped, Reads(1), IsStopped}},
         {"a begun answer", reading, {Says({0, 0, 0}), IsStopped, Writes(package), IsStopped}},
-        {"begun bytes", reading, {Says(Cut(three, 0, 49)), IsStopped, Writes(package), IsStopped}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.lpszWhat);
@@ -189,29 +182,20 @@ TEST(PosixNode, PlaysItsPart) {
     }
 }
 
-TEST(PosixNode, OpensAtOnceWhereverTheFolderLies) {
-    const test::CTempFolder folder;
-    const std::string strDeep = folder.Path(std::string(100, 'd') + "/" + std::string(100, 'e'));
-    const CEnvironment environment("DAK_DEVICE_DIR", strDeep.c_str());
-    EXPECT_TRUE(CloseHandle(CreateMutexA(nullptr, FALSE, "TheLock"))) << "made where it is missing";
-    // Nobody accepts, and there is room for one or two.
-    const CAttachment attachment(strDeep, std::string(80, 'n'), 0);
-    std::vector<HANDLE> opened = {OpenDevice()};
-    while (opened.size() < 10 && opened.back() != INVALID_HANDLE_VALUE) {
-        opened.push_back(Open(DevicePaths()[0], GENERIC_READ | GENERIC_WRITE));
-    }
-    EXPECT_LT(opened.size(), 10U) << "a full queue must refuse";
-    std::ranges::for_each(opened, CloseHandle);
-}
-
-TEST(PosixNode, AForkedChildDoesNotKeepTheConnection) {
+TEST(PosixNode, OpensAtOnceOrNotAtAllAndIsNoForkedChilds) {
     CPlay play;
     Gets(Import())(play);
     DWORD dwCount = 0;
     const CProcess child([&] { return ReadFile(play.hNode, &dwCount, 1, &dwCount) ? 'n' : 'y'; });
-    EXPECT_EQ(child.Answered(), 'y') << "nor can it use it";
+    EXPECT_EQ(child.Answer(), 'y') << "nor can it use it";
     EXPECT_TRUE(CloseHandle(play.hNode));
     EXPECT_EQ(play.device.Take(1), Bytes()) << "the child's copy keeps it open";
+    // Nobody accepts, and there is room for some.
+    int nOpened = 0;
+    while (nOpened < 20 && Open(DevicePaths()[0]) != INVALID_HANDLE_VALUE) {
+        ++nOpened;
+    }
+    EXPECT_TRUE(0 < nOpened && nOpened < 20) << "a full queue must refuse";
 }
 
 } // namespace platform::tests
