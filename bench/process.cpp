@@ -9,6 +9,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
+#include <time.h>
 #include <unistd.h>
 
 namespace bench {
@@ -52,7 +53,7 @@ std::string ProgramFolder() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path().string() + "/";
 }
 
-CDeviceForBench::CDeviceForBench() {
+CDeviceForBench::CDeviceForBench(Pace ePace) {
     std::string strTemplate = std::filesystem::temp_directory_path().string() + "/dak-bench-XXXXXX";
     if (mkdtemp(strTemplate.data()) == nullptr) {
         std::perror("mkdtemp");
@@ -63,7 +64,11 @@ CDeviceForBench::CDeviceForBench() {
     std::filesystem::create_directory(Root());
     std::filesystem::create_directory(strDevices);
     setenv("DAK_DEVICE_DIR", strDevices.c_str(), 1);
-    m_nAgent = Start({ProgramFolder() + "dak-agent", "--root", Root()});
+    std::vector<std::string> arguments = {ProgramFolder() + "dak-agent", "--root", Root()};
+    if (ePace == Pace::Paced) {
+        arguments.emplace_back("--paced");
+    }
+    m_nAgent = Start(arguments);
     for (int nTry = 0; nTry < 500 && !IsAttached(strDevices); ++nTry) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -78,6 +83,15 @@ CDeviceForBench::~CDeviceForBench() {
     waitpid(m_nAgent, nullptr, 0);
     std::error_code error;
     std::filesystem::remove_all(m_strFolder, error);
+}
+
+double CDeviceForBench::AgentCpuSeconds() const {
+    clockid_t clock{};
+    timespec time{};
+    if (clock_getcpuclockid(m_nAgent, &clock) != 0 || clock_gettime(clock, &time) != 0) {
+        return 0;
+    }
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
 RunResult Run(const std::vector<std::string>& arguments) {

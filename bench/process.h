@@ -16,15 +16,18 @@ std::string ProgramFolder();
 // An agent, from construction to destruction; all that it needs lies below a temporary folder, and
 // DAK_DEVICE_DIR of this process leads there. Ends the program with a message when it does not
 // start.
+enum class Pace { Paced, Prompt }; // what the agent says of its device
+
 class CDeviceForBench {
   public:
-    CDeviceForBench();
+    explicit CDeviceForBench(Pace ePace = Pace::Paced);
     ~CDeviceForBench();
     CDeviceForBench(const CDeviceForBench&) = delete;
     CDeviceForBench& operator=(const CDeviceForBench&) = delete;
 
     const std::string& Folder() const { return m_strFolder; }  // temporary, for whatever is needed
     std::string Root() const { return m_strFolder + "/root"; } // the device's files
+    double AgentCpuSeconds() const;                            // so far
 
   private:
     std::string m_strFolder;
