@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 
 namespace platform::posix {
@@ -32,7 +33,7 @@ class CCarrier {
     // For the yard, under its mutex: something to run, or null to end.
     void Give(std::shared_ptr<CCarried> pCarried) {
         m_pCarried = std::move(pCarried);
-        m_bAwaits = false;
+        m_bAwaits.store(false, std::memory_order_release);
     }
     void Wake() { m_parker.Unpark(); }
     void AwaitEnd() { pthread_join(m_thread, nullptr); }
@@ -46,7 +47,7 @@ class CCarrier {
     CParker m_parker;
     std::shared_ptr<CCarried> m_pCarried;
     const bool m_bParks; // its stack is the usual one
-    bool m_bAwaits = false;
+    std::atomic<bool> m_bAwaits{false};
 };
 
 // The parked carriers. The one that was parked last may still be on the last steps of what it ran.
@@ -57,11 +58,7 @@ class CYard {
     // Whether a parked carrier has taken it.
     bool Take(const std::shared_ptr<CCarried>& pCarried);
     // False when there is no room, and the carrier is to end.
-    bool Park(CCarrier& carrier, bool& bAwaits);
-    bool Awaits(const bool& bAwaits) {
-        const std::lock_guard hold(m_mutex);
-        return bAwaits;
-    }
+    bool Park(CCarrier& carrier, std::atomic<bool>& bAwaits);
     // Behind the library's last operation.
     void EndAll();
 
@@ -106,7 +103,7 @@ bool CYard::Take(const std::shared_ptr<CCarried>& pCarried) {
     return pCarrier != nullptr;
 }
 
-bool CYard::Park(CCarrier& carrier, bool& bAwaits) {
+bool CYard::Park(CCarrier& carrier, std::atomic<bool>& bAwaits) {
     const std::lock_guard hold(m_mutex);
     ForgetParents();
     if (m_bClosed || m_nCount == m_carriers.size()) {
@@ -194,7 +191,7 @@ bool CCarrier::RunOne() {
 
 void CCarrier::AwaitNext() {
     const CDeadline never(INFINITE);
-    while (Yard().Awaits(m_bAwaits)) {
+    while (m_bAwaits.load(std::memory_order_acquire)) {
         m_parker.Park(never);
     }
 }

@@ -96,18 +96,17 @@ const CDeadline& CDeadline::Earlier(const CDeadline& other) const noexcept {
 }
 
 void CParker::Park(const CDeadline& deadline) noexcept {
-    if (m_dwToken.exchange(0, std::memory_order_acquire) != 0) {
-        return;
+    if (m_dwState.exchange(ASLEEP, std::memory_order_acquire) != UNPARKED) {
+        // The bit-set form takes an absolute time, so that a wake for no reason costs no precision.
+        ::syscall(SYS_futex, &m_dwState, FUTEX_WAIT_BITSET_PRIVATE, ASLEEP, deadline.Get(), nullptr,
+                  FUTEX_BITSET_MATCH_ANY);
     }
-    // The bit-set form takes an absolute time, so that a wake for no reason costs no precision.
-    ::syscall(SYS_futex, &m_dwToken, FUTEX_WAIT_BITSET_PRIVATE, 0, deadline.Get(), nullptr,
-              FUTEX_BITSET_MATCH_ANY);
-    m_dwToken.exchange(0, std::memory_order_acquire);
+    m_dwState.exchange(AWAKE, std::memory_order_acquire);
 }
 
 void CParker::Unpark() noexcept {
-    if (m_dwToken.exchange(1, std::memory_order_release) == 0) {
-        ::syscall(SYS_futex, &m_dwToken, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    if (m_dwState.exchange(UNPARKED, std::memory_order_release) == ASLEEP) {
+        ::syscall(SYS_futex, &m_dwState, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
     }
 }
 
@@ -195,6 +194,12 @@ CWaiter::~CWaiter() {
 void CWaiter::Park(std::unique_lock<std::mutex>& hold, const CDeadline& deadline) noexcept {
     hold.unlock();
     m_parker.Park(deadline);
+    // Whoever woke us is about to let go of the mutex.
+    for (int i = 0; i < 200; ++i) {
+        if (hold.try_lock()) {
+            return;
+        }
+    }
     hold.lock();
 }
 

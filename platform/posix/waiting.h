@@ -38,7 +38,9 @@ class CParker {
     void Unpark() noexcept;
 
   private:
-    std::atomic<std::uint32_t> m_dwToken{0};
+    // Whether it sleeps, so that nobody calls the system to wake one who does not.
+    enum : std::uint32_t { AWAKE, UNPARKED, ASLEEP };
+    std::atomic<std::uint32_t> m_dwState{AWAKE};
 };
 
 // What a thread needs to block and to be stopped. Threads of CreateThread have one in their object;
