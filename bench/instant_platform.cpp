@@ -279,5 +279,12 @@ BOOL SetupDiGetDeviceInterfaceDetailA(HDEVINFO, SP_DEVICE_INTERFACE_DATA*,
 BOOL SetupDiDestroyDeviceInfoList(HDEVINFO) {
     return TRUE;
 }
+BOOL IsPromptDevice(HANDLE) {
+    return FALSE;
+}
+
+BOOL IsDeviceNodeLost(HANDLE) {
+    return FALSE;
+}
 
 } // namespace platform

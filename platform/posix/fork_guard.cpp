@@ -3,6 +3,7 @@
 // them whole.
 #include "platform/posix/carriers.h"
 #include "platform/posix/descriptors.h"
+#include "platform/posix/device_folder.h"
 #include "platform/posix/handles.h"
 #include "platform/posix/named_locks.h"
 #include "platform/thread.h"
@@ -27,11 +28,13 @@ void HoldTables() {
     NamedLockMutex().lock();
     CarrierMutex().lock();
     HandleTableMutex().lock();
+    DeviceChoiceMutex().lock();
     ListMutex().lock();
 }
 
 void ReleaseTables() {
     ListMutex().unlock();
+    DeviceChoiceMutex().unlock();
     HandleTableMutex().unlock();
     CarrierMutex().unlock();
     NamedLockMutex().unlock();

@@ -155,7 +155,7 @@ bool CNodeTransfer::HasEnded() const {
 }
 
 CDeviceNode::CDeviceNode(HANDLE hNode, const char* lpszPath)
-    : m_hNode(hNode), m_strPath(lpszPath), m_bPrompt(MayBePrompt() && SaysPrompt(lpszPath)) {}
+    : m_hNode(hNode), m_bPrompt(MayBePrompt() && SaysPrompt(lpszPath)) {}
 
 bool CDeviceNode::Read(void* lpBuffer, DWORD dwSize, DWORD& dwCount) {
     if (!m_read.Settle(m_hNode)) {
@@ -193,10 +193,6 @@ bool CDeviceNode::AwaitEnd(CNodeTransfer& transfer, BOOL bBegun) {
     return bDone;
 }
 
-bool CDeviceNode::HasLostDevice(const char* lpszPath) const {
-    return m_hNode != nullptr && m_bLost.load() && m_strPath == lpszPath;
-}
-
 HANDLE RememberNode(HANDLE hNode, const char* lpszPath) {
     if (hNode == INVALID_HANDLE_VALUE) {
         return hNode;
@@ -227,12 +223,6 @@ void ForgetNode(HANDLE hObject) {
         pNode->m_hNode = nullptr;
         Sweep();
     }
-}
-
-bool IsDeviceLost(const char* lpszPath) {
-    const CLockHold hold(g_TableLock);
-    return FindFirst([&](const CDeviceNode& node) { return node.HasLostDevice(lpszPath); }) !=
-           nullptr;
 }
 
 } // namespace platform::windows

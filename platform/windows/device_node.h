@@ -6,7 +6,6 @@
 #include "platform/types.h"
 
 #include <atomic>
-#include <string>
 #include <vector>
 
 namespace platform::windows {
@@ -60,7 +59,7 @@ class CDeviceNode {
     bool Write(const void* lpBuffer, DWORD dwSize, DWORD& dwCount);
 
     bool HasEnded() const { return m_read.HasEnded() && m_write.HasEnded(); }
-    bool HasLostDevice(const char* lpszPath) const;
+    bool HasLostDevice() const { return m_bLost.load(); }
     bool IsPrompt() const { return m_bPrompt; }
 
     // In the table of nodes. The handle is null when it has been closed.
@@ -70,7 +69,6 @@ class CDeviceNode {
   private:
     bool AwaitEnd(CNodeTransfer& transfer, BOOL bBegun);
 
-    const std::string m_strPath;
     const bool m_bPrompt;
     std::atomic<bool> m_bLost{false};
     CNodeTransfer m_read;
@@ -84,9 +82,5 @@ HANDLE RememberNode(HANDLE hNode, const char* lpszPath);
 CDeviceNode* FindNode(HANDLE hObject);
 // Ahead of the closing of a handle: where it is a node's, the handle is known no longer.
 void ForgetNode(HANDLE hObject);
-
-// Whether a node is open whose device has gone from this path. What is there now is another
-// attachment, and whoever waits on the node waits in vain.
-bool IsDeviceLost(const char* lpszPath);
 
 } // namespace platform::windows
