@@ -87,6 +87,9 @@ CONTRACT_TEST(Threads, AStopEndsEveryBlockingCallNowAndLater) {
     ASSERT_EQ(held.Wait(0), WAIT_OBJECT_0);
     const CTask sleeper([] { Sleep(INFINITE); });
     EXPECT_EQ(ResumeThread(sleeper.Handle()), 0xFFFFFFFF) << "it runs";
+    char ch = 'x';
+    DWORD dwCount = 77;
+    const HANDLE hFile = Open(contract::Folder() + "\\a", GENERIC_WRITE, CREATE_NEW);
     const std::function<bool()> fail[] = {
         [] { return Sleep(FOR_AGES_MS), true; },
         [&] { return held.Wait(FOR_AGES_MS) == WAIT_FAILED; },
@@ -102,12 +105,14 @@ CONTRACT_TEST(Threads, AStopEndsEveryBlockingCallNowAndLater) {
             for (const auto& later : fail) {
                 nFailed += later() ? 1 : 0;
             }
+            EXPECT_TRUE(!WriteFile(hFile, &ch, 1, &dwCount) && dwCount == 77);
         });
         EXPECT_TRUE(task.IsStoppedWhileBlocked());
         EXPECT_EQ(nFailed, 5);
         EXPECT_TRUE(task.IsStopped()) << "a second time";
         EXPECT_LT(contract::NowMs() - qwStart, AT_ONCE_MS);
     }
+    EXPECT_TRUE(CloseHandle(hFile));
 }
 
 CONTRACT_TEST(Threads, AWordIsWaitedForUntilItChangesOrTimeIsOver) {

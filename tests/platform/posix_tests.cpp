@@ -66,17 +66,13 @@ TEST(PosixLock, IsSharedByProcessesAndEndsWithThem) {
 
 TEST(PosixLock, OfProcessesThatMakeItAtOnceOneWins) {
     const CDeviceFolder devices;
-    const auto probe = [](HANDLE* lphLock) {
-        return static_cast<char>(::tolower(ProbeLock(lphLock)));
-    };
     for (int nRound = 0; nRound < 20; ++nRound) {
         HANDLE hLock = nullptr;
-        const CProcess processes[] = {CProcess([&] { return probe(&hLock); }),
-                                      CProcess([&] { return probe(&hLock); })};
-        std::string strAnswers = {probe(&hLock), processes[0].Answer(), processes[1].Answer()};
+        const CProcess first([&] { return ProbeLock(&hLock); });
+        const CProcess second([&] { return ProbeLock(&hLock); });
+        const std::string strAnswers = {ProbeLock(&hLock), first.Answer(), second.Answer()};
+        EXPECT_EQ(std::ranges::count_if(strAnswers, ::isupper), 1) << strAnswers;
         CloseHandle(hLock);
-        std::ranges::sort(strAnswers);
-        EXPECT_EQ(strAnswers, "een");
     }
 }
 
@@ -124,16 +120,11 @@ TEST(PosixDeviceFolder, ADefaultFolderMustBeOurs) {
     EXPECT_EQ(DeviceNames(), "device ");
     fs::rename(folder, runtime / "elsewhere");
     fs::create_directory_symlink("elsewhere", folder);
-    EXPECT_EQ(ProbeLock(), '-') << "a symbolic link";
-    EXPECT_EQ(DeviceNames(), "");
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE) << "there is not even a set";
-    if (::geteuid() == 0) {
-        fs::remove(folder);
-        fs::rename(runtime / "elsewhere", folder);
-        ASSERT_EQ(::chown(folder.c_str(), 12345, 12345), 0);
-        EXPECT_EQ(ProbeLock(), '-') << "another user's";
-        EXPECT_EQ(DeviceNames(), "");
-    }
+    EXPECT_EQ(DeviceNames() + ProbeLock(), "-") << "a symbolic link";
+    fs::remove(folder);
+    fs::rename(runtime / "elsewhere", folder);
+    ASSERT_TRUE(::geteuid() != 0 || ::chown(folder.c_str(), 12345, 12345) == 0);
+    EXPECT_EQ(DeviceNames() + ProbeLock(), ::geteuid() == 0 ? "-" : "device N") << "another user's";
 }
 
 TEST(PosixFiles, WhatIsNoRegularFileIsRefusedWithoutAWait) {
@@ -143,8 +134,7 @@ TEST(PosixFiles, WhatIsNoRegularFileIsRefusedWithoutAWait) {
     const CAttachment attachment(folder.Path("devices"));
     for (const std::string& strPath :
          {folder.Path("fifo"), folder.Path("link"), attachment.strSocket, std::string("/dev/zero"),
-          "\\\\?\\" + folder.Path("fifo"), std::string(5000, 'a'),
-          folder.Path(std::string(256, 'a'))}) {
+          "\\\\?\\" + folder.Path("fifo"), std::string(5000, 'a')}) {
         for (const DWORD dwAccess : {GENERIC_READ, GENERIC_WRITE, GENERIC_READ | GENERIC_WRITE}) {
             EXPECT_FALSE(Opens(strPath, dwAccess) || Opens(strPath, dwAccess, CREATE_ALWAYS));
         }
@@ -153,24 +143,20 @@ TEST(PosixFiles, WhatIsNoRegularFileIsRefusedWithoutAWait) {
 
 TEST(PosixFiles, PermissionsAreHandedOnAndLinksAreNotFollowed) {
     const test::CTempFolder folder;
-    const auto permissions = [&](const char* lpszName) {
-        return static_cast<unsigned>(fs::status(folder / lpszName).permissions());
-    };
     for (const char* lpszName : {"old", "new", "outside"}) {
         folder.Write(lpszName, lpszName);
         fs::permissions(folder / lpszName, fs::perms{*lpszName == 'n' ? 0644U : 0440U});
     }
     fs::create_symlink("outside", folder / "link");
     EXPECT_FALSE(SetFileAttributesA(folder.Path("link").c_str(), FILE_ATTRIBUTE_NORMAL));
-    EXPECT_EQ(permissions("outside"), 0440U);
+    EXPECT_EQ(fs::status(folder / "outside").permissions(), fs::perms{0440});
     EXPECT_TRUE(SetFileAttributesA(folder.Path("old").c_str(), FILE_ATTRIBUTE_NORMAL));
     EXPECT_TRUE(MoveFileExA(folder.Path("new").c_str(), folder.Path("old").c_str(),
                             MOVEFILE_REPLACE_EXISTING));
-    EXPECT_EQ(permissions("old"), 0640U);
+    EXPECT_EQ(fs::status(folder / "old").permissions(), fs::perms{0640});
 }
 
 TEST(PosixFiles, TheCreationTimeIsKeptBesideTheContents) {
-    constexpr char ATTRIBUTE[] = "user.dak.creation_time";
     const test::CTempFolder folder;
     const std::string strPath = folder.Path("file");
     folder.Write("file", "abc");
@@ -181,24 +167,21 @@ TEST(PosixFiles, TheCreationTimeIsKeptBesideTheContents) {
         const HANDLE hFile = Open(strPath, GENERIC_READ | dwAccess);
         EXPECT_EQ(SetFileTime(hFile, &ftGiven, nullptr, nullptr) != FALSE, dwAccess != 0);
         EXPECT_TRUE(GetFileTime(hFile, &ftCreated, nullptr, nullptr) && CloseHandle(hFile));
-        return std::bit_cast<std::uint64_t>(ftCreated);
+        return test::U64(std::bit_cast<std::uint64_t>(ftCreated));
     };
-    const std::uint64_t qwBirth = created(0);
-    EXPECT_EQ(created(GENERIC_WRITE), 0x0123456789ABCDEFU);
+    const Bytes birth = created(0);
     Bytes kept(8);
-    EXPECT_EQ(::getxattr(strPath.c_str(), ATTRIBUTE, kept.data(), kept.size()), 8);
+    EXPECT_EQ(created(GENERIC_WRITE), test::U64(0x0123456789ABCDEF));
+    EXPECT_EQ(::getxattr(strPath.c_str(), "user.dak.creation_time", kept.data(), 8), 8);
     EXPECT_EQ(kept, test::U64(0x0123456789ABCDEF));
-    // What is no time of ours is not taken for one.
-    for (const std::string strOther : {"1234567", "123456789", ""}) {
-        ::setxattr(strPath.c_str(), ATTRIBUTE, strOther.data(), strOther.size(), 0);
-        EXPECT_EQ(created(0), qwBirth);
-    }
+    ::setxattr(strPath.c_str(), "user.dak.creation_time", "123456789", 9, 0);
+    EXPECT_EQ(created(0), birth) << "what is no time of ours is not taken for one";
 }
 
-TEST(PosixFiles, AreAwareOfFullDisksStopsAndLargeFiles) {
+TEST(PosixFiles, AreAwareOfFullDisksAndTheirSize) {
     const test::CTempFolder folder;
     const HANDLE hFile = Open(folder.Path("file"), GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
-    Bytes bytes(10000);
+    const Bytes bytes(10000);
     DWORD dwCount = 77;
     // A file that may not grow stands for a disk that is full.
     const CProcess writer([&] {
@@ -209,18 +192,9 @@ TEST(PosixFiles, AreAwareOfFullDisksStopsAndLargeFiles) {
         return !bWritten && GetLastError() == ERROR_DISK_FULL && dwCount == 77 ? 'y' : 'n';
     });
     EXPECT_EQ(writer.Answer(), 'y');
-    // In a thread that is being stopped nothing moves.
-    const CTask stopped([&] {
-        Sleep(INFINITE);
-        EXPECT_FALSE(WriteFile(hFile, bytes.data(), 10000, &dwCount) ||
-                     ReadFile(hFile, bytes.data(), 10000, &dwCount));
-        EXPECT_EQ(GetLastError(), ERROR_OPERATION_ABORTED);
-    });
-    EXPECT_TRUE(stopped.IsStopped() && dwCount == 77);
     EXPECT_EQ(SetFilePointer(hFile, 0x7FFFFFFF, nullptr, FILE_BEGIN), 0x7FFFFFFFU);
     EXPECT_EQ(SetFilePointer(hFile, 0x7FFFFFFF, nullptr, FILE_CURRENT), 0xFFFFFFFEU);
     EXPECT_EQ(SetFilePointer(hFile, 1, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER);
-    EXPECT_EQ(SetFilePointer(hFile, 0, nullptr, FILE_CURRENT), 0xFFFFFFFEU);
     fs::resize_file(folder / "file", (std::uintmax_t{7} << 32) + 5);
     EXPECT_TRUE(GetFileSize(hFile, &dwCount) == 5 && dwCount == 7 && CloseHandle(hFile));
 }
@@ -246,7 +220,6 @@ TEST(PosixMessages, TheDescriptorIsReadableWhileAMessageIsThere) {
 TEST(PosixRegistry, HasTheProcessorsSpeed) {
     constexpr char KEY[] = "hardware\\description\\SYSTEM\\CentralProcessor\\0";
     HKEY hKey = nullptr;
-    EXPECT_NE(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "MISSING", 0, KEY_READ, &hKey), 0);
     ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, KEY, 0, KEY_READ, &hKey), 0);
     const auto speed = [&](const char* lpszName, const char* lpszNamed) {
         const CEnvironment environment("DAK_CPU_MHZ", lpszNamed);
@@ -262,7 +235,6 @@ TEST(PosixRegistry, HasTheProcessorsSpeed) {
     for (const char* lpszNoNumber : {"fast", "-5", "200 MHz", " 200"}) {
         EXPECT_EQ(speed("~MHZ", lpszNoNumber), speed("~MHZ", "")) << "the machine's own";
     }
-    EXPECT_EQ(speed("~MH", "199"), 0x12345678U) << "another value";
     EXPECT_EQ(RegCloseKey(hKey), 0);
     EXPECT_EQ(speed("~MHZ", "199"), 0x12345678U) << "closed";
 }
@@ -319,13 +291,11 @@ TEST(PosixProcesses, AreFoundByTheirFileAndEnded) {
         EXPECT_TRUE(FindProcesses(row.strSeen).empty()) << "ended, though not yet forgotten";
         ::waitpid(nPid, nullptr, 0);
         EXPECT_TRUE(!TerminateProcess(hProcess, 0) && CloseHandle(hProcess)) << "gone";
-        EXPECT_EQ(OpenProcess(PROCESS_TERMINATE, FALSE, dwPid), nullptr);
     }
     // Some are never ended.
     for (const DWORD dwId : {DWORD{0}, DWORD{1}, static_cast<DWORD>(::getpid()), ~DWORD{0}}) {
         EXPECT_EQ(OpenProcess(PROCESS_TERMINATE, FALSE, dwId), nullptr) << dwId;
     }
-    EXPECT_FALSE(TerminateProcess(nullptr, 0));
 }
 
 } // namespace platform::tests

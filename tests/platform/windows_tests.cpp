@@ -48,17 +48,6 @@ CONTRACT_TEST(Names, ThatMeanAnythingButThemselvesAreRefused) {
     }
 }
 
-// The beginning of a temporary file's name is none of the device's business.
-CONTRACT_TEST(Names, OfATemporaryFileMeanNothingElse) {
-    std::size_t nFiles = 0;
-    for (const char* lpszPrefix : {"ab:c", "1:x", "ab\xF0\x9F\x98\x80", "..\\x", "NUL", ""}) {
-        char szPath[MAX_PATH];
-        EXPECT_NE(GetTempFileNameA(contract::Folder().c_str(), lpszPrefix, 0, szPath), 0U);
-        EXPECT_TRUE(Makes(szPath)) << szPath;
-        EXPECT_EQ(test::ReadTree(contract::Folder()).size(), ++nFiles) << szPath;
-    }
-}
-
 // The place through which this program calls the system.
 extern "C" decltype(&::CancelIoEx) __imp_CancelIoEx;
 
