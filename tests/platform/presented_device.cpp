@@ -12,10 +12,9 @@ extern "C" NTSTATUS NTAPI NtCreateSymbolicLinkObject(HANDLE*, ACCESS_MASK, OBJEC
                                                      UNICODE_STRING*);
 
 // NOLINTBEGIN(cppcoreguidelines-macro-usage)
-#define NAME "ROOT#DAK#0001#{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}"
-#define CLASS_KEY                                                                                  \
-    "SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}\\"  \
-    "##?#" NAME
+#define CLASS "{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}"
+#define NAME "ROOT#DAK#0001#" CLASS
+#define CLASS_KEY "SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\" CLASS "\\##?#" NAME
 #define PIPE "dak-presented-device"
 // NOLINTEND(cppcoreguidelines-macro-usage)
 
@@ -53,6 +52,7 @@ void SetPresent(bool bPresent) {
 // Enters the interface into the system's list, where it stays, and has its path lead to the pipe
 // for as long as the handle is open.
 HANDLE Register() {
+    SetValue("SYSTEM\\CurrentControlSet\\Enum\\ROOT\\DAK\\0001", "ClassGUID", REG_SZ, CLASS);
     SetValue(CLASS_KEY, "DeviceInstance", REG_SZ, "ROOT\\DAK\\0001");
     SetValue(CLASS_KEY "\\#", "SymbolicLink", REG_SZ, "\\\\?\\" NAME);
     UNICODE_STRING name;
