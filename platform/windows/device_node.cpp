@@ -71,7 +71,7 @@ bool CNodeTransfer::Settle(HANDLE hNode) {
 
 BYTE* CNodeTransfer::MakeRoom(DWORD dwSize) {
     try {
-        m_bytes.resize(std::max<std::size_t>(m_bytes.size(), dwSize));
+        m_bytes.resize(std::max<std::size_t>({m_bytes.size(), dwSize, 1}));
     } catch (const std::exception&) {
         ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
