@@ -238,54 +238,44 @@ TEST(PosixRegistry, HasTheProcessorsSpeed) {
     EXPECT_EQ(speed("199"), 0x12345678U) << "closed";
 }
 
-// The processes that run a file of this name.
-static std::vector<DWORD> FindProcesses(const std::string& strName) {
+// Whether a process that runs a file of this name is listed.
+static bool IsListed(const std::string& strName) {
     const HANDLE hSnapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    std::vector<DWORD> found;
     PROCESSENTRY32 entry{};
-    for (BOOL bMore = Process32First(hSnapshot, &entry); bMore != FALSE;
-         bMore = Process32Next(hSnapshot, &entry)) {
-        if (strName == entry.szExeFile) {
-            found.push_back(entry.th32ProcessID);
-        }
+    BOOL bMore = Process32First(hSnapshot, &entry);
+    while (bMore != FALSE && strName != entry.szExeFile) {
+        bMore = Process32Next(hSnapshot, &entry);
     }
     EXPECT_TRUE(CloseHandle(hSnapshot) && !Process32First(hSnapshot, &entry));
-    return found;
+    return bMore != FALSE;
 }
 
 TEST(PosixProcesses, AreFoundByTheirFileAndEnded) {
-    // Names of this run's own: others may run at the same time.
+    // A name of this run's own: others may run at the same time.
     const std::string strName = std::to_string(::getpid()) + "-with-a-long-name.exe";
-    const struct {
-        std::string strFile;
-        std::string strCommand;
-        std::string strSeen;
-    } rows[] = {
-        {strName, "shell", strName},
-        {"wine64-preloader", "C:\\x\\" + strName, strName},
-        {"wine64-preloader", "something else", strName.substr(0, 15)},
-    };
+    // The file that runs, and the first word of its command line: a loader runs what that names.
+    const std::pair<std::string, std::string> rows[] = {{strName, "shell"},
+                                                        {"wine64-preloader", "C:\\x\\" + strName}};
     // As a loader does, it tells the kernel the name, of which that keeps 15 bytes.
     const std::string strScript = "echo " + strName + " >/proc/$$/comm; kill -STOP $$";
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.strSeen);
+    for (const auto& [strRun, strCommand] : rows) {
+        SCOPED_TRACE(strRun);
         const test::CTempFolder folder;
-        const std::string strFile = folder.Path(row.strFile);
+        const std::string strFile = folder.Path(strRun);
         fs::copy("/bin/sh", strFile);
         const pid_t nPid = ::fork();
         if (nPid == 0) {
-            ::execl(strFile.c_str(), row.strCommand.c_str(), "-c", strScript.c_str(), nullptr);
+            ::execl(strFile.c_str(), strCommand.c_str(), "-c", strScript.c_str(), nullptr);
             ::_exit(127);
         }
         EXPECT_EQ(::waitpid(nPid, nullptr, WUNTRACED), nPid);
         fs::remove(strFile); // a program's file may be gone
-        const auto dwPid = static_cast<DWORD>(nPid);
-        EXPECT_EQ(FindProcesses(row.strSeen), std::vector{dwPid});
-        const HANDLE hProcess = OpenProcess(PROCESS_TERMINATE, FALSE, dwPid);
+        EXPECT_TRUE(IsListed(strName));
+        const HANDLE hProcess = OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(nPid));
         EXPECT_TRUE(TerminateProcess(hProcess, 0));
         siginfo_t ended{};
         EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(nPid), &ended, WEXITED | WNOWAIT), 0);
-        EXPECT_TRUE(ended.si_status == SIGKILL && FindProcesses(row.strSeen).empty());
+        EXPECT_TRUE(ended.si_status == SIGKILL && !IsListed(strName));
         ::waitpid(nPid, nullptr, 0);
         EXPECT_TRUE(!TerminateProcess(hProcess, 0) && CloseHandle(hProcess)) << "gone";
     }
