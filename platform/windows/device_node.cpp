@@ -33,10 +33,9 @@ void Sweep() {
     }
 }
 
-template <class FITS>
-CDeviceNode* FindFirst(FITS fits) {
+CDeviceNode* FindOpen(HANDLE hNode) {
     CDeviceNode* pNode = g_pFirst;
-    while (pNode != nullptr && !fits(*pNode)) {
+    while (pNode != nullptr && pNode->m_hNode != hNode) {
         pNode = pNode->m_pNext;
     }
     return pNode;
@@ -158,16 +157,12 @@ bool CDeviceNode::AwaitEnd(CNodeTransfer& transfer, BOOL bBegun) {
     return bDone;
 }
 
-bool CDeviceNode::HasLostDevice(const char* lpszPath) const {
-    return m_hNode != nullptr && m_bLost.load() && m_strPath == lpszPath;
-}
-
-HANDLE RememberNode(HANDLE hNode, const char* lpszPath) {
+HANDLE RememberNode(HANDLE hNode) {
     if (hNode == INVALID_HANDLE_VALUE) {
         return hNode;
     }
     try {
-        auto pNode = std::make_unique<CDeviceNode>(hNode, lpszPath);
+        auto pNode = std::make_unique<CDeviceNode>(hNode);
         const CLockHold hold(g_TableLock);
         Sweep();
         pNode->m_pNext = g_pFirst;
@@ -182,22 +177,14 @@ HANDLE RememberNode(HANDLE hNode, const char* lpszPath) {
 
 CDeviceNode* FindNode(HANDLE hObject) {
     const CLockHold hold(g_TableLock);
-    return FindFirst([&](const CDeviceNode& node) { return node.m_hNode == hObject; });
+    return FindOpen(hObject);
 }
 
 void ForgetNode(HANDLE hObject) {
     const CLockHold hold(g_TableLock);
-    if (CDeviceNode* pNode =
-            FindFirst([&](const CDeviceNode& node) { return node.m_hNode == hObject; })) {
+    if (CDeviceNode* const pNode = FindOpen(hObject)) {
         pNode->m_hNode = nullptr;
         Sweep();
     }
 }
-
-bool IsDeviceLost(const char* lpszPath) {
-    const CLockHold hold(g_TableLock);
-    return FindFirst([&](const CDeviceNode& node) { return node.HasLostDevice(lpszPath); }) !=
-           nullptr;
-}
-
 } // namespace platform::windows

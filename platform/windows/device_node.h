@@ -6,7 +6,6 @@
 #include "platform/types.h"
 
 #include <atomic>
-#include <string>
 #include <vector>
 
 namespace platform::windows {
@@ -53,14 +52,15 @@ class CNodeTransfer {
 
 class CDeviceNode {
   public:
-    CDeviceNode(HANDLE hNode, const char* lpszPath) : m_hNode(hNode), m_strPath(lpszPath) {}
+    explicit CDeviceNode(HANDLE hNode) : m_hNode(hNode) {}
 
     // As ReadFile and WriteFile of the seam.
     bool Read(void* lpBuffer, DWORD dwSize, DWORD& dwCount);
     bool Write(const void* lpBuffer, DWORD dwSize, DWORD& dwCount);
 
     bool HasEnded() const { return m_read.HasEnded() && m_write.HasEnded(); }
-    bool HasLostDevice(const char* lpszPath) const;
+    // Whether a transfer has failed because the device has been removed.
+    bool HasLostDevice() const { return m_bLost.load(); }
 
     // In the table of nodes. The handle is null when it has been closed.
     HANDLE m_hNode;
@@ -69,7 +69,6 @@ class CDeviceNode {
   private:
     bool AwaitEnd(CNodeTransfer& transfer, BOOL bBegun);
 
-    const std::string m_strPath;
     std::atomic<bool> m_bLost{false};
     CNodeTransfer m_read;
     CNodeTransfer m_write;
@@ -77,14 +76,10 @@ class CDeviceNode {
 
 // Takes the handle of a node that was just opened into the table and returns it. Without memory it
 // is closed, and the result INVALID_HANDLE_VALUE, as for one that could not be opened.
-HANDLE RememberNode(HANDLE hNode, const char* lpszPath);
+HANDLE RememberNode(HANDLE hNode);
 // Null for the handle of anything else.
 CDeviceNode* FindNode(HANDLE hObject);
 // Ahead of the closing of a handle: where it is a node's, the handle is known no longer.
 void ForgetNode(HANDLE hObject);
-
-// Whether a node is open whose device has gone from this path. What is there now is another
-// attachment, and whoever waits on the node waits in vain.
-bool IsDeviceLost(const char* lpszPath);
 
 } // namespace platform::windows

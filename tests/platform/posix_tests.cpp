@@ -1,5 +1,6 @@
 // What only the Linux implementation has: several processes, its file systems, /proc, and the
 // environment.
+#include "platform/device_choice.h"
 #include "platform/message.h"
 #include "platform/message_window.h"
 #include "platform/process.h"
@@ -96,6 +97,16 @@ TEST(PosixDeviceFolder, ListsWhatIsAttachedInByteOrder) {
         EXPECT_TRUE(first.Lock(F_OFD_SETLK, nType));
         EXPECT_EQ(DeviceNames(), "b ");
     }
+    {
+        const CAttachment other(devices.strFolder, "a");
+        const CEnvironment named("DAK_DEVICE", "b");
+        EXPECT_EQ(DeviceNames(), "b ");
+        EXPECT_TRUE(ChooseDevice("a"));
+        EXPECT_EQ(DeviceNames(), "a ");
+        std::ofstream(other.strSocket + ".lock") << "of another agent";
+        EXPECT_EQ(DeviceNames(), "");
+        EXPECT_TRUE(ChooseDevice(nullptr));
+    }
     // One that locks as a process does, which a mere close of the file in that process undoes: the
     // question takes nothing from it.
     auto pDevice =
@@ -111,6 +122,11 @@ TEST(PosixDeviceFolder, ListsWhatIsAttachedInByteOrder) {
 
 TEST(PosixDeviceFolder, ADefaultFolderMustBeOurs) {
     const test::CTempFolder runtime;
+    {
+        const CEnvironment named("DAK_DEVICE_DIR", runtime.Path("missing"));
+        EXPECT_EQ(ProbeLock(), 'N');
+        EXPECT_TRUE(fs::is_empty(runtime.Folder())) << "a name can be mistyped";
+    }
     const CEnvironment named("DAK_DEVICE_DIR", "");
     const CEnvironment environment("XDG_RUNTIME_DIR", runtime.Path());
     const fs::path folder = runtime / "dak";
@@ -120,9 +136,16 @@ TEST(PosixDeviceFolder, ADefaultFolderMustBeOurs) {
     EXPECT_EQ(DeviceNames(), "device ");
     fs::rename(folder, runtime / "elsewhere");
     fs::create_directory_symlink("elsewhere", folder);
+    DWORD dwSize = 0;
     EXPECT_EQ(DeviceNames() + ProbeLock(), "-") << "a symbolic link";
+    EXPECT_EQ(ListDevices(nullptr, &dwSize), ERROR_PATH_NOT_FOUND);
     fs::remove(folder);
     fs::rename(runtime / "elsewhere", folder);
+    EXPECT_EQ(DeviceNames(), "device ");
+    fs::permissions(folder, fs::perms::others_read, fs::perm_options::add);
+    EXPECT_EQ(ProbeLock(), '-') << "open to others";
+    EXPECT_EQ(ListDevices(nullptr, &dwSize), ERROR_ACCESS_DENIED);
+    fs::permissions(folder, fs::perms::owner_all);
     ASSERT_TRUE(::geteuid() != 0 || ::chown(folder.c_str(), 12345, 12345) == 0);
     EXPECT_EQ(DeviceNames() + ProbeLock(), ::geteuid() == 0 ? "-" : "device N") << "another user's";
 }

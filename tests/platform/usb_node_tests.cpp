@@ -49,6 +49,7 @@ static void Fails(CPlay& play) {
 static void Breaks(CPlay& play) {
     Fails(play);
     EXPECT_TRUE(CTransfer(play.hNode, 1).Fails() && CTransfer(play.hNode, Bytes(1)).Fails());
+    EXPECT_TRUE(IsDeviceNodeLost(play.hNode) && DevicePaths().size() == 1) << "its own matter";
 }
 static void IsStopped(CPlay& play) {
     EXPECT_TRUE(play.pTransfer->IsStopped());
