@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <new>
 
 namespace platform::windows {
 namespace {
@@ -177,7 +178,7 @@ HANDLE RememberNode(HANDLE hNode) {
 
 CDeviceNode* FindNode(HANDLE hObject) {
     const CLockHold hold(g_TableLock);
-    return FindOpen(hObject);
+    return hObject != nullptr ? FindOpen(hObject) : nullptr;
 }
 
 void ForgetNode(HANDLE hObject) {
