@@ -92,20 +92,19 @@ TEST(PosixDeviceFolder, ListsWhatIsAttachedInByteOrder) {
     const CAttachment last(devices.strFolder, "b");
     const CAttachment first(devices.strFolder, "A");
     EXPECT_EQ(DeviceNames(), "A b ");
+    {
+        const CEnvironment named("DAK_DEVICE", "b");
+        EXPECT_EQ(DeviceNames(), "b ");
+        EXPECT_TRUE(ChooseDevice("A"));
+        EXPECT_EQ(DeviceNames(), "A ");
+        std::ofstream(first.strSocket + ".lock") << "of another agent";
+        EXPECT_EQ(DeviceNames(), "");
+        EXPECT_TRUE(ChooseDevice(nullptr));
+    }
     // A lock that only shows interest, or none: what a killed device leaves behind.
     for (const int nType : {F_RDLCK, F_UNLCK}) {
         EXPECT_TRUE(first.Lock(F_OFD_SETLK, nType));
         EXPECT_EQ(DeviceNames(), "b ");
-    }
-    {
-        const CAttachment other(devices.strFolder, "a");
-        const CEnvironment named("DAK_DEVICE", "b");
-        EXPECT_EQ(DeviceNames(), "b ");
-        EXPECT_TRUE(ChooseDevice("a"));
-        EXPECT_EQ(DeviceNames(), "a ");
-        std::ofstream(other.strSocket + ".lock") << "of another agent";
-        EXPECT_EQ(DeviceNames(), "");
-        EXPECT_TRUE(ChooseDevice(nullptr));
     }
     // One that locks as a process does, which a mere close of the file in that process undoes: the
     // question takes nothing from it.

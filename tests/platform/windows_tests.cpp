@@ -45,71 +45,59 @@ CONTRACT_TEST(Names, ThatMeanAnythingButThemselvesAreRefused) {
     }
 }
 
-// The place through which this program calls the system.
+// The place through which this program calls the system, and what stands there where a transfer of
+// the node under test is cancelled.
 extern "C" decltype(&::CancelIoEx) __imp_CancelIoEx;
+static const auto g_cancel = __imp_CancelIoEx;
+static HANDLE g_hNode = nullptr;
+static bool g_bDelivers = false;
+static int g_nCancels = 0;
 
-// Stands between the seam and the system where a transfer of this node is cancelled, for a scope.
-class CCancels {
-  public:
-    CCancels(HANDLE hNode, std::function<void()> instead) {
-        s_hNode = hNode;
-        s_instead = std::move(instead);
-        s_nCancels = 0;
-        Set(Cancel);
+static BOOL WINAPI Cancel(HANDLE hFile, OVERLAPPED* lpOverlapped) {
+    if (hFile != g_hNode) {
+        return g_cancel(hFile, lpOverlapped);
     }
-    ~CCancels() { Set(s_cancel); }
-    CCancels(const CCancels&) = delete;
-    CCancels& operator=(const CCancels&) = delete;
-
-    static inline int s_nCancels;
-
-  private:
-    static BOOL WINAPI Cancel(HANDLE hFile, OVERLAPPED* lpOverlapped) {
-        if (hFile != s_hNode) {
-            return s_cancel(hFile, lpOverlapped);
-        }
-        ++s_nCancels;
-        s_instead();
-        return TRUE;
+    ++g_nCancels;
+    if (g_bDelivers) {
+        contract::DeviceGives(Pattern(20));
     }
-    static void Set(decltype(&::CancelIoEx) cancel) {
-        DWORD dwBefore = 0;
-        ::VirtualProtect(&__imp_CancelIoEx, sizeof(cancel), PAGE_READWRITE, &dwBefore);
-        __imp_CancelIoEx = cancel;
-    }
-    static inline const auto s_cancel = __imp_CancelIoEx;
-    static inline HANDLE s_hNode;
-    static inline std::function<void()> s_instead;
-};
+    return TRUE;
+}
+static void SetCancel(decltype(&::CancelIoEx) cancel) {
+    DWORD dwBefore = 0;
+    ::VirtualProtect(&__imp_CancelIoEx, sizeof(cancel), PAGE_READWRITE, &dwBefore);
+    __imp_CancelIoEx = cancel;
+}
 
-// Whether the driver never finishes a cancel or the device delivers in the middle of one: the stop
+// Whether the device delivers in the middle of a cancel or the driver never finishes one: the stop
 // is a stop, and what comes all the same is kept.
 CONTRACT_TEST(Node, NoCancelHoldsTheCallerOrLosesBytes) {
     contract::PlugDevice();
-    const auto deliver = [] { contract::DeviceGives(Pattern(20)); };
-    for (const bool bInTheCancel : {true, false}) {
-        SCOPED_TRACE(bInTheCancel);
-        const HANDLE hNode = OpenDevice();
-        const CCancels cancels(
-            hNode, bInTheCancel ? +deliver : [] {});
+    SetCancel(Cancel);
+    for (const bool bDelivers : {true, false}) {
+        SCOPED_TRACE(bDelivers);
+        g_hNode = OpenDevice();
+        g_bDelivers = bDelivers;
+        g_nCancels = 0;
         // On a busy machine the stop can come ahead of the read.
-        for (int i = 0; i < 10 && CCancels::s_nCancels == 0; ++i) {
-            EXPECT_TRUE(CTransfer(hNode, 12).IsStopped());
+        for (int i = 0; i < 10 && g_nCancels == 0; ++i) {
+            EXPECT_TRUE(CTransfer(g_hNode, 12).IsStopped());
         }
-        EXPECT_EQ(CCancels::s_nCancels, 1);
-        if (!bInTheCancel) {
-            deliver();
+        EXPECT_EQ(g_nCancels, 1);
+        if (!bDelivers) {
+            contract::DeviceGives(Pattern(20));
         }
         Bytes all;
         for (int i = 0; i < 5 && all.size() < 20; ++i) {
-            CTransfer read(hNode, 8);
+            CTransfer read(g_hNode, 8);
             EXPECT_TRUE(read.Succeeds());
             all = test::Join(all, read.Data());
         }
         EXPECT_EQ(all, Pattern(20));
-        EXPECT_TRUE(bInTheCancel || CTransfer(hNode, 12).IsStopped());
-        EXPECT_TRUE(CloseHandle(hNode)) << "though a transfer may be left behind";
+        EXPECT_TRUE(bDelivers || CTransfer(g_hNode, 12).IsStopped());
+        EXPECT_TRUE(CloseHandle(g_hNode)) << "though a transfer may be left behind";
     }
+    SetCancel(g_cancel);
 }
 
 TEST(WindowsMessages, TheEndOfTheThreadsLoopIsLeftToIt) {
