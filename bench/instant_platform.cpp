@@ -279,6 +279,14 @@ BOOL SetupDiGetDeviceInterfaceDetailA(HDEVINFO, SP_DEVICE_INTERFACE_DATA*,
 BOOL SetupDiDestroyDeviceInfoList(HDEVINFO) {
     return TRUE;
 }
+bool HasDrives() {
+    return false;
+}
+
+DWORD ProcessGeneration() {
+    return 0;
+}
+
 BOOL IsPromptDevice(HANDLE) {
     return FALSE;
 }

@@ -1,7 +1,7 @@
 #include "platform/device.h"
-#include "platform/windows/device_node.h"
 
 #include "platform/device_choice.h"
+#include "platform/windows/device_node.h"
 
 #include <cstring>
 #include <mutex>
@@ -200,9 +200,8 @@ BOOL SetupDiDestroyDeviceInfoList(HDEVINFO DeviceInfoSet) {
     return ::SetupDiDestroyDeviceInfoList(DeviceInfoSet);
 }
 
-// The system does not tell.
 BOOL IsDeviceNodeLost(HANDLE hDevice) {
-    const windows::CDeviceNode* pNode = windows::FindNode(hDevice);
+    const windows::CDeviceNode* const pNode = windows::FindNode(hDevice);
     return pNode != nullptr && pNode->HasLostDevice() ? TRUE : FALSE;
 }
 

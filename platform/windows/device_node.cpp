@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <new>
 #include <string_view>
 
 namespace platform::windows {
@@ -34,10 +35,9 @@ void Sweep() {
     }
 }
 
-template <class FITS>
-CDeviceNode* FindFirst(FITS fits) {
+CDeviceNode* FindOpen(HANDLE hNode) {
     CDeviceNode* pNode = g_pFirst;
-    while (pNode != nullptr && !fits(*pNode)) {
+    while (pNode != nullptr && pNode->m_hNode != hNode) {
         pNode = pNode->m_pNext;
     }
     return pNode;
@@ -103,7 +103,7 @@ bool CNodeTransfer::Settle(HANDLE hNode) {
 
 BYTE* CNodeTransfer::MakeRoom(DWORD dwSize) {
     try {
-        m_bytes.resize(std::max<std::size_t>(m_bytes.size(), dwSize));
+        m_bytes.resize(std::max<std::size_t>({m_bytes.size(), dwSize, 1}));
     } catch (const std::exception&) {
         ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
@@ -198,7 +198,7 @@ HANDLE RememberNode(HANDLE hNode, const char* lpszPath) {
         return hNode;
     }
     try {
-        auto pNode = std::make_unique<CDeviceNode>(hNode, lpszPath);
+        auto pNode = std::make_unique<CDeviceNode>(hNode);
         const CLockHold hold(g_TableLock);
         Sweep();
         pNode->m_pNext = g_pFirst;
@@ -213,16 +213,14 @@ HANDLE RememberNode(HANDLE hNode, const char* lpszPath) {
 
 CDeviceNode* FindNode(HANDLE hObject) {
     const CLockHold hold(g_TableLock);
-    return FindFirst([&](const CDeviceNode& node) { return node.m_hNode == hObject; });
+    return hObject != nullptr ? FindOpen(hObject) : nullptr;
 }
 
 void ForgetNode(HANDLE hObject) {
     const CLockHold hold(g_TableLock);
-    if (CDeviceNode* pNode =
-            FindFirst([&](const CDeviceNode& node) { return node.m_hNode == hObject; })) {
+    if (CDeviceNode* const pNode = FindOpen(hObject)) {
         pNode->m_hNode = nullptr;
         Sweep();
     }
 }
-
 } // namespace platform::windows

@@ -59,6 +59,7 @@ class CDeviceNode {
     bool Write(const void* lpBuffer, DWORD dwSize, DWORD& dwCount);
 
     bool HasEnded() const { return m_read.HasEnded() && m_write.HasEnded(); }
+    // Whether a transfer has failed because the device has been removed.
     bool HasLostDevice() const { return m_bLost.load(); }
     bool IsPrompt() const { return m_bPrompt; }
 
@@ -77,7 +78,7 @@ class CDeviceNode {
 
 // Takes the handle of a node that was just opened into the table and returns it. Without memory it
 // is closed, and the result INVALID_HANDLE_VALUE, as for one that could not be opened.
-HANDLE RememberNode(HANDLE hNode, const char* lpszPath);
+HANDLE RememberNode(HANDLE hNode);
 // Null for the handle of anything else.
 CDeviceNode* FindNode(HANDLE hObject);
 // Ahead of the closing of a handle: where it is a node's, the handle is known no longer.

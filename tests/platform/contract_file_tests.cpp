@@ -17,6 +17,14 @@ static std::string In(const std::string& strName) {
     return contract::Folder() + "\\" + strName;
 }
 
+// Makes a file with these contents.
+static bool Make(const std::string& strPath, const std::string& strContents) {
+    const HANDLE hFile = Open(strPath, GENERIC_WRITE, CREATE_ALWAYS);
+    DWORD dwCount = 0;
+    return WriteFile(hFile, strContents.data(), static_cast<DWORD>(strContents.size()), &dwCount) &&
+           dwCount == strContents.size() && CloseHandle(hFile);
+}
+
 static std::string Contents(const std::string& strPath) {
     const HANDLE hFile = Open(strPath);
     char szBuffer[256];
@@ -36,34 +44,20 @@ static bool Does(const std::string& strWords) {
     const std::string strPath = In(strName);
     const std::string strTo = In(strOther);
     const char* const lpszPath = strPath.c_str();
-    const auto opens = [&](DWORD dwDisposition) {
-        return [=] { return Opens(strPath, GENERIC_WRITE, dwDisposition); };
-    };
-    const auto attribute = [&](DWORD dwAttributes) {
-        return [=] { return SetFileAttributesA(lpszPath, dwAttributes) != FALSE; };
-    };
-    const auto make = [&] {
-        const HANDLE hFile = Open(strPath, GENERIC_WRITE, CREATE_ALWAYS);
-        DWORD dwCount = 0;
-        return WriteFile(hFile, strOther.data(), static_cast<DWORD>(strOther.size()), &dwCount) &&
-               dwCount == strOther.size() && CloseHandle(hFile);
-    };
-    const std::map<std::string, std::function<bool()>> verbs = {
-        {"create-new", opens(CREATE_NEW)},
-        {"create", opens(CREATE_ALWAYS)},
-        {"open", opens(OPEN_EXISTING)},
-        {"open-always", opens(OPEN_ALWAYS)},
-        {"truncate", opens(TRUNCATE_EXISTING)},
-        {"make", make},
-        {"folder", [=] { return CreateDirectoryA(lpszPath, nullptr) != FALSE; }},
-        {"move", [&] { return MoveFileA(lpszPath, strTo.c_str()) != FALSE; }},
-        {"replace",
-         [&] { return MoveFileExA(lpszPath, strTo.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE; }},
-        {"delete", [=] { return DeleteFileA(lpszPath) != FALSE; }},
-        {"protect", attribute(FILE_ATTRIBUTE_READONLY)},
-        {"free", attribute(FILE_ATTRIBUTE_NORMAL)},
-    };
-    return verbs.at(strVerb)();
+    const std::map<std::string, DWORD> dispositions = {{"create-new", CREATE_NEW},
+                                                       {"create", CREATE_ALWAYS},
+                                                       {"open", OPEN_EXISTING},
+                                                       {"open-always", OPEN_ALWAYS},
+                                                       {"truncate", TRUNCATE_EXISTING}};
+    const auto open = dispositions.find(strVerb);
+    return open != dispositions.end() ? Opens(strPath, GENERIC_WRITE, open->second)
+           : strVerb == "make"        ? Make(strPath, strOther)
+           : strVerb == "folder"      ? CreateDirectoryA(lpszPath, nullptr)
+           : strVerb == "move"        ? MoveFileA(lpszPath, strTo.c_str())
+           : strVerb == "replace" ? MoveFileExA(lpszPath, strTo.c_str(), MOVEFILE_REPLACE_EXISTING)
+           : strVerb == "delete"  ? DeleteFileA(lpszPath)
+           : strVerb == "protect" ? SetFileAttributesA(lpszPath, FILE_ATTRIBUTE_READONLY)
+                                  : SetFileAttributesA(lpszPath, FILE_ATTRIBUTE_NORMAL);
 }
 
 CONTRACT_TEST(Files, AreMadeOpenedMovedAndDeleted) {
@@ -135,15 +129,22 @@ CONTRACT_TEST(Files, TemporaryNamesAreNewEmptyAndNeverTooLong) {
         char szPath[MAX_PATH] = {};
         char chGuard = 'g';
     } target;
-    const auto make = [&](const std::string& strFolder, const char* lpszPrefix) {
-        return GetTempFileNameA(strFolder.c_str(), lpszPrefix, 0, target.szPath) != 0;
+    const auto make = [&](const std::string& strFolder, const std::string& strPrefix) {
+        return GetTempFileNameA(strFolder.c_str(), strPrefix.c_str(), 0, target.szPath) != 0;
     };
     std::set<std::string> names;
-    for (const char* lpszPrefix : {"name.txt", "name.txt", "", ".hidden", "\xC3\xBC\xC3\xBC"}) {
-        ASSERT_TRUE(make(contract::Folder(), lpszPrefix));
-        EXPECT_TRUE(names.insert(target.szPath).second) << target.szPath;
-        EXPECT_TRUE(std::string(target.szPath).starts_with(contract::Folder()));
-        EXPECT_EQ(Contents(target.szPath), "empty");
+    // Of a name that means anything but itself, and of half a character, nothing is taken over.
+    for (const std::string strPrefix :
+         {"name.txt", "name.txt", "", "../../up", "sub\\name", "ab:c", "NUL", ".hidden",
+          "\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC"}) {
+        ASSERT_TRUE(make(contract::Folder(), strPrefix));
+        const std::string strPath = target.szPath;
+        EXPECT_TRUE(names.insert(strPath).second) << strPath;
+        EXPECT_EQ(strPath.find_last_of("\\/"), contract::Folder().size());
+        EXPECT_EQ(Contents(strPath), "empty");
+        WCHAR wide[MAX_PATH] = {};
+        MultiByteToWideChar(CP_ACP, 0, strPath.c_str(), -1, wide, MAX_PATH);
+        EXPECT_EQ(std::count(wide, wide + MAX_PATH, WCHAR{0xFFFD}), 0);
     }
     EXPECT_FALSE(make(In("missing"), "a") || make(std::string(300, 'f'), "a"));
     // Folders of every length around the one for which nothing is left.
@@ -162,32 +163,26 @@ CONTRACT_TEST(Files, TemporaryNamesAreNewEmptyAndNeverTooLong) {
 }
 
 CONTRACT_TEST(Files, KeepTheTimesTheyAreGiven) {
-    constexpr std::uint64_t NOT_SET = 0;
     constexpr std::uint64_t BEYOND = 0x8000000000000000;
-    const std::pair<std::uint64_t, std::uint64_t> rows[] = {
-        {116394735999999999, 116444735999999999}, // ahead of 1970
-        {126950000012345678, 127000000012345678},
-        {127000000000000000, NOT_SET},
-        {NOT_SET, 137000000000000001}, // 2035
-        {NOT_SET, NOT_SET},
-        {BEYOND, 127000000000000000},
-        {127000000000000000, BEYOND},
+    // The times of creation and of the latest write that are set, and those that are there then.
+    const std::uint64_t rows[][4] = {
+        {116394735999999999, 116444735999999999, 116394735999999999, 116444735999999999}, // 1969
+        {126950000012345678, 0, 126950000012345678, 116444735999999999},
+        {0, 137000000000000001, 126950000012345678, 137000000000000001}, // 2035
+        {BEYOND, 127000000000000000, 126950000012345678, 137000000000000001},
+        {127000000000000000, BEYOND, 126950000012345678, 137000000000000001},
     };
     HANDLE hFile = Open(In("file"), GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
-    std::uint64_t qwCreated = 0;
-    std::uint64_t qwWritten = 0;
-    for (const auto& [qwCreation, qwWrite] : rows) {
-        const auto ftCreation = std::bit_cast<FILETIME>(qwCreation);
-        const auto ftWrite = std::bit_cast<FILETIME>(qwWrite);
-        const bool bSets = qwCreation != BEYOND && qwWrite != BEYOND;
-        EXPECT_EQ(platform::SetFileTime(hFile, &ftCreation, nullptr, &ftWrite) != FALSE, bSets);
-        qwCreated = bSets && qwCreation != NOT_SET ? qwCreation : qwCreated;
-        qwWritten = bSets && qwWrite != NOT_SET ? qwWrite : qwWritten;
+    for (const auto& row : rows) {
+        const auto ftCreation = std::bit_cast<FILETIME>(row[0]);
+        const auto ftWrite = std::bit_cast<FILETIME>(row[1]);
+        EXPECT_EQ(platform::SetFileTime(hFile, &ftCreation, nullptr, &ftWrite) != FALSE,
+                  row[0] != BEYOND && row[1] != BEYOND);
         FILETIME found[2] = {};
         EXPECT_TRUE(platform::GetFileTime(hFile, &found[0], nullptr, &found[1]));
-        EXPECT_TRUE(std::bit_cast<std::uint64_t>(found[0]) == qwCreated ||
+        EXPECT_TRUE(std::bit_cast<std::uint64_t>(found[0]) == row[2] ||
                     !contract::CreationTimesAreKept());
-        EXPECT_EQ(std::bit_cast<std::uint64_t>(found[1]), qwWritten);
+        EXPECT_EQ(std::bit_cast<std::uint64_t>(found[1]), row[3]);
     }
     EXPECT_TRUE(platform::SetFileTime(hFile, nullptr, nullptr, nullptr));
     EXPECT_TRUE(platform::GetFileTime(hFile, nullptr, nullptr, nullptr) && CloseHandle(hFile));
@@ -199,12 +194,9 @@ CONTRACT_TEST(Memory, IsZeroAndRoomIsTold) {
         EXPECT_EQ(std::count(buffer.Get(), buffer.Get() + 100000, 0), 100000);
         std::memset(buffer.Get(), 0xEE, 100000);
     }
-    EXPECT_EQ(LocalFree(nullptr), nullptr);
-
     std::uint64_t qwFree = 0;
     std::uint64_t qwTotal = 0;
-    EXPECT_TRUE(GetDiskFreeSpaceExA(contract::Folder().c_str(), &qwFree, nullptr, nullptr));
-    EXPECT_TRUE(GetDiskFreeSpaceExA(contract::Folder().c_str(), nullptr, &qwTotal, nullptr));
+    EXPECT_TRUE(GetDiskFreeSpaceExA(contract::Folder().c_str(), &qwFree, &qwTotal, nullptr));
     EXPECT_TRUE(0 < qwFree && qwFree <= qwTotal);
     EXPECT_FALSE(GetDiskFreeSpaceExA(In("missing").c_str(), &qwFree, nullptr, nullptr));
 }
@@ -216,23 +208,24 @@ CONTRACT_TEST(Text, GoesToUtf16AndBackWhereThereIsRoom) {
         {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", DAK_WIDE("\xD800\xDC00\xDBFF\xDFFF")},
     };
     for (const auto& [strNarrow, strWide] : rows) {
-        // With exactly the room that is needed, and with every smaller one.
-        for (std::size_t nShort = 0; nShort < strWide.size(); ++nShort) {
-            std::basic_string<WCHAR> wide(strWide.size() + 1 - nShort, 0);
-            std::string narrow(strNarrow.size() + 1 - nShort, 0);
-            const auto nWide = static_cast<int>(wide.size());
-            const auto nNarrow = static_cast<int>(narrow.size());
-            BOOL bReplaced = TRUE;
-            EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, strNarrow.c_str(), -1, wide.data(), nWide),
-                      nShort == 0 ? nWide : 0);
-            EXPECT_TRUE(nShort == 0 || GetLastError() == ERROR_INSUFFICIENT_BUFFER);
-            EXPECT_EQ(WideCharToMultiByte(CP_ACP, 0, strWide.c_str(), -1, narrow.data(), nNarrow,
-                                          nullptr, &bReplaced),
-                      nShort == 0 ? nNarrow : 0);
-            EXPECT_TRUE(nShort == 0
-                            ? wide.c_str() == strWide && narrow.c_str() == strNarrow && !bReplaced
-                            : GetLastError() == ERROR_INSUFFICIENT_BUFFER);
-        }
+        std::basic_string<WCHAR> wide(strWide.size(), 0);
+        std::string narrow(strNarrow.size(), 0);
+        BOOL bReplaced = TRUE;
+        // The room is that of the text without its terminator, and so many more.
+        const auto toWide = [&](std::size_t nMore) {
+            return MultiByteToWideChar(CP_ACP, 0, strNarrow.c_str(), -1, wide.data(),
+                                       static_cast<int>(wide.size() + nMore));
+        };
+        const auto toNarrow = [&](std::size_t nMore) {
+            return WideCharToMultiByte(CP_ACP, 0, strWide.c_str(), -1, narrow.data(),
+                                       static_cast<int>(narrow.size() + nMore), nullptr,
+                                       &bReplaced);
+        };
+        EXPECT_TRUE(toWide(0) == 0 && GetLastError() == ERROR_INSUFFICIENT_BUFFER);
+        EXPECT_TRUE(toNarrow(0) == 0 && GetLastError() == ERROR_INSUFFICIENT_BUFFER);
+        EXPECT_EQ(toWide(1), static_cast<int>(wide.size() + 1));
+        EXPECT_EQ(toNarrow(1), static_cast<int>(narrow.size() + 1));
+        EXPECT_TRUE(wide == strWide && narrow == strNarrow && !bReplaced);
     }
     char szCopy[] = "12345";
     EXPECT_TRUE(lstrcpyA(szCopy, "abc") == szCopy && std::memcmp(szCopy, "abc\0005", 6) == 0);

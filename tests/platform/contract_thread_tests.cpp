@@ -40,31 +40,13 @@ CONTRACT_TEST(Handles, ThatAreNotOpenOrOfAnotherKindAreRefused) {
     // Open to the end: a system may give a closed handle's number to the next one.
     const CLockHandle lock(nullptr);
     HANDLE hFile = Open(contract::Folder() + "\\a", GENERIC_WRITE, CREATE_NEW);
-    EXPECT_TRUE(isNoFile(lock) && isNoThread(lock) && isNoThread(hFile) && !ReleaseMutex(hFile));
-    EXPECT_TRUE(CloseHandle(hFile));
+    EXPECT_TRUE(isNoFile(lock) && isNoThread(lock) && isNoThread(hFile) && !ReleaseMutex(hFile) &&
+                CloseHandle(hFile));
     for (HANDLE hBad : {hFile, HANDLE{nullptr}, INVALID_HANDLE_VALUE}) {
-        EXPECT_TRUE(isNoFile(hBad) && isNoThread(hBad) && !ReleaseMutex(hBad));
-        EXPECT_EQ(WaitForSingleObject(hBad, 0), WAIT_FAILED);
-        EXPECT_FALSE(CloseHandle(hBad));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        EXPECT_TRUE(isNoFile(hBad) && isNoThread(hBad) && !ReleaseMutex(hBad) &&
+                    WaitForSingleObject(hBad, 0) == WAIT_FAILED);
+        EXPECT_TRUE(!CloseHandle(hBad) && GetLastError() == ERROR_INVALID_HANDLE);
     }
-}
-
-CONTRACT_TEST(Threads, AWaitEndsWithTheThreadOrAtItsTimeOut) {
-    EXPECT_FALSE(Opens(contract::Folder() + "\\missing"));
-    const std::uint64_t qwStart = contract::NowMs();
-    const CTask task([] {
-        Sleep(0);
-        Sleep(100);
-        EXPECT_TRUE(!CloseHandle(nullptr) && GetLastError() == ERROR_INVALID_HANDLE);
-    });
-    EXPECT_EQ(WaitForSingleObject(task.Handle(), 0), WAIT_TIMEOUT);
-    EXPECT_EQ(WaitForSingleObject(task.Handle(), 30), WAIT_TIMEOUT);
-    EXPECT_GE(contract::NowMs() - qwStart, 30U);
-    EXPECT_EQ(WaitForSingleObject(task.Handle(), INFINITE), WAIT_OBJECT_0);
-    EXPECT_NE(GetLastError(), ERROR_INVALID_HANDLE) << "the error number is the thread's own";
-    EXPECT_GE(contract::NowMs() - qwStart, 100U);
-    EXPECT_TRUE(task.EndsWithin(0)) << "ended for good";
 }
 
 CONTRACT_TEST(Threads, ASuspendedOneRunsWhenItIsResumedOrNever) {
@@ -87,6 +69,9 @@ CONTRACT_TEST(Threads, AStopEndsEveryBlockingCallNowAndLater) {
     ASSERT_EQ(held.Wait(0), WAIT_OBJECT_0);
     const CTask sleeper([] { Sleep(INFINITE); });
     EXPECT_EQ(ResumeThread(sleeper.Handle()), 0xFFFFFFFF) << "it runs";
+    char ch = 'x';
+    DWORD dwCount = 77;
+    const HANDLE hFile = Open(contract::Folder() + "\\a", GENERIC_WRITE, CREATE_NEW);
     const std::function<bool()> fail[] = {
         [] { return Sleep(FOR_AGES_MS), true; },
         [&] { return held.Wait(FOR_AGES_MS) == WAIT_FAILED; },
@@ -102,31 +87,39 @@ CONTRACT_TEST(Threads, AStopEndsEveryBlockingCallNowAndLater) {
             for (const auto& later : fail) {
                 nFailed += later() ? 1 : 0;
             }
+            EXPECT_TRUE(!WriteFile(hFile, &ch, 1, &dwCount) && dwCount == 77);
         });
         EXPECT_TRUE(task.IsStoppedWhileBlocked());
         EXPECT_EQ(nFailed, 5);
         EXPECT_TRUE(task.IsStopped()) << "a second time";
         EXPECT_LT(contract::NowMs() - qwStart, AT_ONCE_MS);
     }
+    EXPECT_TRUE(CloseHandle(hFile));
 }
 
-CONTRACT_TEST(Threads, AWordIsWaitedForUntilItChangesOrTimeIsOver) {
+CONTRACT_TEST(Threads, WaitsEndWithWhatTheyWaitForOrAtTheirTimeOut) {
     static DWORD dwWord;
     dwWord = 1;
-    EXPECT_TRUE(WaitOnAddress(&dwWord, 2, INFINITE)) << "it differs already";
-    const std::uint64_t qwStart = contract::NowMs();
-    while (WaitOnAddress(&dwWord, 1, 30) != FALSE) {
-    }
-    EXPECT_EQ(GetLastError(), WAIT_TIMEOUT);
-    EXPECT_GE(contract::NowMs() - qwStart, 30U);
-
-    const auto awaitChange = [] {
+    const auto passed = [qwStart = contract::NowMs()] { return contract::NowMs() - qwStart; };
+    const auto awaitChange = [&] {
+        Sleep(0);
+        Sleep(30);
+        EXPECT_GE(passed(), 30U);
+        EXPECT_TRUE(!CloseHandle(nullptr) && GetLastError() == ERROR_INVALID_HANDLE);
         while (std::atomic_ref<DWORD>(dwWord).load() == 1) {
             WaitOnAddress(&dwWord, 1, INFINITE);
         }
     };
     const CTask first(awaitChange);
     const CTask second(awaitChange);
+    EXPECT_TRUE(WaitOnAddress(&dwWord, 2, INFINITE)) << "it differs already";
+    while (WaitOnAddress(&dwWord, 1, 60) != FALSE) {
+    }
+    EXPECT_EQ(GetLastError(), WAIT_TIMEOUT) << "the error number is the thread's own";
+    EXPECT_GE(passed(), 60U);
+    EXPECT_EQ(WaitForSingleObject(first.Handle(), 0), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(first.Handle(), 30), WAIT_TIMEOUT);
+    EXPECT_GE(passed(), 90U);
     const auto change = [](void*) -> DWORD {
         Sleep(SETTLE_MS);
         std::atomic_ref<DWORD>(dwWord).store(9);
@@ -135,15 +128,15 @@ CONTRACT_TEST(Threads, AWordIsWaitedForUntilItChangesOrTimeIsOver) {
     };
     // A closed handle does not stop the thread.
     EXPECT_TRUE(CloseHandle(CreateThread(nullptr, 0, change, nullptr, 0, nullptr)));
-    EXPECT_TRUE(first.Ends() && second.Ends());
+    EXPECT_EQ(WaitForSingleObject(first.Handle(), INFINITE), WAIT_OBJECT_0);
+    EXPECT_TRUE(second.Ends() && first.EndsWithin(0)) << "ended for good";
 }
 
 CONTRACT_TEST(Lock, LastsAsLongAsOneOfItsHandles) {
     for (int nRound = 0; nRound < 2; ++nRound) {
         auto first = std::make_unique<CLockHandle>("TheLock");
         const CLockHandle second("TheLock");
-        EXPECT_EQ(first->dwError, 0U) << "nobody has it open";
-        EXPECT_EQ(second.dwError, ERROR_ALREADY_EXISTS);
+        EXPECT_TRUE(first->dwError == 0 && second.dwError == ERROR_ALREADY_EXISTS);
         EXPECT_TRUE(CLockHandle("TheOtherLock").dwError == 0 && CLockHandle(nullptr).dwError == 0);
         // The handles share the hold, which ends with the last of them.
         EXPECT_EQ(first->Wait(INFINITE), WAIT_OBJECT_0);
@@ -154,21 +147,19 @@ CONTRACT_TEST(Lock, LastsAsLongAsOneOfItsHandles) {
 }
 
 CONTRACT_TEST(Lock, IsHeldOnceAndByNoThreadInParticular) {
-    for (const char* lpszName : {static_cast<const char*>(nullptr), "TheLock"}) {
-        const CLockHandle lock(lpszName);
-        EXPECT_FALSE(ReleaseMutex(lock)) << "not held";
-        EXPECT_EQ(lock.Wait(0), WAIT_OBJECT_0);
-        EXPECT_TRUE(CTask([&] { lock.Wait(INFINITE); }).IsStoppedWhileBlocked());
-        const CTask waiter([&] { EXPECT_EQ(lock.Wait(INFINITE), WAIT_OBJECT_0); });
-        EXPECT_FALSE(waiter.EndsWithin(SETTLE_MS));
-        const CTask releaser([&] { EXPECT_TRUE(ReleaseMutex(lock)); });
-        EXPECT_TRUE(waiter.Ends());
-        const std::uint64_t qwStart = contract::NowMs();
-        EXPECT_EQ(lock.Wait(30), WAIT_TIMEOUT) << "the ended waiter's hold is still there";
-        EXPECT_GE(contract::NowMs() - qwStart, 30U);
-        EXPECT_TRUE(ReleaseMutex(lock));
-        EXPECT_FALSE(ReleaseMutex(lock)) << "nor is it held by the waiter that was stopped";
-    }
+    const CLockHandle lock("TheLock");
+    EXPECT_FALSE(ReleaseMutex(lock)) << "not held";
+    EXPECT_EQ(lock.Wait(0), WAIT_OBJECT_0);
+    EXPECT_TRUE(CTask([&] { lock.Wait(INFINITE); }).IsStoppedWhileBlocked());
+    const CTask waiter([&] { EXPECT_EQ(lock.Wait(INFINITE), WAIT_OBJECT_0); });
+    EXPECT_FALSE(waiter.EndsWithin(SETTLE_MS));
+    const CTask releaser([&] { EXPECT_TRUE(ReleaseMutex(lock)); });
+    EXPECT_TRUE(waiter.Ends());
+    const std::uint64_t qwStart = contract::NowMs();
+    EXPECT_EQ(lock.Wait(30), WAIT_TIMEOUT) << "the ended waiter's hold is still there";
+    EXPECT_GE(contract::NowMs() - qwStart, 30U);
+    EXPECT_TRUE(ReleaseMutex(lock));
+    EXPECT_FALSE(ReleaseMutex(lock)) << "nor is it held by the waiter that was stopped";
 }
 
 CONTRACT_TEST(Messages, ArriveInTheirOrderOrAreRefused) {

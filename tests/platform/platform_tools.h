@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <utility>
@@ -47,16 +48,23 @@ class CTask {
     bool Ends() const { return EndsWithin(AT_ONCE_MS); }
     bool IsStopped() const { return TerminateThread(m_hThread, 0) != FALSE && EndsWithin(0); }
     // Whether it is found blocked, and ends when it is stopped.
-    bool IsStoppedWhileBlocked() const { return !EndsWithin(SETTLE_MS) && IsStopped(); }
+    bool IsStoppedWhileBlocked() const {
+        while (!m_bBegun) {
+            Sleep(1);
+        }
+        return !EndsWithin(SETTLE_MS) && IsStopped();
+    }
 
   private:
     static DWORD WINAPI Run(void* lpTask) {
+        static_cast<CTask*>(lpTask)->m_bBegun = true;
         static_cast<CTask*>(lpTask)->m_body();
         return 1;
     }
 
     std::function<void()> m_body;
-    HANDLE m_hThread; // last: the thread uses the other
+    std::atomic<bool> m_bBegun = false;
+    HANDLE m_hThread; // last: the thread uses the others
 };
 
 // Opens a host file or a device node.

@@ -36,6 +36,8 @@ struct CEnvironment {
 
 // A device folder of the test's own, with a path that is too long for the address of a socket.
 struct CDeviceFolder {
+    CDeviceFolder() { std::filesystem::create_directories(strFolder); }
+
     const test::CTempFolder temp;
     const std::string strFolder = temp.Path(std::string(100, 'd') + "/" + std::string(100, 'e'));
     const CEnvironment environment{"DAK_DEVICE_DIR", strFolder};

@@ -12,10 +12,9 @@ extern "C" NTSTATUS NTAPI NtCreateSymbolicLinkObject(HANDLE*, ACCESS_MASK, OBJEC
                                                      UNICODE_STRING*);
 
 // NOLINTBEGIN(cppcoreguidelines-macro-usage)
-#define NAME "ROOT#DAK#0001#{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}"
-#define CLASS_KEY                                                                                  \
-    "SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}\\"  \
-    "##?#" NAME
+#define CLASS "{25dbce51-6c8f-4a72-8a6d-b54c2b4fc835}"
+#define NAME "ROOT#DAK#0001#" CLASS
+#define CLASS_KEY "SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\" CLASS "\\##?#" NAME
 #define PIPE "dak-presented-device"
 // NOLINTEND(cppcoreguidelines-macro-usage)
 
@@ -23,7 +22,7 @@ namespace device_test {
 namespace {
 
 // More than the longest command.
-constexpr std::size_t LARGEST_PACKAGE = (1U << 20) + 65536;
+constexpr DWORD LARGEST_PACKAGE = (1U << 20) + 65536;
 // The pipe's buffer is a quota: a package that does not fit it waits until it is taken.
 constexpr DWORD PIPE_QUOTA = 1;
 // How often the peer is asked though nothing moves.
@@ -38,27 +37,25 @@ void Require(bool bDone, const char* lpszWhat) {
     }
 }
 
-void SetValue(const char* lpszKey, const char* lpszName, DWORD dwType, const void* lpValue,
-              std::size_t dwSize) {
-    Require(::RegSetKeyValueA(HKEY_LOCAL_MACHINE, lpszKey, lpszName, dwType, lpValue,
-                              static_cast<DWORD>(dwSize)) == ERROR_SUCCESS,
+template <class VALUE>
+void SetValue(const char* lpszKey, const char* lpszName, DWORD dwType, const VALUE& value) {
+    Require(::RegSetKeyValueA(HKEY_LOCAL_MACHINE, lpszKey, lpszName, dwType, &value,
+                              sizeof(value)) == ERROR_SUCCESS,
             lpszName);
 }
 
 void SetPresent(bool bPresent) {
     const DWORD dwLinked = bPresent ? 1 : 0;
-    SetValue(CLASS_KEY "\\#\\Control", "Linked", REG_DWORD, &dwLinked, sizeof(dwLinked));
+    SetValue(CLASS_KEY "\\#\\Control", "Linked", REG_DWORD, dwLinked);
 }
 
 // Enters the interface into the system's list, where it stays, and has its path lead to the pipe
 // for as long as the handle is open.
 HANDLE Register() {
-    constexpr char INSTANCE[] = "ROOT\\DAK\\0001";
-    constexpr char LINK[] = "\\\\?\\" NAME;
-    SetValue(CLASS_KEY, "DeviceInstance", REG_SZ, INSTANCE, sizeof(INSTANCE));
-    SetValue(CLASS_KEY "\\#", "SymbolicLink", REG_SZ, LINK, sizeof(LINK));
-    const DWORD dwPrompt = 1;
-    SetValue(CLASS_KEY "\\#\\Device Parameters", "Prompt", REG_DWORD, &dwPrompt, sizeof(dwPrompt));
+    SetValue("SYSTEM\\CurrentControlSet\\Enum\\ROOT\\DAK\\0001", "ClassGUID", REG_SZ, CLASS);
+    SetValue(CLASS_KEY, "DeviceInstance", REG_SZ, "ROOT\\DAK\\0001");
+    SetValue(CLASS_KEY "\\#", "SymbolicLink", REG_SZ, "\\\\?\\" NAME);
+    SetValue(CLASS_KEY "\\#\\Device Parameters", "Prompt", REG_DWORD, DWORD{1});
     UNICODE_STRING name;
     UNICODE_STRING target;
     ::RtlInitUnicodeString(&name, L"\\??\\" NAME);
@@ -80,23 +77,6 @@ HANDLE MakePipe() {
 }
 
 } // namespace
-
-OVERLAPPED* CPresentedDevice::CCall::Fresh() {
-    overlapped = {};
-    overlapped.hEvent = hDone;
-    return &overlapped;
-}
-
-bool CPresentedDevice::CCall::Begun(BOOL bDone) {
-    bOpen = bDone != FALSE || ::GetLastError() == ERROR_IO_PENDING;
-    return bOpen;
-}
-
-bool CPresentedDevice::CCall::End(HANDLE hPipe, DWORD& dwCount) {
-    bOpen = false;
-    ::CancelIoEx(hPipe, &overlapped);
-    return ::GetOverlappedResult(hPipe, &overlapped, &dwCount, TRUE) != FALSE;
-}
 
 CPresentedDevice::CPresentedDevice(IPeer& peer)
     : m_peer(peer), m_hLink(Register()), m_reading(LARGEST_PACKAGE), m_thread([this] { Serve(); }) {
@@ -141,22 +121,20 @@ void CPresentedDevice::Serve() {
 // gone.
 bool CPresentedDevice::FileEnded() {
     DWORD dwCount = 0;
-    if (m_write.bOpen && HasOverlappedIoCompleted(&m_write.overlapped)) {
+    if (m_write.HasEnded()) {
         if (!m_write.End(m_hPipe, dwCount)) {
             return false;
         }
         m_peer.OfferTaken(m_offered.size());
     } else if (m_write.bOpen && !std::ranges::equal(m_offered, m_peer.Offer())) {
-        // Where the host has it all the same, it was quicker.
-        m_write.End(m_hPipe, dwCount);
+        m_write.End(m_hPipe, dwCount); // where the host has it all the same, it was quicker
     }
-    const bool bRead = HasOverlappedIoCompleted(&m_read.overlapped);
-    if (m_read.bOpen && (bRead || !m_peer.Takes())) {
-        if (m_read.End(m_hPipe, dwCount)) {
-            m_peer.TakePackage(std::span(m_reading).first(dwCount));
-        } else if (bRead) {
-            return false;
+    const bool bEnded = m_read.HasEnded();
+    if (bEnded || (m_read.bOpen && !m_peer.Takes())) {
+        if (!m_read.End(m_hPipe, dwCount)) {
+            return !bEnded;
         }
+        m_peer.TakePackage(std::span(m_reading).first(dwCount));
     }
     return true;
 }
@@ -165,25 +143,22 @@ bool CPresentedDevice::FileEnded() {
 bool CPresentedDevice::StartCalls() {
     bool bBegun = true;
     if (!m_read.bOpen && m_peer.Takes()) {
-        bBegun =
-            m_read.Begun(::ReadFile(m_hPipe, m_reading.data(), static_cast<DWORD>(m_reading.size()),
-                                    nullptr, m_read.Fresh()));
+        bBegun = m_read.Begin([this](OVERLAPPED* lpOverlapped) {
+            return ::ReadFile(m_hPipe, m_reading.data(), LARGEST_PACKAGE, nullptr, lpOverlapped);
+        });
     }
     const std::span<const std::uint8_t> offer = m_peer.Offer();
     if (bBegun && !m_write.bOpen && !offer.empty()) {
         m_offered.assign(offer.begin(), offer.end());
-        bBegun = m_write.Begun(::WriteFile(m_hPipe, m_offered.data(),
-                                           static_cast<DWORD>(m_offered.size()), nullptr,
-                                           m_write.Fresh()));
+        bBegun = m_write.Begin([this](OVERLAPPED* lpOverlapped) {
+            return ::WriteFile(m_hPipe, m_offered.data(), static_cast<DWORD>(m_offered.size()),
+                               nullptr, lpOverlapped);
+        });
     }
-    if (!bBegun) {
-        return ::GetLastError() == ERROR_PIPE_LISTENING;
+    if (bBegun && m_hNext == nullptr && (m_read.bOpen || m_write.bOpen)) {
+        m_hNext = MakePipe(); // the next host may come before this end has seen the last one go
     }
-    if (m_hNext == nullptr && (m_read.bOpen || m_write.bOpen)) {
-        // The next host may come before this end has seen the last one go.
-        m_hNext = MakePipe();
-    }
-    return true;
+    return bBegun || ::GetLastError() == ERROR_PIPE_LISTENING;
 }
 
 void CPresentedDevice::DropHost(bool bStays) {
@@ -193,18 +168,16 @@ void CPresentedDevice::DropHost(bool bStays) {
             pCall->End(m_hPipe, dwCount);
         }
     }
-    HANDLE hNext = std::exchange(m_hNext, nullptr);
-    const bool bHost = hNext != nullptr;
-    if (!bStays) {
-        // Whoever finds the pipe cut is to find the device gone as well.
-        SetPresent(false);
+    const HANDLE hServed = std::exchange(m_hPipe, nullptr);
+    const HANDLE hNext = std::exchange(m_hNext, nullptr);
+    if (bStays) {
+        m_hPipe = hNext != nullptr ? hNext : MakePipe();
+    } else {
+        SetPresent(false); // whoever finds the pipe cut is to find the device gone as well
         ::CloseHandle(hNext);
-        hNext = nullptr;
-    } else if (hNext == nullptr) {
-        hNext = MakePipe();
     }
-    ::CloseHandle(std::exchange(m_hPipe, hNext));
-    if (bHost) {
+    ::CloseHandle(hServed);
+    if (hNext != nullptr) {
         m_peer.HostGone();
     }
 }

@@ -32,11 +32,21 @@ class CPresentedDevice {
     // One overlapped call on the pipe.
     struct CCall {
         ~CCall() { ::CloseHandle(hDone); }
-        // Whether it is open, given what the system said when it was made.
-        bool Begun(BOOL bDone);
-        OVERLAPPED* Fresh();
+        // Makes it. False when the system refuses.
+        template <class CALL>
+        bool Begin(CALL call) {
+            overlapped = {};
+            overlapped.hEvent = hDone;
+            bOpen = call(&overlapped) != FALSE || ::GetLastError() == ERROR_IO_PENDING;
+            return bOpen;
+        }
+        bool HasEnded() const { return bOpen && HasOverlappedIoCompleted(&overlapped); }
         // Cuts it short if it has not ended. Whether it has moved its bytes.
-        bool End(HANDLE hPipe, DWORD& dwCount);
+        bool End(HANDLE hPipe, DWORD& dwCount) {
+            bOpen = false;
+            ::CancelIoEx(hPipe, &overlapped);
+            return ::GetOverlappedResult(hPipe, &overlapped, &dwCount, TRUE) != FALSE;
+        }
 
         const HANDLE hDone = ::CreateEventA(nullptr, FALSE, FALSE, nullptr);
         OVERLAPPED overlapped{};

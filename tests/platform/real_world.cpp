@@ -101,17 +101,16 @@ std::vector<std::vector<std::uint8_t>> DeviceTook() {
 
 namespace platform::tests {
 
-// What waits on the node of its earlier attachment would wait in vain.
-CONTRACT_TEST(Device, ThatComesBackCountsAsGoneWhileItsNodeIsOpen) {
+CONTRACT_TEST(Device, ThatComesBackStaysLostToItsNode) {
     contract::PlugDevice();
     const HANDLE hNode = OpenDevice();
     CTransfer cut(hNode, 20);
     contract::UnplugDevice();
     EXPECT_TRUE(cut.Fails());
     contract::PlugDevice();
-    EXPECT_EQ(DevicePaths().size(), 0U);
-    EXPECT_TRUE(CloseHandle(hNode));
-    EXPECT_EQ(DevicePaths().size(), 1U);
+    const HANDLE hAnew = OpenDevice();
+    EXPECT_TRUE(IsDeviceNodeLost(hNode) && !IsDeviceNodeLost(hAnew));
+    EXPECT_TRUE(CloseHandle(hNode) && CloseHandle(hAnew));
 }
 
 } // namespace platform::tests
