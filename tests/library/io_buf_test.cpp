@@ -13,7 +13,7 @@ const Bytes CONTENT = Pattern(5 * N);
 class IoBufTest : public testing::Test {
   protected:
     IoBufTest() {
-        world.WriteHostFile(FILE_NAME, CONTENT, {11, 12}, {13, 14});
+        world.WriteHostFile(FILE_NAME, CONTENT);
         world.WriteHostFile(OTHER_NAME, CONTENT);
     }
     ~IoBufTest() override {
@@ -104,42 +104,6 @@ TEST_F(IoBufTest, ReadErrorsAndNoThread) {
     const std::uint64_t qwBegin = world.NowMs();
     EXPECT_EQ(ReadAll(buf, 10), Bytes{});
     EXPECT_EQ(world.NowMs() - qwBegin, 100u);
-}
-
-TEST_F(IoBufTest, WhatAnOpenLeaves) {
-    const std::string strLong = "C:/s/" + std::string(255, 'x'); // 260 characters
-    world.WriteHostFile(strLong, {1});
-    const Rows<int, std::uint64_t, std::string, std::ptrdiff_t> rows = {
-        // the buffers' size, the one there is no memory for, and how many there are behind it
-        {N, 1, FILE_NAME, 0}, {N, 2, FILE_NAME, 1},     {N, 0, FILE_NAME, 2},
-        {N, 1, FILE_NAME, 2}, {4 * N, 0, FILE_NAME, 2}, {N, 0, "C:/s/missing", 2},
-        {N, 0, strLong, 2},   {4 * N, 0, FILE_NAME, 2}};
-    for (const auto& [nBufSize, nFailing, strFile, nBlocks] : rows) {
-        nFailing != 0 ? world.FailCall(ECall::LocalAlloc, nFailing) : void();
-        const bool bOpens = strFile == FILE_NAME && nBlocks == 2;
-        EXPECT_EQ(buf.InitIoBuf(nBufSize, strFile.c_str()), bOpens ? 1 : 0);
-        const auto open = world.Open();
-        const auto blocks = [&](int nBytes) {
-            return std::ranges::count(open, "memory block of " + std::to_string(nBytes) + " bytes");
-        };
-        EXPECT_EQ(blocks(nBufSize), nBlocks);
-        EXPECT_EQ(blocks(5 * N - nBufSize), 0);
-        EXPECT_TRUE(!bOpens || ReadAll(buf, 7) == CONTENT);
-        world.ClearFaults();
-    }
-    // Size and times; of the latter the low halves are cleared when nothing is open.
-    world.HostFile(FILE_NAME)->qwReportedSize = 0x7'0000'0009;
-    FILETIME times[2] = {{1, 2}, {3, 4}};
-    DWORD dwHigh = 0;
-    ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
-    buf.IoGetFileTime(&times[0], &times[1]);
-    EXPECT_TRUE(times[0].dwLowDateTime == 11 && times[0].dwHighDateTime == 12 &&
-                times[1].dwLowDateTime == 13 && times[1].dwHighDateTime == 14);
-    EXPECT_TRUE(buf.IoGetFileSize(&dwHigh) == 9 && dwHigh == 7);
-    buf.DeinitIoBuf();
-    buf.IoGetFileTime(&times[0], &times[1]);
-    EXPECT_TRUE(times[0].dwLowDateTime == 0 && times[1].dwLowDateTime == 0);
-    EXPECT_TRUE(buf.IoGetFileSize(&dwHigh) == 0 && dwHigh == 0);
 }
 
 // A fill that is late by more than 1000 looks: the consumer asks for the next one all the same, and

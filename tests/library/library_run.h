@@ -78,8 +78,6 @@ struct CRun {
         EXPECT_FALSE(IsHandleOpen(g_hDeviceMutex));
         EXPECT_EQ(g_bAbortPending, FALSE);
     }
-    CRun(const CRun&) = delete;
-    CRun& operator=(const CRun&) = delete;
 
     void Cancel() { StoreShared(Access::Copying(*dak), BOOL{0}); }
 
@@ -104,6 +102,20 @@ struct CRun {
                 PlayWord(strWord.substr(nStar + 1));
             }
         }
+    }
+
+    // A package by its name, or literal bytes.
+    Bytes Named(const std::string& strName) const {
+        Bytes bytes;
+        if (packages.contains(strName)) {
+            return packages.at(strName);
+        }
+        for (std::size_t i = 0; i < strName.size(); i += 2) {
+            i += strName[i] == '.' ? 1u : 0u;
+            bytes.push_back(
+                static_cast<std::uint8_t>(std::stoul(strName.substr(i, 2), nullptr, 16)));
+        }
+        return bytes;
     }
 
     // Names the packages of a stream p1, p2 and so on; s2 is p2 as the host sends it again, in
@@ -142,18 +154,6 @@ struct CRun {
         {"other", [this] { world.OtherProcessOpensLock("NadoxUSBAPI"); }}};
 
   private:
-    Bytes Named(const std::string& strName) const {
-        Bytes bytes;
-        if (!std::isdigit(strName[0])) {
-            return packages.at(strName);
-        }
-        for (std::size_t i = 0; i < strName.size(); i += 2) {
-            i += strName[i] == '.' ? 1u : 0u;
-            bytes.push_back(
-                static_cast<std::uint8_t>(std::stoul(strName.substr(i, 2), nullptr, 16)));
-        }
-        return bytes;
-    }
     void PlayWord(const std::string& strWord) {
         const auto nMark = std::min(strWord.find_first_of("@?#"), strWord.size());
         const std::string strName = strWord.substr(0, nMark);

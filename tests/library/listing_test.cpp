@@ -6,138 +6,131 @@
 
 namespace {
 
-// An entry as it comes; the seed makes its numbers.
-Bytes Entry(DWORD dwSeed, const WideText& strText1 = DAK_WIDE("a"),
-            const WideText& strText2 = DAK_WIDE("bc"), const WideText& strText3 = DAK_WIDE("def")) {
-    return Join(U32(dwSeed), Text(strText1), Text(strText2), Text(strText3), Pattern(32, dwSeed));
+// An entry with these texts, and numbers that differ from field to field.
+_tagFileInfo Info(DWORD dwSeed, const WideText& strText1 = DAK_WIDE("a"),
+                  const WideText& strText2 = DAK_WIDE("bc"),
+                  const WideText& strText3 = DAK_WIDE("def")) {
+    _tagFileInfo info{};
+    std::memcpy(&info.dwFileAttributes, Pattern(36, dwSeed).data(), 36);
+    strText1.copy(info.szText1, std::size(info.szText1));
+    strText2.copy(info.szText2, std::size(info.szText2));
+    strText3.copy(info.szText3, std::size(info.szText3));
+    return info;
 }
-// The same as it comes out: the texts ahead of the attributes, in fields of their own size, and the
-// last access ahead of the last write.
-Bytes Info(const Bytes& entry) {
-    Bytes info;
-    std::size_t dwAt = 4;
-    for (const std::size_t dwField : {520u, 520u, 160u}) {
-        const std::size_t dwBegin = dwAt;
-        for (; entry[dwAt] != 0 || entry[dwAt + 1] != 0; dwAt += 2) {
-        }
-        Bytes field = Part(entry, dwBegin, dwAt);
-        field.resize(dwField);
-        info = Join(info, field);
-        dwAt += 2;
-    }
-    return Join(info, Part(entry, 0, 4), Part(entry, dwAt, dwAt + 8),
-                Part(entry, dwAt + 16, dwAt + 24), Part(entry, dwAt + 8, dwAt + 16),
-                Part(entry, dwAt + 24, dwAt + 32));
+// The same as it comes: the attributes ahead of the texts, and the last write ahead of the last
+// access.
+Bytes Entry(const _tagFileInfo& info) {
+    const auto raw = [](const auto& field) {
+        const auto* lpField = reinterpret_cast<const std::uint8_t*>(&field);
+        return Bytes(lpField, lpField + sizeof(field));
+    };
+    return Join(raw(info.dwFileAttributes), Text({info.szText1}), Text({info.szText2}),
+                Text({info.szText3}), raw(info.ftCreationTime), raw(info.ftLastWriteTime),
+                raw(info.ftLastAccessTime), raw(info.nFileSizeHigh), raw(info.nFileSizeLow));
 }
 
-struct CListing : CRun {
-    explicit CListing(const std::string& strName) : CRun(strName) {
-        packages["request"] = Command(7, Text(DAK_WIDE("\\")));
+const _tagFileInfo INFOS[] = {
+    Info(1), Info(2, {}, {}, {}),
+    Info(3, WideText(259, DAK_WIDE('x')), {}, WideText(79, DAK_WIDE('y')))};
+
+// The first package of a reply, and a later one.
+Bytes First(DWORD dwWord, DWORD dwEntries, const Bytes& bytes) {
+    return Package(dwWord, Join(U16(7), U32(0), U32(dwEntries), bytes));
+}
+Bytes Later(DWORD dwWord, const Bytes& bytes) {
+    return Package(dwWord, Join(U16(7), bytes));
+}
+
+// The entries that come are the first of INFOS, again and again.
+void ExpectListing(CRun& run, const std::string& strWords, DWORD dwResult, int nEntries) {
+    CArray<_tagFileInfo, _tagFileInfo> list;
+    list.Add({});
+    run.packages["request"] = Command(7, Text(DAK_WIDE("\\")));
+    run.Play(strWords);
+    EXPECT_EQ(run.dak->DAKGetFolderContent(DAK_WIDE("\\"), &list), dwResult);
+    EXPECT_EQ(run.dak->GetLastError(), dwResult);
+    EXPECT_LT(run.world.NowMs(), 20'000u);
+    ASSERT_EQ(list.GetSize(), 1 + nEntries) << "behind what was there";
+    for (int i = 0; i < nEntries; ++i) {
+        EXPECT_EQ(std::memcmp(&list[1 + i], &INFOS[i % 3], sizeof(_tagFileInfo)), 0) << i;
     }
-    // The first package of a reply, and a later one.
-    static Bytes First(bool bLast, DWORD dwEntries, const Bytes& bytes) {
-        return Package(bLast ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE,
-                       Join(U16(7), U32(0), U32(dwEntries), bytes));
-    }
-    static Bytes Later(bool bLast, const Bytes& bytes) {
-        return Package(bLast ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE, Join(U16(7), bytes));
-    }
-    // The head of the reply is read at 1458 ms.
-    void Expect(const std::string& strWords, DWORD dwResult, const std::vector<Bytes>& entries,
-                std::optional<std::uint64_t> qwMs = {}) {
-        CArray<_tagFileInfo, _tagFileInfo> list;
-        list.Add({});
-        Play(strWords);
-        EXPECT_EQ(dak->DAKGetFolderContent(DAK_WIDE("\\"), &list), dwResult);
-        EXPECT_EQ(dak->GetLastError(), dwResult);
-        EXPECT_EQ(world.NowMs(), qwMs.value_or(world.NowMs()));
-        EXPECT_LT(world.NowMs(), 20'000u);
-        ASSERT_EQ(list.GetSize(), 1 + std::ssize(entries)) << "behind what was there";
-        for (int i = 1; i < list.GetSize(); ++i) {
-            const Bytes info = Info(entries[static_cast<std::size_t>(i - 1)]);
-            EXPECT_EQ(std::memcmp(&list[i], info.data(), sizeof(_tagFileInfo)), 0);
-        }
-        dak->ClearFileList(&list);
-        dak->ClearFileList(&list);
-        EXPECT_EQ(list.GetData(), nullptr);
-    }
-};
+    run.dak->ClearFileList(&list);
+    run.dak->ClearFileList(&list);
+    EXPECT_EQ(list.GetData(), nullptr);
+}
 
 TEST(Listing, IsCutAnywhere) {
-    const std::vector<Bytes> entries = {
-        Entry(1), Entry(2, {}, {}, {}),
-        Entry(3, WideText(259, DAK_WIDE('x')), {}, WideText(79, DAK_WIDE('y')))};
-    const Bytes all = Join(entries[0], entries[1], entries[2]);
+    const Bytes all = Join(Entry(INFOS[0]), Entry(INFOS[1]), Entry(INFOS[2]));
     for (std::size_t dwCut = 1; dwCut < all.size(); dwCut += dwCut < 130 ? 1 : 11) {
-        CListing run(std::to_string(dwCut));
-        run.packages["first"] = run.First(false, 3, Part(all, 0, dwCut));
-        run.packages["last"] = run.Later(true, Part(all, dwCut, all.size()));
-        run.Expect(">request@828 ack first last >ack@1478", 0, entries, 1488);
+        CRun run(std::to_string(dwCut));
+        run.packages["first"] = First(DAK_REPLY_PACKAGE, 3, Part(all, 0, dwCut));
+        run.packages["last"] = Later(DAK_LAST_REPLY, Part(all, dwCut, all.size()));
+        ExpectListing(run, ">request@828 ack first last >ack@1478", 0, 3);
     }
 }
 
-// Packages of one entry each; the last, of 12288 bytes, brings what is beyond the count.
+// Packages of one entry each; the last, of 12288 bytes, brings what is beyond the count. The head
+// of the reply is read at 1458 ms.
 TEST(Listing, WindowsOfPackages) {
-    for (const DWORD dwPackages : {1u, 2u, 49u, 50u, 51u, 100u, 101u}) {
-        CListing run(std::to_string(dwPackages));
-        std::vector<Bytes> entries;
+    for (const int nPackages : {1, 2, 49, 50, 51, 100, 101}) {
+        CRun run(std::to_string(nPackages));
         std::string strWords = "open";
         std::uint64_t qwMs = 1458 - 2 * READ_MS;
-        for (DWORD i = 1; i <= dwPackages; ++i) {
-            const bool bLast = i == dwPackages;
-            entries.push_back(Entry(i));
-            run.packages["p" + std::to_string(i)] =
-                i == 1
-                    ? run.First(bLast, dwPackages, Entry(i))
-                    : run.Later(bLast, Join(Entry(i), Bytes(bLast ? 12278 - Entry(i).size() : 0)));
+        for (int i = 0; i < nPackages; ++i) {
+            const DWORD dwWord = i + 1 == nPackages ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE;
+            Bytes entry = Entry(INFOS[i % 3]);
+            entry.resize(i > 0 && dwWord == DAK_LAST_REPLY ? 12'278 : entry.size());
+            const std::string strName = "p" + std::to_string(i);
+            run.packages[strName] =
+                i == 0 ? First(dwWord, static_cast<DWORD>(nPackages), entry) : Later(dwWord, entry);
             qwMs += 2 * READ_MS;
-            strWords += " p" + std::to_string(i);
-            strWords += i > 1 && (i % 50 == 0 || bLast) ? In(" >ack", qwMs) : "";
+            const bool bAck = i > 0 && ((i + 1) % 50 == 0 || dwWord == DAK_LAST_REPLY);
+            strWords += " " + strName + (bAck ? In(" >ack", qwMs) : "");
         }
-        run.Expect(strWords, 0, entries, qwMs + READ_MS);
+        ExpectListing(run, strWords, 0, nPackages);
+        EXPECT_EQ(run.world.NowMs(), qwMs + READ_MS);
     }
 }
 
 TEST(Listing, RepliesThatAreNone) {
-    const Bytes one = Entry(1);
-    const Bytes two = Join(one, Entry(2));
-    const Bytes first = CListing::First(false, 2, one);
-    const Bytes later = CListing::Later(true, two);
-    const auto single = [](DWORD dwEntries, const Bytes& bytes) {
-        return CListing::First(true, dwEntries, bytes);
-    };
-    const Rows<std::vector<Bytes>, bool, DWORD, std::size_t> rows = {
-        // packages, whether they are acknowledged, the result, the entries that are there then
-        {{single(0, one)}, false, 0, 0}, // bytes behind no entries
-        {{single(3, {})}, false, 0, 0},
-        {{single(1, two)}, false, 0, 1},
-        {{CListing::First(false, 1, {1}), CListing::Later(false, {0}),
-          CListing::Later(true, Part(one, 2, one.size()))},
-         true,
-         0,
-         1}, // cut twice
-        {{With(single(1, one), 4, 9)}, false, FAIL, 0},
-        {{With(single(1, one), 4, 12'281)}, false, FAIL, 0},
-        {{single(0xFFFFFFFF, two)}, false, FAIL, 2},
-        {{single(9, one), CListing::Later(false, Entry(2))}, true, FAIL, 2}, // is the last
-        {{first, CListing::Later(false, {}), later}, false, FAIL, 1},
-        {{first, Package(DAK_LAST_REPLY, Join(U16(8), two))}, true, FAIL, 1},
-        {{first, With(later, 0, DAK_PACKAGE)}, false, FAIL, 1},
-        {{first, With(later, 4, 1)}, false, FAIL, 1},
-        {{first, With(later, 4, 12'281)}, false, FAIL, 1},
-        {{single(1, Entry(1, {}, WideText(260, DAK_WIDE('x'))))}, false, FAIL, 0},
-        {{single(1, Entry(1, {}, {}, WideText(80, DAK_WIDE('x'))))}, false, FAIL, 0}};
-    for (const auto& [packages, bAcknowledged, dwResult, dwEntries] : rows) {
-        CListing run(testing::PrintToString(std::tuple(packages.size(), dwResult, dwEntries)));
-        std::string strWords = "open";
-        for (const Bytes& package : packages) {
-            const std::string strName = "p" + std::to_string(run.packages.size());
-            run.packages[strName] = package;
-            strWords += " " + strName;
-        }
-        std::vector<Bytes> entries = {one, Entry(2)};
-        entries.resize(dwEntries);
-        run.Expect(strWords + (bAcknowledged ? " >ack" : ""), dwResult, entries);
+    constexpr DWORD LAST = DAK_LAST_REPLY;
+    const Bytes one = Entry(INFOS[0]);
+    const Bytes two = Join(one, Entry(INFOS[1]));
+    const Bytes last = Later(LAST, Entry(INFOS[1]));
+    const std::map<std::string, Bytes> packages = {
+        {"first", First(DAK_REPLY_PACKAGE, 2, one)},
+        {"last", last},
+        {"start", First(DAK_REPLY_PACKAGE, 1, Part(one, 0, 1))},
+        {"middle", Later(DAK_REPLY_PACKAGE, Part(one, 1, 2))},
+        {"rest", Later(LAST, Part(one, 2, one.size()))},
+        {"nonebutbytes", First(LAST, 0, one)},
+        {"threebutnone", First(LAST, 3, {})},
+        {"manybuttwo", First(LAST, 0xFFFFFFFF, two)},
+        {"ninebutone", First(LAST, 9, one)},
+        {"empty", Later(DAK_REPLY_PACKAGE, {})},
+        {"more", Later(DAK_REPLY_PACKAGE, Entry(INFOS[1]))},
+        {"foreign", Package(LAST, Join(U16(8), Entry(INFOS[1])))},
+        {"word", With(last, 0, DAK_PACKAGE)},
+        {"firstlength9", With(First(LAST, 1, one), 4, 9)},
+        {"firstlength12281", With(First(LAST, 1, one), 4, 12'281)},
+        {"longtext1", First(LAST, 1, Entry(Info(1, {}, WideText(260, DAK_WIDE('x')))))},
+        {"longtext3", First(LAST, 1, Entry(Info(1, {}, {}, WideText(80, DAK_WIDE('x')))))}};
+    const Rows<std::string, DWORD, int> rows = {{"nonebutbytes", 0, 0},
+                                                {"threebutnone", 0, 0},
+                                                {"start middle rest >ack", 0, 1},
+                                                {"manybuttwo", FAIL, 2},
+                                                {"ninebutone more >ack", FAIL, 2}, // is the last
+                                                {"first empty last", FAIL, 1},
+                                                {"first foreign >ack", FAIL, 1},
+                                                {"first word", FAIL, 1},
+                                                {"firstlength9", FAIL, 0},
+                                                {"firstlength12281", FAIL, 0},
+                                                {"longtext1", FAIL, 0},
+                                                {"longtext3", FAIL, 0}};
+    for (const auto& [strWords, dwResult, nEntries] : rows) {
+        CRun run(strWords);
+        run.packages.insert(packages.begin(), packages.end());
+        ExpectListing(run, "open " + strWords, dwResult, nEntries);
     }
 }
 
