@@ -88,21 +88,18 @@ class CSeed {
             {"corrupt", EFault::Corrupt}, {"delay", EFault::Delay},   {"cut", EFault::Cut},
             {"drop", EFault::Drop},       {"unplug", EFault::Vanish}, {"kill", EFault::Vanish}};
         if (nWhat < std::size(OF_PIPE)) {
-            m_s.onPackage = [=, this](bool bIsToHost, std::uint64_t nPackage,
-                                      bool bData) -> std::optional<CFault> {
-                const EFault eFault = OF_PIPE[nWhat].second;
-                // Data bear no number, commands and their answers no checksum.
-                const bool bHidden = bData && eFault == EFault::Drop;
-                if (bIsToHost != bToHost || nPackage != n || bHidden) {
-                    return {};
-                }
-                nWhat == 5 ? m_s.KillAgent() : void();
-                return CFault{eFault, eFault == EFault::Cut ? DAK_DATA_OFFSET + qwAmount
-                                      : eFault == EFault::Corrupt && !bData
-                                          ? qwAmount % DAK_HEADER_SIZE
-                                          : qwAmount};
-            };
-            return OF_PIPE[nWhat].first;
+            // Data bear no number, commands and their answers no checksum.
+            const auto [lpszName, eFault] = OF_PIPE[nWhat];
+            std::optional<bool> bOfData;
+            if (eFault == EFault::Corrupt || eFault == EFault::Drop) {
+                bOfData = eFault == EFault::Corrupt && Below(2) == 0;
+            }
+            const std::uint64_t qwByte = eFault == EFault::Cut ? DAK_DATA_OFFSET + qwAmount
+                                         : eFault == EFault::Corrupt && !*bOfData
+                                             ? qwAmount % DAK_HEADER_SIZE
+                                             : qwAmount;
+            m_s.MeetPackage(bToHost, n, {eFault, qwByte}, nWhat == 5, bOfData);
+            return lpszName;
         }
         if (nWhat == 6) {
             m_s.bHostFails = true;
@@ -131,9 +128,9 @@ class CSeed {
         std::string strFault;
         const int nBefore = m_world.FaultsMet();
         const DWORD dwResult = m_s.Do(work, [&] { strFault = PlanFault(); });
-        const bool bMet = m_s.nFaults != 0 || m_world.FaultsMet() != nBefore;
+        const bool bMet = m_s.met.nFaults != 0 || m_world.FaultsMet() != nBefore;
         EXPECT_TRUE(dwResult == 0 || bMet) << dwResult;
-        EXPECT_TRUE(dwResult == 0 || !m_s.bMadeGood) << dwResult;
+        EXPECT_TRUE(dwResult == 0 || !m_s.met.bMadeGood) << dwResult;
         g_counts["fault " + strFault] += bMet ? 1 : 0;
         // It is the same file wherever a move takes it, and ends with its agent.
         if (!At(m_s.Everything(), m_strOpen) || m_s.bNewAgent) {
