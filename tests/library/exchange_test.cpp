@@ -19,6 +19,7 @@ struct CArguments {
     std::uintptr_t handle = 0x11223344;
     BYTE io[4] = {0xFE, 0xFF, 0xFF, 0xFF};
     DWORD one = 77;
+    DWORD two = 77;
     std::uint64_t space = 77;
     void* opened = nullptr;
     _tagFileInfo info{};
@@ -34,6 +35,7 @@ struct CArguments {
         std::ostringstream text;
         text << std::hex;
         one != 77 ? text << "one=" << one : text;
+        two != 77 ? text << "two=" << two : text;
         space != 77 ? text << "space=" << space : text;
         opened != nullptr ? text << "opened=" << reinterpret_cast<std::uintptr_t>(opened) : text;
         std::memcmp(&info, RECORD.data(), RECORD.size()) == 0 ? text << "record" : text;
@@ -108,7 +110,8 @@ struct COperation {
         using Texts = std::map<std::uint16_t, std::string>;
         const std::string strOne = result.str();
         const Texts left = {{18, strOne}, {21, strOne}, {25, "space=0"}};
-        Texts stored = {{6, "one=5"}, {13, "one=0"}, {14, "record"}, {18, strOne}, {21, strOne}};
+        Texts stored = {
+            {6, "one=5two=9"}, {13, "one=0"}, {14, "record"}, {18, strOne}, {21, strOne}};
         stored.insert({{15, "opened=80000003"}, {25, "space=900000005"}});
         stored[12] = Is('S') ? "" : "one=80000003";
         const Texts& texts = nResult ? stored : left;
@@ -125,7 +128,7 @@ struct COperation {
 const COperation OPERATIONS[] = {
     {1, CALL(MoveFile, in.path, in.next), "path next", {POLLED, 121}, "pnM"},
     {2, CALL(DeleteFile, in.path), "path", {UNBOUNDED}, "pV"},
-    {6, CALL(GetDeviceFreeSpace, &in.one, nullptr), "", {POLLED, 1201, SPACE}, ""},
+    {6, CALL(GetDeviceFreeSpace, &in.one, &in.two), "", {POLLED, 1201, SPACE}, ""},
     {7, CALL(GetFolderContent, in.path, &in.files), "path", {POLLED, 121, ZERO}, "pAMS"},
     {10, CALL(CreateDirectory, in.path, nullptr), "path", {POLLED, 1201}, "p"},
     {12, CALL(CreateProcess, in.path, in.next, &in.one), "path next 1", {UNBOUNDED, 1, HIGH}, "pV"},
@@ -211,7 +214,10 @@ TEST(Exchange, Answers) {
                                  : nResult == -1 ? NO_SPACE
                                  : nResult == -2 ? REFUSED
                                                  : 0;
-            CExchange(op, strWord)
+            const WCHAR* lpszPath = nResult == 1    ? strLong.c_str()
+                                    : op.code == 25 ? DAK_WIDE("")
+                                                    : DAK_WIDE("/\u00FC\U0001F4C1\xD800");
+            CExchange(op, strWord, lpszPath)
                 .Expect(op.Taken() + strWord, op.AwaitMs() + READ_MS, op.Return(nResult), dwLeft,
                         nResult);
         }
