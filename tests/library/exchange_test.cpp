@@ -43,7 +43,7 @@ struct CArguments {
     }
 };
 
-enum EShape { POLLED, UNBOUNDED, FIRST_READ, SINGLE, COMPLETED, NO_RESPONSE };
+enum EShape { POLLED, UNBOUNDED, SINGLE, COMPLETED };
 
 struct CWait {
     EShape eShape;
@@ -86,24 +86,14 @@ struct COperation {
     std::uint64_t WrittenMs() const { return LINK_UP_MS + (code == 7 ? FAILED_READ_MS : 0); }
     std::uint64_t AckPauseMs() const { return code == 7 ? 100 : 0; }
     std::uint64_t AwaitMs() const {
-        return WrittenMs() + AckPauseMs() + READ_MS + (Is('S') ? 500 : 0) +
-               (code == 17 ? READ_MS + RETRY_BASE_MS : 0);
+        return WrittenMs() + AckPauseMs() + READ_MS + (Is('S') ? 500 : 0);
     }
-    // The words of a device that takes the command and, of a write, its one package.
-    std::string Taken() const {
-        return In(">command", WrittenMs()) + (code == 17 ? " ack >bytes ack " : " ack ");
-    }
-    // What the caller gets for a result, and what GetLastError tells then: of a write what its
-    // stream has left.
+    std::string Taken() const { return In(">command", WrittenMs()) + " ack "; }
     DWORD Return(int nResult) const {
-        const bool bGood = code == 7 || (code == 17   ? nResult == 1
-                                         : code == 18 ? nResult != -1
-                                                      : nResult != 0);
+        const bool bGood = code == 7 || (code == 18 ? nResult != -1 : nResult != 0);
         return bGood ? 0 : code == 25 ? DAKERROR_FOLDER_SPACE : FAIL;
     }
-    DWORD Left(DWORD dwResult) const { return code == 17 ? DAKERROR_NONE : dwResult; }
-    // What is stored when a response came, whatever its result, and when none did. Counts of
-    // streams are looked at elsewhere.
+    // What is stored when a response came, whatever its result, and when none did.
     std::string Stored(std::optional<int> nResult) const {
         std::ostringstream result;
         result << std::hex << "one=" << nResult.value_or(code == 18 ? -1 : 0);
@@ -136,8 +126,6 @@ const COperation OPERATIONS[] = {
     {13, CALL(KernelIoControl, 7, in.io, 4, in.io, 4, &in.one), "7 4 -2 4 -2", CONTROL, ""},
     {14, CALL(GetFileInfo, in.path, &in.info), "path", {SINGLE, 1, RECORD}, "p"},
     {15, CALL(CreateFile, in.path, 1, 2, 3, in.lpOpened), "path 1 2 3", {POLLED, 1201, HIGH}, "po"},
-    {16, CALL(ReadFile, in.File(), in.io, 4, in.lpOne), "file 4", {NO_RESPONSE}, "hoA"},
-    {17, CALL(WriteFile, in.File(), in.io, 4, in.lpOne), "file 4", {FIRST_READ, 1201}, "hoA"},
     {18, CALL(SetFilePointer, in.File(), -2, 1, in.lpOne), "file -2 1", {COMPLETED}, "ho"},
     {19, CALL(CloseFile, in.File()), "file", {COMPLETED}, "h"},
     {20, CALL(CopyFile, in.path, in.next, -5), "path next -5", {POLLED, 1201}, "pn"},
@@ -157,7 +145,7 @@ struct CExchange : CRun {
         const auto response = [&](int nResult, std::uint16_t code) {
             return Response(code, nResult, op.wait.fields);
         };
-        for (const int nResult : {0, 1, -1, -2}) {
+        for (const int nResult : {0, 1, 2, -1}) {
             packages["result" + std::to_string(nResult)] = response(nResult, op.code);
         }
         const Bytes good = packages["good"] = response(1, op.code);
@@ -171,23 +159,20 @@ struct CExchange : CRun {
         packages["end"] = Part(good, 10, good.size());
         packages["rest"] = Part(good, 6, good.size());
         packages["highack"] = Control(DAK_SUCCESS | 0x10000);
-        packages["bytes"] = DataPackage(DAK_LAST_PACKAGE, 17, {0xFE, 0xFF, 0xFF, 0xFF});
         packages["command"] = op.Request(in);
     }
     std::size_t Size() const { return packages.at("command").size(); }
     // qwMs: when the exchange is over. The closing of a device that has gone fails at once.
     // nResult: of the response, where one came.
-    void Expect(const std::string& strWords, std::uint64_t qwMs, DWORD dwResult, DWORD dwError,
+    void Expect(const std::string& strWords, std::uint64_t qwMs, DWORD dwResult,
                 std::optional<int> nResult = {}) {
         Play(strWords);
         EXPECT_EQ(op.call(*dak, in), dwResult);
-        EXPECT_EQ(dak->GetLastError(), dwError);
+        EXPECT_EQ(dak->GetLastError(), dwResult);
         EXPECT_EQ(world.NowMs(), qwMs + (world.IsPlugged() ? READ_MS : 0));
         EXPECT_FALSE(dak->IsTransmitting());
         EXPECT_EQ(device.OpenNow(), 0);
-        EXPECT_TRUE(op.code == 16 || op.code == 17 ||
-                    in.Stored() == op.Stored(dwResult == 0 ? nResult.value_or(1) : nResult))
-            << in.Stored();
+        EXPECT_EQ(in.Stored(), op.Stored(dwResult == 0 ? nResult.value_or(1) : nResult));
     }
 
     const COperation& op;
@@ -197,7 +182,6 @@ struct CExchange : CRun {
 // Results, to paths that go out as they are, and answers to each shape of wait with the time it
 // takes them; below 0: that long to a failure.
 TEST(Exchange, Answers) {
-    // nOnce: first-read wait and single read
     const Rows<std::string, int, int, int> rows = {
         {"foreign good", 20, -10, -10},        {"high good", 20, -10, -10},
         {"foreignmore good", 20, -10, -10},    {"more good", 20, -10, -10},
@@ -205,34 +189,23 @@ TEST(Exchange, Answers) {
         {"head middle end good", 40, -10, -20}};
     const WideText strLong(7000, DAK_WIDE('x'));
     for (const COperation& op : OPERATIONS) {
-        if (op.Has(NO_RESPONSE)) {
-            continue;
-        }
-        for (const int nResult : {0, 1, -1, -2}) {
+        for (const int nResult : {0, 1, 2, -1}) {
             const std::string strWord = "result" + std::to_string(nResult);
-            const DWORD dwLeft = op.code != 17   ? op.Return(nResult)
-                                 : nResult == -1 ? NO_SPACE
-                                 : nResult == -2 ? REFUSED
-                                                 : 0;
             const WCHAR* lpszPath = nResult == 1    ? strLong.c_str()
                                     : op.code == 25 ? DAK_WIDE("")
                                                     : DAK_WIDE("/\u00FC\U0001F4C1\xD800");
             CExchange(op, strWord, lpszPath)
-                .Expect(op.Taken() + strWord, op.AwaitMs() + READ_MS, op.Return(nResult), dwLeft,
-                        nResult);
+                .Expect(op.Taken() + strWord, op.AwaitMs() + READ_MS, op.Return(nResult), nResult);
         }
-        for (const auto& [strWords, nPolled, nOnce, nCompleted] : rows) {
-            int nMs = op.Polls() ? nPolled : op.Has(COMPLETED) ? nCompleted : nOnce;
+        for (const auto& [strWords, nPolled, nSingle, nCompleted] : rows) {
+            int nMs = op.Polls() ? nPolled : op.Has(COMPLETED) ? nCompleted : nSingle;
             if (op.Is('M') && strWords == "more good") {
                 nMs = op.code == 7 ? 10 : -10; // a listing takes either word
             } else if (strWords == "closing good" && (op.code == 19 || op.code == 21)) {
                 nMs = 10; // devices answer a message's name so
             }
-            const DWORD dwResult = nMs > 0 ? 0 : FAIL;
-            CExchange(op, strWords)
-                .Expect(op.Taken() + strWords,
-                        op.AwaitMs() + static_cast<std::uint64_t>(std::abs(nMs)), dwResult,
-                        op.Left(dwResult));
+            const std::uint64_t qwMs = op.AwaitMs() + static_cast<std::uint64_t>(std::abs(nMs));
+            CExchange(op, strWords).Expect(op.Taken() + strWords, qwMs, nMs > 0 ? 0 : FAIL);
         }
     }
 }
@@ -240,54 +213,47 @@ TEST(Exchange, Answers) {
 TEST(Exchange, WhatElseEndsIt) {
     for (const COperation& op : OPERATIONS) {
         const auto expect = [&](const std::string& strWords, std::uint64_t qwMs, DWORD dwResult,
-                                DWORD dwError, std::optional<int> nResult = {}) {
-            CExchange(op, strWords).Expect(strWords, qwMs, dwResult, dwError, nResult);
+                                std::optional<int> nResult = {}) {
+            CExchange(op, strWords).Expect(strWords, qwMs, dwResult, nResult);
         };
         const std::string strCommand = In(">command", op.WrittenMs()) + " ";
         const std::uint64_t qwAcked = op.WrittenMs() + op.AckPauseMs() + READ_MS;
         const std::uint64_t qwSilence = op.Is('A') ? 1201 * (op.AckPauseMs() + 1018) : 518;
         const DWORD dwGone = op.Is('V') ? GONE : FAIL;
         const std::size_t dwSize = CExchange(op).Size();
-        expect("other", -READ_MS, DAKERROR_BUSY, DAKERROR_BUSY);
-        expect("gone", 300, GONE, GONE);
-        expect("!LocalAlloc#2", LINK_UP_MS, FAIL, FAIL); // the request's, behind the node's
-        expect("linked hang", op.WrittenMs() + dwSize + 500, op.code == 25 ? GONE : FAIL,
-               op.code == 17 || op.code == 25 ? GONE : FAIL);
-        expect(strCommand, op.WrittenMs() + qwSilence, FAIL, FAIL);
-        expect(strCommand + "gone@200", op.WrittenMs() + (op.Is('A') ? 700 : 200), dwGone,
-               op.code == 17 ? GONE : dwGone);
+        expect("other", -READ_MS, DAKERROR_BUSY);
+        expect("gone", 300, GONE);
+        expect("!LocalAlloc#2", LINK_UP_MS, FAIL); // the request's, behind the node's
+        expect("linked hang", op.WrittenMs() + dwSize + 500, op.code == 25 ? GONE : FAIL);
+        expect(strCommand, op.WrittenMs() + qwSilence, FAIL);
+        expect(strCommand + "gone@200", op.WrittenMs() + (op.Is('A') ? 700 : 200), dwGone);
         for (const std::string strAck : {"shortack", "retransmit", "highack"}) {
-            expect(strCommand + strAck + " good", qwAcked, FAIL, FAIL);
-        }
-        if (op.Has(NO_RESPONSE)) {
-            continue;
+            expect(strCommand + strAck + " good", qwAcked, FAIL);
         }
         // The last try counts, at its last millisecond, and none behind it. Nothing bounds the
         // unbounded waits but the device's going.
         const bool bBound = !op.Has(UNBOUNDED);
         const std::uint64_t qwLast = (bBound ? op.wait.nTries : 2000) * op.TryMs() - 500;
-        const std::uint64_t qwPause = op.Has(SINGLE) || op.Has(COMPLETED) ? 0 : 500;
-        const std::uint64_t qwGiven = op.WrittenMs() + (op.code == 17 ? READ_MS : 0);
+        const std::uint64_t qwPause = op.Polls() ? 500 : 0;
         const std::uint64_t qwEnd = op.AwaitMs() + qwLast;
-        expect(op.Taken() + In("good", qwEnd - qwGiven), qwEnd, 0, 0);
-        expect(op.Taken() + In("good", qwEnd - qwGiven + 1),
-               qwEnd + qwPause + (bBound ? 0 : READ_MS), bBound ? FAIL : 0,
-               op.Left(bBound ? FAIL : 0));
-        if (!bBound) {
-            expect(op.Taken() + In("gone", qwEnd - qwGiven + 600), qwEnd + 1100, dwGone, dwGone);
+        const std::uint64_t qwAnswer = qwEnd - op.WrittenMs();
+        expect(op.Taken() + In("good", qwAnswer), qwEnd, 0);
+        if (bBound) {
+            expect(op.Taken() + In("good", qwAnswer + 1), qwEnd + qwPause, FAIL);
+        } else {
+            expect(op.Taken() + In("good", qwAnswer + 1), qwEnd + qwPause + READ_MS, 0);
+            expect(op.Taken() + In("gone", qwAnswer + 600), qwEnd + 1100, dwGone);
         }
-        if (op.Polls() || op.Has(FIRST_READ)) { // the others ask nobody
+        if (op.Polls()) { // the others ask nobody
             // What arrived in the very try in which the device went away still counts.
-            const std::string strGone = op.code == 17 ? "gone?4 "
-                                        : op.Is('A')  ? "gone?2 "
-                                                      : "gone?1 ";
+            const std::string strGone = op.Is('A') ? "gone?2 " : "gone?1 ";
             const std::string strTaken = op.Taken().insert(strCommand.size(), strGone);
-            const DWORD dwRefused = op.Is('V') ? GONE : op.Return(0);
-            expect(strTaken + "good", op.AwaitMs() + READ_MS, 0, 0);
-            expect(strTaken + "result0", op.AwaitMs() + READ_MS, dwRefused, op.Left(dwRefused), 0);
+            expect(strTaken + "good", op.AwaitMs() + READ_MS, 0);
+            expect(strTaken + "result0", op.AwaitMs() + READ_MS, op.Is('V') ? GONE : op.Return(0),
+                   0);
         }
         if (dwSize < 14 + op.wait.fields.size() && op.code != 7) {
-            expect("!LocalAlloc#3 " + op.Taken(), op.AwaitMs(), FAIL, FAIL);
+            expect("!LocalAlloc#3 " + op.Taken(), op.AwaitMs(), FAIL);
         }
     }
 }
@@ -295,8 +261,9 @@ TEST(Exchange, WhatElseEndsIt) {
 TEST(Exchange, RefusedArgumentsTouchNothing) {
     CRun run;
     CDAKVorn& dak = *run.dak;
+    constexpr std::uintptr_t NO_HANDLES[] = {0, 0xFFFFFFFF, ~0ull, 1ull << 32};
     for (const COperation& op : OPERATIONS) {
-        for (std::uintptr_t handle : {0ull, 0xFFFFFFFFull, ~0ull, 1ull << 32}) {
+        for (const std::uintptr_t handle : NO_HANDLES) {
             for (const char chNeed : {'p', 'n', 'h', 'o'}) {
                 CArguments in;
                 (chNeed == 'p' ? in.path : in.next) = handle == 0 ? nullptr : DAK_WIDE("");
@@ -323,6 +290,10 @@ TEST(Exchange, RefusedArgumentsTouchNothing) {
     EXPECT_TRUE(dak.GetLastError() == DAKERROR_FOLDER_SPACE && in.space == 0);
     // The counts are set once handle and pointer have passed. Nothing asked for is a success.
     for (const auto& call : {&CDAKVorn::DAKReadFile, &CDAKVorn::DAKWriteFile}) {
+        EXPECT_EQ((dak.*call)(in.File(), in.io, 4, nullptr), FAIL);
+        for (const std::uintptr_t handle : NO_HANDLES) {
+            EXPECT_EQ((dak.*call)(reinterpret_cast<void*>(handle), in.io, 4, &in.one), FAIL);
+        }
         for (const DWORD dwBytes : {1u, 0u}) {
             in.one = 5;
             EXPECT_EQ((dak.*call)(in.File(), nullptr, dwBytes, &in.one), dwBytes * FAIL);

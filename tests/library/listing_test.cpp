@@ -55,7 +55,6 @@ void ExpectListing(CRun& run, const std::string& strWords, DWORD dwResult, int n
         EXPECT_EQ(std::memcmp(&list[1 + i], &INFOS[i % 3], sizeof(_tagFileInfo)), 0) << i;
     }
     run.dak->ClearFileList(&list);
-    run.dak->ClearFileList(&list);
     EXPECT_EQ(list.GetData(), nullptr);
 }
 

@@ -73,7 +73,8 @@ struct CStream : CTransfer {
             {"result-2", Response(17, -2)},
             {"abort1", Join(Control(DAK_ABORT), Response(8, 1))},
             {"abort-2", Join(Control(DAK_ABORT), Response(8, -2))},
-            {"cutresult", Part(Response(8, 1), 0, 12)}});
+            {"foreign", Response(99, 1)},
+            {"cutresult", Part(Response(Code(), 1), 0, 12)}});
         packages["long"].resize(14), packages["short"].resize(14);
         lines["again"] = "bad >retransmit";
         actions["shrunk"] = [&] { Resize(25'000, 30'000); };
@@ -201,7 +202,19 @@ void ExpectEnds(EKind eKind, const std::vector<CEnd>& ends) {
 TEST(Streams, WritesThatEndInEachWay) {
     const std::string strTwo = "open >p1 ack >p2 ";
     ExpectEnds(WRITE,
-               {{"open -12288", FAIL, 10},
+               {{"!LocalAlloc#2", FAIL, 0}, // the request's memory
+                {"linked hang", GONE, 18 + 500},
+                {">request", FAIL, READS_AT_MOST * FAILED_TRY_MS},
+                {">request gone@200", GONE, 700},
+                {">request shortack", FAIL, 10},
+                {"open -12288", FAIL, 10},
+                // The result.
+                {"open sent ack", UNSAID, 150 + SILENCE, 30'000},
+                {"open sent ack result0", UNSAID, 160, 30'000},
+                {"open sent ack result-1", NO_SPACE, 160, 30'000},
+                {"open sent ack result-2", REFUSED, 160, 30'000},
+                {"open sent ack cutresult", UNSAID, 160, 30'000},
+                {"open sent ack foreign done", UNSAID, 160, 30'000},
                 // Within the stream a package that did not go well counts as a lost link.
                 {"open >p1 gone@100", GONE, 10 + 600},
                 {"open >p1 abort", GONE, 20},
@@ -231,7 +244,11 @@ TEST(Streams, WritesThatEndInEachWay) {
 
 TEST(Streams, ReadsThatEndInEachWay) {
     ExpectEnds(READ,
-               {{"open -12288", FAIL, 10},
+               {{"linked hang", FAIL, 18 + 500},
+                {">request", FAIL, READS_AT_MOST * FAILED_TRY_MS},
+                {">request gone@200", FAIL, 700},
+                {">request shortack", FAIL, 10},
+                {"open -12288", FAIL, 10},
                 {"open", PROTOCOL, 10 + SILENCE},
                 {"open five >ack", 0, 530, 5},
                 {"open end >ack", PROTOCOL, 520},
