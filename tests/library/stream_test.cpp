@@ -72,6 +72,7 @@ struct CStream : CTransfer {
             {"result-1", Response(17, -1)},
             {"result-2", Response(17, -2)},
             {"abort1", Join(Control(DAK_ABORT), Response(8, 1))},
+            {"abort-1", Join(Control(DAK_ABORT), Response(8, -1))},
             {"abort-2", Join(Control(DAK_ABORT), Response(8, -2))},
             {"foreign", Response(99, 1)},
             {"cutresult", Part(Response(Code(), 1), 0, 12)}});
@@ -304,6 +305,7 @@ TEST(Streams, PushesThatEndInEachWay) {
                       {"open sent ack result-1", NO_SPACE, 240},
                       {"open sent ack result-2", REFUSED, 240},
                       {"open sent ack abort1", 0, 240},
+                      {"open sent ack abort-1", 0, 240},
                       {"open sent ack abort-2", REFUSED, 240},
                       {"open sent ack ack", 0, 230},
                       {"open sent ack cutresult", 0, 240}});
@@ -375,6 +377,7 @@ TEST(Streams, PullsThatEndInEachWayLeaveTheOldFile) {
                       {"noroom open p1 -614400 >abort", NO_SPACE, 530},
                       {"noroom open p1 >abort", NO_SPACE, 530 + 3010},
                       {"noroom open p1 !WritePipe", NO_SPACE, 530 + 3010},
+                      {"noroom !WriteFile open p1 >abort", NO_SPACE, 530 + 3010},
                       // A cancel, where the worker looks and nowhere else.
                       {">request cancel@100 >abort", CANCELLED, FAILED_TRY_MS + SWALLOW},
                       {">request cancel@100 hang", GONE, FAILED_TRY_MS + SWALLOW + 508},

@@ -319,44 +319,35 @@ class CScenario {
     bool m_bCancelled = true;
 };
 
-// Operations on what is there now, of which some change it.
-inline CWork Operation(const CScenario& s, const std::function<DWORD(CDAKVorn&)>& call) {
-    return {s.Everything(), [call](CScenario& host) { return host.Took(call(*host.dak)); }};
-}
-inline CWork Delete(const CScenario& s, const std::string& strName) {
-    CWork work = Operation(
-        s, [path = DevicePath(strName)](CDAKVorn& dak) { return dak.DAKDeleteFile(path.c_str()); });
-    work.wanted.erase(strName);
-    work.bWaitsWithoutEnd = true;
-    return work;
-}
-inline CWork MakeFolder(const CScenario& s, const std::string& strName) {
-    CWork work = Operation(s, [path = DevicePath(strName)](CDAKVorn& dak) {
-        return dak.DAKCreateDirectory(path.c_str(), nullptr);
+// A change of the device's files: "delete", "folder" (is made), "copy", "move", or "format" of the
+// storage.
+inline CWork Change(const CScenario& s, const std::string& strWhat, const std::string& strFrom,
+                    const std::string& strTo) {
+    const bool bFormat = strWhat == "format";
+    CWork work{.wanted = s.Everything(), .run = {}, .bWaitsWithoutEnd = strWhat == "delete"};
+    work.bPlaceByPlace = bFormat;
+    work.run = [=, from = DevicePath(strFrom), to = DevicePath(strTo)](CScenario& host) {
+        CDAKVorn& dak = *host.dak;
+        const DWORD dwResult =
+            host.Took(strWhat == "delete"   ? dak.DAKDeleteFile(from.c_str())
+                      : strWhat == "folder" ? dak.DAKCreateDirectory(to.c_str(), nullptr)
+                      : strWhat == "copy"   ? dak.DAKCopyFile(from.c_str(), to.c_str(), 0)
+                      : strWhat == "move"   ? dak.DAKMoveFile(from.c_str(), to.c_str())
+                                            : dak.DAKFormatPartition(DAK_WIDE("Card")));
+        // It is answered at once, and takes its time on the disk; behind a killed agent the next
+        // one ends it.
+        platform::Sleep(bFormat && dwResult == 0 ? FORMAT_MS : 0);
+        return bFormat && host.bNewAgent ? DAKERROR_FAIL : dwResult;
+    };
+    if (strWhat == "folder") {
+        work.wanted[strTo] = FOLDER;
+    } else if (strWhat == "copy" || strWhat == "move") {
+        work.wanted[strTo] = work.wanted[strFrom];
+    }
+    std::erase_if(work.wanted, [&](const auto& file) {
+        return bFormat ? file.first.starts_with("Card/")
+                       : file.first == strFrom && (strWhat == "delete" || strWhat == "move");
     });
-    work.wanted[strName] = FOLDER;
-    return work;
-}
-inline CWork CopyOrMove(const CScenario& s, bool bMove, const std::string& strFrom,
-                        const std::string& strTo) {
-    CWork work = Operation(s, [=, a = DevicePath(strFrom), b = DevicePath(strTo)](CDAKVorn& dak) {
-        return bMove ? dak.DAKMoveFile(a.c_str(), b.c_str())
-                     : dak.DAKCopyFile(a.c_str(), b.c_str(), 0);
-    });
-    work.wanted[strTo] = work.wanted[strFrom];
-    bMove ? work.wanted.erase(strFrom) : 0;
-    return work;
-}
-// It is answered at once, and takes its time on the disk; behind a killed agent the next one ends
-// it.
-inline CWork Format(const CScenario& s) {
-    CWork work{s.Everything(), [](CScenario& host) {
-                   const DWORD dwResult = host.Took(host.dak->DAKFormatPartition(DAK_WIDE("Card")));
-                   platform::Sleep(dwResult == 0 ? FORMAT_MS : 0);
-                   return host.bNewAgent ? DAKERROR_FAIL : dwResult;
-               }};
-    std::erase_if(work.wanted, [](const auto& file) { return file.first.starts_with("Card/"); });
-    work.bPlaceByPlace = true;
     return work;
 }
 // Of C:\s to \d, and from there to C:\r.

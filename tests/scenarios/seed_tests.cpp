@@ -72,10 +72,7 @@ class CSeed {
             return Stream(m_s, nWhat == 4, m_strOpen, dwAt,
                           nWhat == 4 ? strAll.substr(dwAt, strData.size()) : strData, m_hFile);
         }
-        return nWhat < 8    ? CopyOrMove(m_s, nWhat == 7, strOld, strNew)
-               : nWhat == 8 ? MakeFolder(m_s, strNew)
-               : nWhat == 9 ? Delete(m_s, strOld)
-                            : Format(m_s);
+        return Change(m_s, NAMES[nWhat], strOld, strNew);
     }
 
     // One or no fault, of those of which a stream can tell.
