@@ -89,12 +89,6 @@ TEST_F(IoBufTest, ReadErrorsAndNoThread) {
         ASSERT_EQ(buf.InitIoBuf(N, FILE_NAME), 1);
         EXPECT_EQ(ReadAll(buf, 10), CONTENT);
     }
-    // Without the first thread the file stays open, and the caller can make the pass itself.
-    world.FailCall(ECall::CreateThread, 1);
-    EXPECT_EQ(buf.InitIoBuf(N, FILE_NAME), 0);
-    EXPECT_EQ(buf.ReadFileData(), 1);
-    EXPECT_EQ(ReadAll(buf, N), CONTENT);
-    EXPECT_EQ(CIoBuf::ReadDataToBufferThread(nullptr), 1u);
     // An error that comes while the consumer waits ends the wait.
     world.onFileRead = [&](sim::CFileRead& read) {
         platform::Sleep(95);

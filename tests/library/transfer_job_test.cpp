@@ -92,6 +92,16 @@ struct CPush : CTransfer {
         {"terminate", [this] { return dak->TerminateTransfer(), 0; }},
         {"destroy", [this] { return dak.reset(), 0; }},
         {"other.connect", [this] { return Other().ConnectDevice(); }},
+        // Those need no link.
+        {"refuse", [this] { return dak->DAKDeleteFile(nullptr); }},
+        {"nothing", [this] { return dak->DAKGetDeviceFreeSpace(nullptr, nullptr); }},
+        {"state", [this] { return dak->GetLastError(); }},
+        {"other.refuse", [this] { return Other().DAKDeleteFile(nullptr); }},
+        {"other.start",
+         [this] {
+             return Other().DAKTransmitFiles(1, DAK_WIDE(""), DAK_WIDE(""), &list, nullptr);
+         }},
+        {"other.state", [this] { return Other().GetLastError(); }},
         {"other.terminate", [this] { return Other().TerminateTransfer(), 0; }},
         {"other.destroy", [this] { return m_other.reset(), 0; }},
         {"replug",
@@ -184,6 +194,10 @@ TEST(TransferJob, ConversationsOfTheApplication) {
         // Objects share the link and nothing else; any other operation waits for the worker's end.
         {"whole", "start other.terminate running=1 other.destroy other.connect=ok" +
                       Is("now", CLOSED_MS + LINK_UP_MS + READ_MS) + "end=ok"},
+        // What can be refused or answered without the link is so at once. Of the object with the
+        // job the result tells, for its state is the job's.
+        {"whole", "start start=busy refuse=fail nothing=ok state=fail running=1 other.start=busy "
+                  "other.state=busy other.refuse=fail other.state=fail now=310 end=ok"},
         // What a cancelled job leaves is taken over by the next operation, an object made in
         // between, which leaves the first one's node, or the object's end.
         {"open >p1 ack@600 zero", strCancel + "connect=ok open=0 opens=1 disconnects=1"},
@@ -228,27 +242,6 @@ TEST(TransferJob, CopyStatusShowsTheCurrentFile) {
     EXPECT_EQ(run.Status(), strLong.substr(1) + " \\d\\b\\a 0 0 0");
     run.Do("worker terminate");
     EXPECT_EQ(run.Status(), "  5 6 7");
-}
-
-// What can be refused or answered without the link is so at once; of the object with the job the
-// result tells, for its state is the job's.
-TEST(TransferJob, OthersAreAnsweredAtOnce) {
-    CPush run;
-    CDAKVorn other;
-    run.Play("whole");
-    run.Do("start");
-    for (CDAKVorn* pDak : {&*run.dak, &other}) {
-        const auto expect = [&, dwState = pDak->GetLastError()](DWORD dwResult, DWORD dwExpected) {
-            EXPECT_EQ(dwResult, dwExpected);
-            EXPECT_EQ(pDak->GetLastError(), pDak == &other ? dwExpected : dwState);
-        };
-        expect(pDak->DAKTransmitFiles(1, DAK_WIDE(""), DAK_WIDE(""), &run.list, nullptr),
-               DAKERROR_BUSY);
-        expect(pDak->DAKTransmitFiles(7, nullptr, DAK_WIDE(""), nullptr, nullptr), FAIL);
-        expect(pDak->DAKDeleteFile(nullptr), FAIL);
-        expect(pDak->DAKGetDeviceFreeSpace(nullptr, nullptr), DAKERROR_NONE);
-    }
-    run.Do("now=310 end=ok");
 }
 
 // Both wait for an operation; the one that starts first makes the other a further job.
