@@ -90,8 +90,8 @@ struct CRun {
     //     gone       goes away; gone@5 in 5 ms; gone?2 when it is asked for the second time
     //     cancel     what TerminateTransfer tells a running stream; cancel@5 in 5 ms
     //     linked     answers the host's first handshake, so that what follows waits for it
-    //     !Call      the next such call of the host fails; !Call#2=112 the one behind it, with
-    //     error 112 -12288     the host gets no memory of that many bytes
+    //     !Call#2=112 the second such call of the host fails with error 112; !Call the first
+    //     -12288     the host gets no memory of that many bytes
     //     3*word     the word three times
     // The name of an action runs it, that of a line plays its words.
     void Play(const std::string& strWords) {
