@@ -6,139 +6,130 @@
 
 namespace {
 
-using WideText = std::basic_string<WCHAR>;
-
-// An entry as it comes; the seed makes its numbers.
-Bytes Entry(DWORD dwSeed, const WideText& strText1 = DAK_WIDE("a"),
-            const WideText& strText2 = DAK_WIDE("bc"), const WideText& strText3 = DAK_WIDE("def")) {
-    return Join(U32(dwSeed), Text(strText1), Text(strText2), Text(strText3), Pattern(32, dwSeed));
+// An entry with these texts, and numbers that differ from field to field.
+_tagFileInfo Info(DWORD dwSeed, const WideText& strText1 = DAK_WIDE("a"),
+                  const WideText& strText2 = DAK_WIDE("bc"),
+                  const WideText& strText3 = DAK_WIDE("def")) {
+    _tagFileInfo info{};
+    std::memcpy(&info.dwFileAttributes, Pattern(36, dwSeed).data(), 36);
+    strText1.copy(info.szText1, std::size(info.szText1));
+    strText2.copy(info.szText2, std::size(info.szText2));
+    strText3.copy(info.szText3, std::size(info.szText3));
+    return info;
 }
-// The same as it comes out: the texts ahead of the attributes, in fields of their own size, and the
-// last access ahead of the last write.
-Bytes Info(const Bytes& entry) {
-    Bytes info;
-    auto it = entry.begin() + 4;
-    for (const std::size_t dwField : {520u, 520u, 160u}) {
-        const std::size_t dwBegin = info.size();
-        for (; it[0] != 0 || it[1] != 0; it += 2) {
-            info.insert(info.end(), it, it + 2);
-        }
-        it += 2;
-        info.resize(dwBegin + dwField);
-    }
-    return Join(info, Bytes(entry.begin(), entry.begin() + 4), Bytes(it, it + 8),
-                Bytes(it + 16, it + 24), Bytes(it + 8, it + 16), Bytes(it + 24, it + 32));
-}
-
-Bytes First(bool bLast, DWORD dwEntries, const Bytes& bytes) {
-    return Package(bLast ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE,
-                   Join(U16(7), U32(0), U32(dwEntries), bytes));
-}
-Bytes Later(bool bLast, const Bytes& bytes) {
-    return Package(bLast ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE, Join(U16(7), bytes));
+// The same as it comes: the attributes ahead of the texts, and the last write ahead of the last
+// access.
+Bytes Entry(const _tagFileInfo& info) {
+    const auto raw = [](const auto& field) {
+        const auto* lpField = reinterpret_cast<const std::uint8_t*>(&field);
+        return Bytes(lpField, lpField + sizeof(field));
+    };
+    return Join(raw(info.dwFileAttributes), Text({info.szText1}), Text({info.szText2}),
+                Text({info.szText3}), raw(info.ftCreationTime), raw(info.ftLastWriteTime),
+                raw(info.ftLastAccessTime), raw(info.nFileSizeHigh), raw(info.nFileSizeLow));
 }
 
-// The head of the reply is read at 1458 ms.
-void ExpectListing(CRun& run, DWORD dwResult, const std::vector<Bytes>& entries) {
+const _tagFileInfo INFOS[] = {
+    Info(1), Info(2, {}, {}, {}),
+    Info(3, WideText(259, DAK_WIDE('x')), {}, WideText(79, DAK_WIDE('y')))};
+
+// The first package of a reply, and a later one.
+Bytes First(DWORD dwWord, DWORD dwEntries, const Bytes& bytes) {
+    return Package(dwWord, Join(U16(7), U32(0), U32(dwEntries), bytes));
+}
+Bytes Later(DWORD dwWord, const Bytes& bytes) {
+    return Package(dwWord, Join(U16(7), bytes));
+}
+
+// The entries that come are the first of INFOS, again and again.
+void ExpectListing(CRun& run, const std::string& strWords, DWORD dwResult, int nEntries) {
     CArray<_tagFileInfo, _tagFileInfo> list;
     list.Add({});
+    run.packages["request"] = Command(7, Text(DAK_WIDE("\\")));
+    run.Play(strWords);
     EXPECT_EQ(run.dak->DAKGetFolderContent(DAK_WIDE("\\"), &list), dwResult);
     EXPECT_EQ(run.dak->GetLastError(), dwResult);
-    ASSERT_EQ(list.GetSize(), 1 + std::ssize(entries)) << "behind what was there";
-    for (int i = 1; i < list.GetSize(); ++i) {
-        const Bytes info = Info(entries[static_cast<std::size_t>(i - 1)]);
-        EXPECT_EQ(std::memcmp(&list[i], info.data(), sizeof(_tagFileInfo)), 0);
+    EXPECT_LT(run.world.NowMs(), 20'000u);
+    ASSERT_EQ(list.GetSize(), 1 + nEntries) << "behind what was there";
+    for (int i = 0; i < nEntries; ++i) {
+        EXPECT_EQ(std::memcmp(&list[1 + i], &INFOS[i % 3], sizeof(_tagFileInfo)), 0) << i;
     }
-    run.dak->ClearFileList(&list);
     run.dak->ClearFileList(&list);
     EXPECT_EQ(list.GetData(), nullptr);
 }
 
 TEST(Listing, IsCutAnywhere) {
-    const std::vector<Bytes> entries = {
-        Entry(1), Entry(2, {}, {}, {}),
-        Entry(3, WideText(259, DAK_WIDE('x')), {}, WideText(79, 'y'))};
-    const Bytes all = Join(entries[0], entries[1], entries[2]);
+    const Bytes all = Join(Entry(INFOS[0]), Entry(INFOS[1]), Entry(INFOS[2]));
     for (std::size_t dwCut = 1; dwCut < all.size(); dwCut += dwCut < 130 ? 1 : 11) {
         CRun run(std::to_string(dwCut));
-        const auto middle = all.begin() + static_cast<std::ptrdiff_t>(dwCut);
-        run.packages["command"] = Command(7, Text(DAK_WIDE("\\")));
-        run.packages["first"] = First(false, 3, Bytes(all.begin(), middle));
-        run.packages["last"] = Later(true, Bytes(middle, all.end()));
-        run.Play(">command@828 ack first last >ack@1478");
-        ExpectListing(run, 0, entries);
-        EXPECT_EQ(run.world.NowMs(), 1488u);
+        run.packages["first"] = First(DAK_REPLY_PACKAGE, 3, Part(all, 0, dwCut));
+        run.packages["last"] = Later(DAK_LAST_REPLY, Part(all, dwCut, all.size()));
+        ExpectListing(run, ">request@828 ack first last >ack@1478", 0, 3);
     }
 }
 
-// Packages of one entry each; the last, of 12288 bytes, brings what is beyond the count.
+// Packages of one entry each; the last, of 12288 bytes, brings what is beyond the count. The head
+// of the reply is read at 1458 ms.
 TEST(Listing, WindowsOfPackages) {
-    for (const DWORD dwPackages : {1u, 2u, 49u, 50u, 51u, 100u, 101u}) {
-        CRun run(std::to_string(dwPackages));
-        run.device.ExpectCommand(7, Text(DAK_WIDE("\\"))).Reply(Ack());
-        std::vector<Bytes> entries;
+    for (const int nPackages : {1, 2, 49, 50, 51, 100, 101}) {
+        CRun run(std::to_string(nPackages));
+        std::string strWords = "open";
         std::uint64_t qwMs = 1458 - 2 * READ_MS;
-        for (DWORD i = 1; i <= dwPackages; ++i) {
-            const bool bLast = i == dwPackages;
-            entries.push_back(Entry(i));
-            run.device.Reply(
-                i == 1 ? First(bLast, dwPackages, Entry(i))
-                       : Later(bLast, Join(Entry(i), Bytes(bLast ? 12278 - Entry(i).size() : 0))));
+        for (int i = 0; i < nPackages; ++i) {
+            const DWORD dwWord = i + 1 == nPackages ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE;
+            Bytes entry = Entry(INFOS[i % 3]);
+            entry.resize(i > 0 && dwWord == DAK_LAST_REPLY ? 12'278 : entry.size());
+            const std::string strName = "p" + std::to_string(i);
+            run.packages[strName] =
+                i == 0 ? First(dwWord, static_cast<DWORD>(nPackages), entry) : Later(dwWord, entry);
             qwMs += 2 * READ_MS;
-            if (i > 1 && (i % 50 == 0 || bLast)) {
-                run.device.Expect(Ack()).At(qwMs);
-            }
+            const bool bAck = i > 0 && ((i + 1) % 50 == 0 || dwWord == DAK_LAST_REPLY);
+            strWords += " " + strName + (bAck ? In(" >ack", qwMs) : "");
         }
-        ExpectListing(run, 0, entries);
+        ExpectListing(run, strWords, 0, nPackages);
         EXPECT_EQ(run.world.NowMs(), qwMs + READ_MS);
     }
 }
 
 TEST(Listing, RepliesThatAreNone) {
-    const Bytes one = Entry(1);
-    const Bytes two = Join(one, Entry(2));
-    const auto with = [](Bytes package, std::size_t dwOffset, DWORD dwValue) {
-        DakPutU32(package.data() + dwOffset, dwValue);
-        return package;
-    };
-    const Bytes first = First(false, 2, one);
-    const Bytes later = Later(true, two);
-    const WideText long260(260, DAK_WIDE('x'));
-    const WideText long80(80, DAK_WIDE('x'));
-    const struct {
-        std::vector<Bytes> packages;
-        bool bAcknowledged;
-        DWORD dwResult;
-        std::size_t dwEntries;
-    } rows[] = {
-        {{First(true, 0, one)}, false, 0, 0}, // bytes behind no entries
-        {{First(true, 3, {})}, false, 0, 0},
-        {{First(true, 1, two)}, false, 0, 1},
-        {{First(false, 1, {1}), Later(false, {0}), Later(true, Bytes(one.begin() + 2, one.end()))},
-         true,
-         0,
-         1}, // cut twice
-        {{with(First(true, 1, one), 4, 9)}, false, FAIL, 0},
-        {{with(First(true, 1, one), 4, 12281)}, false, FAIL, 0},
-        {{First(true, 0xFFFFFFFF, two)}, false, FAIL, 2},
-        {{First(true, 9, one), Later(false, Entry(2))}, true, FAIL, 2}, // is the last
-        {{first, Later(false, {}), later}, false, FAIL, 1},
-        {{first, Package(DAK_LAST_REPLY, Join(U16(8), two))}, true, FAIL, 1},
-        {{first, with(later, 0, DAK_PACKAGE)}, false, FAIL, 1},
-        {{first, with(later, 4, 1)}, false, FAIL, 1},
-        {{first, with(later, 4, 12281)}, false, FAIL, 1},
-        {{First(true, 1, Entry(1, {}, long260))}, false, FAIL, 0},
-        {{First(true, 1, Entry(1, {}, {}, long80))}, false, FAIL, 0}};
-    for (const auto& row : rows) {
-        CRun run(testing::PrintToString(&row - rows));
-        run.Play("> ack");
-        std::ranges::for_each(row.packages,
-                              [&](const Bytes& package) { run.device.Reply(package); });
-        run.Play(row.bAcknowledged ? ">ack" : "");
-        std::vector<Bytes> entries = {one, Entry(2)};
-        entries.resize(row.dwEntries);
-        ExpectListing(run, row.dwResult, entries);
-        EXPECT_LT(run.world.NowMs(), 20'000u);
+    constexpr DWORD LAST = DAK_LAST_REPLY;
+    const Bytes one = Entry(INFOS[0]);
+    const Bytes two = Join(one, Entry(INFOS[1]));
+    const Bytes last = Later(LAST, Entry(INFOS[1]));
+    const std::map<std::string, Bytes> packages = {
+        {"first", First(DAK_REPLY_PACKAGE, 2, one)},
+        {"last", last},
+        {"start", First(DAK_REPLY_PACKAGE, 1, Part(one, 0, 1))},
+        {"middle", Later(DAK_REPLY_PACKAGE, Part(one, 1, 2))},
+        {"rest", Later(LAST, Part(one, 2, one.size()))},
+        {"nonebutbytes", First(LAST, 0, one)},
+        {"threebutnone", First(LAST, 3, {})},
+        {"manybuttwo", First(LAST, 0xFFFFFFFF, two)},
+        {"ninebutone", First(LAST, 9, one)},
+        {"empty", Later(DAK_REPLY_PACKAGE, {})},
+        {"more", Later(DAK_REPLY_PACKAGE, Entry(INFOS[1]))},
+        {"foreign", Package(LAST, Join(U16(8), Entry(INFOS[1])))},
+        {"word", With(last, 0, DAK_PACKAGE)},
+        {"firstlength9", With(First(LAST, 1, one), 4, 9)},
+        {"firstlength12281", With(First(LAST, 1, one), 4, 12'281)},
+        {"longtext1", First(LAST, 1, Entry(Info(1, {}, WideText(260, DAK_WIDE('x')))))},
+        {"longtext3", First(LAST, 1, Entry(Info(1, {}, {}, WideText(80, DAK_WIDE('x')))))}};
+    const Rows<std::string, DWORD, int> rows = {{"nonebutbytes", 0, 0},
+                                                {"threebutnone", 0, 0},
+                                                {"start middle rest >ack", 0, 1},
+                                                {"manybuttwo", FAIL, 2},
+                                                {"ninebutone more >ack", FAIL, 2}, // is the last
+                                                {"first empty last", FAIL, 1},
+                                                {"first foreign >ack", FAIL, 1},
+                                                {"first word", FAIL, 1},
+                                                {"firstlength9", FAIL, 0},
+                                                {"firstlength12281", FAIL, 0},
+                                                {"longtext1", FAIL, 0},
+                                                {"longtext3", FAIL, 0}};
+    for (const auto& [strWords, dwResult, nEntries] : rows) {
+        CRun run(strWords);
+        run.packages.insert(packages.begin(), packages.end());
+        ExpectListing(run, "open " + strWords, dwResult, nEntries);
     }
 }
 

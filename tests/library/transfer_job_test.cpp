@@ -1,20 +1,58 @@
 // The job around a copy: start, watching, cutting short, end.
 
-#include "tests/library/transfer_run.h"
+#include "tests/library/library_run.h"
 
 namespace {
 
 // A push of an empty list: request and acknowledgement, final package and verdict, the reply's two
-// reads; and its message behind the drain.
+// reads; its message behind the drain, and then the closing.
 constexpr std::uint64_t PUSHED_MS =
     LINK_UP_MS + READ_MS + RETRY_BASE_MS + READ_MS + RETRY_BASE_MS + 2 * READ_MS;
 constexpr std::uint64_t MESSAGE_MS = PUSHED_MS + DRAIN_MS;
+constexpr std::uint64_t CLOSED_MS = MESSAGE_MS + READ_MS;
+
+// The word name=qwNumber.
+std::string Is(const std::string& strName, std::uint64_t qwNumber) {
+    return " " + strName + "=" + std::to_string(qwNumber) + " ";
+}
 
 struct CPush : CTransfer {
     explicit CPush(const std::string& strName = {}) : CTransfer(DAK_TO_DEVICE, strName) {
         world.bTrace = false;
+        LayRecords();
         packages["zero"] = Response(8, 0);
-        actions["other"] = [&] { world.OtherProcessOpensLock("NadoxUSBAPI"); };
+        packages["bytes8"] = Bytes(8);
+        packages["bytes800"] = Bytes(800);
+        actions["file"] = [this] { // is what the job copies
+            AddFile("C:\\s\\b\\a", Pattern(20'000));
+            LayRecords(FileRecord(DAK_WIDE("b\\a"), Pattern(20'000)));
+        };
+        actions["slow"] = [this] {
+            world.onFileRead = [](sim::CFileRead&) { platform::Sleep(5000); };
+        };
+    }
+    // What the application does and sees, in words: @5 sleeps until 5 ms of the world's clock;
+    // name=1 does that and must get that number, or a result by its name.
+    void Do(const std::string& strWords) {
+        static const std::map<std::string, std::uint64_t> results = {{"ok", 0},
+                                                                     {"fail", FAIL},
+                                                                     {"busy", DAKERROR_BUSY},
+                                                                     {"gone", GONE},
+                                                                     {"cancelled", CANCELLED}};
+        std::istringstream words(strWords);
+        for (std::string strWord; words >> strWord;) {
+            const auto nMark = std::min(strWord.find('='), strWord.size());
+            if (strWord[0] == '@') {
+                platform::Sleep(static_cast<DWORD>(std::stoul(strWord.substr(1)) - world.NowMs()));
+                continue;
+            }
+            const std::uint64_t qwGot = m_calls.at(strWord.substr(0, nMark))();
+            const std::string strValue = strWord.substr(std::min(nMark + 1, strWord.size()));
+            EXPECT_TRUE(strValue.empty() ||
+                        qwGot == (results.contains(strValue) ? results.at(strValue)
+                                                             : std::stoull(strValue)))
+                << strWord << ", not " << qwGot;
+        }
     }
     // What GetCopyStatus stores; nothing where there is no job.
     std::string Status() {
@@ -28,18 +66,73 @@ struct CPush : CTransfer {
                                    << ' ' << nPercent)
             .GetString();
     }
-    void StartEmpty() {
-        PlayWhole(U32(0));
-        EXPECT_EQ(Start(), DAKERROR_NONE);
+
+  private:
+    std::uint64_t Ended() {
+        AwaitEnd();
+        ExpectEnd(dak->GetLastError());
+        return dak->GetLastError();
     }
-    void SleepUntil(std::uint64_t qwMs) {
-        platform::Sleep(static_cast<DWORD>(qwMs - world.NowMs()));
+    std::uint64_t Message() {
+        platform::WINDOWMESSAGE message{};
+        EXPECT_TRUE(platform::WaitWindowMessage(window, INFINITE, &message));
+        return world.NowMs();
     }
+    std::uint64_t Buffers() const {
+        return static_cast<std::uint64_t>(
+            std::ranges::count(world.Open(), "memory block of 1310720 bytes"));
+    }
+    CDAKVorn& Other() { return m_other ? *m_other : m_other.emplace(); }
+
+    std::optional<CDAKVorn> m_other;
+    const std::map<std::string, std::function<std::uint64_t()>> m_calls = {
+        {"start", [this] { return Start(); }},
+        {"connect", [this] { return dak->ConnectDevice(); }},
+        {"delete", [this] { return dak->DAKDeleteFile(DAK_WIDE("\\a")); }},
+        {"terminate", [this] { return dak->TerminateTransfer(), 0; }},
+        {"destroy", [this] { return dak.reset(), 0; }},
+        {"other.connect", [this] { return Other().ConnectDevice(); }},
+        // Those need no link.
+        {"refuse", [this] { return dak->DAKDeleteFile(nullptr); }},
+        {"nothing", [this] { return dak->DAKGetDeviceFreeSpace(nullptr, nullptr); }},
+        {"state", [this] { return dak->GetLastError(); }},
+        {"other.refuse", [this] { return Other().DAKDeleteFile(nullptr); }},
+        {"other.start",
+         [this] {
+             return Other().DAKTransmitFiles(1, DAK_WIDE(""), DAK_WIDE(""), &list, nullptr);
+         }},
+        {"other.state", [this] { return Other().GetLastError(); }},
+        {"other.terminate", [this] { return Other().TerminateTransfer(), 0; }},
+        {"other.destroy", [this] { return m_other.reset(), 0; }},
+        {"replug",
+         [this] {
+             world.OtherProcessClosesLock("NadoxUSBAPI");
+             return world.Plug(device), 0;
+         }},
+        {"nowindow", [this] { return window = nullptr, 0; }},
+        {"worker", [this] { return AwaitEnd(), 0; }}, // has ended
+        {"end", [this] { return Ended(); }},          // with its one message
+        {"message", [this] { return Message(); }},    // comes at that time
+        {"now", [this] { return world.NowMs(); }},
+        {"running", [this] { return static_cast<std::uint64_t>(dak->IsTransmitting()); }},
+        {"threads", [this] { return static_cast<std::uint64_t>(world.LiveThreads()); }},
+        {"posted", [this] { return world.posted.size(); }},
+        {"buffers", [this] { return Buffers(); }}, // of the file that is read ahead
+        {"open", [this] { return static_cast<std::uint64_t>(device.OpenNow()); }},
+        {"opens", [this] { return static_cast<std::uint64_t>(device.Opens()); }},
+        {"lock", [] { return IsHandleOpen(g_hDeviceMutex) ? 1u : 0u; }},
+        // The handshake behind the job's first, its time and that of the third.
+        {"handshakes", [this] { return device.Handshakes().size(); }},
+        {"second", [this] { return device.Handshakes()[1].qwMs; }},
+        {"third", [this] { return device.Handshakes()[2].qwMs; }},
+        {"disconnects", [this] {
+             return DakGetU32(device.Handshakes()[1].bytes.data()) == DAK_DISCONNECT ? 1u : 0u;
+         }}};
 };
 
 TEST(TransferJob, RefusedArgumentsTouchNothing) {
     CPush run;
-    const std::basic_string<WCHAR> strLong(260, DAK_WIDE('x'));
+    const WideText strLong(260, DAK_WIDE('x'));
     const Rows<UINT, const WCHAR*, const WCHAR*, CStringArray*> rows = {
         {2, DAK_WIDE("a"), DAK_WIDE("b"), &run.list},
         {1, nullptr, DAK_WIDE("b"), &run.list},
@@ -47,208 +140,117 @@ TEST(TransferJob, RefusedArgumentsTouchNothing) {
         {1, DAK_WIDE("a"), DAK_WIDE("b"), nullptr},
         {1, strLong.c_str(), DAK_WIDE("b"), &run.list},
         {0, DAK_WIDE("a"), strLong.c_str(), &run.list}};
-    for (const auto& [nDirection, lpSource, lpDest, pList] : rows) {
-        EXPECT_EQ(run.dak->DAKTransmitFiles(nDirection, lpSource, lpDest, pList, run.window), FAIL);
-        EXPECT_EQ(run.dak->GetLastError(), FAIL);
-        EXPECT_EQ(run.dak->IsTransmitting(), FALSE);
-    }
-    EXPECT_EQ(run.world.CallCount(ECall::CreateMutexA), 0u);
-    for (const WCHAR* lpFolder : {strLong.c_str() + 1, DAK_WIDE("")}) {
-        run.packages["request"] = Command(8, Bytes{1}, Text(lpFolder), Text(lpFolder));
-        run.world.posted.clear();
-        run.Play(">request abort");
-        EXPECT_EQ(run.Start(lpFolder, lpFolder), DAKERROR_NONE);
-        run.ExpectEnd(FAIL);
-    }
-}
-
-TEST(TransferJob, ALongDebugLogIsDeletedAheadOfEverythingElse) {
-    for (const std::uint64_t qwSize : {5'242'880ull, 5'242'881ull, (1ull << 32) + 7}) {
-        CPush run(std::to_string(qwSize));
+    // A long debug log goes ahead of everything else.
+    for (const std::uint64_t qwSize : {5'242'880ull, (1ull << 32) + 7, 5'242'881ull}) {
         run.world.WriteHostFile("C:/DAKDebug.txt", {});
         run.world.HostFile("C:/DAKDebug.txt")->qwReportedSize = qwSize;
-        run.Start(DAK_WIDE("a"), nullptr);
+        for (const auto& [nDirection, lpSource, lpDest, pList] : rows) {
+            EXPECT_EQ(run.dak->DAKTransmitFiles(nDirection, lpSource, lpDest, pList, run.window),
+                      FAIL);
+            EXPECT_TRUE(run.dak->GetLastError() == FAIL && !run.dak->IsTransmitting());
+        }
         EXPECT_EQ(run.world.HostFileExists("C:/DAKDebug.txt"), qwSize != 5'242'881);
     }
-}
-
-TEST(TransferJob, OneThatCannotStartLeavesNothingOpen) {
-    const std::pair<std::string, DWORD> rows[] = {{"other", DAKERROR_BUSY},
-                                                  {"gone", GONE},
-                                                  {"!LocalAlloc#2", FAIL},
-                                                  {"!LocalAlloc#3", FAIL},
-                                                  {"!CreateThread#3", FAIL}};
-    for (const auto& [strWords, dwResult] : rows) {
-        CPush run(strWords);
-        run.Play(strWords);
-        EXPECT_EQ(run.Start(), dwResult);
-        EXPECT_EQ(run.dak->GetLastError(), dwResult);
-        EXPECT_EQ(run.dak->IsTransmitting(), FALSE);
-        EXPECT_EQ(run.device.OpenNow(), 0);
-        run.world.OtherProcessClosesLock("NadoxUSBAPI");
-        run.world.Plug(run.device);
-        run.StartEmpty();
-        run.ExpectEnd(DAKERROR_NONE);
-    }
-}
-
-// The message comes once, ahead of the closing; who answers it with a job or an operation waits for
-// that.
-TEST(TransferJob, TheMessageComesOnceAheadOfTheClosing) {
-    for (const bool bJob : {true, false}) {
-        CPush run(bJob ? "a job" : "an operation");
-        run.StartEmpty();
-        EXPECT_EQ(run.world.NowMs(), LINK_UP_MS);
-        EXPECT_EQ(run.dak->IsTransmitting(), TRUE);
-        platform::WINDOWMESSAGE message{};
-        EXPECT_TRUE(platform::WaitWindowMessage(run.window, INFINITE, &message));
-        EXPECT_EQ(run.world.NowMs(), MESSAGE_MS);
-        bJob ? run.StartEmpty() : static_cast<void>(run.dak->ConnectDevice());
-        run.AwaitEnd();
-        EXPECT_EQ(run.world.posted.size(), bJob ? 2u : 1u);
-        EXPECT_EQ(run.device.Handshakes()[1].qwMs, MESSAGE_MS);
-        EXPECT_EQ(run.device.Handshakes()[2].qwMs, MESSAGE_MS + READ_MS);
-    }
+    EXPECT_EQ(run.world.CallCount(ECall::CreateMutexA), 0u);
+    run.LayRequest(strLong.c_str() + 1, DAK_WIDE(""));
+    run.Play(">request abort");
+    EXPECT_EQ(run.Start(strLong.c_str() + 1, DAK_WIDE("")), DAKERROR_NONE);
+    run.ExpectEnd(FAIL);
     _tagCommitParam param{DAK_COPY_FILES, nullptr, nullptr, 0};
     EXPECT_EQ(CDAKVorn::Commit_Thread(nullptr), static_cast<DWORD>(-1));
     EXPECT_EQ(CDAKVorn::Commit_Thread(&param), static_cast<DWORD>(-1));
 }
 
-TEST(TransferJob, WithoutAWindowTheStateStaysUntilItIsEnded) {
-    CPush run;
-    const std::string strLong(260, 'x'); // longer than what shows a path
-    run.AddFile("C:\\s\\a.txt", {1, 2, 3});
-    run.list.Add(strLong.c_str());
-    run.PlayWhole(Join(U32(2), FileRecord(DAK_WIDE("a.txt"), {1, 2, 3})));
-    const HWND window = std::exchange(run.window, nullptr);
-    EXPECT_EQ(run.Start(), DAKERROR_NONE);
-    run.AwaitEnd();
-    EXPECT_EQ(run.device.OpenNow(), 0);
-    EXPECT_EQ(run.Status(), strLong.substr(1) + " \\d\\a.txt 0 0 0");
-    run.dak->TerminateTransfer();
-    EXPECT_EQ(run.dak->GetLastError(), DAKERROR_NONE);
-    EXPECT_EQ(run.Status(), "  5 6 7");
-    Access::m_dwSizeTotal(*run.dak) = Access::m_dwErrCode(*run.dak) = 77;
-    run.dak->TerminateTransfer(); // changes nothing
-    EXPECT_TRUE(Access::m_dwSizeTotal(*run.dak) == 77 && run.dak->GetLastError() == 77);
-    Access::m_dwSizeTotal(*run.dak) = 0;
-    Access::m_bCopying(*run.dak) = 1;
-    EXPECT_EQ(run.Status(), "  0 0 0");
-    run.Cancel();
-    // A window that is no longer alive is as good as any.
-    run.window = window;
-    platform::DestroyMessageWindow(window);
-    run.Play(">request abort"); // over at once
-    EXPECT_EQ(run.Start(), DAKERROR_NONE);
-    run.AwaitEnd();
-    EXPECT_EQ(run.dak->IsTransmitting(), FALSE);
+// What the application does against a device of these words.
+TEST(TransferJob, ConversationsOfTheApplication) {
+    const std::string strClosed = Is("second", MESSAGE_MS) + Is("third", CLOSED_MS);
+    const std::string strCancel = "start @510 terminate end=cancelled lock=1 ";
+    const Rows<std::string, std::string> rows = {
+        // One that cannot start leaves nothing open.
+        {"other whole", "start=busy running=0 open=0 replug start=ok end=ok"},
+        {"gone whole", "start=gone running=0 open=0 replug start=ok end=ok"},
+        {"!LocalAlloc#2 whole", "start=fail running=0 open=0 start=ok end=ok"},
+        {"!LocalAlloc#3 whole", "start=fail running=0 open=0 start=ok end=ok"},
+        {"!CreateThread#3 whole", "start=fail running=0 open=0 start=ok end=ok"},
+        // The message comes once, ahead of the closing; who answers it with a job or an operation
+        // waits for that. The drain ends with a read that fails, and not before the fourth.
+        {"whole whole", "start now=310 running=1" + Is("message", MESSAGE_MS) +
+                            "start=ok worker posted=2" + strClosed},
+        {"whole", "start" + Is("message", MESSAGE_MS) + "connect=ok worker posted=1" + strClosed},
+        {"whole bytes8",
+         "start" + Is("message", PUSHED_MS + READ_MS + 3 * FAILED_READ_MS + 2 * 300) + "end=ok"},
+        {"whole bytes800",
+         "start" + Is("message", PUSHED_MS + 100 * READ_MS + FAILED_READ_MS) + "end=ok"},
+        // A cancel waits two seconds for the worker, here to its closing.
+        {"whole", In("start ", CLOSED_MS - 1999) + " terminate running=0" + Is("now", CLOSED_MS) +
+                      "end=ok handshakes=2" + Is("second", MESSAGE_MS)},
+        {"whole", In("start ", CLOSED_MS - READ_MS - 2001) + " terminate running=0" +
+                      Is("now", CLOSED_MS - READ_MS - 1) + "end=cancelled handshakes=1"},
+        // The read-ahead buffer belongs to a worker that reads from it, also when the caller has
+        // given up; and nobody waits for such a one.
+        {"slow file open >a1", "start @1000 terminate buffers=2 posted=0 other.connect=busy "
+                               "delete=busy now=3000 other.destroy end=cancelled buffers=0"},
+        {"slow file open >a1", "start @1000 destroy threads=0 buffers=0 posted=1"},
+        // Objects share the link and nothing else; any other operation waits for the worker's end.
+        {"whole", "start other.terminate running=1 other.destroy other.connect=ok" +
+                      Is("now", CLOSED_MS + LINK_UP_MS + READ_MS) + "end=ok"},
+        // What can be refused or answered without the link is so at once. Of the object with the
+        // job the result tells, for its state is the job's.
+        {"whole", "start start=busy refuse=fail nothing=ok state=fail running=1 other.start=busy "
+                  "other.state=busy other.refuse=fail other.state=fail now=310 end=ok"},
+        // What a cancelled job leaves is taken over by the next operation, an object made in
+        // between, which leaves the first one's node, or the object's end.
+        {"open >p1 ack@600 zero", strCancel + "connect=ok open=0 opens=1 disconnects=1"},
+        {"open >p1 ack@600 zero",
+         strCancel + "other.connect=ok open=1 connect=ok open=0 opens=2 disconnects=0"},
+        {"open >p1 ack@600 zero", strCancel + "destroy open=0 opens=1 disconnects=1"},
+        // Without a window the job counts as running until it is ended.
+        {"whole >request abort", "nowindow start worker open=0 running=1 terminate terminate "
+                                 "running=0 start worker posted=0 terminate"}};
+    for (const auto& [strDevice, strHost] : rows) {
+        CPush run(strDevice + " / " + strHost);
+        run.Play(strDevice);
+        run.Do(strHost);
+    }
 }
 
 TEST(TransferJob, CopyStatusShowsTheCurrentFile) {
     const Rows<std::uint64_t, std::uint64_t, std::string> rows = {
         {100, 29, "  100 29 28"},
         {100, 101, "  100 101 0"},
+        {0, 0, "  0 0 0"},
         {0xFFFFFFFF, 0xC0000000, "  4294967295 3221225472 75"},
         {0xA00000005, 0xB00000001, "  5 1 20"}};
     CPush run;
-    for (const auto& [qwTotal, qwCopied, lpszStatus] : rows) {
-        Access::m_bCopying(*run.dak) = 1;
-        Access::m_dwSizeTotal(*run.dak) = qwTotal;
-        Access::m_dwSizeCopied(*run.dak) = qwCopied;
-        EXPECT_EQ(run.Status(), lpszStatus);
+    for (const auto& [qwTotal, qwCopied, strStatus] : rows) {
+        Access::Copying(*run.dak) = 1;
+        Access::SizeTotal(*run.dak) = qwTotal;
+        Access::SizeCopied(*run.dak) = qwCopied;
+        EXPECT_EQ(run.Status(), strStatus);
     }
     run.Cancel();
-    // Bytes count once their package has gone out whole, the verdict on it included.
-    run.AddFile("C:\\s\\b\\a.bin", Pattern(20'000));
-    run.Stream(Join(U32(1), FileRecord(DAK_WIDE("b\\a.bin"), Pattern(20'000))));
-    run.Play(">request ack >p1 ack@400 >p2 ack done");
-    EXPECT_EQ(run.Start(), DAKERROR_NONE);
-    for (const auto& [qwMs, strNumbers] :
-         {std::pair(600u, "20000 0 0"), {900u, "20000 20000 100"}}) {
-        run.SleepUntil(qwMs);
-        EXPECT_EQ(run.Status(), std::string("C:\\s\\b\\a.bin \\d\\b\\a.bin ") + strNumbers);
-    }
-    run.ExpectEnd(DAKERROR_NONE);
-}
-
-// During the drain, when the exchange is over and only the caller's wait decides: it lasts two
-// seconds, to the worker's closing.
-TEST(TransferJob, TerminatingWaitsTwoSecondsForTheWorker) {
-    for (const std::uint64_t qwEarly : {0u, 1u}) {
-        const std::uint64_t qwMessage = MESSAGE_MS - qwEarly * READ_MS;
-        CPush run(std::to_string(qwEarly));
-        run.StartEmpty();
-        run.SleepUntil(qwMessage + READ_MS - 1999 - 2 * qwEarly);
-        run.dak->TerminateTransfer();
-        EXPECT_EQ(run.world.NowMs(), qwMessage + READ_MS - qwEarly);
-        EXPECT_EQ(run.dak->IsTransmitting(), FALSE);
-        run.ExpectEnd(qwEarly == 0 ? DAKERROR_NONE : CANCELLED, MESSAGE_MS);
-        EXPECT_EQ(run.device.Handshakes().size(), 2 - qwEarly);
-    }
-}
-
-// The read-ahead buffer belongs to a worker that reads from it, also when the caller has given up.
-TEST(TransferJob, TerminatingLeavesTheBufferToAWorkerThatReads) {
-    for (const bool bDestroy : {false, true}) {
-        CPush run(bDestroy ? "destroyed" : "terminated");
-        const auto buffers = [&] {
-            return std::ranges::count(run.world.Open(), "memory block of 1310720 bytes");
-        };
-        run.AddFile("C:\\s\\a.bin", Pattern(20'000));
-        run.Stream(Join(U32(1), FileRecord(DAK_WIDE("a.bin"), Pattern(20'000))));
-        run.world.onFileRead = [](sim::CFileRead&) { platform::Sleep(5000); };
-        run.Play(">request ack >a1");
-        EXPECT_EQ(run.Start(), DAKERROR_NONE);
-        run.SleepUntil(1000);
-        bDestroy ? run.dak.reset() : run.dak->TerminateTransfer();
-        EXPECT_EQ(run.world.LiveThreads() == 0, bDestroy);
-        EXPECT_EQ(buffers(), bDestroy ? 0 : 2);
-        EXPECT_EQ(run.world.posted.size(), bDestroy ? 1u : 0u);
-        if (!bDestroy) {
-            // Nobody waits for a worker that was given up.
-            CDAKVorn other;
-            EXPECT_EQ(other.ConnectDevice(), DAKERROR_BUSY);
-            EXPECT_EQ(run.dak->DAKDeleteFile(DAK_WIDE("\\a")), DAKERROR_BUSY);
-            EXPECT_EQ(run.world.NowMs(), 3000u);
-            run.ExpectEnd(CANCELLED);
-            EXPECT_EQ(buffers(), 0);
-        }
-    }
-}
-
-TEST(TransferJob, ObjectsShareTheLinkAndNothingElse) {
-    CPush run;
-    CDAKVorn other;
-    run.StartEmpty();
-    // What can be refused or answered without the link is so at once; of the object with the job
-    // the result tells, for its state is the job's.
-    for (CDAKVorn* pDak : {&*run.dak, &other}) {
-        const auto expect = [&, dwState = pDak->GetLastError()](DWORD dwResult, DWORD dwExpected) {
-            EXPECT_EQ(dwResult, dwExpected);
-            EXPECT_EQ(pDak->GetLastError(), pDak == &other ? dwExpected : dwState);
-        };
-        expect(pDak->DAKTransmitFiles(1, DAK_WIDE(""), DAK_WIDE(""), &run.list, nullptr),
-               DAKERROR_BUSY);
-        expect(pDak->DAKTransmitFiles(7, nullptr, DAK_WIDE(""), nullptr, nullptr), FAIL);
-        expect(pDak->DAKDeleteFile(nullptr), FAIL);
-        expect(pDak->DAKGetDeviceFreeSpace(nullptr, nullptr), DAKERROR_NONE);
-    }
-    EXPECT_EQ(run.world.NowMs(), LINK_UP_MS);
-    other.TerminateTransfer();
-    EXPECT_EQ(run.dak->IsTransmitting(), TRUE);
-    { const CDAKVorn third(other); }
-    // Any other operation waits for the worker's end.
-    EXPECT_EQ(other.ConnectDevice(), DAKERROR_NONE);
-    EXPECT_EQ(run.world.NowMs(), MESSAGE_MS + READ_MS + LINK_UP_MS + READ_MS);
-    run.ExpectEnd(DAKERROR_NONE, MESSAGE_MS);
+    // Bytes count once their package has gone out whole, the verdict on it included. A path that
+    // is longer than what shows it is cut.
+    const std::string strLong(260, 'x');
+    run.Play("file");
+    run.list.Add(strLong.c_str());
+    run.LayRecords(FileRecord(DAK_WIDE("b\\a"), Pattern(20'000)));
+    run.Play("open >p1 ack@400 >p2 ack@400 done");
+    run.Do("nowindow start @600");
+    EXPECT_EQ(run.Status(), "C:\\s\\b\\a \\d\\b\\a 20000 0 0");
+    run.Do("@1000");
+    EXPECT_EQ(run.Status(), strLong.substr(1) + " \\d\\b\\a 0 0 0");
+    run.Do("worker terminate");
+    EXPECT_EQ(run.Status(), "  5 6 7");
 }
 
 // Both wait for an operation; the one that starts first makes the other a further job.
 TEST(TransferJob, OfTwoJobsThatWaitTheSecondIsRefused) {
     CPush run;
     CDAKVorn other;
+    run.Play("whole");
     const auto threads = {
-        run.world.Spawn([&] { other.ConnectDevice(); }), run.world.Spawn([&] { run.StartEmpty(); }),
+        run.world.Spawn([&] { other.ConnectDevice(); }), run.world.Spawn([&] { run.Do("start"); }),
         run.world.Spawn([&] {
             EXPECT_EQ(other.DAKTransmitFiles(1, DAK_WIDE(""), DAK_WIDE(""), &run.list, nullptr),
                       DAKERROR_BUSY);
@@ -256,48 +258,6 @@ TEST(TransferJob, OfTwoJobsThatWaitTheSecondIsRefused) {
         })};
     std::ranges::for_each(threads, [&](HANDLE hThread) { run.world.Join(hThread); });
     run.ExpectEnd(DAKERROR_NONE, LINK_UP_MS + READ_MS + MESSAGE_MS);
-}
-
-TEST(TransferJob, TheDrainEndsWithAFailedReadAndNotBeforeTheFourth) {
-    const std::pair<std::size_t, std::uint64_t> rows[] = {
-        // bytes behind the reply, and the time it takes
-        {8, READ_MS + 3 * FAILED_READ_MS + 2 * 300},
-        {20, 3 * READ_MS + FAILED_READ_MS},
-        {800, 100 * READ_MS + FAILED_READ_MS}};
-    for (const auto& [dwBytes, qwMs] : rows) {
-        CPush run(std::to_string(dwBytes));
-        run.PlayWhole(U32(0));
-        run.device.Reply(Bytes(dwBytes));
-        run.Run(DAKERROR_NONE, PUSHED_MS + qwMs);
-    }
-}
-
-// What a cancelled job leaves, and who takes it over: the next operation, an object made in
-// between, or the object's end.
-TEST(TransferJob, TheLinkOfACancelledJobIsTakenOver) {
-    for (const std::string strBy : {"operation", "object", "end"}) {
-        CPush run(strBy);
-        run.Stream(U32(0));
-        run.Play(">request ack >p1 ack@600 zero");
-        EXPECT_EQ(run.Start(), DAKERROR_NONE);
-        run.SleepUntil(LINK_UP_MS + 200);
-        run.dak->TerminateTransfer();
-        run.ExpectEnd(CANCELLED);
-        EXPECT_TRUE(IsHandleOpen(g_hDeviceMutex));
-        const std::uint64_t qwBegin = run.world.NowMs();
-        if (strBy == "object") {
-            CDAKVorn other;
-            EXPECT_EQ(other.ConnectDevice(), DAKERROR_NONE);
-            EXPECT_EQ(run.device.OpenNow(), 1) << "the first object's";
-        }
-        strBy == "end" ? run.dak.reset() : static_cast<void>(run.dak->ConnectDevice());
-        EXPECT_EQ(run.device.OpenNow(), 0);
-        const auto& second = run.device.Handshakes()[1];
-        EXPECT_EQ(DakGetU32(second.bytes.data()), strBy == "object" ? DAK_CONNECT : DAK_DISCONNECT);
-        EXPECT_EQ(run.device.Opens(), strBy == "object" ? 2 : 1) << "the node stays open";
-        EXPECT_EQ(run.world.NowMs() - qwBegin, strBy == "operation" ? READ_MS + LINK_UP_MS + READ_MS
-                                                                    : run.world.NowMs() - qwBegin);
-    }
 }
 
 } // namespace

@@ -54,12 +54,6 @@ inline std::optional<std::string> At(const TREE& tree, const std::string& strNam
     const auto it = tree.find(strName);
     return it == tree.end() ? std::nullopt : std::optional(it->second);
 }
-// What is left of the wanted bytes when a package of a stream went lost where those there differ.
-inline std::string WithoutPackage(std::string strWanted, const std::string& strNow) {
-    const auto at = std::mismatch(strWanted.begin(), strWanted.end(), strNow.begin(), strNow.end());
-    return strWanted.erase(static_cast<std::size_t>(at.first - strWanted.begin()), DAK_DATA_SIZE);
-}
-
 class CScenario;
 
 struct CWork {
@@ -68,11 +62,22 @@ struct CWork {
     bool bWaitsWithoutEnd = false; // as long as the device is there
     // The direction of its stream of packages with checksums.
     std::optional<bool> bStreamToHost = {};
-    // With a stream, whether a place may hold this besides when the work was cut short, and perhaps
-    // misled: a package went lost where none has a number. Without, it has all of its effect or
-    // none.
-    std::function<bool(const std::string& strNow, const std::string& strWanted, bool bMisled)>
-        mayHold = {};
+    // Whether, cut short, it has its effect or not in each place by itself, and the contents that
+    // the place of its stream may have besides; else it has all of its effect or none.
+    bool bPlaceByPlace = bStreamToHost.has_value();
+    std::function<bool(const std::string& strNow)> mayHold = {};
+};
+
+// What the work in hand has met, or the one that was done last.
+struct CMet {
+    std::optional<std::string> strAnswer; // what its operation gave
+    DWORD dwError = 0;                    // the finer state of its first failure
+    std::uint64_t qwTookMs = 0;
+    std::uint64_t nPackages[2] = {}; // to the device, to the host
+    std::uint64_t nStreamFrom[2] = {UINT64_MAX / 2, UINT64_MAX / 2};
+    std::uint64_t nFaults = 0; // of the pipe, cancels and unpluggings
+    bool bMisled = false;      // a package went lost where none has a number
+    bool bMadeGood = false;    // a fault that its stream makes good
 };
 
 class CScenario {
@@ -158,18 +163,15 @@ class CScenario {
         const TREE before = Everything();
         m_pWork = &work;
         ++m_nWorks;
-        nPackages[0] = nPackages[1] = nFaults = dwError = 0;
-        bMisled = bMadeGood = false;
-        EndStream();
-        strAnswer.reset();
+        met = {};
         UnplugAfter(PATIENCE_MS);
         if (plan) {
             plan();
         }
         const std::uint64_t qwBegin = world.NowMs();
         const DWORD dwResult = work.run(*this);
-        qwTookMs = world.NowMs() - qwBegin;
-        EXPECT_LE(qwTookMs, work.bWaitsWithoutEnd ? PATIENCE_MS + GOING_MS : PATIENCE_MS);
+        met.qwTookMs = world.NowMs() - qwBegin;
+        EXPECT_LE(met.qwTookMs, work.bWaitsWithoutEnd ? PATIENCE_MS + GOING_MS : PATIENCE_MS);
         m_pWork = nullptr;
         world.ClearFaults();
         if (m_hCancel != nullptr) {
@@ -199,11 +201,20 @@ class CScenario {
         bHostFails = false;
     }
 
-    // What meets the work in hand at a moment.
+    // What meets the work in hand: at a package, of data or not, or at a moment.
+    void MeetPackage(bool bToHost, std::uint64_t n, const CFault& fault, bool bKills,
+                     std::optional<bool> bOfData = {}) {
+        onPackage = [=, this](bool bIsToHost, std::uint64_t nPackage, bool bData) {
+            const bool bHere =
+                bIsToHost == bToHost && nPackage == n && bData == bOfData.value_or(bData);
+            bHere&& bKills ? KillAgent() : void();
+            return bHere ? std::optional(fault) : std::nullopt;
+        };
+    }
     void UnplugAfter(std::uint64_t qwMs) {
         world.At(world.NowMs() + qwMs, [this, nWork = m_nWorks] {
             if (m_pWork != nullptr && nWork == m_nWorks) {
-                ++nFaults;
+                ++met.nFaults;
                 world.Unplug();
             }
         });
@@ -212,7 +223,7 @@ class CScenario {
         m_bCancelled = false;
         m_hCancel = world.Spawn([this, qwMs] {
             platform::Sleep(static_cast<DWORD>(qwMs));
-            nFaults += m_pWork != nullptr ? 1u : 0u;
+            met.nFaults += m_pWork != nullptr ? 1u : 0u;
             m_pWork != nullptr ? dak->TerminateTransfer() : void();
             m_bCancelled = true;
         });
@@ -221,12 +232,12 @@ class CScenario {
     // For work: what an operation has returned, and a job until it has ended.
     DWORD Took(DWORD dwResult) {
         EXPECT_EQ(dwResult == 0, dak->GetLastError() == 0) << dwResult;
-        dwError = dwError == 0 ? dak->GetLastError() : dwError;
+        met.dwError = met.dwError == 0 ? dak->GetLastError() : met.dwError;
         return dwResult;
     }
     // The operations between are the one with the stream.
-    void BeginStream() { std::copy_n(nPackages, 2, m_nStreamFrom); }
-    void EndStream() { std::fill_n(m_nStreamFrom, 2, UINT64_MAX / 2); }
+    void BeginStream() { std::copy_n(met.nPackages, 2, met.nStreamFrom); }
+    void EndStream() { std::fill_n(met.nStreamFrom, 2, UINT64_MAX / 2); }
     DWORD Transmit(UINT nDirection, const std::vector<std::string>& names) {
         const bool bPush = nDirection == DAK_TO_DEVICE;
         CStringArray list;
@@ -256,47 +267,42 @@ class CScenario {
     bool bNewAgent = false;  // is wanted
     bool bHostFails = false; // in ways for which a job leaves out files, or its part file behind
 
-    // Of the work in hand or done last.
-    std::optional<std::string> strAnswer; // what its operation gave
-    DWORD dwError = 0;                    // the finer state of its first failure
-    std::uint64_t qwTookMs = 0;
-    std::uint64_t nPackages[2] = {}; // to the device, to the host
-    std::uint64_t nFaults = 0;       // of the pipe, cancels and unpluggings that it met
-    bool bMisled = false;            // as CWork says
-    bool bMadeGood = false;          // met a fault that its stream makes good
+    CMet met;
 
   private:
     std::optional<CFault> FaultOf(bool bToHost) {
-        const std::uint64_t n = ++nPackages[bToHost];
+        const std::uint64_t n = ++met.nPackages[bToHost];
         // Behind the handshake and a command or its acknowledgement.
         const bool bData = m_pWork != nullptr && m_pWork->bStreamToHost == bToHost &&
-                           n > m_nStreamFrom[bToHost] + 2;
+                           n > met.nStreamFrom[bToHost] + 2;
         const auto fault = onPackage ? onPackage(bToHost, n, bData) : std::nullopt;
-        nFaults += fault ? 1u : 0u;
-        // What is cut within the head that the host reads first is as good as lost.
-        bMisled |= fault && bData &&
-                   (fault->eFault == EFault::Drop ||
-                    (fault->eFault == EFault::Cut && fault->dwAmount < DAK_DATA_OFFSET));
-        // A length that promises more than the final package has ends the stream.
-        bMadeGood |= fault && bData && fault->eFault == EFault::Corrupt &&
-                     (!bToHost || fault->dwAmount / 4 != 1);
+        met.nFaults += fault ? 1u : 0u;
+        if (fault && bData) {
+            // What is cut within the head that the host reads first is as good as lost, and a
+            // length that promises more than the final package has ends the stream.
+            const EFault eFault = fault->eFault;
+            met.bMisled |= eFault == EFault::Drop ||
+                           (eFault == EFault::Cut && fault->dwAmount < DAK_DATA_OFFSET);
+            met.bMadeGood |= eFault == EFault::Corrupt && (!bToHost || fault->dwAmount / 4 != 1);
+        }
         return fault;
     }
 
     void ExpectSettled(const CWork& work, const TREE& before, bool bDone) const {
         TREE after = Everything();
-        strAnswer ? after.emplace("answer", *strAnswer) : std::pair(after.end(), false);
-        const bool bAll = bDone && !(bHostFails && work.mayHold);
-        EXPECT_TRUE(work.mayHold || after == work.wanted || (!bAll && after == before));
+        met.strAnswer ? after.emplace("answer", *met.strAnswer) : std::pair(after.end(), false);
+        const bool bAll = bDone && !(bHostFails && work.bPlaceByPlace);
+        EXPECT_TRUE(work.bPlaceByPlace || after == work.wanted || (!bAll && after == before));
         TREE all = before;
         all.insert(work.wanted.begin(), work.wanted.end());
         all.insert(after.begin(), after.end());
         for (const auto& [strName, strBytes] : all) {
             const auto now = At(after, strName);
             const auto wanted = At(work.wanted, strName);
-            EXPECT_TRUE(
-                now == wanted || (!bAll && now == At(before, strName)) ||
-                (!bDone && work.mayHold && now && wanted && work.mayHold(*now, *wanted, bMisled)))
+            const auto old = At(before, strName);
+            EXPECT_TRUE(now == wanted || (!bAll && now == old) ||
+                        (!bDone && now && wanted && wanted != old &&
+                         (met.bMisled || (work.mayHold && work.mayHold(*now)))))
                 << strName << " is torn, lost or foreign: " << (now ? now->size() : 0) << " bytes";
         }
     }
@@ -311,47 +317,37 @@ class CScenario {
     std::uint64_t m_nWorks = 0;
     HANDLE m_hCancel = nullptr;
     bool m_bCancelled = true;
-    std::uint64_t m_nStreamFrom[2] = {};
 };
 
-// Operations on what is there now, of which some change it.
-inline CWork Operation(const CScenario& s, const std::function<DWORD(CDAKVorn&)>& call) {
-    return {s.Everything(), [call](CScenario& host) { return host.Took(call(*host.dak)); }};
-}
-inline CWork Delete(const CScenario& s, const std::string& strName) {
-    CWork work = Operation(
-        s, [path = DevicePath(strName)](CDAKVorn& dak) { return dak.DAKDeleteFile(path.c_str()); });
-    work.wanted.erase(strName);
-    work.bWaitsWithoutEnd = true;
-    return work;
-}
-inline CWork MakeFolder(const CScenario& s, const std::string& strName) {
-    CWork work = Operation(s, [path = DevicePath(strName)](CDAKVorn& dak) {
-        return dak.DAKCreateDirectory(path.c_str(), nullptr);
+// A change of the device's files: "delete", "folder" (is made), "copy", "move", or "format" of the
+// storage.
+inline CWork Change(const CScenario& s, const std::string& strWhat, const std::string& strFrom,
+                    const std::string& strTo) {
+    const bool bFormat = strWhat == "format";
+    CWork work{.wanted = s.Everything(), .run = {}, .bWaitsWithoutEnd = strWhat == "delete"};
+    work.bPlaceByPlace = bFormat;
+    work.run = [=, from = DevicePath(strFrom), to = DevicePath(strTo)](CScenario& host) {
+        CDAKVorn& dak = *host.dak;
+        const DWORD dwResult =
+            host.Took(strWhat == "delete"   ? dak.DAKDeleteFile(from.c_str())
+                      : strWhat == "folder" ? dak.DAKCreateDirectory(to.c_str(), nullptr)
+                      : strWhat == "copy"   ? dak.DAKCopyFile(from.c_str(), to.c_str(), 0)
+                      : strWhat == "move"   ? dak.DAKMoveFile(from.c_str(), to.c_str())
+                                            : dak.DAKFormatPartition(DAK_WIDE("Card")));
+        // It is answered at once, and takes its time on the disk; behind a killed agent the next
+        // one ends it.
+        platform::Sleep(bFormat && dwResult == 0 ? FORMAT_MS : 0);
+        return bFormat && host.bNewAgent ? DAKERROR_FAIL : dwResult;
+    };
+    if (strWhat == "folder") {
+        work.wanted[strTo] = FOLDER;
+    } else if (strWhat == "copy" || strWhat == "move") {
+        work.wanted[strTo] = work.wanted[strFrom];
+    }
+    std::erase_if(work.wanted, [&](const auto& file) {
+        return bFormat ? file.first.starts_with("Card/")
+                       : file.first == strFrom && (strWhat == "delete" || strWhat == "move");
     });
-    work.wanted[strName] = FOLDER;
-    return work;
-}
-inline CWork CopyOrMove(const CScenario& s, bool bMove, const std::string& strFrom,
-                        const std::string& strTo) {
-    CWork work = Operation(s, [=, a = DevicePath(strFrom), b = DevicePath(strTo)](CDAKVorn& dak) {
-        return bMove ? dak.DAKMoveFile(a.c_str(), b.c_str())
-                     : dak.DAKCopyFile(a.c_str(), b.c_str(), 0);
-    });
-    work.wanted[strTo] = work.wanted[strFrom];
-    bMove ? work.wanted.erase(strFrom) : 0;
-    return work;
-}
-// It is answered at once, and takes its time on the disk; behind a killed agent the next one ends
-// it.
-inline CWork Format(const CScenario& s) {
-    CWork work{s.Everything(), [](CScenario& host) {
-                   const DWORD dwResult = host.Took(host.dak->DAKFormatPartition(DAK_WIDE("Card")));
-                   platform::Sleep(dwResult == 0 ? FORMAT_MS : 0);
-                   return host.bNewAgent ? DAKERROR_FAIL : dwResult;
-               }};
-    std::erase_if(work.wanted, [](const auto& file) { return file.first.starts_with("Card/"); });
-    work.mayHold = [](const auto&, const auto&, bool) { return false; };
     return work;
 }
 // Of C:\s to \d, and from there to C:\r.
@@ -366,9 +362,7 @@ inline CWork Job(const CScenario& s, UINT nDirection, const std::vector<std::str
         }
     }
     work.bStreamToHost = !bPush;
-    work.mayHold = [](const std::string& strNow, const std::string& strWanted, bool bMisled) {
-        return bMisled && strNow.starts_with(WithoutPackage(strWanted, strNow));
-    };
+    work.bPlaceByPlace = true;
     return work;
 }
 // A read or write by handle; where none is given, the file is opened and closed as part of the
@@ -402,26 +396,23 @@ inline CWork Stream(const CScenario& s, bool bRead, const std::string& strName, 
             dwResult = (dak.*(bRead ? &CDAKVorn::DAKReadFile : &CDAKVorn::DAKWriteFile))(
                 hFile, strBuffer.data(), static_cast<DWORD>(strBuffer.size()), &dwCount);
             host.EndStream();
-            host.dwError = dwResult == 0 ? 0 : dak.GetLastError();
+            host.met.dwError = dwResult == 0 ? 0 : dak.GetLastError();
             EXPECT_TRUE(bRead ? (dwResult == 0) == (dwCount > 0)
-                              : dwResult != 0 || host.dwError == 0);
+                              : dwResult != 0 || host.met.dwError == 0);
         }
         if (bRead) {
-            host.strAnswer = strBuffer.substr(0, dwCount);
+            host.met.strAnswer = strBuffer.substr(0, dwCount);
         }
         const DWORD dwClosed = hGiven != nullptr ? 0 : host.Took(dak.DAKCloseFile(hFile));
         // A short read is a success of the operation, and less than all of the work.
         dwResult = dwResult == 0 && dwCount < strData.size() ? DAKERROR_FAIL : dwResult;
         return dwResult != 0 ? dwResult : dwClosed;
     };
-    work.mayHold = [=](const std::string& strNow, const std::string&, bool bMisled) {
-        const std::string strHere = strNow.substr(bRead ? 0 : std::min(dwAt, strNow.size()));
-        const std::string strWhole = bMisled ? WithoutPackage(strData, strHere) : strData;
-        // Of a write there are whole windows.
-        bool bHolds = bRead ? strWhole.starts_with(strNow) : strNow == with(strWhole);
-        for (std::size_t n = DAK_DATA_SIZE; !bRead && n < strWhole.size();
-             n += 50 * DAK_DATA_SIZE) {
-            bHolds = bHolds || strNow == with(strWhole.substr(0, n));
+    // Of a read what came, and of a write whole windows.
+    work.mayHold = [=](const std::string& strNow) {
+        bool bHolds = bRead && strData.starts_with(strNow);
+        for (std::size_t n = DAK_DATA_SIZE; !bRead && n < strData.size(); n += 50 * DAK_DATA_SIZE) {
+            bHolds = bHolds || strNow == with(strData.substr(0, n));
         }
         return bHolds;
     };

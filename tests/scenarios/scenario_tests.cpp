@@ -28,109 +28,72 @@ CWork LaidJob(CScenario& s, UINT nDirection, bool bLong) {
     return Job(s, nDirection, JOB_NAMES);
 }
 
-// An operation whose success gives this.
-CWork Asking(CScenario& s, const std::string& strWanted,
-             const std::function<DWORD(CDAKVorn&, std::string&)>& ask) {
-    CWork work{s.Everything(), [=](CScenario& host) {
-                   std::string strAnswer;
-                   const DWORD dwResult = host.Took(ask(*host.dak, strAnswer));
-                   // The caller sees that an answer is short, though it may be no failure.
-                   const bool bShort = strAnswer.size() < strWanted.size();
-                   if (dwResult == 0 && !bShort) {
-                       host.strAnswer = strAnswer;
-                   }
-                   return dwResult == 0 && bShort ? DAKERROR_FAIL : dwResult;
-               }};
+// Questions, whose answers are put together. The caller sees that a list is short, though it may be
+// no failure.
+CWork Questions(CScenario& s, bool bLong) {
+    CWork work{s.Everything(), {}};
+    std::string strWanted = "\\ 97656 Card 97656 49152 ";
+    for (int i = 100; i < (bLong ? 130 : 104); ++i) {
+        const std::string strName = std::to_string(i) + std::string(200, 'x');
+        s.Lay({{"d/l/" + strName, ""}});
+        strWanted += strName + " ";
+    }
+    work.wanted = s.Everything();
     work.wanted["answer"] = strWanted;
     work.bWaitsWithoutEnd = true;
+    work.run = [strWanted](CScenario& host) {
+        CDAKVorn& dak = *host.dak;
+        std::string strAnswer;
+        CArray<_tagStorageInfo, _tagStorageInfo> storages;
+        CArray<_tagFileInfo, _tagFileInfo> files;
+        DWORD dwMessage = 0;
+        DWORD dwResult = host.Took(dak.DAKGetStorageInfo(&storages));
+        for (int i = 0; i < storages.GetSize(); ++i) {
+            strAnswer += NameOf(storages[i].szStorageName) + " " +
+                         std::to_string(storages[i].dwValue1) + " ";
+        }
+        if (dwResult == 0) {
+            dwResult = host.Took(dak.DAKRegisterWindowMessage(DAK_WIDE("m"), &dwMessage));
+            strAnswer += std::to_string(dwMessage) + " ";
+        }
+        if (dwResult == 0) {
+            dwResult = host.Took(dak.DAKGetFolderContent(DAK_WIDE("\\d\\l"), &files));
+        }
+        for (int i = 0; i < files.GetSize(); ++i) {
+            strAnswer += NameOf(files[i].szText1) + " ";
+        }
+        const bool bShort = dwResult == 0 && strAnswer.size() < strWanted.size();
+        if (dwResult == 0 && !bShort) {
+            host.met.strAnswer = strAnswer;
+        }
+        return bShort ? DAKERROR_FAIL : dwResult;
+    };
     return work;
 }
 
-struct CRow {
-    const char* lpszName;
-    // Lays what it needs. It can be done again behind itself; nTime is 0 and then 1.
-    CWork (*lpMake)(CScenario& s, bool bLong, int nTime);
-};
-
-const CRow ROWS[] = {
-    {"Push", [](CScenario& s, bool bLong, int) { return LaidJob(s, DAK_TO_DEVICE, bLong); }},
-    {"Pull", [](CScenario& s, bool bLong, int) { return LaidJob(s, DAK_FROM_DEVICE, bLong); }},
-    {"Write",
-     [](CScenario& s, bool bLong, int) {
-         s.Lay({{"d/f", Contents(Big(bLong) + 500, 3)}});
-         return Stream(s, false, "d/f", 7, Contents(Big(bLong), 6));
-     }},
-    {"Read",
-     [](CScenario& s, bool bLong, int) {
-         s.Lay({{"d/f", Contents(Big(bLong) + 500, 3)}});
-         return Stream(s, true, "d/f", 7, Contents(Big(bLong) + 500, 3).substr(7, Big(bLong)));
-     }},
-    {"List",
-     [](CScenario& s, bool bLong, int) {
-         std::string strAll;
-         for (int i = 100; i < (bLong ? 130 : 104); ++i) {
-             s.Lay({{"d/l/" + std::to_string(i) + std::string(200, 'x'), ""}});
-             strAll += std::to_string(i) + std::string(200, 'x') + "\n";
-         }
-         return Asking(s, strAll, [](CDAKVorn& dak, std::string& strAnswer) {
-             CArray<_tagFileInfo, _tagFileInfo> list;
-             const DWORD dwResult = dak.DAKGetFolderContent(DAK_WIDE("\\d\\l"), &list);
-             for (int i = 0; i < list.GetSize(); ++i) {
-                 strAnswer += NameOf(list[i].szText1) + "\n";
-             }
-             return dwResult;
-         });
-     }},
-    {"Storages",
-     [](CScenario& s, bool, int) {
-         return Asking(s, "\\ 97656 Card 97656 ", [](CDAKVorn& dak, std::string& strAnswer) {
-             CArray<_tagStorageInfo, _tagStorageInfo> list;
-             const DWORD dwResult = dak.DAKGetStorageInfo(&list);
-             for (int i = 0; i < list.GetSize(); ++i) {
-                 strAnswer +=
-                     NameOf(list[i].szStorageName) + " " + std::to_string(list[i].dwValue1) + " ";
-             }
-             return dwResult;
-         });
-     }},
-    {"Message",
-     [](CScenario& s, bool, int) {
-         return Asking(s, "49152", [](CDAKVorn& dak, std::string& strAnswer) {
-             DWORD dwMessage = 0;
-             const DWORD dwResult = dak.DAKRegisterWindowMessage(DAK_WIDE("m"), &dwMessage);
-             strAnswer = std::to_string(dwMessage);
-             return dwResult;
-         });
-     }},
-    {"Delete",
-     [](CScenario& s, bool, int) {
-         s.Lay({{"d/m", "m"}});
-         return Delete(s, "d/m");
-     }},
-    {"MakeFolder",
-     [](CScenario& s, bool, int nTime) { return MakeFolder(s, "d/new" + std::to_string(nTime)); }},
-    {"Copy",
-     [](CScenario& s, bool, int) {
-         s.Lay({{"d/m", Contents(300'000, 4)}, {"d/o", Contents(70, 5)}});
-         return CopyOrMove(s, false, "d/m", "d/o");
-     }},
-    {"Move",
-     [](CScenario& s, bool, int nTime) {
-         s.Lay({{"d/m", Contents(300'000, 4)}});
-         return CopyOrMove(s, true, "d/m", "d/new" + std::to_string(nTime));
-     }},
-    {"Format",
-     [](CScenario& s, bool, int) {
-         s.Lay({{"Card/x", "x"}, {"Card/y/z", "z"}, {"d/kept", "k"}});
-         return Format(s);
-     }},
-};
+// Lays what the work needs. It can be done again behind itself; nTime is 0 and then 1.
+CWork Make(CScenario& s, const std::string& strWhat, bool bLong, int nTime) {
+    if (strWhat == "push" || strWhat == "pull") {
+        return LaidJob(s, strWhat == "push" ? DAK_TO_DEVICE : DAK_FROM_DEVICE, bLong);
+    }
+    if (strWhat == "questions") {
+        return Questions(s, bLong);
+    }
+    const std::string strFile = Contents(Big(bLong) + 500, 3);
+    if (strWhat == "write" || strWhat == "read") {
+        s.Lay({{"d/f", strFile}});
+        return Stream(s, strWhat == "read", "d/f", 7,
+                      strWhat == "read" ? strFile.substr(7, Big(bLong)) : Contents(Big(bLong), 6));
+    }
+    s.Lay({{"d/m", Contents(300'000, 4)}, {"d/o", "o"}, {"Card/x", "x"}, {"Card/y/z", "z"}});
+    return Change(s, strWhat, "d/m", strWhat == "copy" ? "d/o" : "d/new" + std::to_string(nTime));
+}
 
 struct CPipeFault {
     const char* lpszName;
     CFault fault;
-    bool bKills = false;  // the agent
-    bool bOfData = false; // commands and their answers bear no checksum
+    bool bKills = false;              // the agent
+    std::optional<bool> bOfData = {}; // commands and their answers bear no checksum
 };
 const CPipeFault PIPE_FAULTS[] = {{"command word", {EFault::Corrupt, 0}},
                                   {"length", {EFault::Corrupt, 4}},
@@ -143,7 +106,7 @@ const CPipeFault PIPE_FAULTS[] = {{"command word", {EFault::Corrupt, 0}},
                                   {"unplugged", {EFault::Vanish}},
                                   {"killed", {EFault::Vanish}, true}};
 
-class Faults : public ::testing::TestWithParam<CRow> {
+class Faults : public ::testing::TestWithParam<const char*> {
   protected:
     // Beside the errors that every fault may lead to, there is one of its own.
     void Run(const std::string& strFault, bool bLong, DWORD dwFurtherError,
@@ -154,22 +117,22 @@ class Faults : public ::testing::TestWithParam<CRow> {
         SCOPED_TRACE(strFault);
         sim::CWorld world;
         CScenario s(world);
-        const CWork work = GetParam().lpMake(s, bLong, 0);
+        const CWork work = Make(s, GetParam(), bLong, 0);
         const DWORD dwResult = s.Do(work, [&] { plan(s); });
-        const DWORD dwError = dwResult == 0 || s.dwError == 0 ? dwResult : s.dwError;
+        const DWORD dwError = dwResult == 0 || s.met.dwError == 0 ? dwResult : s.met.dwError;
         EXPECT_TRUE(dwError == 0 || dwError == DAKERROR_FAIL || dwError == DAKERROR_NO_DEVICE ||
                     dwError == DAKERROR_PROTOCOL || dwError == dwFurtherError ||
-                    (s.bMisled && dwError == DAKERROR_DEVICE_REFUSED))
+                    (s.met.bMisled && dwError == DAKERROR_DEVICE_REFUSED))
             << dwError;
-        EXPECT_TRUE(dwResult == 0 || !s.bMadeGood || dwFurtherError == DAKERROR_CANCELLED)
+        EXPECT_TRUE(dwResult == 0 || !s.met.bMadeGood || dwFurtherError == DAKERROR_CANCELLED)
             << dwError;
-        EXPECT_TRUE(dwResult == 0 || world.FaultsMet() != 0 || s.nFaults != 0);
+        EXPECT_TRUE(dwResult == 0 || world.FaultsMet() != 0 || s.met.nFaults != 0);
         // Where nothing but room is missing, a stream says so.
         EXPECT_TRUE(dwError == 0 || dwError == DAKERROR_NO_SPACE || !work.bStreamToHost ||
                     dwFurtherError != DAKERROR_NO_SPACE || world.FaultsMet() != 0)
             << dwError;
         s.Recover();
-        EXPECT_EQ(s.Do(GetParam().lpMake(s, bLong, 1)), 0u);
+        EXPECT_EQ(s.Do(Make(s, GetParam(), bLong, 1)), 0u);
     }
     std::uint64_t m_nRuns = 0;
 };
@@ -183,12 +146,12 @@ TEST_P(Faults, OneAtATime) {
     for (const bool bLong : {true, false}) {
         sim::CWorld world;
         CScenario s(world);
-        EXPECT_EQ(s.Do(GetParam().lpMake(s, bLong, 0)), 0u);
+        EXPECT_EQ(s.Do(Make(s, GetParam(), bLong, 0)), 0u);
         for (int i = 0; i < CALLS; ++i) {
             nCalls[i] = world.CallCount(static_cast<sim::ECall>(i));
         }
-        qwMs = s.qwTookMs;
-        std::copy_n(s.nPackages, 2, nPackages[bLong]);
+        qwMs = s.met.qwTookMs;
+        std::copy_n(s.met.nPackages, 2, nPackages[bLong]);
     }
 
     for (const bool bLong : {false, true}) {
@@ -199,12 +162,7 @@ TEST_P(Faults, OneAtATime) {
                     Run(fault.lpszName + (" " + std::to_string(n)) +
                             (bToHost ? " to the host" : " to the device"),
                         bLong, DAKERROR_FAIL, [&](CScenario& s) {
-                            s.onPackage = [&](bool bIsToHost, std::uint64_t nPackage, bool bData) {
-                                const bool bHere = bIsToHost == bToHost && nPackage == n &&
-                                                   (bData || !fault.bOfData);
-                                bHere&& fault.bKills ? s.KillAgent() : void();
-                                return bHere ? std::optional(fault.fault) : std::nullopt;
-                            };
+                            s.MeetPackage(bToHost, n, fault.fault, fault.bKills, fault.bOfData);
                         });
                 }
             }
@@ -250,12 +208,14 @@ TEST_P(Faults, OneAtATime) {
             s.StartAgent(qwRoom);
             s.world.qwFreeBytes = qwRoom;
             s.bNewAgent = true;
-            ++s.nFaults;
+            ++s.met.nFaults;
         });
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Work, Faults, ::testing::ValuesIn(ROWS),
-                         [](const auto& row) { return std::string(row.param.lpszName); });
+INSTANTIATE_TEST_SUITE_P(Work, Faults,
+                         ::testing::Values("push", "pull", "write", "read", "questions", "delete",
+                                           "folder", "copy", "move", "format"),
+                         [](const auto& what) { return std::string(what.param); });
 
 } // namespace

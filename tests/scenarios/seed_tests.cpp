@@ -30,7 +30,10 @@ class CSeed {
         EXPECT_EQ(m_s.Do(Job(m_s, DAK_TO_DEVICE, Files("s/"))), 0u) << "faults off";
         EXPECT_EQ(m_s.Do(Job(m_s, DAK_FROM_DEVICE, Files("d/"))), 0u) << "faults off";
         g_qwVirtualMs += m_world.NowMs();
-        return m_world.Trace();
+        // But for the names of part files, which no two runs of a process share.
+        std::vector<std::string> trace = m_world.Trace();
+        std::erase_if(trace, [](const std::string& strLine) { return strLine.ends_with(".tmp"); });
+        return trace;
     }
 
   private:
@@ -72,10 +75,7 @@ class CSeed {
             return Stream(m_s, nWhat == 4, m_strOpen, dwAt,
                           nWhat == 4 ? strAll.substr(dwAt, strData.size()) : strData, m_hFile);
         }
-        return nWhat < 8    ? CopyOrMove(m_s, nWhat == 7, strOld, strNew)
-               : nWhat == 8 ? MakeFolder(m_s, strNew)
-               : nWhat == 9 ? Delete(m_s, strOld)
-                            : Format(m_s);
+        return Change(m_s, NAMES[nWhat], strOld, strNew);
     }
 
     // One or no fault, of those of which a stream can tell.
@@ -88,21 +88,18 @@ class CSeed {
             {"corrupt", EFault::Corrupt}, {"delay", EFault::Delay},   {"cut", EFault::Cut},
             {"drop", EFault::Drop},       {"unplug", EFault::Vanish}, {"kill", EFault::Vanish}};
         if (nWhat < std::size(OF_PIPE)) {
-            m_s.onPackage = [=, this](bool bIsToHost, std::uint64_t nPackage,
-                                      bool bData) -> std::optional<CFault> {
-                const EFault eFault = OF_PIPE[nWhat].second;
-                // Data bear no number, commands and their answers no checksum.
-                const bool bHidden = bData && eFault == EFault::Drop;
-                if (bIsToHost != bToHost || nPackage != n || bHidden) {
-                    return {};
-                }
-                nWhat == 5 ? m_s.KillAgent() : void();
-                return CFault{eFault, eFault == EFault::Cut ? DAK_DATA_OFFSET + qwAmount
-                                      : eFault == EFault::Corrupt && !bData
-                                          ? qwAmount % DAK_HEADER_SIZE
-                                          : qwAmount};
-            };
-            return OF_PIPE[nWhat].first;
+            // Data bear no number, commands and their answers no checksum.
+            const auto [lpszName, eFault] = OF_PIPE[nWhat];
+            std::optional<bool> bOfData;
+            if (eFault == EFault::Corrupt || eFault == EFault::Drop) {
+                bOfData = eFault == EFault::Corrupt && Below(2) == 0;
+            }
+            const std::uint64_t qwByte = eFault == EFault::Cut ? DAK_DATA_OFFSET + qwAmount
+                                         : eFault == EFault::Corrupt && !*bOfData
+                                             ? qwAmount % DAK_HEADER_SIZE
+                                             : qwAmount;
+            m_s.MeetPackage(bToHost, n, {eFault, qwByte}, nWhat == 5, bOfData);
+            return lpszName;
         }
         if (nWhat == 6) {
             m_s.bHostFails = true;
@@ -131,9 +128,9 @@ class CSeed {
         std::string strFault;
         const int nBefore = m_world.FaultsMet();
         const DWORD dwResult = m_s.Do(work, [&] { strFault = PlanFault(); });
-        const bool bMet = m_s.nFaults != 0 || m_world.FaultsMet() != nBefore;
+        const bool bMet = m_s.met.nFaults != 0 || m_world.FaultsMet() != nBefore;
         EXPECT_TRUE(dwResult == 0 || bMet) << dwResult;
-        EXPECT_TRUE(dwResult == 0 || !m_s.bMadeGood) << dwResult;
+        EXPECT_TRUE(dwResult == 0 || !m_s.met.bMadeGood) << dwResult;
         g_counts["fault " + strFault] += bMet ? 1 : 0;
         // It is the same file wherever a move takes it, and ends with its agent.
         if (!At(m_s.Everything(), m_strOpen) || m_s.bNewAgent) {
