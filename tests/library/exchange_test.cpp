@@ -189,6 +189,10 @@ TEST(Exchange, Answers) {
         {"head middle end good", 40, -10, -20}};
     const WideText strLong(7000, DAK_WIDE('x'));
     for (const COperation& op : OPERATIONS) {
+        std::optional<CExchange> prompt(std::in_place, op, "a prompt device");
+        prompt->world.bPromptDevice = true;
+        prompt->Expect(">command ack good", -READ_MS, 0, 1);
+        prompt.reset();
         for (const int nResult : {0, 1, 2, -1}) {
             const std::string strWord = "result" + std::to_string(nResult);
             const WCHAR* lpszPath = nResult == 1    ? strLong.c_str()

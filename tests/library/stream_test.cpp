@@ -160,6 +160,25 @@ TEST(Streams, OfAllSizesInTheirTime) {
     }
 }
 
+// A prompt device gets and gives the same bytes, and nobody pauses for it.
+TEST(Streams, WithoutPausesForAPromptDevice) {
+    constexpr std::uint64_t AT_ONCE = 0 - LINK_UP_MS - READ_MS;
+    for (const EKind eKind : {READ, WRITE, PULL, PUSH}) {
+        for (const std::size_t dwBytes : {std::size_t{1}, 52 * DATA, std::size_t{3'000'000}}) {
+            CStream run(eKind, dwBytes, std::to_string(eKind) + " " + std::to_string(dwBytes));
+            run.world.bPromptDevice = true;
+            if (run.IsFile()) {
+                run.Expect({"whole", 0, AT_ONCE, dwBytes});
+            } else {
+                run.Run("whole", 0, 0);
+            }
+        }
+    }
+    CStream again(WRITE, 500);
+    again.world.bPromptDevice = true;
+    again.Expect({"open sent retransmit >s1 retransmit >s1 ack done", 0, AT_ONCE, 500});
+}
+
 // The verdict on the final package is DAK_RETRANSMIT so many times, then DAK_SUCCESS; the answer to
 // the tenth pass does not count. Pauses follow the processor: the base is 60 ms and the step 20 ms
 // where it does not tell its speed.

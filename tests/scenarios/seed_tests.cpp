@@ -19,6 +19,7 @@ class CSeed {
     CSeed(std::uint64_t qwSeed, bool bTrace) : m_random(qwSeed), m_s(m_world) {
         m_world.bTrace = bTrace;
         m_world.bOpenFilesCannotBeDeleted = Below(2) == 0;
+        m_world.bPromptDevice = Below(2) == 0;
         m_world.dwCpuMHz = static_cast<DWORD>(Below(3) * 700);
     }
     // The trace, where one is wanted.
@@ -30,10 +31,7 @@ class CSeed {
         EXPECT_EQ(m_s.Do(Job(m_s, DAK_TO_DEVICE, Files("s/"))), 0u) << "faults off";
         EXPECT_EQ(m_s.Do(Job(m_s, DAK_FROM_DEVICE, Files("d/"))), 0u) << "faults off";
         g_qwVirtualMs += m_world.NowMs();
-        // But for the names of part files, which no two runs of a process share.
-        std::vector<std::string> trace = m_world.Trace();
-        std::erase_if(trace, [](const std::string& strLine) { return strLine.ends_with(".tmp"); });
-        return trace;
+        return m_world.Trace();
     }
 
   private:
