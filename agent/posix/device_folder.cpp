@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <deque>
 #include <utility>
@@ -66,9 +65,6 @@ class CPosixSourceFile final : public CSourceFile {
 // Opening for reading without waiting for the other end of a pipe or becoming a terminal's owner.
 constexpr int s_nReadFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 
-// For all that is removed in the background.
-constexpr std::chrono::milliseconds s_workSlice{5};
-
 class CPosixFolder final : public CDeviceFolder {
   public:
     CPosixFolder(CFd fdRoot, std::function<void(const std::string&)> lpLog)
@@ -81,8 +77,6 @@ class CPosixFolder final : public CDeviceFolder {
                     std::string& strError) override;
     void SetQuota(std::uint64_t qwBytes) override;
     std::optional<CEntryInfo> Find(const CDevicePath& path) override;
-    std::optional<std::vector<std::string>> List(const CDevicePath& path,
-                                                 std::size_t nMost) override;
     std::optional<CEntryInfo> Describe(const CDevicePath& path) override;
     std::unique_ptr<CFolderScan> Scan(const CDevicePath& path) override;
     std::unique_ptr<CFolderWork> BeginCopy(const CDevicePath& source, const CDevicePath& target,
@@ -103,7 +97,7 @@ class CPosixFolder final : public CDeviceFolder {
     std::vector<std::string> StorageNames() const override;
     EResult Format(const CDevicePath& storage) override;
     bool HasWork(bool bIdle) const override;
-    void Work(bool bIdle) override;
+    void Work(bool bIdle, CWorkSlice slice) override;
 
   private:
     // The descriptors of the root and the storages lead to what the host sees as them, which a
@@ -329,40 +323,6 @@ std::unique_ptr<CFolderWork> CPosixFolder::BeginMove(const CDevicePath& source,
                           {m_quota, m_formats.Folders()});
 }
 
-std::optional<std::vector<std::string>> CPosixFolder::List(const CDevicePath& path,
-                                                           std::size_t nMost) {
-    CDirectory directory(Open(path, O_RDONLY | O_DIRECTORY));
-    if (!directory.Open()) {
-        return std::nullopt;
-    }
-    std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* pEntry = names.size() < nMost ? directory.Next() : nullptr) {
-        struct stat status {};
-        const bool bLink =
-            (pEntry->d_type == DT_LNK || pEntry->d_type == DT_UNKNOWN) &&
-            ::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            S_ISLNK(status.st_mode);
-        if (IsNameForHost(pEntry->d_name) &&
-            (!bLink || !Open(path.Entry(pEntry->d_name), O_PATH | O_DIRECTORY))) {
-            names.emplace_back(pEntry->d_name);
-        }
-        errno = 0;
-    }
-    if (errno != 0) {
-        return std::nullopt;
-    }
-    if (path.IsRoot()) {
-        for (const CStorage& storage : m_storages) {
-            names.push_back(storage.strName);
-        }
-    }
-    std::sort(names.begin(), names.end());
-    names.erase(std::unique(names.begin(), names.end()), names.end());
-    names.resize(std::min(names.size(), nMost));
-    return names;
-}
-
 std::unique_ptr<CSourceFile> CPosixFolder::OpenSource(const CDevicePath& path) {
     CFd fd = Open(path, s_nReadFlags);
     struct stat status {};
@@ -527,14 +487,13 @@ bool CPosixFolder::HasWork(bool bIdle) const {
                        [](const CStorage& storage) { return !storage.pTrash->Empty(); });
 }
 
-void CPosixFolder::Work(bool bIdle) {
-    const auto tEnd = std::chrono::steady_clock::now() + s_workSlice;
-    const auto work = [tEnd](CTrash& trash) {
-        while (!trash.Empty() && std::chrono::steady_clock::now() < tEnd) {
+void CPosixFolder::Work(bool bIdle, CWorkSlice slice) {
+    const auto work = [&slice](CTrash& trash) {
+        for (; !trash.Empty() && !slice.Over(); slice.Spend()) {
             trash.Step();
         }
     };
-    m_formats.Work(bIdle);
+    m_formats.Work(bIdle, slice);
     work(m_trash);
     for (const CStorage& storage : m_storages) {
         work(*storage.pTrash);

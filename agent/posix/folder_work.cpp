@@ -105,7 +105,7 @@ class CCopyWork final : public CFolderWork {
         }
     }
 
-    std::optional<EResult> Step() override {
+    std::optional<EResult> Step(CWorkSlice slice) override {
         if (!m_bBegun) {
             const EResult eJudged = Judge();
             if (eJudged != EResult::SUCCESS) {
@@ -116,7 +116,7 @@ class CCopyWork final : public CFolderWork {
             }
             m_bBegun = true;
         }
-        const std::optional<EResult> eResult = m_copy.Step();
+        const std::optional<EResult> eResult = m_copy.Step(std::move(slice));
         return eResult == EResult::SUCCESS ? Commit() : eResult;
     }
 
@@ -206,7 +206,7 @@ class CMoveWork final : public CFolderWork {
         : m_fdSource(std::move(fdSource)), m_source(std::move(source)), m_target(std::move(target)),
           m_parts(parts) {}
 
-    std::optional<EResult> Step() override;
+    std::optional<EResult> Step(CWorkSlice slice) override;
 
   private:
     bool Judge(const struct stat& source) const;
@@ -222,9 +222,9 @@ class CMoveWork final : public CFolderWork {
     struct stat m_copied {};            // the source when the copy began
 };
 
-std::optional<EResult> CMoveWork::Step() {
+std::optional<EResult> CMoveWork::Step(CWorkSlice slice) {
     if (m_pCopy) {
-        const std::optional<EResult> eResult = m_pCopy->Step();
+        const std::optional<EResult> eResult = m_pCopy->Step(std::move(slice));
         return eResult == EResult::SUCCESS ? RemoveSource() : eResult;
     }
     struct stat source {};

@@ -21,7 +21,6 @@ namespace agent {
 static constexpr char s_szList[] = ".list";
 static constexpr char s_szLeft[] = ".left";
 
-static constexpr std::chrono::milliseconds s_slice{5};
 // How long a format writes down what there is, and until when it looks for room on a disk that has
 // none even for that.
 static constexpr std::chrono::milliseconds s_takeIn{200};
@@ -397,10 +396,9 @@ bool CFormats::HasWork(bool bIdle) const {
     });
 }
 
-void CFormats::Work(bool bIdle) {
-    const auto tEnd = Clock::now() + s_slice;
+void CFormats::Work(bool bIdle, CWorkSlice& slice) {
     for (const auto& pServed : m_served) {
-        while (pServed->pRemoval && Clock::now() < tEnd) {
+        for (; pServed->pRemoval && !slice.Over(); slice.Spend()) {
             StepRemoval(*pServed);
         }
         if (bIdle && std::exchange(pServed->bAwaitsIdle, false)) {

@@ -58,8 +58,7 @@ class CFormats {
     // Whether Work has something to do; bIdle: nothing is in work for the host.
     bool HasWork(bool bIdle) const;
 
-    // Works for a few milliseconds.
-    void Work(bool bIdle);
+    void Work(bool bIdle, CWorkSlice& slice);
 
   private:
     using Clock = std::chrono::steady_clock;

@@ -32,9 +32,9 @@ class CTreeCopy {
 
     bool IsFolder() const { return m_bFolder; }
 
-    // A bounded slice of the work. Nothing when there is more to do; what stands under the name
-    // when it failed is the caller's to remove.
-    std::optional<EResult> Step();
+    // Goes on for a slice. Nothing when there is more to do; what stands under the name when it
+    // failed is the caller's to remove.
+    std::optional<EResult> Step(CWorkSlice slice);
 
   private:
     struct CFileInWork {

@@ -56,15 +56,6 @@ class CMemoryFolder final : public agent::CDeviceFolder {
         }
         return pEntry ? std::optional(pEntry->info) : std::nullopt;
     }
-    std::optional<std::vector<std::string>> List(const CDevicePath& path,
-                                                 std::size_t nMost) override {
-        std::vector<std::string> names = NamesIn(path.Text());
-        std::erase_if(names, [](const auto& strName) { return !agent::IsNameForHost(strName); });
-        names.resize(std::min(names.size(), nMost));
-        return IsFolder(Readable(path.Text())) && Ask("List", path.Text()) == EResult::SUCCESS
-                   ? std::optional(names)
-                   : std::nullopt;
-    }
     std::unique_ptr<agent::CFolderScan> Scan(const CDevicePath& path) override;
     std::unique_ptr<agent::CFolderWork>
     BeginCopy(const CDevicePath& source, const CDevicePath& target, bool bFailIfExists) override;
@@ -119,7 +110,7 @@ class CMemoryFolder final : public agent::CDeviceFolder {
         return eResult;
     }
     bool HasWork(bool) const override { return m_bWork; }
-    void Work(bool) override { m_bWork = false; }
+    void Work(bool, agent::CWorkSlice) override { m_bWork = false; }
 
     Entry At(const std::string& strPath) const {
         const auto it = device.entries.find(strPath);
@@ -321,7 +312,7 @@ class CMemoryWork final : public agent::CFolderWork {
     CMemoryWork(const CMemoryFolder& folder, std::string strPath, std::function<EResult()> lpLast)
         : m_folder(folder), m_strPath(std::move(strPath)), m_lpLast(std::move(lpLast)) {}
 
-    std::optional<EResult> Step() override {
+    std::optional<EResult> Step(agent::CWorkSlice) override {
         const EResult eResult = m_folder.Ask("Step", m_strPath);
         return eResult != EResult::SUCCESS ? std::optional(eResult)
                : --m_nLeft == 0            ? std::optional(m_lpLast())
