@@ -150,6 +150,10 @@ class COpenFile {
     COpenFile(const COpenFile&) = delete;
     COpenFile& operator=(const COpenFile&) = delete;
 
+    // Whether the file is as its opening wants it: to empty a large one takes a while, and nothing
+    // is told until it is over. The first call; behind a failure it is the last.
+    virtual std::optional<EResult> Opened() const { return EResult::SUCCESS; }
+
     // Nothing when the file may not be read, or does not tell.
     virtual std::optional<CState> StateForReading() const = 0;
 

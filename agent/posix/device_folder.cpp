@@ -19,9 +19,9 @@
 #include "agent/posix/format.h"
 #include "agent/posix/part_file.h"
 #include "agent/posix/part_journal.h"
+#include "agent/posix/room.h"
 #include "agent/posix/system_file.h"
 #include "agent/posix/trash.h"
-#include "agent/quota.h"
 
 namespace agent {
 
@@ -44,7 +44,9 @@ std::uint64_t ContentOf(const struct stat& status) {
 
 class CPosixSourceFile final : public CSourceFile {
   public:
-    explicit CPosixSourceFile(CFd fd) : m_fd(std::move(fd)) {}
+    CPosixSourceFile(CFd fd, CRoom& room) : m_fd(std::move(fd)), m_room(room) {}
+
+    ~CPosixSourceFile() override { m_room.Close(std::move(m_fd)); }
 
     std::size_t Read(std::span<std::uint8_t> data) override {
         const std::size_t dwRead = ReadAt(m_fd.Get(), m_qwAt, data);
@@ -59,6 +61,7 @@ class CPosixSourceFile final : public CSourceFile {
 
   private:
     CFd m_fd;
+    CRoom& m_room;
     std::uint64_t m_qwAt = 0;
 };
 
@@ -68,8 +71,8 @@ constexpr int s_nReadFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 class CPosixFolder final : public CDeviceFolder {
   public:
     CPosixFolder(CFd fdRoot, std::function<void(const std::string&)> lpLog)
-        : m_fdRoot(std::move(fdRoot)), m_lpLog(std::move(lpLog)), m_formats(m_quota, m_lpLog),
-          m_journal(m_fdRoot.Get()), m_trash(m_fdRoot.Get(), m_journal.Identity(), m_quota) {
+        : m_fdRoot(std::move(fdRoot)), m_lpLog(std::move(lpLog)), m_formats(m_room, m_lpLog),
+          m_journal(m_fdRoot.Get()), m_trash(m_fdRoot.Get(), m_journal.Identity(), m_room) {
         m_formats.Serve(m_fdRoot);
     }
 
@@ -126,7 +129,7 @@ class CPosixFolder final : public CDeviceFolder {
     CFd m_fdRoot;
     std::function<void(const std::string&)> m_lpLog;
     std::deque<CStorage> m_storages; // they do not move
-    CQuota m_quota;
+    CRoom m_room;                    // outlives those who use it
     CFormats m_formats;
     CFileShares m_shares;
     CPartJournal m_journal;
@@ -204,7 +207,7 @@ bool CPosixFolder::AddStorage(const std::string& strName, const std::string& str
         return false;
     }
     auto pJournal = std::make_unique<CPartJournal>(fd.Get());
-    auto pTrash = std::make_unique<CTrash>(fd.Get(), pJournal->Identity(), m_quota);
+    auto pTrash = std::make_unique<CTrash>(fd.Get(), pJournal->Identity(), m_room);
     m_storages.push_back({strName, std::move(fd), std::move(pJournal), std::move(pTrash)});
     m_formats.Serve(m_storages.back().fd);
     return true;
@@ -260,7 +263,7 @@ void CPosixFolder::SetQuota(std::uint64_t qwBytes) {
     for (const int fdFolder : m_formats.Folders()) {
         qwUsed += CountBytes(OpenBelow(fdFolder, "", O_RDONLY | O_DIRECTORY));
     }
-    m_quota.Set(qwBytes, qwUsed);
+    m_room.Set(qwBytes, qwUsed);
 }
 
 std::optional<CEntryInfo> CPosixFolder::Find(const CDevicePath& path) {
@@ -312,7 +315,7 @@ std::unique_ptr<CFolderWork>
 CPosixFolder::BeginCopy(const CDevicePath& source, const CDevicePath& target, bool bFailIfExists) {
     return IsFixed(target) ? nullptr
                            : MakeCopy(Open(source, s_nReadFlags), PlaceOf(target), bFailIfExists,
-                                      {m_quota, m_formats.Folders()});
+                                      {m_room, m_formats.Folders()});
 }
 
 std::unique_ptr<CFolderWork> CPosixFolder::BeginMove(const CDevicePath& source,
@@ -320,7 +323,7 @@ std::unique_ptr<CFolderWork> CPosixFolder::BeginMove(const CDevicePath& source,
     return IsFixed(source) || IsFixed(target)
                ? nullptr
                : MakeMove(Open(source, s_nReadFlags), PlaceOf(source), PlaceOf(target),
-                          {m_quota, m_formats.Folders()});
+                          {m_room, m_formats.Folders()});
 }
 
 std::unique_ptr<CSourceFile> CPosixFolder::OpenSource(const CDevicePath& path) {
@@ -329,7 +332,7 @@ std::unique_ptr<CSourceFile> CPosixFolder::OpenSource(const CDevicePath& path) {
     if (!fd || ::fstat(fd.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return nullptr;
     }
-    return std::make_unique<CPosixSourceFile>(std::move(fd));
+    return std::make_unique<CPosixSourceFile>(std::move(fd), m_room);
 }
 
 // A file that is not there yet, also not as a link.
@@ -352,7 +355,7 @@ EResult CPosixFolder::OpenFile(const CDevicePath& path, const COpenMode& mode,
     if (IsFixed(path)) {
         return EResult::REFUSED;
     }
-    m_shares.GiveBackRoom(); // also of what copies have replaced
+    m_shares.GiveBackRoom(m_room); // also of what copies have replaced
     CFd fd;
     errno = ENOENT;
     if (mode.eExisting != COpenMode::EExisting::REFUSE) {
@@ -361,7 +364,7 @@ EResult CPosixFolder::OpenFile(const CDevicePath& path, const COpenMode& mode,
     if (!fd && errno == ENOENT && mode.eMissing == COpenMode::EMissing::MAKE) {
         fd = MakeFile(path, FlagsFor(mode));
     }
-    return fd ? TakeOpenFile(std::move(fd), mode, m_shares, m_formats, m_quota, pFile)
+    return fd ? TakeOpenFile(std::move(fd), mode, m_shares, m_formats, m_room, pFile)
               : ResultOf(errno);
 }
 
@@ -370,7 +373,7 @@ EResult CPosixFolder::BeginPart(const CDevicePath& path, std::uint64_t qwSize,
     if (IsFixed(path)) {
         return EResult::REFUSED;
     }
-    if (!m_quota.HasRoom(qwSize)) {
+    if (!m_room.HasRoom(qwSize)) {
         return EResult::NO_SPACE;
     }
     const CDevicePath folder = path.Parent();
@@ -387,7 +390,7 @@ EResult CPosixFolder::BeginPart(const CDevicePath& path, std::uint64_t qwSize,
     if (!journal.Enter(RestIn(StorageOf(path), folder))) {
         return ResultOf(errno);
     }
-    auto pFile = std::make_unique<CPosixPartFile>(std::move(fdFolder), journal, strTarget, m_quota);
+    auto pFile = std::make_unique<CPosixPartFile>(std::move(fdFolder), journal, strTarget, m_room);
     if (!pFile->Open()) {
         return ResultOf(errno);
     }
@@ -400,7 +403,7 @@ void CPosixFolder::EndParts() {
     for (const CStorage& storage : m_storages) {
         storage.pJournal->Clear();
     }
-    m_shares.GiveBackRoom();
+    m_shares.GiveBackRoom(m_room);
 }
 
 EResult CPosixFolder::MakeFolder(const CDevicePath& path) {
@@ -431,14 +434,10 @@ EResult CPosixFolder::Remove(const CDevicePath& path) {
     if (!bAllowed) {
         return EResult::REFUSED;
     }
-    if (::unlinkat(fdParent.Get(), strLeaf.c_str(), S_ISDIR(status.st_mode) ? AT_REMOVEDIR : 0) !=
-        0) {
+    if (!m_room.Unlink(fdParent.Get(), strLeaf.c_str(), status)) {
         return EResult::REFUSED;
     }
-    if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
-        m_quota.Remove(static_cast<std::uint64_t>(status.st_size));
-    }
-    m_shares.GiveBackRoom();
+    m_shares.GiveBackRoom(m_room);
     return EResult::SUCCESS;
 }
 
@@ -488,8 +487,8 @@ bool CPosixFolder::HasWork(bool bIdle) const {
 }
 
 void CPosixFolder::Work(bool bIdle, CWorkSlice slice) {
-    const auto work = [&slice](CTrash& trash) {
-        for (; !trash.Empty() && !slice.Over(); slice.Spend()) {
+    const auto work = [&](CTrash& trash) {
+        for (; !trash.Empty() && !slice.Over() && !m_room.Busy(); slice.Spend()) {
             trash.Step();
         }
     };
@@ -498,7 +497,7 @@ void CPosixFolder::Work(bool bIdle, CWorkSlice slice) {
     for (const CStorage& storage : m_storages) {
         work(*storage.pTrash);
     }
-    m_shares.GiveBackRoom();
+    m_shares.GiveBackRoom(m_room);
 }
 
 std::optional<CSpace> CPosixFolder::SpaceOf(const CDevicePath& folder) {
@@ -507,8 +506,8 @@ std::optional<CSpace> CPosixFolder::SpaceOf(const CDevicePath& folder) {
     if (!fd || ::fstatvfs(fd.Get(), &status) != 0) {
         return std::nullopt;
     }
-    return m_quota.Bound({std::uint64_t{status.f_blocks} * status.f_frsize,
-                          std::uint64_t{status.f_bavail} * status.f_frsize});
+    return m_room.Bound({std::uint64_t{status.f_blocks} * status.f_frsize,
+                         std::uint64_t{status.f_bavail} * status.f_frsize});
 }
 
 std::vector<std::string> CPosixFolder::StorageNames() const {

@@ -129,8 +129,8 @@ bool CFormats::IsList(std::string_view strName) {
            (strName.ends_with(s_szList) || strName.ends_with(s_szLeft));
 }
 
-CFormats::CFormats(CQuota& quota, std::function<void(const std::string&)> lpLog)
-    : m_quota(quota), m_lpLog(std::move(lpLog)) {}
+CFormats::CFormats(CRoom& room, std::function<void(const std::string&)> lpLog)
+    : m_room(room), m_lpLog(std::move(lpLog)) {}
 
 void CFormats::Log(const std::string& strLine) const {
     if (m_lpLog) {
@@ -210,7 +210,7 @@ bool CFormats::MakeRoomFor(const CServed& served, const CFormatList& old, Clock:
         }
         if (!pRemoval) {
             pRemoval = std::make_unique<CRemoval>(served.fdFolder.Get(), old.Entries(),
-                                                  OthersThan(served), -1, m_quota);
+                                                  OthersThan(served), -1, m_room);
         }
         const std::uint64_t qwBefore = pRemoval->Removed();
         while (pRemoval->Removed() == qwBefore) {
@@ -266,9 +266,8 @@ void CFormats::BeginRemoval(CServed& served, CFormatList list) const {
     served.bAwaitsIdle = false;
     served.pRemoval.reset(); // it goes by the list
     served.list = std::move(list);
-    served.pRemoval =
-        std::make_unique<CRemoval>(served.fdFolder.Get(), served.list.Entries(), OthersThan(served),
-                                   served.fdMarker.Get(), m_quota);
+    served.pRemoval = std::make_unique<CRemoval>(served.fdFolder.Get(), served.list.Entries(),
+                                                 OthersThan(served), served.fdMarker.Get(), m_room);
 }
 
 bool CFormats::Format(const CFd& fdView) {
@@ -398,7 +397,7 @@ bool CFormats::HasWork(bool bIdle) const {
 
 void CFormats::Work(bool bIdle, CWorkSlice& slice) {
     for (const auto& pServed : m_served) {
-        for (; pServed->pRemoval && !slice.Over(); slice.Spend()) {
+        for (; pServed->pRemoval && !slice.Over() && !m_room.Busy(); slice.Spend()) {
             StepRemoval(*pServed);
         }
         if (bIdle && std::exchange(pServed->bAwaitsIdle, false)) {

@@ -24,14 +24,14 @@
 
 #include "agent/posix/format_list.h"
 #include "agent/posix/removal.h"
+#include "agent/posix/room.h"
 #include "agent/posix/system_file.h"
-#include "agent/quota.h"
 
 namespace agent {
 
 class CFormats {
   public:
-    CFormats(CQuota& quota, std::function<void(const std::string&)> lpLog);
+    CFormats(CRoom& room, std::function<void(const std::string&)> lpLog);
 
     // A folder that is served through fdView, which is turned to another folder as formats come and
     // end. It outlives this object and does not move.
@@ -89,7 +89,7 @@ class CFormats {
     bool MayMoveUp(const CServed& served, std::size_t nMost) const;
     void MoveUp(CServed& served, std::size_t nMost);
 
-    CQuota& m_quota;
+    CRoom& m_room;
     std::function<void(const std::string&)> m_lpLog;
     std::vector<std::unique_ptr<CServed>> m_served;
 };
