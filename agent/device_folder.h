@@ -85,7 +85,7 @@ class CSourceFile {
     virtual std::optional<std::uint64_t> Identity() const = 0;
 };
 
-// A copy or a move in work.
+// A copy, a move or a format in work.
 class CFolderWork {
   public:
     CFolderWork() = default;
@@ -257,9 +257,9 @@ class CDeviceFolder {
     // Empties the root or a storage, read-only files included, in a time that does not depend on
     // what lies on it. The root's storages stay as they are wherever their folders lie. What was
     // there can be opened no more from then on; its bytes are given back by Work. No part file is
-    // open. Refused, and nothing is removed but what a full disk forces: any other folder, one that
-    // may not be written, and one that is served under two names.
-    virtual EResult Format(const CDevicePath& storage) = 0;
+    // open. Refused, with null or by the work, and nothing is removed but what a full disk forces:
+    // any other folder, one that may not be written, and one that is served under two names.
+    virtual std::unique_ptr<CFolderWork> BeginFormat(const CDevicePath& storage) = 0;
 
     // Whether there is work to be done in the background. bIdle: no exchange is open.
     virtual bool HasWork(bool bIdle) const = 0;

@@ -98,7 +98,7 @@ class CPosixFolder final : public CDeviceFolder {
     void RemoveLeftovers(bool bMayFormat) override;
     std::optional<CSpace> SpaceOf(const CDevicePath& folder) override;
     std::vector<std::string> StorageNames() const override;
-    EResult Format(const CDevicePath& storage) override;
+    std::unique_ptr<CFolderWork> BeginFormat(const CDevicePath& storage) override;
     bool HasWork(bool bIdle) const override;
     void Work(bool bIdle, CWorkSlice slice) override;
 
@@ -518,12 +518,11 @@ std::vector<std::string> CPosixFolder::StorageNames() const {
     return names;
 }
 
-EResult CPosixFolder::Format(const CDevicePath& storage) {
-    bool bDone = storage.IsRoot() && m_formats.Format(m_fdRoot);
-    for (const CStorage& candidate : m_storages) {
-        bDone = bDone || (candidate.strName == storage.Text() && m_formats.Format(candidate.fd));
-    }
-    return bDone ? EResult::SUCCESS : EResult::REFUSED;
+std::unique_ptr<CFolderWork> CPosixFolder::BeginFormat(const CDevicePath& storage) {
+    const CStorage* lpStorage = StorageOf(storage);
+    return storage.IsRoot()                                  ? m_formats.Begin(m_fdRoot)
+           : lpStorage && RestIn(lpStorage, storage).empty() ? m_formats.Begin(lpStorage->fd)
+                                                             : nullptr;
 }
 
 } // namespace

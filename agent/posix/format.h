@@ -41,9 +41,9 @@ class CFormats {
     // removed unless bMayRemove. Behind the last Serve.
     void TakeUp(bool bMayRemove);
 
-    // Empties the folder served through fdView, except other served folders that lie in it. False
-    // when it is not empty behind that: it may not be written, or is served twice.
-    bool Format(const CFd& fdView);
+    // Empties the folder served through fdView, except other served folders that lie in it.
+    // Refused, with null or by the work, when it may not be written, or is served twice.
+    std::unique_ptr<CFolderWork> Begin(const CFd& fdView);
 
     // Whether the host can still find an open file that it has opened: a format, or what has taken
     // its folder away, may have put it out of sight. True also when the system does not tell.
@@ -74,7 +74,11 @@ class CFormats {
         bool bAwaitsIdle = false;                     // removed, but not moved up yet
     };
 
+    class CFormat;
+
     void Log(const std::string& strLine) const;
+    bool MayBeFormatted(const CServed& served) const;
+    bool Format(CServed& served, const CFormatList& old);
     CSpared OthersThan(const CServed& served) const;
     bool MakeMarker(CServed& served) const;
     bool MakeRoomFor(const CServed& served, const CFormatList& old, Clock::time_point tEnd,

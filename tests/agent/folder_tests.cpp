@@ -147,7 +147,7 @@ struct CWorld {
                                     : strVerb == "move"    ? Move(strA, strB)
                                     : strVerb == "mkdir"   ? pFolder->MakeFolder(At(strA))
                                     : strVerb == "rm"      ? pFolder->Remove(At(strA))
-                                                           : pFolder->Format(At(strA));
+                                                           : RunAll(pFolder->BeginFormat(At(strA)));
             strDid += "yfn"[static_cast<int>(eResult)];
         }
         return strDid;
@@ -420,7 +420,7 @@ void Model::Step() {
     } else if (nWhat == 17) {
         const std::array<std::string, 3> served = {"", "Card", "In"};
         const std::string& strServed = served[random() % 3];
-        eResult = pFolder->Format(At(strServed));
+        eResult = RunAll(pFolder->BeginFormat(At(strServed)));
         eWanted = EResult::SUCCESS;
         std::erase_if(model, [&](const auto& each) {
             const std::string strTop = each.first.substr(0, each.first.find('/'));
@@ -630,7 +630,7 @@ TEST_F(Folder, HandlesAndTheirFiles) {
             EXPECT_EQ(strEnd == "deleted"       ? pFolder->Remove(At("d/a"))
                       : strEnd == "replaced"    ? Put("d/a", "new")
                       : strEnd == "copied over" ? Copy("d/c", "d/a")
-                                                : pFolder->Format(At("")),
+                                                : RunAll(pFolder->BeginFormat(At(""))),
                       EResult::SUCCESS);
         }
         EXPECT_EQ(pFile->Read(0, data), 3U) << strEnd;
@@ -833,7 +833,7 @@ TEST_F(Folder, FormatRemovesWhatWasThereAndNothingElse) {
         s_mounted = strWhat == "mount" ? status.st_ino : 0;
         s_bOldKernel = strWhat == "old kernel";
         const bool bStuck = s_mounted != 0 || s_bOldKernel;
-        ASSERT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+        ASSERT_EQ(RunAll(pFolder->BeginFormat(At("Card"))), EResult::SUCCESS);
         EXPECT_EQ(Put("Card/host", "host"), EResult::SUCCESS);
         for (int i = 0; i < (strWhat == "many" ? 1001 : 0); ++i) {
             base.Write("card/.dak-format/.dak-1/" + std::to_string(i), "");
@@ -845,7 +845,7 @@ TEST_F(Folder, FormatRemovesWhatWasThereAndNothingElse) {
             Work();
         }
         if (strWhat == "again") {
-            EXPECT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+            EXPECT_EQ(RunAll(pFolder->BeginFormat(At("Card"))), EResult::SUCCESS);
         }
         base.Write("card/late", "late");
         base.Write("card/folder/late", "late");
@@ -886,7 +886,7 @@ TEST_F(Folder, FormatRemovesWhatWasThereAndNothingElse) {
     Open();
     s_bPlainUser = true;
     for (const bool bFixed : {true, false}) {
-        ASSERT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+        ASSERT_EQ(RunAll(pFolder->BeginFormat(At("Card"))), EResult::SUCCESS);
         EXPECT_EQ(Put("Card/a", "a"), EResult::SUCCESS);
         EXPECT_EQ(Put("Card/ro/b", "b"), EResult::SUCCESS);
         const fs::path view =
@@ -922,12 +922,13 @@ TEST_F(Folder, FullDisks) {
         Open();
         const TREE before = Disk("card");
         s_nFullFor = nFullFor;
-        EXPECT_EQ(pFolder->Format(At("Card")), bDone ? EResult::SUCCESS : EResult::REFUSED)
+        EXPECT_EQ(RunAll(pFolder->BeginFormat(At("Card"))),
+                  bDone ? EResult::SUCCESS : EResult::REFUSED)
             << nFullFor;
         s_nFullFor = 0;
         EXPECT_EQ(List(At("Card"))->size(), 0U) << nFullFor;
         EXPECT_EQ(Put("Card/new", "new"), EResult::SUCCESS);
-        EXPECT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS) << "again, with room";
+        EXPECT_EQ(RunAll(pFolder->BeginFormat(At("Card"))), EResult::SUCCESS) << "again, with room";
         Work();
         EXPECT_EQ(Disk("card"), TREE{}) << nFullFor;
         EXPECT_EQ(ReadBytes(root / "other"), "kept");
@@ -936,10 +937,11 @@ TEST_F(Folder, FullDisks) {
     for (const bool bTwice : {false, true}) {
         base.Write("card/x", "x");
         Open();
-        EXPECT_TRUE(!bTwice || pFolder->Format(At("Card")) == EResult::SUCCESS);
+        EXPECT_TRUE(!bTwice || RunAll(pFolder->BeginFormat(At("Card"))) == EResult::SUCCESS);
         fs::create_directories(base / "card/.dak-format");
         s_nFullFor = 1000;
-        EXPECT_EQ(pFolder->Format(At("Card")), bTwice ? EResult::REFUSED : EResult::REFUSED);
+        EXPECT_EQ(RunAll(pFolder->BeginFormat(At("Card"))),
+                  bTwice ? EResult::REFUSED : EResult::REFUSED);
         s_nFullFor = 0;
         Work();
         ExpectNothingOwn();

@@ -96,7 +96,8 @@ class CMemoryFolder final : public agent::CDeviceFolder {
         }
         return names;
     }
-    EResult Format(const CDevicePath& storage) override {
+    std::unique_ptr<agent::CFolderWork> BeginFormat(const CDevicePath& storage) override;
+    EResult Format(const CDevicePath& storage) {
         const std::string& strPath = storage.Text();
         const EResult eResult =
             Judge(IsFixed(strPath) && !At(strPath)->info.bReadOnly, "Format", strPath);
@@ -440,6 +441,11 @@ std::unique_ptr<agent::CFolderWork> CMemoryFolder::BeginMove(const CDevicePath& 
     return IsFolder(At(ParentOf(target.Text())))
                ? std::make_unique<CMemoryWork>(*this, target.Text(), move)
                : nullptr;
+}
+
+std::unique_ptr<agent::CFolderWork> CMemoryFolder::BeginFormat(const CDevicePath& storage) {
+    return std::make_unique<CMemoryWork>(*this, storage.Text(),
+                                         [this, storage] { return Format(storage); });
 }
 
 class CMemoryProcesses final : public agent::CDeviceProcesses {
