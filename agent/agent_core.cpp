@@ -19,25 +19,28 @@ static constexpr std::size_t s_dwMaxCommand = std::size_t{16} << 20;
 
 // Work in the background leaves the host as much time as it takes itself.
 static constexpr std::uint64_t s_qwWorkEveryMs = 10;
+static constexpr std::uint64_t s_qwWorkMs = 5;
 
 class CAgentCore::CState {
   public:
     explicit CState(CDevice& device) : m_device(device) {}
 
     void TakePackage(std::span<const std::uint8_t> package);
+    void SetTime(std::uint64_t qwNowMs);
     void Prepare();
     void DropEnded();
     void GiveUp();
     bool HasBackgroundWork() const { return m_device.Folder().HasWork(!m_pExchange); }
-    void WorkInBackground();
 
     CDevice& m_device;
     COutbox m_outbox;
     std::unique_ptr<CExchange> m_pExchange; // null between exchanges
     std::uint64_t m_qwNowMs = 0;
     std::uint64_t m_qwWorkAtMs = 0; // when work in the background may go on
+    bool m_bPutOff = false;         // the host has asked for more than there was time for
 
   private:
+    void WorkInBackground();
     bool TakeHandshake(std::span<const std::uint8_t> package);
     void TakeCommandPiece(std::span<const std::uint8_t> package);
     void OpenExchange(std::uint16_t codeFunc, std::span<const std::uint8_t> payload);
@@ -46,6 +49,8 @@ class CAgentCore::CState {
     std::vector<std::uint8_t> m_chain;
     bool m_bInChain = false;
     bool m_bChainRefused = false; // the rest of the chain is passed over
+
+    bool m_bPrepared = false; // something, since the time was told
 };
 
 // The link code says that the package is a handshake of this protocol. Version and length that the
@@ -135,11 +140,21 @@ void CAgentCore::CState::OpenExchange(std::uint16_t codeFunc,
     m_outbox.PutControl(DAK_SUCCESS);
 }
 
+// All that the host asks for until the time is told again has one slice of time together: a host
+// that asks for many packages at once must be listened to between them.
 void CAgentCore::CState::Prepare() {
-    if (m_pExchange && m_outbox.Empty()) {
-        m_pExchange->Prepare(m_outbox);
-        DropEnded();
+    if (!m_pExchange || !m_outbox.Empty()) {
+        return;
     }
+    CWorkSlice& slice = m_device.Slice();
+    m_bPutOff = m_bPrepared && slice.OutOfTime();
+    if (m_bPutOff) {
+        return;
+    }
+    m_bPrepared ? slice.GoOn() : slice.Begin();
+    m_bPrepared = true;
+    m_pExchange->Prepare(m_outbox);
+    DropEnded();
 }
 
 void CAgentCore::CState::DropEnded() {
@@ -155,9 +170,24 @@ void CAgentCore::CState::GiveUp() {
     m_bInChain = false;
 }
 
+void CAgentCore::CState::SetTime(std::uint64_t qwNowMs) {
+    m_qwNowMs = qwNowMs;
+    m_bPrepared = false;
+    m_bPutOff = false;
+    m_device.System().Tick(qwNowMs);
+    m_device.OpenFiles().SetTime(qwNowMs);
+    if (m_pExchange) {
+        m_device.Slice().Begin();
+        m_pExchange->Tick(m_outbox, qwNowMs);
+        DropEnded();
+    }
+    WorkInBackground();
+}
+
 void CAgentCore::CState::WorkInBackground() {
     if (HasBackgroundWork() && m_qwNowMs >= m_qwWorkAtMs) {
-        m_device.Folder().Work(!m_pExchange);
+        m_device.Slice().Begin(s_qwWorkMs);
+        m_device.Folder().Work(!m_pExchange, m_device.Slice());
         m_qwWorkAtMs = m_qwNowMs + s_qwWorkEveryMs;
     }
 }
@@ -196,14 +226,7 @@ void CAgentCore::DropPending() {
 }
 
 void CAgentCore::SetTime(std::uint64_t qwNowMs) {
-    m_pState->m_qwNowMs = qwNowMs;
-    m_pState->m_device.System().Tick(qwNowMs);
-    m_pState->m_device.OpenFiles().SetTime(qwNowMs);
-    if (m_pState->m_pExchange) {
-        m_pState->m_pExchange->Tick(m_pState->m_outbox, qwNowMs);
-        m_pState->DropEnded();
-    }
-    m_pState->WorkInBackground();
+    m_pState->SetTime(qwNowMs);
 }
 
 std::optional<std::uint64_t> CAgentCore::NextDueMs() const {
@@ -215,6 +238,9 @@ std::optional<std::uint64_t> CAgentCore::NextDueMs() const {
         if (const auto qwExchange = m_pState->m_pExchange->DueMs(m_pState->m_qwNowMs)) {
             also(*qwExchange);
         }
+    }
+    if (m_pState->m_bPutOff) {
+        also(m_pState->m_qwNowMs);
     }
     if (m_pState->HasBackgroundWork()) {
         also(m_pState->m_qwWorkAtMs);

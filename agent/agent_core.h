@@ -28,8 +28,9 @@ class CAgentCore {
     // One package from the host, as one write brought it.
     void TakePackage(std::span<const std::uint8_t> package);
 
-    // Whether bytes are there for the host. May prepare the next package of a stream, or do the
-    // work that it answers for: ask when the host asks, and not ahead of it.
+    // Whether bytes are there for the host. May prepare the next package of a stream, or do a slice
+    // of the work that it answers for: ask when the host asks, and not ahead of it. Where that
+    // takes more than a slice there are none yet, and NextDueMs says when to go on.
     bool HasBytes();
 
     // Gives the host the next bytes: at most buffer.size(), and never more than the rest of the

@@ -8,6 +8,7 @@
 
 #include "agent/copy_files.h"
 #include "agent/device.h"
+#include "agent/name_queue.h"
 #include "agent/stream_sender.h"
 
 namespace agent {
@@ -17,9 +18,6 @@ namespace {
 // Files and bytes of names that one command may come to.
 constexpr std::size_t s_nMostFiles = 500'000;
 constexpr std::size_t s_dwMostNames = std::size_t{64} << 20;
-
-// Entries that one slice of listing looks at: some ten milliseconds of work.
-constexpr std::size_t s_nSlice = 4096;
 
 // dwStreamResult of a stream that holds what it announces.
 constexpr std::uint32_t s_dwStreamResult = 1;
@@ -43,12 +41,22 @@ class CFileSource final : public CStreamSource {
     EWork Begin() override;
     std::uint64_t Length() const override { return m_qwLength; }
     void Rewind() override;
-    bool Read(std::span<std::uint8_t> data) override;
+    bool Read(std::span<std::uint8_t>& data) override;
 
   private:
+    // A folder whose files are being listed. Its names are gathered first, since they go out
+    // sorted.
+    struct CLevel {
+        std::string strRelative;
+        std::unique_ptr<CFolderScan> pScan; // null when all names are there
+        CNameQueue names = {};
+    };
+
     bool NextWanted();
+    void NextEntry();
+    void TakeName(CLevel& level);
     void Look(const std::string& strRelative);
-    void AddFolder(const CDevicePath& path, const std::string& strRelative);
+    CDevicePath PathOf(const std::string& strRelative) const;
     bool HasRoomFor(std::size_t dwName);
     void Refuse(const std::string& strWhy);
     void AddFile(const CDevicePath& path, const std::string& strRelative, const CEntryInfo& info);
@@ -65,8 +73,9 @@ class CFileSource final : public CStreamSource {
     std::uint32_t m_dwNamesLeft;
     std::vector<std::uint8_t> m_names; // of the command, from the next one on
     std::size_t m_dwNamesAt = 0;
-    std::vector<std::string> m_toLook; // relative paths, the next one last
-    std::size_t m_dwToLook = 0;        // their bytes
+    std::vector<CLevel> m_levels; // the folders in work, each in the one ahead of it
+    std::size_t m_nToLook = 0;    // names in them
+    std::size_t m_dwToLook = 0;   // their bytes
     bool m_bRefused = false;
 
     // The list.
@@ -83,7 +92,7 @@ class CFileSource final : public CStreamSource {
     bool m_bLost = false; // a part of these contents could not be had
 };
 
-// Takes the next wanted name of the command to be looked at. False when there is none left.
+// Looks at the next wanted name of the command. False when there is none left.
 bool CFileSource::NextWanted() {
     if (m_dwNamesLeft == 0) {
         return false;
@@ -95,8 +104,7 @@ bool CFileSource::NextWanted() {
     m_dwNamesAt = m_names.size() - payload.Rest().size();
     const std::optional<CDevicePath> path = CDevicePath().Below(strName);
     if (path) {
-        m_toLook.push_back(path->Text());
-        m_dwToLook += path->Text().size();
+        Look(path->Text());
     } else {
         m_device.Log("copy from the device: a name that is not allowed is left out");
     }
@@ -104,20 +112,62 @@ bool CFileSource::NextWanted() {
 }
 
 EWork CFileSource::Begin() {
-    for (std::size_t i = 0; i < s_nSlice && !m_bRefused; ++i) {
-        if (!m_toLook.empty()) {
-            const std::string strRelative = std::move(m_toLook.back());
-            m_toLook.pop_back();
-            m_dwToLook -= strRelative.size();
-            Look(strRelative);
+    do {
+        if (!m_levels.empty()) {
+            NextEntry();
         } else if (!NextWanted()) {
             m_names = {};
             m_device.Log("copy from the device: " + std::to_string(m_files.size()) + " files");
             Rewind();
             return EWork::DONE;
         }
-    }
+        m_device.Slice().Spend();
+    } while (!m_bRefused && !m_device.Slice().Over());
     return m_bRefused ? EWork::FAILED : EWork::MORE;
+}
+
+void CFileSource::NextEntry() {
+    CLevel& level = m_levels.back();
+    if (level.pScan) {
+        TakeName(level);
+    } else if (level.names.Size() == 0) {
+        m_levels.pop_back();
+    } else {
+        const std::string strName(level.names.Pop());
+        --m_nToLook;
+        m_dwToLook -= strName.size();
+        Look(level.strRelative.empty() ? strName : level.strRelative + "/" + strName);
+    }
+}
+
+void CFileSource::TakeName(CLevel& level) {
+    std::string strName;
+    switch (level.pScan->Next(strName)) {
+    case CFolderScan::ENext::NAME:
+        if (HasRoomFor(strName.size()) && level.names.Push(strName, SIZE_MAX)) {
+            ++m_nToLook;
+            m_dwToLook += strName.size();
+        }
+        return;
+    case CFolderScan::ENext::LINK:
+        return;
+    case CFolderScan::ENext::SKIPPED:
+        if (IsNameForHost(strName)) {
+            m_device.Log("copy from the device: " + PathOf(level.strRelative).Text() + "/" +
+                         strName + " is nothing to be copied, left out");
+        }
+        return;
+    case CFolderScan::ENext::END:
+        level.pScan.reset();
+        return;
+    case CFolderScan::ENext::FAILED:
+        Refuse("folder \\" + PathOf(level.strRelative).Text() + " cannot be listed");
+        return;
+    }
+}
+
+CDevicePath CFileSource::PathOf(const std::string& strRelative) const {
+    return strRelative.empty() ? *m_source : m_source->Entry(strRelative);
 }
 
 // The whole command: a part of what it wants would look like all.
@@ -128,7 +178,7 @@ void CFileSource::Refuse(const std::string& strWhy) {
 
 // Whether one more name may be kept, as a file of the list or to be looked at.
 bool CFileSource::HasRoomFor(std::size_t dwName) {
-    const bool bRoom = m_files.size() + m_toLook.size() < s_nMostFiles &&
+    const bool bRoom = m_files.size() + m_nToLook < s_nMostFiles &&
                        m_strPaths.size() + m_dwToLook + dwName <= s_dwMostNames;
     if (!bRoom && !m_bRefused) {
         Refuse("more files than one command may come to");
@@ -140,31 +190,16 @@ void CFileSource::Look(const std::string& strRelative) {
     if (!m_source) {
         return;
     }
-    const CDevicePath path = strRelative.empty() ? *m_source : m_source->Entry(strRelative);
+    const CDevicePath path = PathOf(strRelative);
     const std::optional<CEntryInfo> info = m_device.Folder().Find(path);
     if (!info) {
         m_device.Log("copy from the device: " + path.Text() + " cannot be read, left out");
-    } else if (info->bFolder) {
-        AddFolder(path, strRelative);
-    } else {
+    } else if (!info->bFolder) {
         AddFile(path, strRelative, *info);
-    }
-}
-
-void CFileSource::AddFolder(const CDevicePath& path, const std::string& strRelative) {
-    std::optional<std::vector<std::string>> names =
-        m_device.Folder().List(path, s_nMostFiles - m_files.size() - m_toLook.size() + 1);
-    if (!names) {
+    } else if (auto pScan = m_device.Folder().Scan(path)) {
+        m_levels.push_back({strRelative, std::move(pScan)});
+    } else {
         Refuse("folder \\" + path.Text() + " cannot be listed");
-        return;
-    }
-    for (auto itName = names->rbegin(); itName != names->rend(); ++itName) {
-        std::string strName = strRelative.empty() ? *itName : strRelative + "/" + *itName;
-        if (!HasRoomFor(strName.size())) {
-            return;
-        }
-        m_dwToLook += strName.size();
-        m_toLook.push_back(std::move(strName));
     }
 }
 
@@ -246,9 +281,9 @@ bool CFileSource::ReadContents(std::span<std::uint8_t> data) {
     return false;
 }
 
-bool CFileSource::Read(std::span<std::uint8_t> data) {
+bool CFileSource::Read(std::span<std::uint8_t>& data) {
     bool bAll = true;
-    while (!data.empty()) {
+    do {
         std::size_t dwCount = 0;
         if (m_dwFieldsAt < m_fields.size()) {
             dwCount = std::min(m_fields.size() - m_dwFieldsAt, data.size());
@@ -257,11 +292,12 @@ bool CFileSource::Read(std::span<std::uint8_t> data) {
         } else if (m_qwLeft > 0) {
             dwCount = static_cast<std::size_t>(std::min<std::uint64_t>(m_qwLeft, data.size()));
             bAll = ReadContents(data.first(dwCount)) && bAll;
+            m_device.Slice().Spend();
         } else {
             BeginRecord();
         }
         data = data.subspan(dwCount);
-    }
+    } while (!data.empty() && !m_device.Slice().Over());
     return bAll;
 }
 

@@ -52,7 +52,7 @@ class CPathWork final : public CExchange {
             m_begin = nullptr;
         }
         const std::optional<EResult> eResult =
-            m_pWork ? m_pWork->Step() : std::optional(EResult::REFUSED);
+            m_pWork ? m_pWork->Step(m_device.Slice()) : std::optional(EResult::REFUSED);
         if (!eResult) {
             return;
         }

@@ -13,6 +13,10 @@ namespace agent {
 
 namespace {
 
+// What one write brings at most, and what a file costs beside its bytes.
+constexpr std::size_t s_dwPiece = std::size_t{64} << 10;
+constexpr unsigned s_nFileSteps = 4;
+
 class CFileSink final : public CStreamSink {
   public:
     CFileSink(CDevice& device, const std::u16string& strDest)
@@ -20,13 +24,14 @@ class CFileSink final : public CStreamSink {
 
     ~CFileSink() override { Close(); }
 
-    void Apply(std::span<const std::uint8_t> data) override;
+    std::size_t Apply(std::span<const std::uint8_t> data) override;
     std::int32_t End() override;
     std::int32_t GiveUp(std::int32_t nResult) override;
 
   private:
     enum class EField { COUNT, HEAD, NAME, CONTENTS, NOTHING };
 
+    void TakeFixed(std::span<const std::uint8_t>& data);
     void TakeFields(std::span<const std::uint8_t> field);
     void TakeName(std::span<const std::uint8_t>& data);
     void TakeContents(std::span<const std::uint8_t>& data);
@@ -81,23 +86,14 @@ void CFileSink::Break(const std::string& strWhy) {
     Close();
 }
 
-void CFileSink::Apply(std::span<const std::uint8_t> data) {
-    while (!data.empty() && !m_bBroken) {
+std::size_t CFileSink::Apply(std::span<const std::uint8_t> data) {
+    const std::size_t dwAll = data.size();
+    for (bool bOver = false; !data.empty() && !m_bBroken && !bOver;) {
         switch (m_eField) {
         case EField::COUNT:
-        case EField::HEAD: {
-            const std::size_t dwWanted = m_eField == EField::COUNT ? 4 : RECORD_HEAD_SIZE;
-            const std::size_t dwCount = std::min(dwWanted - m_dwFixed, data.size());
-            std::copy_n(data.begin(), dwCount,
-                        m_fixed.begin() + static_cast<std::ptrdiff_t>(m_dwFixed));
-            data = data.subspan(dwCount);
-            m_dwFixed += dwCount;
-            if (m_dwFixed == dwWanted) {
-                m_dwFixed = 0;
-                TakeFields(m_fixed);
-            }
+        case EField::HEAD:
+            TakeFixed(data);
             break;
-        }
         case EField::NAME:
             TakeName(data);
             break;
@@ -108,6 +104,20 @@ void CFileSink::Apply(std::span<const std::uint8_t> data) {
             Break("more data than announced");
             break;
         }
+        bOver = m_device.Slice().Over();
+    }
+    return m_bBroken ? dwAll : dwAll - data.size();
+}
+
+void CFileSink::TakeFixed(std::span<const std::uint8_t>& data) {
+    const std::size_t dwWanted = m_eField == EField::COUNT ? 4 : RECORD_HEAD_SIZE;
+    const std::size_t dwCount = std::min(dwWanted - m_dwFixed, data.size());
+    std::copy_n(data.begin(), dwCount, m_fixed.begin() + static_cast<std::ptrdiff_t>(m_dwFixed));
+    data = data.subspan(dwCount);
+    m_dwFixed += dwCount;
+    if (m_dwFixed == dwWanted) {
+        m_dwFixed = 0;
+        TakeFields(m_fixed);
     }
 }
 
@@ -171,7 +181,9 @@ EResult CFileSink::BeginPart() {
 }
 
 void CFileSink::TakeContents(std::span<const std::uint8_t>& data) {
-    const auto dwCount = static_cast<std::size_t>(std::min<std::uint64_t>(m_qwLeft, data.size()));
+    const auto dwCount = static_cast<std::size_t>(
+        std::min<std::uint64_t>(m_qwLeft, std::min(data.size(), s_dwPiece)));
+    m_device.Slice().Spend(static_cast<unsigned>(dwCount / 1024));
     const EResult eResult = m_pPart ? m_pPart->Write(data.first(dwCount)) : EResult::SUCCESS;
     if (eResult != EResult::SUCCESS) {
         Fail(eResult, m_strPath + ": cannot be written");
@@ -184,6 +196,7 @@ void CFileSink::TakeContents(std::span<const std::uint8_t>& data) {
 }
 
 void CFileSink::EndFile() {
+    m_device.Slice().Spend(s_nFileSteps);
     const EResult eResult = m_pPart ? m_pPart->Complete(m_times) : EResult::SUCCESS;
     if (eResult != EResult::SUCCESS) {
         Fail(eResult, m_strPath + ": cannot take its name");

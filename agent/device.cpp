@@ -5,6 +5,7 @@ namespace agent {
 std::unique_ptr<CDevice> CDevice::Open(const CDeviceOptions& options, std::string& strError) {
     std::unique_ptr<CDevice> pDevice(new CDevice);
     pDevice->m_lpLog = options.lpLog;
+    pDevice->m_slice = CWorkSlice(options.lpClock);
     pDevice->m_bAllowFormat = options.bAllowFormat;
     pDevice->m_pOpenFiles =
         std::make_unique<COpenFiles>(options.nMostOpenFiles, options.dwFirstHandle);

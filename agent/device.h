@@ -11,6 +11,7 @@
 #include "agent/device_folder.h"
 #include "agent/device_system.h"
 #include "agent/open_files.h"
+#include "agent/work_slice.h"
 
 namespace agent {
 
@@ -28,6 +29,7 @@ struct CDeviceOptions {
     CSystemOptions system = {};
     std::size_t nMostOpenFiles = 256; // by handle, at one time
     std::uint32_t dwFirstHandle = 1;  // a stale handle of another agent should find nothing open
+    CWorkSlice::Clock lpClock = {};   // that slices of work go by; none in virtual time
 };
 
 class CDevice {
@@ -39,6 +41,7 @@ class CDevice {
     bool AllowsFormat() const { return m_bAllowFormat; }
     CDeviceSystem& System() { return *m_pSystem; }
     COpenFiles& OpenFiles() { return *m_pOpenFiles; }
+    CWorkSlice& Slice() { return m_slice; } // the core begins it
     void Log(const std::string& strLine) const;
 
   private:
@@ -48,6 +51,7 @@ class CDevice {
     std::unique_ptr<CDeviceSystem> m_pSystem;
     std::unique_ptr<COpenFiles> m_pOpenFiles;
     std::function<void(const std::string&)> m_lpLog;
+    CWorkSlice m_slice;
     bool m_bAllowFormat = false;
 };
 

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "agent/device_path.h"
+#include "agent/work_slice.h"
 
 namespace agent {
 
@@ -84,7 +85,7 @@ class CSourceFile {
     virtual std::optional<std::uint64_t> Identity() const = 0;
 };
 
-// A copy or a move in work.
+// A copy, a move or a format in work.
 class CFolderWork {
   public:
     CFolderWork() = default;
@@ -93,8 +94,8 @@ class CFolderWork {
     CFolderWork(const CFolderWork&) = delete;
     CFolderWork& operator=(const CFolderWork&) = delete;
 
-    // A bounded slice. Nothing when there is more to do; not called again behind a result.
-    virtual std::optional<EResult> Step() = 0;
+    // Goes on for a slice. Nothing when there is more to do; not called again behind a result.
+    virtual std::optional<EResult> Step(CWorkSlice slice) = 0;
 };
 
 // One pass over the entries of a folder, in the order of the file system.
@@ -102,6 +103,7 @@ class CFolderScan {
   public:
     enum class ENext {
         NAME,
+        LINK,    // the same, but a link to a folder, which can lead round in circles
         SKIPPED, // an entry that the host cannot be told or may not open
         END,
         FAILED, // the rest cannot be read
@@ -148,6 +150,10 @@ class COpenFile {
     COpenFile(const COpenFile&) = delete;
     COpenFile& operator=(const COpenFile&) = delete;
 
+    // Whether the file is as its opening wants it: to empty a large one takes a while, and nothing
+    // is told until it is over. The first call; behind a failure it is the last.
+    virtual std::optional<EResult> Opened() const { return EResult::SUCCESS; }
+
     // Nothing when the file may not be read, or does not tell.
     virtual std::optional<CState> StateForReading() const = 0;
 
@@ -192,12 +198,6 @@ class CDeviceFolder {
 
     // Nothing when there is no such file or folder, or it may not be read.
     virtual std::optional<CEntryInfo> Find(const CDevicePath& path) = 0;
-
-    // Names of what a folder holds, sorted by their bytes, without what the host cannot be told;
-    // links to folders are left out, because they can lead round in circles. Not more than nMost,
-    // whichever, when there are more. Nothing when the folder cannot be read to its end.
-    virtual std::optional<std::vector<std::string>> List(const CDevicePath& path,
-                                                         std::size_t nMost) = 0;
 
     // As Find, but also what may not be read.
     virtual std::optional<CEntryInfo> Describe(const CDevicePath& path) = 0;
@@ -257,15 +257,15 @@ class CDeviceFolder {
     // Empties the root or a storage, read-only files included, in a time that does not depend on
     // what lies on it. The root's storages stay as they are wherever their folders lie. What was
     // there can be opened no more from then on; its bytes are given back by Work. No part file is
-    // open. Refused, and nothing is removed but what a full disk forces: any other folder, one that
-    // may not be written, and one that is served under two names.
-    virtual EResult Format(const CDevicePath& storage) = 0;
+    // open. Refused, with null or by the work, and nothing is removed but what a full disk forces:
+    // any other folder, one that may not be written, and one that is served under two names.
+    virtual std::unique_ptr<CFolderWork> BeginFormat(const CDevicePath& storage) = 0;
 
     // Whether there is work to be done in the background. bIdle: no exchange is open.
     virtual bool HasWork(bool bIdle) const = 0;
 
-    // Does some of it, for a few milliseconds.
-    virtual void Work(bool bIdle) = 0;
+    // Does a slice of it.
+    virtual void Work(bool bIdle, CWorkSlice slice) = 0;
 };
 
 } // namespace agent

@@ -1,8 +1,9 @@
 // An exchange is what a command opens and its last byte closes: a plain response, a stream from
 // the host or a stream to the host. The core runs one at a time.
 //
-// Work on the device is done when the host asks for bytes (Prepare) or in slices as time passes
-// (Tick), not while a package is being taken in, so that no write of the host waits for a disk.
+// Work on the device is done when the host asks for bytes (Prepare) or as time passes (Tick), not
+// while a package is being taken in, so that no write of the host waits for a disk; and in slices
+// (agent/work_slice.h), so that no handshake does.
 #pragma once
 
 #include <cstdint>

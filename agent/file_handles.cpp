@@ -57,9 +57,10 @@ std::optional<COpenMode> ModeOf(std::uint32_t dwAccess, std::uint32_t dwShare,
     return mode.bWrite || !disposition.bMustWrite ? std::optional(mode) : std::nullopt;
 }
 
-// The handle, or s_dwNone.
-std::uint32_t OpenHandle(CDevice& device, const std::u16string& strPath,
-                         const std::optional<COpenMode>& mode) {
+// The handle, or s_dwNone. Nothing while the file is being opened, which goes on with the next
+// call.
+std::optional<std::uint32_t> OpenHandle(CDevice& device, const std::u16string& strPath,
+                                        const std::optional<COpenMode>& mode, CFileHandle& file) {
     COpenFiles& files = device.OpenFiles();
     const std::optional<CDevicePath> path = CDevicePath::Parse(strPath);
     const std::string strWhat = "open " + (path ? path->Text() : "?");
@@ -67,8 +68,14 @@ std::uint32_t OpenHandle(CDevice& device, const std::u16string& strPath,
         device.Log(strWhat + ": as many files are open as may be");
         return s_dwNone;
     }
-    CFileHandle file;
-    if (!path || !mode || device.Folder().OpenFile(*path, *mode, file.pFile) != EResult::SUCCESS) {
+    const bool bOpen =
+        file.pFile ||
+        (path && mode && device.Folder().OpenFile(*path, *mode, file.pFile) == EResult::SUCCESS);
+    const std::optional<EResult> eOpened = bOpen ? file.pFile->Opened() : EResult::REFUSED;
+    if (!eOpened) {
+        return std::nullopt;
+    }
+    if (*eOpened != EResult::SUCCESS) {
         device.Log(strWhat + ": refused");
         return s_dwNone;
     }
@@ -115,11 +122,16 @@ std::unique_ptr<CExchange> OpenCreateFile(CDevice& device, CPayload payload) {
         return nullptr;
     }
     return std::make_unique<CFieldsExchange>(
-        DAK_FUNC_CREATE_FILE, [=, &device](CFieldBytes& fields) {
-            const std::uint32_t dwHandle =
-                OpenHandle(device, strPath, ModeOf(dwAccess, dwShare, dwDisposition));
-            AppendU32(fields, dwHandle);
-            return dwHandle == s_dwNone ? 0 : 1;
+        DAK_FUNC_CREATE_FILE,
+        [=, &device, pFile = std::make_shared<CFileHandle>()](
+            CFieldBytes& fields) -> std::optional<std::int32_t> {
+            const std::optional<std::uint32_t> dwHandle =
+                OpenHandle(device, strPath, ModeOf(dwAccess, dwShare, dwDisposition), *pFile);
+            if (!dwHandle) {
+                return std::nullopt;
+            }
+            AppendU32(fields, *dwHandle);
+            return *dwHandle == s_dwNone ? 0 : 1;
         });
 }
 

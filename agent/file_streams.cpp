@@ -29,7 +29,7 @@ class CReadSource final : public CStreamSource {
     EWork Begin() override;
     std::uint64_t Length() const override { return s_qwCount + m_dwCount; }
     void Rewind() override { m_qwAt = 0; }
-    bool Read(std::span<std::uint8_t> data) override;
+    bool Read(std::span<std::uint8_t>& data) override;
     void Ended(std::uint64_t qwBytes) override;
 
   private:
@@ -86,7 +86,7 @@ bool CReadSource::FillWindow() {
 }
 
 // The calls come in packages, which end where windows do.
-bool CReadSource::Read(std::span<std::uint8_t> data) {
+bool CReadSource::Read(std::span<std::uint8_t>& data) {
     bool bHad = true;
     if (m_qwAt < m_qwWindowAt) {
         const std::size_t dwFields =
@@ -107,6 +107,7 @@ bool CReadSource::Read(std::span<std::uint8_t> data) {
         }
     }
     m_qwAt += data.size();
+    data = {};
     return bHad;
 }
 
@@ -125,7 +126,7 @@ class CWriteSink final : public CStreamSink {
     CWriteSink(CDevice& device, std::uint32_t dwHandle, std::uint32_t dwAnnounced)
         : m_device(device), m_dwHandle(dwHandle), m_dwLeft(dwAnnounced) {}
 
-    void Apply(std::span<const std::uint8_t> data) override;
+    std::size_t Apply(std::span<const std::uint8_t> data) override;
     std::int32_t End() override;
     std::int32_t GiveUp(std::int32_t nResult) override;
 
@@ -158,24 +159,25 @@ void CWriteSink::Begin() {
     }
 }
 
-void CWriteSink::Apply(std::span<const std::uint8_t> data) {
+std::size_t CWriteSink::Apply(std::span<const std::uint8_t> data) {
     if (!m_pFile && m_nResult > 0) {
         Begin();
     }
     if (m_nResult <= 0) {
-        return;
+        return data.size();
     }
     const EResult eResult = data.size() > m_dwLeft
                                 ? EResult::REFUSED // more than the command has announced
                                 : m_pFile->pFile->Write(m_pFile->qwPosition, data);
     if (eResult != EResult::SUCCESS) {
         Fail(eResult);
-        return;
+        return data.size();
     }
     m_device.OpenFiles().Find(m_dwHandle); // in use
     m_pFile->qwPosition += data.size();
     m_qwWritten += data.size();
     m_dwLeft -= static_cast<std::uint32_t>(data.size());
+    return data.size();
 }
 
 // A package that was lost unnoticed shows in the number of the bytes.

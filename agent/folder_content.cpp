@@ -19,7 +19,6 @@ namespace agent {
 
 namespace {
 
-constexpr std::size_t s_nSlice = 1024; // entries looked at in one
 constexpr std::size_t s_dwFirstHead = 18;
 constexpr std::size_t s_dwLaterHead = 10;
 constexpr std::size_t s_dwCountOffset = 14;
@@ -82,14 +81,17 @@ class CFolderContent final : public CExchange {
         }
     }
 
-    void Tick(COutbox&, std::uint64_t) override {
+    void Tick(COutbox& outbox, std::uint64_t) override {
         if (m_eState == EState::GATHERING) {
             Gather();
+        } else if (!m_package.empty()) {
+            Give(outbox);
         }
     }
 
     std::optional<std::uint64_t> DueMs(std::uint64_t qwNowMs) const override {
-        return m_eState == EState::GATHERING ? std::optional(qwNowMs + 1) : std::nullopt;
+        return m_eState == EState::GATHERING || !m_package.empty() ? std::optional(qwNowMs + 1)
+                                                                   : std::nullopt;
     }
 
     // Nothing can close the hole: the host has no way to ask for a package again.
@@ -125,6 +127,7 @@ class CFolderContent final : public CExchange {
     std::size_t m_nEntries = 0;
     std::size_t m_nTold = 0; // entries that are on their way
     Bytes m_entry;           // what is left of the latest one
+    Bytes m_package;         // in the making; else empty
     std::uint64_t m_qwPackages = 0;
 };
 
@@ -159,9 +162,11 @@ void CFolderContent::Gather() {
         return;
     }
     std::string strName;
-    for (std::size_t i = 0; i < s_nSlice; ++i) {
+    CWorkSlice& slice = m_device.Slice();
+    do {
         switch (m_pScan->Next(strName)) {
         case CFolderScan::ENext::NAME:
+        case CFolderScan::ENext::LINK:
             if (Matches(strName)) {
                 TakeName(strName);
             }
@@ -176,7 +181,8 @@ void CFolderContent::Gather() {
             Finish(EState::FAILED, "cannot be read");
             return;
         }
-    }
+        slice.Spend();
+    } while (!slice.Over());
 }
 
 // The first name with letters tells whether they count. To a name without any that is all the same.
@@ -208,20 +214,31 @@ void CFolderContent::Finish(EState eState, const char* lpszWhat) {
 }
 
 void CFolderContent::Give(COutbox& outbox) {
-    const bool bFirst = m_qwPackages++ == 0;
-    Bytes package(bFirst ? s_dwFirstHead : s_dwLaterHead);
-    while (package.size() < DAK_PACKAGE_SIZE && (m_nTold < m_nEntries || !m_entry.empty())) {
+    const bool bFirst = m_qwPackages == 0;
+    if (m_package.empty()) {
+        m_package.resize(bFirst ? s_dwFirstHead : s_dwLaterHead);
+    }
+    CWorkSlice& slice = m_device.Slice();
+    bool bOver = false;
+    while (m_package.size() < DAK_PACKAGE_SIZE && (m_nTold < m_nEntries || !m_entry.empty())) {
+        if (bOver) {
+            return;
+        }
         if (m_entry.empty()) {
             const CDevicePath path = m_folder.Entry(m_names.Pop());
             m_entry = EntryBytes(FieldsOf(path, m_device.Folder().Describe(path)));
             ++m_nTold;
+            slice.Spend();
         }
         const auto itEnd =
             m_entry.begin() + static_cast<std::ptrdiff_t>(
-                                  std::min(m_entry.size(), DAK_PACKAGE_SIZE - package.size()));
-        package.insert(package.end(), m_entry.begin(), itEnd);
+                                  std::min(m_entry.size(), DAK_PACKAGE_SIZE - m_package.size()));
+        m_package.insert(m_package.end(), m_entry.begin(), itEnd);
         m_entry.erase(m_entry.begin(), itEnd);
+        bOver = slice.Over();
     }
+    Bytes package = std::exchange(m_package, {});
+    ++m_qwPackages;
     const bool bLast = m_nTold == m_nEntries && m_entry.empty();
     DakPutHeader(package.data(), bLast ? DAK_LAST_REPLY : DAK_REPLY_PACKAGE,
                  static_cast<std::uint32_t>(package.size()) - DAK_HEADER_SIZE);

@@ -52,7 +52,9 @@ std::int32_t TellStorages(CDevice& device, CFieldBytes& fields) {
     return 1;
 }
 
-std::int32_t Format(CDevice& device, const std::u16string& strName) {
+// Nothing while it is in work, which goes on with the next call.
+std::optional<std::int32_t> Format(CDevice& device, const std::u16string& strName,
+                                   std::unique_ptr<CFolderWork>& pWork) {
     // The root only where its name stands: a text that happens to come to nothing must not empty
     // the device.
     const std::optional<CDevicePath> path = CDevicePath::Parse(strName);
@@ -62,7 +64,14 @@ std::int32_t Format(CDevice& device, const std::u16string& strName) {
                    (bNamed ? ": not allowed" : ": refused"));
         return 0;
     }
-    const bool bDone = device.Folder().Format(*path) == EResult::SUCCESS;
+    if (!pWork) {
+        pWork = device.Folder().BeginFormat(*path);
+    }
+    const std::optional<EResult> eResult = pWork ? pWork->Step(device.Slice()) : EResult::REFUSED;
+    if (!eResult) {
+        return std::nullopt;
+    }
+    const bool bDone = *eResult == EResult::SUCCESS;
     device.Log("format \\" + path->Text() + (bDone ? "" : ": refused"));
     return bDone ? 1 : 0;
 }
@@ -111,8 +120,10 @@ std::unique_ptr<CExchange> OpenFormatPartition(CDevice& device, CPayload payload
     if (!payload.TakeText(strName, MAX_PATH_CHARS) || !payload.AtEnd()) {
         return nullptr;
     }
-    return std::make_unique<CPlainExchange>(DAK_FUNC_FORMAT_PARTITION,
-                                            [&device, strName] { return Format(device, strName); });
+    return std::make_unique<CFieldsExchange>(
+        DAK_FUNC_FORMAT_PARTITION,
+        [&device, strName, pWork = std::make_shared<std::unique_ptr<CFolderWork>>()](
+            CFieldBytes& /*none*/) { return Format(device, strName, *pWork); });
 }
 
 } // namespace agent

@@ -84,8 +84,12 @@ void CStreamReceiver::EndAborted(COutbox& outbox) {
 
 void CStreamReceiver::Take(std::span<const std::uint8_t> package, COutbox& outbox,
                            std::uint64_t qwNowMs) {
-    if (m_bEnded) {
+    if (m_bEnded || (m_dwApplied > 0 && m_bLast)) {
         return;
+    }
+    if (m_dwApplied > 0) {
+        // Nothing can be taken back: it is as if the confirmation lay there.
+        Confirm(outbox);
     }
     NoteTaken(outbox);
     m_qwQuietSinceMs = qwNowMs;
@@ -136,10 +140,20 @@ void CStreamReceiver::Take(std::span<const std::uint8_t> package, COutbox& outbo
 
 void CStreamReceiver::Prepare(COutbox& outbox) {
     NoteTaken(outbox);
-    if (!m_bWhole || m_bEnded) {
-        return;
+    if (m_bWhole && !m_bEnded) {
+        Advance(outbox);
     }
-    m_pSink->Apply(m_window);
+}
+
+void CStreamReceiver::Advance(COutbox& outbox) {
+    m_dwApplied += m_pSink->Apply(std::span(m_window).subspan(m_dwApplied));
+    if (m_dwApplied == m_window.size()) {
+        Confirm(outbox);
+    }
+}
+
+void CStreamReceiver::Confirm(COutbox& outbox) {
+    m_dwApplied = 0;
     outbox.PutControl(DAK_SUCCESS);
     if (m_bLast) {
         outbox.PutResult(m_codeFunc, m_pSink->End());
@@ -162,6 +176,9 @@ void CStreamReceiver::Prepare(COutbox& outbox) {
 
 void CStreamReceiver::Tick(COutbox& outbox, std::uint64_t qwNowMs) {
     NoteTaken(outbox);
+    if (m_dwApplied > 0) {
+        Advance(outbox);
+    }
     if (m_bEnded || m_bWhole) {
         return;
     }
@@ -179,6 +196,9 @@ void CStreamReceiver::Tick(COutbox& outbox, std::uint64_t qwNowMs) {
 }
 
 std::optional<std::uint64_t> CStreamReceiver::DueMs(std::uint64_t qwNowMs) const {
+    if (m_dwApplied > 0) {
+        return qwNowMs + 1;
+    }
     if (m_bEnded || m_bWhole) {
         return std::nullopt;
     }

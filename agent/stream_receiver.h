@@ -33,8 +33,9 @@ class CStreamSink {
     CStreamSink(const CStreamSink&) = delete;
     CStreamSink& operator=(const CStreamSink&) = delete;
 
-    // The data of a confirmed window. May be cut anywhere.
-    virtual void Apply(std::span<const std::uint8_t> data) = 0;
+    // The data of a window that is to be confirmed, or what has not been taken of it yet. May be
+    // cut anywhere. How much was taken: all, or as much as a slice has time for.
+    virtual std::size_t Apply(std::span<const std::uint8_t> data) = 0;
 
     // The stream is complete: its result word.
     virtual std::int32_t End() = 0;
@@ -63,6 +64,8 @@ class CStreamReceiver final : public CExchange {
   private:
     bool IsGood(std::span<const std::uint8_t> package) const;
     void Keep(std::span<const std::uint8_t> package);
+    void Advance(COutbox& outbox);
+    void Confirm(COutbox& outbox);
     void NoteTaken(const COutbox& outbox);
     void NoteFirst(std::span<const std::uint8_t> package);
     void AskAgain(COutbox& outbox);
@@ -77,6 +80,7 @@ class CStreamReceiver final : public CExchange {
     bool m_bBad = false;                // a package of the window was bad
     bool m_bLast = false;               // the window ended with the final package
     bool m_bWhole = false;              // whole and good: to be applied when the host asks
+    std::size_t m_dwApplied = 0;        // of that
     bool m_bAskedAgain = false;         // DAK_RETRANSMIT lies in the outbox, or was taken just now
     bool m_bAborted = false;
     bool m_bEnded = false;

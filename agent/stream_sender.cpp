@@ -36,6 +36,7 @@ void CStreamSender::Take(std::span<const std::uint8_t> package, COutbox& outbox,
     } else if (wCommand == DAK_RETRANSMIT && m_qwPackages > 0) {
         outbox.Clear();
         m_pSource->Rewind();
+        m_package.clear();
         m_qwGiven = 0;
         m_qwTaken = 0;
         m_eState = EState::GIVING;
@@ -74,11 +75,14 @@ void CStreamSender::Tick(COutbox& outbox, std::uint64_t) {
     NoteTaken(outbox);
     if (m_eState == EState::BEGINNING && !m_bEnded) {
         Advance(outbox);
+    } else if (!m_package.empty()) {
+        Fill(outbox);
     }
 }
 
 std::optional<std::uint64_t> CStreamSender::DueMs(std::uint64_t qwNowMs) const {
-    return m_eState == EState::BEGINNING && !m_bEnded ? std::optional(qwNowMs + 1) : std::nullopt;
+    const bool bAtWork = (m_eState == EState::BEGINNING && !m_bEnded) || !m_package.empty();
+    return bAtWork ? std::optional(qwNowMs + 1) : std::nullopt;
 }
 
 // The stream has a hole now; only a pass from its first package can mend that.
@@ -93,16 +97,30 @@ void CStreamSender::Prepare(COutbox& outbox) {
     if (m_eState == EState::BEGINNING && !m_bEnded) {
         Advance(outbox);
     }
-    if (m_eState != EState::GIVING || m_bEnded) {
+    if (m_eState == EState::GIVING && !m_bEnded) {
+        Fill(outbox);
+    }
+}
+
+// Goes on with the next package, and gives it when it is whole.
+void CStreamSender::Fill(COutbox& outbox) {
+    const bool bLast = m_qwGiven + 1 == m_qwPackages;
+    if (m_package.empty()) {
+        const std::uint64_t qwData =
+            bLast ? m_pSource->Length() - m_qwGiven * DAK_DATA_SIZE : DAK_DATA_SIZE;
+        m_package.resize(static_cast<std::size_t>(DAK_DATA_OFFSET + qwData));
+        m_dwFilled = DAK_DATA_OFFSET;
+        m_bHad = true;
+    }
+    std::span<std::uint8_t> rest = std::span(m_package).subspan(m_dwFilled);
+    m_bHad = m_pSource->Read(rest) && m_bHad;
+    m_dwFilled = m_package.size() - rest.size();
+    if (!rest.empty()) {
         return;
     }
-    const bool bLast = m_qwGiven + 1 == m_qwPackages;
-    const std::uint64_t qwData =
-        bLast ? m_pSource->Length() - m_qwGiven * DAK_DATA_SIZE : DAK_DATA_SIZE;
-    std::vector<std::uint8_t> package(static_cast<std::size_t>(DAK_DATA_OFFSET + qwData));
-    const bool bHad = m_pSource->Read(std::span(package).subspan(DAK_DATA_OFFSET));
+    std::vector<std::uint8_t> package = std::exchange(m_package, {});
     // What the host has confirmed it drops unread in this pass.
-    if (!bHad && m_qwGiven >= m_qwConfirmed) {
+    if (!m_bHad && m_qwGiven >= m_qwConfirmed) {
         Leave(outbox);
         return;
     }

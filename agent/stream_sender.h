@@ -32,9 +32,10 @@ class CStreamSource {
     // Goes back to the first byte.
     virtual void Rewind() = 0;
 
-    // The next bytes, as many as data holds; never past Length. False when they cannot be had any
-    // more: data is then filled up with zeroes, and the source stands behind them all the same.
-    virtual bool Read(std::span<std::uint8_t> data) = 0;
+    // Lays the next bytes into data and takes them off its front: all of it, or as many as a slice
+    // has time for; never past Length. False when some cannot be had any more: there are zeroes in
+    // their place, and the source stands behind them all the same.
+    virtual bool Read(std::span<std::uint8_t>& data) = 0;
 
     // The stream is over, or cut short. The host has taken its first qwBytes bytes, as far as can
     // be known of a stream that was cut short.
@@ -58,17 +59,21 @@ class CStreamSender final : public CExchange {
     enum class EState { BEGINNING, GIVING, AWAITING, LEFT };
 
     void Advance(COutbox& outbox);
+    void Fill(COutbox& outbox);
     void Leave(COutbox& outbox);
     void NoteTaken(const COutbox& outbox);
 
     const std::uint16_t m_codeFunc;
     std::unique_ptr<CStreamSource> m_pSource;
     EState m_eState = EState::BEGINNING;
-    std::uint64_t m_qwPackages = 0;  // in the whole stream; 0 until the source has begun
-    std::uint64_t m_qwGiven = 0;     // in this pass
-    std::uint64_t m_qwTaken = 0;     // of those, out of the outbox
-    std::uint64_t m_qwMostGiven = 0; // in any pass
-    std::uint64_t m_qwConfirmed = 0; // by the host's DAK_SUCCESS
+    std::uint64_t m_qwPackages = 0;      // in the whole stream; 0 until the source has begun
+    std::uint64_t m_qwGiven = 0;         // in this pass
+    std::uint64_t m_qwTaken = 0;         // of those, out of the outbox
+    std::uint64_t m_qwMostGiven = 0;     // in any pass
+    std::uint64_t m_qwConfirmed = 0;     // by the host's DAK_SUCCESS
+    std::vector<std::uint8_t> m_package; // the next one, in the making; else empty
+    std::size_t m_dwFilled = 0;          // of it
+    bool m_bHad = true;                  // all of that
     bool m_bEnded = false;
 };
 

@@ -28,21 +28,22 @@ static bool IsGone(int fd, const struct stat& status) {
     return status.st_nlink == 0 && PathOf(fd).ends_with(" (deleted)");
 }
 
-void CFileShares::GiveBackRoom() const {
-    for (const CUse& use : m_uses) {
+void CFileShares::GiveBackRoom(CRoom& room) {
+    for (CUse& use : m_uses) {
         struct stat status {};
-        if (use.bWrites && !IsRead(use) && ::fstat(use.fd, &status) == 0 && status.st_size > 0 &&
-            IsGone(use.fd, status)) {
+        if (use.bWrites && !use.givenBack && !IsRead(use) && ::fstat(use.fd, &status) == 0 &&
+            status.st_size > 0 && IsGone(use.fd, status)) {
             // Where this fails the last close does it.
-            static_cast<void>(::ftruncate(use.fd, 0) == 0);
+            static_cast<void>(room.Empty(use.fd, use.givenBack));
         }
     }
 }
 
 CPosixOpenFile::CPosixOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares,
-                               CFileShares::Entry entry, const CFormats& formats, CQuota& quota)
+                               CFileShares::Entry entry, const CFormats& formats, CRoom& room,
+                               Outcome emptied)
     : m_fd(std::move(fd)), m_bRead(mode.bRead), m_bWrite(mode.bWrite), m_shares(shares),
-      m_entry(entry), m_formats(formats), m_quota(quota) {}
+      m_entry(entry), m_formats(formats), m_room(room), m_emptied(std::move(emptied)) {}
 
 CPosixOpenFile::~CPosixOpenFile() {
     m_shares.Leave(m_entry);
@@ -71,8 +72,7 @@ EResult CPosixOpenFile::JudgeWrite(std::uint64_t qwEnd) const {
         return EResult::REFUSED;
     }
     const auto qwSize = static_cast<std::uint64_t>(status.st_size);
-    return qwEnd <= qwSize || m_quota.HasRoom(qwEnd - qwSize) ? EResult::SUCCESS
-                                                              : EResult::NO_SPACE;
+    return qwEnd <= qwSize || m_room.HasRoom(qwEnd - qwSize) ? EResult::SUCCESS : EResult::NO_SPACE;
 }
 
 EResult CPosixOpenFile::Write(std::uint64_t qwAt, std::span<const std::uint8_t> data) {
@@ -92,7 +92,7 @@ EResult CPosixOpenFile::Write(std::uint64_t qwAt, std::span<const std::uint8_t> 
         }
     }
     const std::uint64_t qwAfter = Size().value_or(*qwBefore);
-    m_quota.Add(qwAfter - std::min(qwAfter, *qwBefore));
+    m_room.Add(qwAfter - std::min(qwAfter, *qwBefore));
     return nError == 0 ? EResult::SUCCESS : ResultOf(nError);
 }
 
@@ -106,7 +106,11 @@ std::optional<std::uint64_t> CPosixOpenFile::Size() const {
 
 // A network file system tells a full disk only now. close() may not be called twice.
 EResult CPosixOpenFile::Close() {
-    return ::close(m_fd.Release()) == 0 || errno == EINTR ? EResult::SUCCESS : ResultOf(errno);
+    CFd fdLast(::fcntl(m_fd.Get(), F_DUPFD_CLOEXEC, 0));
+    const EResult eResult =
+        ::close(m_fd.Release()) == 0 || errno == EINTR ? EResult::SUCCESS : ResultOf(errno);
+    m_room.Close(std::move(fdLast));
+    return eResult;
 }
 
 int FlagsFor(const COpenMode& mode) {
@@ -119,7 +123,8 @@ int FlagsFor(const COpenMode& mode) {
 }
 
 EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, const CFormats& formats,
-                     CQuota& quota, std::unique_ptr<COpenFile>& pFile) {
+                     CRoom& room, std::unique_ptr<COpenFile>& pFile) {
+    Outcome emptied;
     struct stat status {};
     if (!fd || ::fstat(fd.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return EResult::REFUSED;
@@ -136,14 +141,15 @@ EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, const C
         return EResult::REFUSED;
     }
     if (bEmpties) {
-        if (::ftruncate(fd.Get(), 0) != 0) {
-            return ResultOf(errno);
+        const EResult eEmptied = room.Empty(fd.Get(), emptied).value_or(EResult::SUCCESS);
+        if (eEmptied != EResult::SUCCESS) {
+            return eEmptied;
         }
-        quota.Remove(static_cast<std::uint64_t>(status.st_size));
+        room.Remove(static_cast<std::uint64_t>(status.st_size));
     }
     use.bWrites = mode.bWrite; // emptying is over
     pFile = std::make_unique<CPosixOpenFile>(std::move(fd), mode, shares, shares.Enter(use),
-                                             formats, quota);
+                                             formats, room, std::move(emptied));
     return EResult::SUCCESS;
 }
 

@@ -2,10 +2,11 @@
 #pragma once
 
 #include <list>
+#include <optional>
 
 #include "agent/posix/format.h"
+#include "agent/posix/room.h"
 #include "agent/posix/system_file.h"
-#include "agent/quota.h"
 
 namespace agent {
 
@@ -20,6 +21,7 @@ class CFileShares {
         bool bShareRead = false;
         bool bShareWrite = false;
         int fd = -1;
+        Outcome givenBack = nullptr;
     };
     using Entry = std::list<CUse>::iterator;
 
@@ -29,7 +31,7 @@ class CFileShares {
 
     // Empties files that have lost their last name and can be read by no handle: nobody can come to
     // what is in them, and a handle that was forgotten would keep its room.
-    void GiveBackRoom() const;
+    void GiveBackRoom(CRoom& room);
 
   private:
     bool IsRead(const CUse& use) const;
@@ -39,11 +41,14 @@ class CFileShares {
 
 class CPosixOpenFile final : public COpenFile {
   public:
-    // shares, formats and quota outlive it; entry is left at its end.
+    // shares, formats and room outlive it; entry is left at its end.
     CPosixOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, CFileShares::Entry entry,
-                   const CFormats& formats, CQuota& quota);
+                   const CFormats& formats, CRoom& room, Outcome emptied);
     ~CPosixOpenFile() override;
 
+    std::optional<EResult> Opened() const override {
+        return m_emptied ? m_emptied->load() : EResult::SUCCESS;
+    }
     std::optional<CState> StateForReading() const override;
     std::size_t Read(std::uint64_t qwAt, std::span<std::uint8_t> data) override;
     EResult JudgeWrite(std::uint64_t qwEnd) const override;
@@ -58,13 +63,14 @@ class CPosixOpenFile final : public COpenFile {
     CFileShares& m_shares;
     const CFileShares::Entry m_entry;
     const CFormats& m_formats;
-    CQuota& m_quota;
+    CRoom& m_room;
+    const Outcome m_emptied;
 };
 
 // The existing file behind fd, which is open as FlagsFor says: judged, entered, and emptied if the
 // mode wants that.
 EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, const CFormats& formats,
-                     CQuota& quota, std::unique_ptr<COpenFile>& pFile);
+                     CRoom& room, std::unique_ptr<COpenFile>& pFile);
 
 // The flags of open() that a mode wants, but for making the file.
 int FlagsFor(const COpenMode& mode);

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <deque>
 #include <utility>
@@ -20,9 +19,9 @@
 #include "agent/posix/format.h"
 #include "agent/posix/part_file.h"
 #include "agent/posix/part_journal.h"
+#include "agent/posix/room.h"
 #include "agent/posix/system_file.h"
 #include "agent/posix/trash.h"
-#include "agent/quota.h"
 
 namespace agent {
 
@@ -45,7 +44,9 @@ std::uint64_t ContentOf(const struct stat& status) {
 
 class CPosixSourceFile final : public CSourceFile {
   public:
-    explicit CPosixSourceFile(CFd fd) : m_fd(std::move(fd)) {}
+    CPosixSourceFile(CFd fd, CRoom& room) : m_fd(std::move(fd)), m_room(room) {}
+
+    ~CPosixSourceFile() override { m_room.Close(std::move(m_fd)); }
 
     std::size_t Read(std::span<std::uint8_t> data) override {
         const std::size_t dwRead = ReadAt(m_fd.Get(), m_qwAt, data);
@@ -60,20 +61,18 @@ class CPosixSourceFile final : public CSourceFile {
 
   private:
     CFd m_fd;
+    CRoom& m_room;
     std::uint64_t m_qwAt = 0;
 };
 
 // Opening for reading without waiting for the other end of a pipe or becoming a terminal's owner.
 constexpr int s_nReadFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 
-// For all that is removed in the background.
-constexpr std::chrono::milliseconds s_workSlice{5};
-
 class CPosixFolder final : public CDeviceFolder {
   public:
     CPosixFolder(CFd fdRoot, std::function<void(const std::string&)> lpLog)
-        : m_fdRoot(std::move(fdRoot)), m_lpLog(std::move(lpLog)), m_formats(m_quota, m_lpLog),
-          m_journal(m_fdRoot.Get()), m_trash(m_fdRoot.Get(), m_journal.Identity(), m_quota) {
+        : m_fdRoot(std::move(fdRoot)), m_lpLog(std::move(lpLog)), m_formats(m_room, m_lpLog),
+          m_journal(m_fdRoot.Get()), m_trash(m_fdRoot.Get(), m_journal.Identity(), m_room) {
         m_formats.Serve(m_fdRoot);
     }
 
@@ -81,8 +80,6 @@ class CPosixFolder final : public CDeviceFolder {
                     std::string& strError) override;
     void SetQuota(std::uint64_t qwBytes) override;
     std::optional<CEntryInfo> Find(const CDevicePath& path) override;
-    std::optional<std::vector<std::string>> List(const CDevicePath& path,
-                                                 std::size_t nMost) override;
     std::optional<CEntryInfo> Describe(const CDevicePath& path) override;
     std::unique_ptr<CFolderScan> Scan(const CDevicePath& path) override;
     std::unique_ptr<CFolderWork> BeginCopy(const CDevicePath& source, const CDevicePath& target,
@@ -101,9 +98,9 @@ class CPosixFolder final : public CDeviceFolder {
     void RemoveLeftovers(bool bMayFormat) override;
     std::optional<CSpace> SpaceOf(const CDevicePath& folder) override;
     std::vector<std::string> StorageNames() const override;
-    EResult Format(const CDevicePath& storage) override;
+    std::unique_ptr<CFolderWork> BeginFormat(const CDevicePath& storage) override;
     bool HasWork(bool bIdle) const override;
-    void Work(bool bIdle) override;
+    void Work(bool bIdle, CWorkSlice slice) override;
 
   private:
     // The descriptors of the root and the storages lead to what the host sees as them, which a
@@ -132,7 +129,7 @@ class CPosixFolder final : public CDeviceFolder {
     CFd m_fdRoot;
     std::function<void(const std::string&)> m_lpLog;
     std::deque<CStorage> m_storages; // they do not move
-    CQuota m_quota;
+    CRoom m_room;                    // outlives those who use it
     CFormats m_formats;
     CFileShares m_shares;
     CPartJournal m_journal;
@@ -210,7 +207,7 @@ bool CPosixFolder::AddStorage(const std::string& strName, const std::string& str
         return false;
     }
     auto pJournal = std::make_unique<CPartJournal>(fd.Get());
-    auto pTrash = std::make_unique<CTrash>(fd.Get(), pJournal->Identity(), m_quota);
+    auto pTrash = std::make_unique<CTrash>(fd.Get(), pJournal->Identity(), m_room);
     m_storages.push_back({strName, std::move(fd), std::move(pJournal), std::move(pTrash)});
     m_formats.Serve(m_storages.back().fd);
     return true;
@@ -266,7 +263,7 @@ void CPosixFolder::SetQuota(std::uint64_t qwBytes) {
     for (const int fdFolder : m_formats.Folders()) {
         qwUsed += CountBytes(OpenBelow(fdFolder, "", O_RDONLY | O_DIRECTORY));
     }
-    m_quota.Set(qwBytes, qwUsed);
+    m_room.Set(qwBytes, qwUsed);
 }
 
 std::optional<CEntryInfo> CPosixFolder::Find(const CDevicePath& path) {
@@ -318,7 +315,7 @@ std::unique_ptr<CFolderWork>
 CPosixFolder::BeginCopy(const CDevicePath& source, const CDevicePath& target, bool bFailIfExists) {
     return IsFixed(target) ? nullptr
                            : MakeCopy(Open(source, s_nReadFlags), PlaceOf(target), bFailIfExists,
-                                      {m_quota, m_formats.Folders()});
+                                      {m_room, m_formats.Folders()});
 }
 
 std::unique_ptr<CFolderWork> CPosixFolder::BeginMove(const CDevicePath& source,
@@ -326,41 +323,7 @@ std::unique_ptr<CFolderWork> CPosixFolder::BeginMove(const CDevicePath& source,
     return IsFixed(source) || IsFixed(target)
                ? nullptr
                : MakeMove(Open(source, s_nReadFlags), PlaceOf(source), PlaceOf(target),
-                          {m_quota, m_formats.Folders()});
-}
-
-std::optional<std::vector<std::string>> CPosixFolder::List(const CDevicePath& path,
-                                                           std::size_t nMost) {
-    CDirectory directory(Open(path, O_RDONLY | O_DIRECTORY));
-    if (!directory.Open()) {
-        return std::nullopt;
-    }
-    std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* pEntry = names.size() < nMost ? directory.Next() : nullptr) {
-        struct stat status {};
-        const bool bLink =
-            (pEntry->d_type == DT_LNK || pEntry->d_type == DT_UNKNOWN) &&
-            ::fstatat(directory.Fd(), pEntry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            S_ISLNK(status.st_mode);
-        if (IsNameForHost(pEntry->d_name) &&
-            (!bLink || !Open(path.Entry(pEntry->d_name), O_PATH | O_DIRECTORY))) {
-            names.emplace_back(pEntry->d_name);
-        }
-        errno = 0;
-    }
-    if (errno != 0) {
-        return std::nullopt;
-    }
-    if (path.IsRoot()) {
-        for (const CStorage& storage : m_storages) {
-            names.push_back(storage.strName);
-        }
-    }
-    std::sort(names.begin(), names.end());
-    names.erase(std::unique(names.begin(), names.end()), names.end());
-    names.resize(std::min(names.size(), nMost));
-    return names;
+                          {m_room, m_formats.Folders()});
 }
 
 std::unique_ptr<CSourceFile> CPosixFolder::OpenSource(const CDevicePath& path) {
@@ -369,7 +332,7 @@ std::unique_ptr<CSourceFile> CPosixFolder::OpenSource(const CDevicePath& path) {
     if (!fd || ::fstat(fd.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return nullptr;
     }
-    return std::make_unique<CPosixSourceFile>(std::move(fd));
+    return std::make_unique<CPosixSourceFile>(std::move(fd), m_room);
 }
 
 // A file that is not there yet, also not as a link.
@@ -392,7 +355,7 @@ EResult CPosixFolder::OpenFile(const CDevicePath& path, const COpenMode& mode,
     if (IsFixed(path)) {
         return EResult::REFUSED;
     }
-    m_shares.GiveBackRoom(); // also of what copies have replaced
+    m_shares.GiveBackRoom(m_room); // also of what copies have replaced
     CFd fd;
     errno = ENOENT;
     if (mode.eExisting != COpenMode::EExisting::REFUSE) {
@@ -401,7 +364,7 @@ EResult CPosixFolder::OpenFile(const CDevicePath& path, const COpenMode& mode,
     if (!fd && errno == ENOENT && mode.eMissing == COpenMode::EMissing::MAKE) {
         fd = MakeFile(path, FlagsFor(mode));
     }
-    return fd ? TakeOpenFile(std::move(fd), mode, m_shares, m_formats, m_quota, pFile)
+    return fd ? TakeOpenFile(std::move(fd), mode, m_shares, m_formats, m_room, pFile)
               : ResultOf(errno);
 }
 
@@ -410,7 +373,7 @@ EResult CPosixFolder::BeginPart(const CDevicePath& path, std::uint64_t qwSize,
     if (IsFixed(path)) {
         return EResult::REFUSED;
     }
-    if (!m_quota.HasRoom(qwSize)) {
+    if (!m_room.HasRoom(qwSize)) {
         return EResult::NO_SPACE;
     }
     const CDevicePath folder = path.Parent();
@@ -427,7 +390,7 @@ EResult CPosixFolder::BeginPart(const CDevicePath& path, std::uint64_t qwSize,
     if (!journal.Enter(RestIn(StorageOf(path), folder))) {
         return ResultOf(errno);
     }
-    auto pFile = std::make_unique<CPosixPartFile>(std::move(fdFolder), journal, strTarget, m_quota);
+    auto pFile = std::make_unique<CPosixPartFile>(std::move(fdFolder), journal, strTarget, m_room);
     if (!pFile->Open()) {
         return ResultOf(errno);
     }
@@ -440,7 +403,7 @@ void CPosixFolder::EndParts() {
     for (const CStorage& storage : m_storages) {
         storage.pJournal->Clear();
     }
-    m_shares.GiveBackRoom();
+    m_shares.GiveBackRoom(m_room);
 }
 
 EResult CPosixFolder::MakeFolder(const CDevicePath& path) {
@@ -471,14 +434,10 @@ EResult CPosixFolder::Remove(const CDevicePath& path) {
     if (!bAllowed) {
         return EResult::REFUSED;
     }
-    if (::unlinkat(fdParent.Get(), strLeaf.c_str(), S_ISDIR(status.st_mode) ? AT_REMOVEDIR : 0) !=
-        0) {
+    if (!m_room.Unlink(fdParent.Get(), strLeaf.c_str(), status)) {
         return EResult::REFUSED;
     }
-    if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
-        m_quota.Remove(static_cast<std::uint64_t>(status.st_size));
-    }
-    m_shares.GiveBackRoom();
+    m_shares.GiveBackRoom(m_room);
     return EResult::SUCCESS;
 }
 
@@ -527,19 +486,18 @@ bool CPosixFolder::HasWork(bool bIdle) const {
                        [](const CStorage& storage) { return !storage.pTrash->Empty(); });
 }
 
-void CPosixFolder::Work(bool bIdle) {
-    const auto tEnd = std::chrono::steady_clock::now() + s_workSlice;
-    const auto work = [tEnd](CTrash& trash) {
-        while (!trash.Empty() && std::chrono::steady_clock::now() < tEnd) {
+void CPosixFolder::Work(bool bIdle, CWorkSlice slice) {
+    const auto work = [&](CTrash& trash) {
+        for (; !trash.Empty() && !slice.Over() && !m_room.Busy(); slice.Spend()) {
             trash.Step();
         }
     };
-    m_formats.Work(bIdle);
+    m_formats.Work(bIdle, slice);
     work(m_trash);
     for (const CStorage& storage : m_storages) {
         work(*storage.pTrash);
     }
-    m_shares.GiveBackRoom();
+    m_shares.GiveBackRoom(m_room);
 }
 
 std::optional<CSpace> CPosixFolder::SpaceOf(const CDevicePath& folder) {
@@ -548,8 +506,8 @@ std::optional<CSpace> CPosixFolder::SpaceOf(const CDevicePath& folder) {
     if (!fd || ::fstatvfs(fd.Get(), &status) != 0) {
         return std::nullopt;
     }
-    return m_quota.Bound({std::uint64_t{status.f_blocks} * status.f_frsize,
-                          std::uint64_t{status.f_bavail} * status.f_frsize});
+    return m_room.Bound({std::uint64_t{status.f_blocks} * status.f_frsize,
+                         std::uint64_t{status.f_bavail} * status.f_frsize});
 }
 
 std::vector<std::string> CPosixFolder::StorageNames() const {
@@ -560,12 +518,11 @@ std::vector<std::string> CPosixFolder::StorageNames() const {
     return names;
 }
 
-EResult CPosixFolder::Format(const CDevicePath& storage) {
-    bool bDone = storage.IsRoot() && m_formats.Format(m_fdRoot);
-    for (const CStorage& candidate : m_storages) {
-        bDone = bDone || (candidate.strName == storage.Text() && m_formats.Format(candidate.fd));
-    }
-    return bDone ? EResult::SUCCESS : EResult::REFUSED;
+std::unique_ptr<CFolderWork> CPosixFolder::BeginFormat(const CDevicePath& storage) {
+    const CStorage* lpStorage = StorageOf(storage);
+    return storage.IsRoot()                                  ? m_formats.Begin(m_fdRoot)
+           : lpStorage && RestIn(lpStorage, storage).empty() ? m_formats.Begin(lpStorage->fd)
+                                                             : nullptr;
 }
 
 } // namespace

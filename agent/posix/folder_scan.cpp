@@ -32,25 +32,31 @@ class CPosixScan final : public CFolderScan {
         }
         strName = pEntry->d_name;
         const bool bHidden = std::find(m_first.begin(), m_first.end(), strName) != m_first.end();
-        return !bHidden && IsNameForHost(strName) && IsForHost(*pEntry) ? ENext::NAME
-                                                                        : ENext::SKIPPED;
+        return !bHidden && IsNameForHost(strName) ? KindOf(*pEntry) : ENext::SKIPPED;
     }
 
     std::optional<bool> FoldsCase(const std::string& strName) override;
 
   private:
-    // A file or a folder, or a link to one that may be followed.
-    bool IsForHost(const dirent& entry) const {
+    // For the host are files and folders, and links to one that may be followed.
+    ENext KindOf(const dirent& entry) const {
         if (entry.d_type == DT_REG || entry.d_type == DT_DIR) {
-            return true;
+            return ENext::NAME;
         }
         if (entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN) {
-            return false;
+            return ENext::SKIPPED;
         }
+        struct stat own {};
         struct stat status {};
         const CFd fd = m_open(m_folder.Entry(entry.d_name), O_PATH);
-        return fd && ::fstat(fd.Get(), &status) == 0 &&
-               (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode));
+        if (!fd || ::fstat(fd.Get(), &status) != 0 ||
+            ::fstatat(m_directory.Fd(), entry.d_name, &own, AT_SYMLINK_NOFOLLOW) != 0) {
+            return ENext::SKIPPED;
+        }
+        return S_ISREG(status.st_mode)    ? ENext::NAME
+               : !S_ISDIR(status.st_mode) ? ENext::SKIPPED
+               : S_ISLNK(own.st_mode)     ? ENext::LINK
+                                          : ENext::NAME;
     }
 
     const CDevicePath m_folder;

@@ -17,9 +17,6 @@ namespace agent {
 
 namespace {
 
-// Bytes of a file that are given back in a few milliseconds.
-constexpr off_t s_llRemovedAtOnce = off_t{16} << 20;
-
 bool SameEntry(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
@@ -74,17 +71,11 @@ bool RenameToFree(int fdFrom, const std::string& strFrom, const CPlace& target) 
 
 // Takes away a file at once, a folder by way of the trash.
 bool TakeAway(const CPlace& place, const std::string& strName, const struct stat& status,
-              CQuota& quota) {
+              CRoom& room) {
     if (S_ISDIR(status.st_mode)) {
         return place.lpTrash->TakeIn(place.fdFolder.Get(), strName);
     }
-    if (::unlinkat(place.fdFolder.Get(), strName.c_str(), 0) != 0) {
-        return false;
-    }
-    if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
-        quota.Remove(static_cast<std::uint64_t>(status.st_size));
-    }
-    return true;
+    return room.Unlink(place.fdFolder.Get(), strName.c_str(), status);
 }
 
 class CCopyWork final : public CFolderWork {
@@ -94,7 +85,7 @@ class CCopyWork final : public CFolderWork {
         : m_source(source), m_target(std::move(target)), m_bFailIfExists(bFailIfExists),
           m_parts(parts), m_fdSource(::fcntl(fdSource.Get(), F_DUPFD_CLOEXEC, 0)),
           m_copy(std::move(fdSource), source, m_target.fdFolder.Get(),
-                 m_target.lpJournal->PartName(), bMove, parts.quota) {}
+                 m_target.lpJournal->PartName(), bMove, parts.room) {}
 
     // Nothing is left of a copy that is not done, and the target is as it was.
     ~CCopyWork() override {
@@ -105,7 +96,7 @@ class CCopyWork final : public CFolderWork {
         }
     }
 
-    std::optional<EResult> Step() override {
+    std::optional<EResult> Step(CWorkSlice slice) override {
         if (!m_bBegun) {
             const EResult eJudged = Judge();
             if (eJudged != EResult::SUCCESS) {
@@ -116,7 +107,7 @@ class CCopyWork final : public CFolderWork {
             }
             m_bBegun = true;
         }
-        const std::optional<EResult> eResult = m_copy.Step();
+        const std::optional<EResult> eResult = m_copy.Step(std::move(slice));
         return eResult == EResult::SUCCESS ? Commit() : eResult;
     }
 
@@ -125,7 +116,7 @@ class CCopyWork final : public CFolderWork {
   private:
     EResult Judge();
     EResult Commit();
-    bool RemovePart() const;
+    bool RemovePart();
 
     const struct stat m_source;
     const CPlace m_target;
@@ -175,29 +166,26 @@ EResult CCopyWork::Commit() {
         // its next content. A system that keeps no permissions has none to hand on.
         static_cast<void>(::fchmodat(fd, strPart.c_str(), old.st_mode & 0777, AT_SYMLINK_NOFOLLOW));
     }
+    CFd fdHeld = CRoom::Hold(fd, m_target.strName.c_str(), old);
     // Of folders the two change places, and what is then the part is the old one.
     if (::renameat2(fd, strPart.c_str(), fd, m_target.strName.c_str(),
                     m_copy.IsFolder() ? RENAME_EXCHANGE : 0) != 0) {
         return ResultOf(errno);
     }
-    if (S_ISREG(old.st_mode) && old.st_nlink == 1) {
-        m_parts.quota.Remove(static_cast<std::uint64_t>(old.st_size));
-    }
+    m_parts.room.Lost(old, std::move(fdHeld));
     return EResult::SUCCESS;
 }
 
-// A large file goes by way of the trash: a handshake may be waiting. False when the part is still
-// there.
-bool CCopyWork::RemovePart() const {
+// False when the part is still there.
+bool CCopyWork::RemovePart() {
+    m_copy.Stop();
     struct stat part {};
     const int fd = m_target.fdFolder.Get();
     const std::string& strPart = m_target.lpJournal->PartName();
     if (::fstatat(fd, strPart.c_str(), &part, AT_SYMLINK_NOFOLLOW) != 0) {
         return errno == ENOENT;
     }
-    const bool bLarge = S_ISREG(part.st_mode) && part.st_size > s_llRemovedAtOnce;
-    return (bLarge && m_target.lpTrash->TakeIn(fd, strPart)) ||
-           TakeAway(m_target, strPart, part, m_parts.quota);
+    return TakeAway(m_target, strPart, part, m_parts.room);
 }
 
 class CMoveWork final : public CFolderWork {
@@ -206,7 +194,7 @@ class CMoveWork final : public CFolderWork {
         : m_fdSource(std::move(fdSource)), m_source(std::move(source)), m_target(std::move(target)),
           m_parts(parts) {}
 
-    std::optional<EResult> Step() override;
+    std::optional<EResult> Step(CWorkSlice slice) override;
 
   private:
     bool Judge(const struct stat& source) const;
@@ -222,9 +210,9 @@ class CMoveWork final : public CFolderWork {
     struct stat m_copied {};            // the source when the copy began
 };
 
-std::optional<EResult> CMoveWork::Step() {
+std::optional<EResult> CMoveWork::Step(CWorkSlice slice) {
     if (m_pCopy) {
-        const std::optional<EResult> eResult = m_pCopy->Step();
+        const std::optional<EResult> eResult = m_pCopy->Step(std::move(slice));
         return eResult == EResult::SUCCESS ? RemoveSource() : eResult;
     }
     struct stat source {};
@@ -293,12 +281,12 @@ EResult CMoveWork::MoveLink() const {
 EResult CMoveWork::RemoveSource() const {
     struct stat status {};
     if (LookUp(m_source, status) && SameEntry(status, m_copied) && SameContent(status, m_copied) &&
-        TakeAway(m_source, m_source.strName, status, m_parts.quota)) {
+        TakeAway(m_source, m_source.strName, status, m_parts.room)) {
         return EResult::SUCCESS;
     }
     const CPlace& target = m_pCopy->Target();
     if (LookUp(target, status)) {
-        static_cast<void>(TakeAway(target, target.strName, status, m_parts.quota));
+        static_cast<void>(TakeAway(target, target.strName, status, m_parts.room));
     }
     return EResult::REFUSED;
 }

@@ -8,9 +8,9 @@
 
 #include "agent/device_folder.h"
 #include "agent/posix/part_journal.h"
+#include "agent/posix/room.h"
 #include "agent/posix/system_file.h"
 #include "agent/posix/trash.h"
-#include "agent/quota.h"
 
 namespace agent {
 
@@ -25,7 +25,7 @@ struct CPlace {
 
 // Outlive the work.
 struct CFolderParts {
-    CQuota& quota;
+    CRoom& room;
     std::vector<int> served; // the root and the storages, wherever they lie
 };
 

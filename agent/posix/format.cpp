@@ -21,11 +21,10 @@ namespace agent {
 static constexpr char s_szList[] = ".list";
 static constexpr char s_szLeft[] = ".left";
 
-static constexpr std::chrono::milliseconds s_slice{5};
-// How long a format writes down what there is, and until when it looks for room on a disk that has
-// none even for that.
+// How long a format writes down what there is, and how long it looks for room on a disk that has
+// none even for that: its host waits for half a second.
 static constexpr std::chrono::milliseconds s_takeIn{200};
-static constexpr std::chrono::milliseconds s_makeRoom{300};
+static constexpr std::chrono::milliseconds s_makeRoom{100};
 static constexpr int s_nStepsAtStart = 1000;
 // What is moved up while a host may call at any moment; more waits for the next start.
 static constexpr std::size_t s_nMostMovedUp = 1000;
@@ -130,8 +129,8 @@ bool CFormats::IsList(std::string_view strName) {
            (strName.ends_with(s_szList) || strName.ends_with(s_szLeft));
 }
 
-CFormats::CFormats(CQuota& quota, std::function<void(const std::string&)> lpLog)
-    : m_quota(quota), m_lpLog(std::move(lpLog)) {}
+CFormats::CFormats(CRoom& room, std::function<void(const std::string&)> lpLog)
+    : m_room(room), m_lpLog(std::move(lpLog)) {}
 
 void CFormats::Log(const std::string& strLine) const {
     if (m_lpLog) {
@@ -211,7 +210,7 @@ bool CFormats::MakeRoomFor(const CServed& served, const CFormatList& old, Clock:
         }
         if (!pRemoval) {
             pRemoval = std::make_unique<CRemoval>(served.fdFolder.Get(), old.Entries(),
-                                                  OthersThan(served), -1, m_quota);
+                                                  OthersThan(served), -1, m_room);
         }
         const std::uint64_t qwBefore = pRemoval->Removed();
         while (pRemoval->Removed() == qwBefore) {
@@ -267,29 +266,52 @@ void CFormats::BeginRemoval(CServed& served, CFormatList list) const {
     served.bAwaitsIdle = false;
     served.pRemoval.reset(); // it goes by the list
     served.list = std::move(list);
-    served.pRemoval =
-        std::make_unique<CRemoval>(served.fdFolder.Get(), served.list.Entries(), OthersThan(served),
-                                   served.fdMarker.Get(), m_quota);
+    served.pRemoval = std::make_unique<CRemoval>(served.fdFolder.Get(), served.list.Entries(),
+                                                 OthersThan(served), served.fdMarker.Get(), m_room);
 }
 
-bool CFormats::Format(const CFd& fdView) {
+// The list is made in slices; what follows takes no longer however much there is.
+class CFormats::CFormat final : public CFolderWork {
+  public:
+    CFormat(CFormats& formats, CServed& served)
+        : m_formats(formats), m_served(served),
+          m_listing(served.fdFolder.Get(), formats.OthersThan(served), Clock::now() + s_takeIn) {}
+
+    std::optional<EResult> Step(CWorkSlice slice) override {
+        if (m_listing.Step(slice)) {
+            return std::nullopt;
+        }
+        return m_formats.Format(m_served, m_listing.list) ? EResult::SUCCESS : EResult::REFUSED;
+    }
+
+  private:
+    CFormats& m_formats;
+    CServed& m_served;
+    CFormatListing m_listing;
+};
+
+std::unique_ptr<CFolderWork> CFormats::Begin(const CFd& fdView) {
     const auto itServed = std::find_if(m_served.begin(), m_served.end(),
                                        [&](const auto& p) { return &p->fdView == &fdView; });
-    if (itServed == m_served.end()) {
-        return false;
-    }
-    CServed& served = **itServed;
-    const auto tBegin = Clock::now();
-    const CSpared others = OthersThan(served);
+    return itServed != m_served.end() && MayBeFormatted(**itServed)
+               ? std::make_unique<CFormat>(*this, **itServed)
+               : nullptr;
+}
+
+bool CFormats::MayBeFormatted(const CServed& served) const {
     struct stat status {};
-    if (::fstat(served.fdFolder.Get(), &status) != 0 || IsReadOnly(status) ||
-        others.IsSpared(IdentityOf(served.fdFolder.Get()))) {
+    return ::fstat(served.fdFolder.Get(), &status) == 0 && !IsReadOnly(status) &&
+           !OthersThan(served).IsSpared(IdentityOf(served.fdFolder.Get()));
+}
+
+bool CFormats::Format(CServed& served, const CFormatList& old) {
+    struct stat status {};
+    if (::fstat(served.fdFolder.Get(), &status) != 0) {
         return false;
     }
-    CFormatList old;
-    old.TakeIn(served.fdFolder.Get(), others, tBegin + s_takeIn);
+    const auto tEnd = Clock::now() + s_makeRoom;
     const auto make = [&](const std::function<bool()>& lpMake) {
-        return MakeRoomFor(served, old, tBegin + s_makeRoom, lpMake);
+        return MakeRoomFor(served, old, tEnd, lpMake);
     };
     if (!served.fdMarker && !make([&] { return MakeMarker(served); })) {
         return false;
@@ -397,10 +419,9 @@ bool CFormats::HasWork(bool bIdle) const {
     });
 }
 
-void CFormats::Work(bool bIdle) {
-    const auto tEnd = Clock::now() + s_slice;
+void CFormats::Work(bool bIdle, CWorkSlice& slice) {
     for (const auto& pServed : m_served) {
-        while (pServed->pRemoval && Clock::now() < tEnd) {
+        for (; pServed->pRemoval && !slice.Over() && !m_room.Busy(); slice.Spend()) {
             StepRemoval(*pServed);
         }
         if (bIdle && std::exchange(pServed->bAwaitsIdle, false)) {

@@ -24,14 +24,14 @@
 
 #include "agent/posix/format_list.h"
 #include "agent/posix/removal.h"
+#include "agent/posix/room.h"
 #include "agent/posix/system_file.h"
-#include "agent/quota.h"
 
 namespace agent {
 
 class CFormats {
   public:
-    CFormats(CQuota& quota, std::function<void(const std::string&)> lpLog);
+    CFormats(CRoom& room, std::function<void(const std::string&)> lpLog);
 
     // A folder that is served through fdView, which is turned to another folder as formats come and
     // end. It outlives this object and does not move.
@@ -41,9 +41,9 @@ class CFormats {
     // removed unless bMayRemove. Behind the last Serve.
     void TakeUp(bool bMayRemove);
 
-    // Empties the folder served through fdView, except other served folders that lie in it. False
-    // when it is not empty behind that: it may not be written, or is served twice.
-    bool Format(const CFd& fdView);
+    // Empties the folder served through fdView, except other served folders that lie in it.
+    // Refused, with null or by the work, when it may not be written, or is served twice.
+    std::unique_ptr<CFolderWork> Begin(const CFd& fdView);
 
     // Whether the host can still find an open file that it has opened: a format, or what has taken
     // its folder away, may have put it out of sight. True also when the system does not tell.
@@ -58,8 +58,7 @@ class CFormats {
     // Whether Work has something to do; bIdle: nothing is in work for the host.
     bool HasWork(bool bIdle) const;
 
-    // Works for a few milliseconds.
-    void Work(bool bIdle);
+    void Work(bool bIdle, CWorkSlice& slice);
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -75,7 +74,11 @@ class CFormats {
         bool bAwaitsIdle = false;                     // removed, but not moved up yet
     };
 
+    class CFormat;
+
     void Log(const std::string& strLine) const;
+    bool MayBeFormatted(const CServed& served) const;
+    bool Format(CServed& served, const CFormatList& old);
     CSpared OthersThan(const CServed& served) const;
     bool MakeMarker(CServed& served) const;
     bool MakeRoomFor(const CServed& served, const CFormatList& old, Clock::time_point tEnd,
@@ -90,7 +93,7 @@ class CFormats {
     bool MayMoveUp(const CServed& served, std::size_t nMost) const;
     void MoveUp(CServed& served, std::size_t nMost);
 
-    CQuota& m_quota;
+    CRoom& m_room;
     std::function<void(const std::string&)> m_lpLog;
     std::vector<std::unique_ptr<CServed>> m_served;
 };

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <string_view>
+#include <utility>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -40,51 +41,70 @@ static CFd OpenFolder(int fdFolder, const std::string& strPath) {
     return OpenBelowByWalk(fdFolder, strPath, O_RDONLY | O_DIRECTORY);
 }
 
-void CFormatList::TakeIn(int fdFolder, const CSpared& spared,
-                         std::chrono::steady_clock::time_point tEnd) {
-    TakeInFolder(fdFolder, {}, spared, tEnd);
+CFormatListing::CFormatListing(int fdFolder, CSpared spared,
+                               std::chrono::steady_clock::time_point tEnd)
+    : m_spared(std::move(spared)), m_tEnd(tEnd) {
+    Enter(fdFolder, {});
 }
 
-// The depth is that of what is spared.
-void CFormatList::TakeInFolder(int fdFolder, const std::string& strFolder, const CSpared& spared,
-                               std::chrono::steady_clock::time_point tEnd) {
-    const dev_t device = IdentityOf(fdFolder).first;
-    const bool bInodes = KeepsInodes(fdFolder);
-    CDirectory directory(OpenFolder(fdFolder, {}));
-    m_bWhole = m_bWhole && directory.Open();
-    errno = 0;
-    while (const dirent* pEntry = m_bWhole ? directory.Next() : nullptr) {
-        const std::string strPath =
-            strFolder.empty() ? pEntry->d_name : strFolder + "/" + pEntry->d_name;
-        const bool bMayBeFolder = pEntry->d_type == DT_DIR || pEntry->d_type == DT_UNKNOWN;
-        if (strFolder.empty() && IsOwn(strPath)) {
-            continue;
-        }
-        if (!spared.Empty() && bMayBeFolder) {
-            const CFd fd = OpenFolder(fdFolder, pEntry->d_name);
-            const FolderIdentity identity = IdentityOf(fd.Get());
-            if (fd && spared.IsSpared(identity)) {
-                continue;
-            }
-            if (fd && spared.IsOnTheWay(identity)) {
-                if (!IsMountPoint(fd.Get(), device)) {
-                    TakeInFolder(fd.Get(), strPath, spared, tEnd);
-                }
-                continue;
-            }
-        }
-        m_dwBytes += strPath.size() + sizeof(CListedEntry);
-        m_bWhole = m_dwBytes <= s_dwMostBytes && (m_entries.size() % s_nLook != s_nLook - 1 ||
-                                                  std::chrono::steady_clock::now() < tEnd);
-        m_entries.push_back({strPath, bInodes ? std::uint64_t{pEntry->d_ino} : 0});
-        errno = 0;
+void CFormatListing::Enter(int fdFolder, const std::string& strFolder) {
+    auto pDirectory = std::make_unique<CDirectory>(OpenFolder(fdFolder, {}));
+    if (pDirectory->Open()) {
+        m_levels.push_back({std::move(pDirectory), strFolder, KeepsInodes(fdFolder)});
+    } else {
+        list.LeaveOut();
     }
-    m_bWhole = m_bWhole && errno == 0;
+}
+
+bool CFormatListing::Step(CWorkSlice& slice) {
+    for (; !m_levels.empty() && !slice.Over(); slice.Spend()) {
+        TakeEntry();
+    }
+    return !m_levels.empty();
+}
+
+void CFormatListing::TakeEntry() {
+    const CLevel& level = m_levels.back();
+    errno = 0;
+    const dirent* pEntry = level.pDirectory->Next();
+    if (!pEntry) {
+        if (errno != 0) {
+            list.LeaveOut();
+        }
+        m_levels.pop_back();
+        return;
+    }
+    const int fdFolder = level.pDirectory->Fd();
+    std::string strPath =
+        level.strFolder.empty() ? pEntry->d_name : level.strFolder + "/" + pEntry->d_name;
+    if (level.strFolder.empty() && IsOwn(strPath)) {
+        return;
+    }
+    if (!m_spared.Empty() && (pEntry->d_type == DT_DIR || pEntry->d_type == DT_UNKNOWN)) {
+        const CFd fd = OpenFolder(fdFolder, pEntry->d_name);
+        const FolderIdentity identity = IdentityOf(fd.Get());
+        if (fd && m_spared.IsSpared(identity)) {
+            return;
+        }
+        if (fd && m_spared.IsOnTheWay(identity)) {
+            if (!IsMountPoint(fd.Get(), IdentityOf(fdFolder).first)) {
+                Enter(fd.Get(), strPath);
+            }
+            return;
+        }
+    }
+    list.Add(std::move(strPath), level.bInodes ? std::uint64_t{pEntry->d_ino} : 0);
+    if (list.Bytes() > s_dwMostBytes ||
+        (++m_nTaken % s_nLook == 0 && std::chrono::steady_clock::now() >= m_tEnd)) {
+        list.LeaveOut();
+        m_levels.clear();
+    }
 }
 
 // For each entry its inode, 8 bytes, and its path with a terminator; behind the last an empty path.
 bool CFormatList::Store(int fdAt, const std::string& strName) const {
     std::string strBytes;
+    strBytes.reserve(m_dwBytes);
     const auto append = [&strBytes](std::uint64_t qwInode, const std::string& strPath) {
         std::uint8_t bytes[s_dwInode];
         DakPutU32(bytes, static_cast<std::uint32_t>(qwInode));

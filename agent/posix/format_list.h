@@ -18,13 +18,14 @@ inline constexpr char FORMATTED_FOLDER[] = ".dak-formatted";
 
 class CFormatList {
   public:
-    // Takes in what lies in fdFolder, and in the folders in it that are on the way to what is
-    // spared. What is not reached by tEnd, or goes beyond 64 MiB, is left out, and the list is not
-    // whole.
-    void TakeIn(int fdFolder, const CSpared& spared, std::chrono::steady_clock::time_point tEnd);
-
-    // An entry by its path in the folder, whatever lies there.
-    void Add(std::string strPath) { m_entries.push_back({std::move(strPath), 0}); }
+    // An entry by its path in the folder; without an inode, whatever lies there.
+    void Add(std::string strPath, std::uint64_t qwInode = 0) {
+        m_dwBytes += strPath.size() + sizeof(CListedEntry);
+        m_entries.push_back({std::move(strPath), qwInode});
+    }
+    // Something is left out.
+    void LeaveOut() { m_bWhole = false; }
+    std::size_t Bytes() const { return m_dwBytes; } // in memory
 
     // False with errno set.
     bool Store(int fdAt, const std::string& strName) const;
@@ -39,12 +40,35 @@ class CFormatList {
     bool AllGone(int fdFolder) const;
 
   private:
-    void TakeInFolder(int fdFolder, const std::string& strFolder, const CSpared& spared,
-                      std::chrono::steady_clock::time_point tEnd);
-
     std::vector<CListedEntry> m_entries;
     std::size_t m_dwBytes = 0;
     bool m_bWhole = true;
+};
+
+// Lists what lies in a folder, and in the folders in it that are on the way to what is spared.
+class CFormatListing {
+  public:
+    // What is not reached by tEnd, or goes beyond 64 MiB, is left out.
+    CFormatListing(int fdFolder, CSpared spared, std::chrono::steady_clock::time_point tEnd);
+
+    // Goes on for a slice. False when the list is made.
+    bool Step(CWorkSlice& slice);
+
+    CFormatList list;
+
+  private:
+    struct CLevel {
+        std::unique_ptr<CDirectory> pDirectory;
+        std::string strFolder;
+        bool bInodes;
+    };
+    void Enter(int fdFolder, const std::string& strFolder);
+    void TakeEntry();
+
+    const CSpared m_spared;
+    const std::chrono::steady_clock::time_point m_tEnd;
+    std::vector<CLevel> m_levels; // as deep as what is spared
+    std::size_t m_nTaken = 0;
 };
 
 } // namespace agent

@@ -208,6 +208,7 @@ int Run(int argc, char** argv) {
                             ": the system allows this process fewer open files",
                         s_nExitUsage);
     }
+    arguments.device.lpClock = agent::CUsbipServer::NowMs;
     arguments.device.dwFirstHandle = std::random_device{}();
     if (arguments.bVerbose) {
         arguments.device.lpLog = LogLine;

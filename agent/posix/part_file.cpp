@@ -20,9 +20,9 @@ EResult JudgeTarget(int fdFolder, const std::string& strTarget) {
 }
 
 CPosixPartFile::CPosixPartFile(CFd fdFolder, CPartJournal& journal, std::string strTarget,
-                               CQuota& quota)
+                               CRoom& room)
     : m_fdFolder(std::move(fdFolder)), m_journal(journal), m_strPart(journal.PartName()),
-      m_strTarget(std::move(strTarget)), m_quota(quota),
+      m_strTarget(std::move(strTarget)), m_room(room),
       m_fd(::openat(m_fdFolder.Get(), m_strPart.c_str(),
                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666)) {}
 
@@ -34,18 +34,21 @@ CPosixPartFile::~CPosixPartFile() {
 
 // A part that cannot be removed is left to the next agent, and counts.
 void CPosixPartFile::Remove() {
+    CFd fdHeld(::openat(m_fdFolder.Get(), m_strPart.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    m_fd.Close();
     if (::unlinkat(m_fdFolder.Get(), m_strPart.c_str(), 0) == 0 || errno == ENOENT) {
-        m_quota.Remove(m_qwWritten);
+        m_room.Remove(m_qwWritten);
     } else {
         m_journal.Abandon();
     }
+    m_room.Close(std::move(fdHeld));
 }
 
 EResult CPosixPartFile::Write(std::span<const std::uint8_t> data) {
-    if (!m_quota.HasRoom(data.size())) {
+    if (!m_room.HasRoom(data.size())) {
         return EResult::NO_SPACE;
     }
-    m_quota.Add(data.size());
+    m_room.Add(data.size());
     m_qwWritten += data.size();
     return WriteWhole(m_fd.Get(), data.data(), data.size()) ? EResult::SUCCESS : ResultOf(errno);
 }
@@ -76,6 +79,7 @@ EResult CPosixPartFile::Complete(const CFileTimes& times) {
         // A time that the file system cannot hold is no failure of the contents.
         static_cast<void>(::futimens(m_fd.Get(), stamps));
     }
+    CFd fdHeld = bOld ? CRoom::Hold(m_fdFolder.Get(), m_strTarget.c_str(), old) : CFd();
     // A network file system tells a full disk only now. close() may not be called twice, so the
     // descriptor is given up whatever it says.
     const int fd = m_fd.Release();
@@ -86,8 +90,8 @@ EResult CPosixPartFile::Complete(const CFileTimes& times) {
         Remove();
         return eResult;
     }
-    if (bOld && old.st_nlink == 1) {
-        m_quota.Remove(static_cast<std::uint64_t>(old.st_size));
+    if (bOld) {
+        m_room.Lost(old, std::move(fdHeld));
     }
     return EResult::SUCCESS;
 }

@@ -4,16 +4,16 @@
 #include <string>
 
 #include "agent/posix/part_journal.h"
+#include "agent/posix/room.h"
 #include "agent/posix/system_file.h"
-#include "agent/quota.h"
 
 namespace agent {
 
 class CPosixPartFile final : public CPartFile {
   public:
     // Makes the part file, which journal has entered, in fdFolder. Not Open() on failure, errno
-    // says why. journal and quota outlive it.
-    CPosixPartFile(CFd fdFolder, CPartJournal& journal, std::string strTarget, CQuota& quota);
+    // says why. journal and room outlive it.
+    CPosixPartFile(CFd fdFolder, CPartJournal& journal, std::string strTarget, CRoom& room);
     ~CPosixPartFile() override;
 
     bool Open() const { return static_cast<bool>(m_fd); }
@@ -28,7 +28,7 @@ class CPosixPartFile final : public CPartFile {
     CPartJournal& m_journal;
     const std::string m_strPart;
     const std::string m_strTarget;
-    CQuota& m_quota;
+    CRoom& m_room;
     CFd m_fd;
     std::uint64_t m_qwWritten = 0;
 };

@@ -96,13 +96,10 @@ void CRemoval::Remove(int fdParent, const char* lpszName, std::uint64_t qwInode)
 }
 
 void CRemoval::Unlink(int fdParent, const char* lpszName, const struct stat& status) {
-    if (::unlinkat(fdParent, lpszName, S_ISDIR(status.st_mode) ? AT_REMOVEDIR : 0) != 0) {
+    if (m_room.Unlink(fdParent, lpszName, status)) {
+        ++m_qwRemoved;
+    } else {
         m_nStuck += errno == ENOENT ? 0 : 1;
-        return;
-    }
-    ++m_qwRemoved;
-    if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
-        m_quota.Remove(static_cast<std::uint64_t>(status.st_size));
     }
 }
 

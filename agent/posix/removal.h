@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "agent/posix/directory.h"
-#include "agent/quota.h"
+#include "agent/posix/room.h"
 
 namespace agent {
 
@@ -50,9 +50,9 @@ class CRemoval {
     // which is listed too; -1 for none. The quota gets back what is removed. What is passed in
     // outlives the object.
     CRemoval(int fdFolder, const std::vector<CListedEntry>& entries, CSpared spared, int fdLift,
-             CQuota& quota)
+             CRoom& room)
         : m_fdFolder(fdFolder), m_entries(entries), m_spared(std::move(spared)), m_fdLift(fdLift),
-          m_quota(quota) {}
+          m_room(room) {}
 
     static constexpr char LIFTED[] = "lifted";
 
@@ -88,7 +88,7 @@ class CRemoval {
     std::vector<CFrame> m_frames; // the folders in work, the listed one first
     CSpared m_spared;
     int m_fdLift;
-    CQuota& m_quota;
+    CRoom& m_room;
     std::uint64_t m_qwRemoved = 0;
     std::uint64_t m_qwRemovedBefore = 0; // before the pass in work
     std::uint64_t m_nStuck = 0;          // in the pass in work

@@ -53,7 +53,7 @@ bool CTrash::TakeIn(int fdFolder, const std::string& strName) {
         return false;
     }
     auto pTrash = std::make_unique<CTrash>(
-        fdFolder, m_strIdentity + "-" + std::to_string(m_nElsewhere++), m_quota);
+        fdFolder, m_strIdentity + "-" + std::to_string(m_nElsewhere++), m_room);
     if (!pTrash->Move(fdFolder, strName)) {
         return false;
     }
@@ -86,13 +86,7 @@ bool CTrash::Unlink(int fdFolder, const char* lpszName, bool& bFolder) {
         return false;
     }
     bFolder = S_ISDIR(status.st_mode);
-    if (::unlinkat(fdFolder, lpszName, bFolder ? AT_REMOVEDIR : 0) != 0) {
-        return false;
-    }
-    if (S_ISREG(status.st_mode) && status.st_nlink == 1) {
-        m_quota.Remove(static_cast<std::uint64_t>(status.st_size));
-    }
-    return true;
+    return m_room.Unlink(fdFolder, lpszName, status);
 }
 
 bool CTrash::RemoveEntry(const char* lpszName) {

@@ -16,17 +16,17 @@
 #include <fcntl.h>
 
 #include "agent/posix/directory.h"
-#include "agent/quota.h"
+#include "agent/posix/room.h"
 
 namespace agent {
 
 class CTrash {
   public:
-    // fdTop: the root or the storage. quota outlives the object; strIdentity begins as reserved
+    // fdTop: the root or the storage. room outlives the object; strIdentity begins as reserved
     // names do.
-    CTrash(int fdTop, std::string strIdentity, CQuota& quota)
+    CTrash(int fdTop, std::string strIdentity, CRoom& room)
         : m_fdTop(OpenBelow(fdTop, "", O_PATH | O_DIRECTORY)),
-          m_strIdentity(std::move(strIdentity)), m_quota(quota) {}
+          m_strIdentity(std::move(strIdentity)), m_room(room) {}
 
     // Takes an entry of a folder away, in one step. False with errno set, and the entry is as it
     // was.
@@ -50,7 +50,7 @@ class CTrash {
 
     const CFd m_fdTop; // the folder itself, whatever a format turns the host to
     const std::string m_strIdentity;
-    CQuota& m_quota;
+    CRoom& m_room;
     // Items are numbered; those from next to end are there still. What a folder among them holds
     // in folders becomes items too, so that no depth needs a stack.
     std::uint64_t m_qwNext = 0;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <string_view>
 
@@ -12,11 +11,9 @@
 
 namespace agent {
 
-// A slice is a MiB of contents, or 256 entries, or less where the disk is slow.
-static constexpr std::size_t s_dwSlice = std::size_t{1} << 20;
-static constexpr std::size_t s_dwEntryCost = s_dwSlice / 256;
 static constexpr std::size_t s_dwBuffer = std::size_t{64} << 10;
-static constexpr std::chrono::milliseconds s_sliceTime{20};
+static constexpr unsigned s_nBufferSteps = s_dwBuffer / 1024;
+static constexpr unsigned s_nEntrySteps = 4;
 
 // Folders in folders; two descriptors each.
 static constexpr std::size_t s_nMaxDepth = 128;
@@ -26,27 +23,23 @@ bool SameContent(const struct stat& a, const struct stat& b) {
            a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
-std::optional<EResult> CTreeCopy::Step() {
+std::optional<EResult> CTreeCopy::Step(CWorkSlice slice) {
     if (m_fdSource) {
         const EResult eResult = m_bFolder
                                     ? BeginFolder(std::move(m_fdSource), m_fdFolder, m_strName)
                                     : BeginFile(std::move(m_fdSource), m_fdFolder, m_strName);
         return eResult == EResult::SUCCESS ? std::nullopt : std::optional(eResult);
     }
-    const auto tEnd = std::chrono::steady_clock::now() + s_sliceTime;
-    for (std::size_t dwCost = 0; dwCost < s_dwSlice;) {
+    do {
         if (!m_file && m_levels.empty()) {
             return EResult::SUCCESS;
         }
-        dwCost += m_file ? s_dwBuffer : s_dwEntryCost;
+        slice.Spend(m_file ? s_nBufferSteps : s_nEntrySteps);
         const EResult eResult = m_file ? CopyBytes() : CopyEntry();
         if (eResult != EResult::SUCCESS) {
             return eResult;
         }
-        if (std::chrono::steady_clock::now() >= tEnd) {
-            break;
-        }
-    }
+    } while (!slice.Over());
     return std::nullopt;
 }
 

@@ -30,11 +30,17 @@ class CTreeCopy {
         : m_fdSource(std::move(fdSource)), m_bFolder(S_ISDIR(source.st_mode)), m_fdFolder(fdFolder),
           m_strName(std::move(strName)), m_bMove(bMove), m_quota(quota) {}
 
+    // Gives up the work, and keeps nothing open.
+    void Stop() {
+        m_file.reset();
+        m_levels.clear();
+    }
+
     bool IsFolder() const { return m_bFolder; }
 
-    // A bounded slice of the work. Nothing when there is more to do; what stands under the name
-    // when it failed is the caller's to remove.
-    std::optional<EResult> Step();
+    // Goes on for a slice. Nothing when there is more to do; what stands under the name when it
+    // failed is the caller's to remove.
+    std::optional<EResult> Step(CWorkSlice slice);
 
   private:
     struct CFileInWork {

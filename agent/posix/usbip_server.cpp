@@ -15,7 +15,7 @@ namespace agent {
 // How long accepting rests when the system has no descriptor left.
 static constexpr int s_nAcceptPauseMs = 100;
 
-static std::uint64_t NowMs() {
+std::uint64_t CUsbipServer::NowMs() {
     const auto sinceStart = std::chrono::steady_clock::now().time_since_epoch();
     return static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::milliseconds>(sinceStart).count());
@@ -94,7 +94,7 @@ static int CoreTimeoutMs(const CAgentCore& core) {
     if (!qwDueMs) {
         return -1;
     }
-    const std::uint64_t qwNowMs = NowMs();
+    const std::uint64_t qwNowMs = CUsbipServer::NowMs();
     const std::uint64_t qwLeftMs = *qwDueMs > qwNowMs ? *qwDueMs - qwNowMs : 0;
     return static_cast<int>(std::min<std::uint64_t>(qwLeftMs, 3'600'000));
 }

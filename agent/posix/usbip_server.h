@@ -26,6 +26,9 @@ class CUsbipServer {
     // False when the system leaves no way to go on.
     bool Run(int fdStop);
 
+    // The clock that the core is told the time by.
+    static std::uint64_t NowMs();
+
     // Lets the time pass until the device wants its link up. False when fdStop became readable.
     static bool AwaitLink(CAgentCore& core, int fdStop);
 

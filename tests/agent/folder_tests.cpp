@@ -2,6 +2,7 @@
 // permissions, links, what killed agents leave, full disks, another file system.
 #include <array>
 #include <random>
+#include <set>
 #include <sstream>
 
 #include <csignal>
@@ -105,14 +106,14 @@ struct CWorld {
     }
     void Work(bool bIdle = true) {
         for (int i = 0; i < 100'000 && pFolder->HasWork(bIdle); ++i) {
-            pFolder->Work(bIdle);
+            pFolder->Work(bIdle, {});
         }
         EXPECT_FALSE(pFolder->HasWork(bIdle));
     }
     static EResult RunAll(std::unique_ptr<agent::CFolderWork> pWork) {
         std::optional<EResult> eResult = pWork ? std::nullopt : std::optional(EResult::REFUSED);
         while (!eResult) {
-            eResult = pWork->Step();
+            eResult = pWork->Step({});
         }
         return *eResult;
     }
@@ -146,7 +147,7 @@ struct CWorld {
                                     : strVerb == "move"    ? Move(strA, strB)
                                     : strVerb == "mkdir"   ? pFolder->MakeFolder(At(strA))
                                     : strVerb == "rm"      ? pFolder->Remove(At(strA))
-                                                           : pFolder->Format(At(strA));
+                                                           : RunAll(pFolder->BeginFormat(At(strA)));
             strDid += "yfn"[static_cast<int>(eResult)];
         }
         return strDid;
@@ -178,9 +179,24 @@ struct CWorld {
     }
     std::uint64_t Free() { return pFolder->SpaceOf(At("")).value().qwFree; }
 
+    // What a pull would find in a folder, sorted. Nothing when it cannot be read to its end.
+    std::optional<std::vector<std::string>> List(const agent::CDevicePath& path) {
+        using enum agent::CFolderScan::ENext;
+        const auto pScan = pFolder->Scan(path);
+        std::set<std::string> names;
+        std::string strName;
+        for (auto eNext = pScan ? pScan->Next(strName) : FAILED; eNext != END;
+             eNext = pScan->Next(strName)) {
+            if (eNext == FAILED) {
+                return std::nullopt;
+            }
+            eNext == NAME ? names.insert(strName).second : false;
+        }
+        return std::vector(names.begin(), names.end());
+    }
     // What the host sees below a folder: files with their bytes, folders with a slash behind.
     void See(const std::string& strFolder, TREE& seen) {
-        const auto names = pFolder->List(At(strFolder), 10'000);
+        const auto names = List(At(strFolder));
         ASSERT_TRUE(names) << strFolder;
         for (const std::string& strName : *names) {
             const std::string strPath = strFolder.empty() ? strName : strFolder + "/" + strName;
@@ -384,7 +400,7 @@ void Model::Step() {
         }
         auto pWork = pFolder->BeginCopy(At(strPath), At(strTo), bFail);
         if (bGivesUp && pWork && eWanted == EResult::SUCCESS) {
-            EXPECT_EQ(pWork->Step(), std::nullopt);
+            EXPECT_EQ(pWork->Step({}), std::nullopt);
             pWork.reset();
             eResult = eWanted;
         } else {
@@ -404,7 +420,7 @@ void Model::Step() {
     } else if (nWhat == 17) {
         const std::array<std::string, 3> served = {"", "Card", "In"};
         const std::string& strServed = served[random() % 3];
-        eResult = pFolder->Format(At(strServed));
+        eResult = RunAll(pFolder->BeginFormat(At(strServed)));
         eWanted = EResult::SUCCESS;
         std::erase_if(model, [&](const auto& each) {
             const std::string strTop = each.first.substr(0, each.first.find('/'));
@@ -415,7 +431,7 @@ void Model::Step() {
     } else {
         eResult = eWanted;
         if (nWhat == 18) {
-            pFolder->Work(random() % 2 == 0);
+            pFolder->Work(random() % 2 == 0, {});
         } else {
             Open();
         }
@@ -470,7 +486,7 @@ TEST(FolderPaths, AgainstOperations) {
             using M = COpenMode::EMissing;
             using E = COpenMode::EExisting;
             return chWhat == 'i'   ? pFolder->Find(path).has_value()
-                   : chWhat == 'l' ? pFolder->Scan(path) && pFolder->List(path, 100)
+                   : chWhat == 'l' ? pFolder->Scan(path) && List(path)
                    : chWhat == 's' ? pFolder->OpenSource(path) != nullptr
                    : chWhat == '$' ? pFolder->SpaceOf(path).has_value()
                    : chWhat == 'r' ? opens(false, M::REFUSE, E::KEEP)
@@ -555,17 +571,17 @@ TEST_F(Folder, WhatAFileBringsAndHandsOn) {
     EXPECT_TRUE(Disk("root/copy") == tree);
     fs::remove(root / "t/sub/fifo");
     fs::remove(root / "t/.dak-foreign");
-    const auto before = pFolder->List(At(""), 100);
+    const auto before = List(At(""));
     for (const auto& [lpszFrom, nMost] : {std::pair{"t", 1}, {"huge", 3}}) {
         for (int nSteps = 0; nSteps <= nMost; ++nSteps) {
             auto pWork = pFolder->BeginCopy(At(lpszFrom), At("x"), true);
             for (int i = 0; i < nSteps; ++i) {
-                EXPECT_FALSE(pWork->Step());
+                EXPECT_FALSE(pWork->Step({}));
             }
         }
     }
     Work();
-    EXPECT_EQ(pFolder->List(At(""), 100), before);
+    EXPECT_EQ(List(At("")), before);
     ExpectNothingOwn();
 }
 
@@ -614,7 +630,7 @@ TEST_F(Folder, HandlesAndTheirFiles) {
             EXPECT_EQ(strEnd == "deleted"       ? pFolder->Remove(At("d/a"))
                       : strEnd == "replaced"    ? Put("d/a", "new")
                       : strEnd == "copied over" ? Copy("d/c", "d/a")
-                                                : pFolder->Format(At("")),
+                                                : RunAll(pFolder->BeginFormat(At(""))),
                       EResult::SUCCESS);
         }
         EXPECT_EQ(pFile->Read(0, data), 3U) << strEnd;
@@ -715,7 +731,7 @@ TEST_F(Folder, LeftoversOfAgents) {
     pPart.reset();
     pFolder->EndParts();
     auto pCopy = pFolder->BeginCopy(At("d/a"), At("Card/a"), true);
-    EXPECT_FALSE(pCopy->Step());
+    EXPECT_FALSE(pCopy->Step({}));
     EXPECT_EQ(Disk("root"), rootBefore);
     pCopy.reset();
     // A part that cannot be removed is left to the next agent, and a target that may not be
@@ -817,7 +833,7 @@ TEST_F(Folder, FormatRemovesWhatWasThereAndNothingElse) {
         s_mounted = strWhat == "mount" ? status.st_ino : 0;
         s_bOldKernel = strWhat == "old kernel";
         const bool bStuck = s_mounted != 0 || s_bOldKernel;
-        ASSERT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+        ASSERT_EQ(RunAll(pFolder->BeginFormat(At("Card"))), EResult::SUCCESS);
         EXPECT_EQ(Put("Card/host", "host"), EResult::SUCCESS);
         for (int i = 0; i < (strWhat == "many" ? 1001 : 0); ++i) {
             base.Write("card/.dak-format/.dak-1/" + std::to_string(i), "");
@@ -829,7 +845,7 @@ TEST_F(Folder, FormatRemovesWhatWasThereAndNothingElse) {
             Work();
         }
         if (strWhat == "again") {
-            EXPECT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+            EXPECT_EQ(RunAll(pFolder->BeginFormat(At("Card"))), EResult::SUCCESS);
         }
         base.Write("card/late", "late");
         base.Write("card/folder/late", "late");
@@ -870,7 +886,7 @@ TEST_F(Folder, FormatRemovesWhatWasThereAndNothingElse) {
     Open();
     s_bPlainUser = true;
     for (const bool bFixed : {true, false}) {
-        ASSERT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS);
+        ASSERT_EQ(RunAll(pFolder->BeginFormat(At("Card"))), EResult::SUCCESS);
         EXPECT_EQ(Put("Card/a", "a"), EResult::SUCCESS);
         EXPECT_EQ(Put("Card/ro/b", "b"), EResult::SUCCESS);
         const fs::path view =
@@ -906,12 +922,13 @@ TEST_F(Folder, FullDisks) {
         Open();
         const TREE before = Disk("card");
         s_nFullFor = nFullFor;
-        EXPECT_EQ(pFolder->Format(At("Card")), bDone ? EResult::SUCCESS : EResult::REFUSED)
+        EXPECT_EQ(RunAll(pFolder->BeginFormat(At("Card"))),
+                  bDone ? EResult::SUCCESS : EResult::REFUSED)
             << nFullFor;
         s_nFullFor = 0;
-        EXPECT_EQ(pFolder->List(At("Card"), 10)->size(), 0U) << nFullFor;
+        EXPECT_EQ(List(At("Card"))->size(), 0U) << nFullFor;
         EXPECT_EQ(Put("Card/new", "new"), EResult::SUCCESS);
-        EXPECT_EQ(pFolder->Format(At("Card")), EResult::SUCCESS) << "again, with room";
+        EXPECT_EQ(RunAll(pFolder->BeginFormat(At("Card"))), EResult::SUCCESS) << "again, with room";
         Work();
         EXPECT_EQ(Disk("card"), TREE{}) << nFullFor;
         EXPECT_EQ(ReadBytes(root / "other"), "kept");
@@ -920,10 +937,11 @@ TEST_F(Folder, FullDisks) {
     for (const bool bTwice : {false, true}) {
         base.Write("card/x", "x");
         Open();
-        EXPECT_TRUE(!bTwice || pFolder->Format(At("Card")) == EResult::SUCCESS);
+        EXPECT_TRUE(!bTwice || RunAll(pFolder->BeginFormat(At("Card"))) == EResult::SUCCESS);
         fs::create_directories(base / "card/.dak-format");
         s_nFullFor = 1000;
-        EXPECT_EQ(pFolder->Format(At("Card")), bTwice ? EResult::REFUSED : EResult::REFUSED);
+        EXPECT_EQ(RunAll(pFolder->BeginFormat(At("Card"))),
+                  bTwice ? EResult::REFUSED : EResult::REFUSED);
         s_nFullFor = 0;
         Work();
         ExpectNothingOwn();
@@ -961,10 +979,9 @@ TEST_F(Folder, FullDisks) {
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
     EXPECT_EQ(Free(), qwFree - 1000);
     s_bReadFails = true;
-    EXPECT_FALSE(pFolder->List(At("d"), 10))
-        << "a folder that cannot be read looks like a short one";
+    EXPECT_FALSE(List(At("d"))) << "a folder that cannot be read looks like a short one";
     s_bReadFails = false;
-    EXPECT_EQ(pFolder->List(At("d"), 10)->size(), 1U);
+    EXPECT_EQ(List(At("d"))->size(), 1U);
 }
 
 TEST_F(Folder, AnotherFileSystem) {
@@ -997,14 +1014,14 @@ TEST_F(Folder, AnotherFileSystem) {
         auto pWork = pFolder->BeginMove(At("back"), At("Card/t"));
         ASSERT_TRUE(pWork);
         if (strWhat == "changed") {
-            EXPECT_FALSE(pWork->Step());
+            EXPECT_FALSE(pWork->Step({}));
             base.Write("root/back/late", "late");
         }
         if (strWhat != "given up") {
             EXPECT_EQ(RunAll(std::move(pWork)), EResult::REFUSED) << strWhat;
         } else {
-            EXPECT_FALSE(pWork->Step());
-            EXPECT_FALSE(pWork->Step());
+            EXPECT_FALSE(pWork->Step({}));
+            EXPECT_FALSE(pWork->Step({}));
         }
         s_mounted = 0;
         pWork.reset();

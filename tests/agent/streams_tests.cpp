@@ -488,10 +488,10 @@ TEST(CopyFromDevice, ListsThatCannotBeMade) {
         CAgentHost host(options);
         const std::string strFolder = "d/" + std::string(bTooLong ? 60'000 : 1, 'n');
         for (int i = 0; i < (bTooLong ? 1200 : 1); ++i) { // 64 MiB of names and more
-            memory.Write(strFolder + "/" + std::to_string(i), "x");
+            memory.Write(strFolder + (bTooLong ? "" : "/") + std::to_string(i), "x");
         }
         memory.lpFault = [&](std::string_view strCall, const std::string& strPath) {
-            return !bTooLong && strCall == "List" && strPath == strFolder ? agent::EResult::REFUSED
+            return !bTooLong && strCall == "Next" && strPath == strFolder ? agent::EResult::REFUSED
                                                                           : agent::EResult::SUCCESS;
         };
         host.Put(Command(8, CAgentHost::PullFields(u"\\", {u"d"})));

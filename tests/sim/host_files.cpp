@@ -155,16 +155,12 @@ void CWorld::WriteHostFile(const std::string& strPath, const Bytes& bytes, FILET
 
 std::optional<Bytes> CWorld::ReadHostFile(const std::string& strPath) const {
     const std::string strBytes = ReadBytes(PathOf(Canonical(strPath)));
-    return HostFileExists(strPath) ? std::optional<Bytes>({strBytes.begin(), strBytes.end()})
+    return HostFileExists(strPath) ? std::optional(Bytes(strBytes.begin(), strBytes.end()))
                                    : std::nullopt;
 }
 
 bool CWorld::HostFileExists(const std::string& strPath) const {
     return fs::is_regular_file(PathOf(Canonical(strPath)));
-}
-
-bool CWorld::HostFolderExists(const std::string& strPath) const {
-    return fs::is_directory(PathOf(Canonical(strPath)));
 }
 
 CHostFile* CWorld::HostFile(const std::string& strPath) {
@@ -185,12 +181,12 @@ CHostFile* CWorld::HostFile(const std::string& strPath) {
     return &files.try_emplace(strFile, file).first->second;
 }
 
-std::vector<std::string> CWorld::HostFiles(const std::string& strFolder, bool bFolders) const {
+std::vector<std::string> CWorld::HostFiles(const std::string& strFolder) const {
     std::vector<std::string> list;
     std::error_code error;
     const fs::path folder = PathOf(Canonical(strFolder + "/."));
     for (const auto& entry : fs::recursive_directory_iterator(folder, error)) {
-        if (bFolders ? entry.is_directory() : entry.is_regular_file()) {
+        if (entry.is_regular_file()) {
             list.push_back(NameOf(entry.path().lexically_relative(folder)));
         }
     }

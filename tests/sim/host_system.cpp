@@ -96,24 +96,20 @@ class CLockHandle : public CWaitable {
     const std::shared_ptr<CWorld::CLock> m_pLock;
 };
 
-class CSnapshot : public CObject {
+// Some processes: those of a snapshot, of which the next one is told, or the one that was opened.
+class CProcesses : public CObject {
   public:
-    explicit CSnapshot(std::vector<CWorld::CProcess> taken) : processes(std::move(taken)) {}
+    explicit CProcesses(std::vector<CWorld::CProcess> taken) : processes(std::move(taken)) {}
     const std::vector<CWorld::CProcess> processes;
     std::size_t dwNext = 0;
 };
 
-class CProcessHandle : public CObject {
-  public:
-    explicit CProcessHandle(DWORD dwProcessId) : dwId(dwProcessId) {}
-    const DWORD dwId;
-};
-
-BOOL NextProcess(CWorld& /*world*/, HANDLE hSnapshot, platform::PROCESSENTRY32* lppe) {
-    const auto pSnapshot = FindObject<CSnapshot>(hSnapshot);
-    if (!pSnapshot || pSnapshot->dwNext >= pSnapshot->processes.size()) {
+BOOL TellProcess(HANDLE hSnapshot, platform::PROCESSENTRY32* lppe, bool bFirst) {
+    const auto pSnapshot = FindObject<CProcesses>(hSnapshot);
+    if (!pSnapshot || (bFirst ? 0 : pSnapshot->dwNext) >= pSnapshot->processes.size()) {
         return FailWith(ERROR_NO_MORE_ITEMS);
     }
+    pSnapshot->dwNext = bFirst ? 0 : pSnapshot->dwNext;
     const CWorld::CProcess& process = pSnapshot->processes[pSnapshot->dwNext++];
     lppe->th32ProcessID = process.dwId;
     lppe->szExeFile[process.strFile.copy(lppe->szExeFile, MAX_PATH - 1)] = '\0';
@@ -250,25 +246,22 @@ SIM_CALL(6, RegQueryValueExA, LONG{ERROR_GEN_FAILURE},
 // Processes.
 
 SIM_CALL(2, CreateToolhelp32Snapshot, HANDLE{}, [](CWorld& world, DWORD, DWORD) {
-    return world.Add(std::make_shared<sim::CSnapshot>(world.processes), "process snapshot");
+    return world.Add(std::make_shared<sim::CProcesses>(world.processes), "process snapshot");
 })
-SIM_CALL(2, Process32First, FALSE, [](CWorld& world, HANDLE hSnapshot, PROCESSENTRY32* lppe) {
-    if (const auto pSnapshot = FindObject<sim::CSnapshot>(hSnapshot)) {
-        pSnapshot->dwNext = 0;
-    }
-    return sim::NextProcess(world, hSnapshot, lppe);
-})
-SIM_CALL(2, Process32Next, FALSE, sim::NextProcess)
+SIM_CALL(2, Process32First, FALSE,
+         [](CWorld& /*world*/, auto... told) { return sim::TellProcess(told..., true); })
+SIM_CALL(2, Process32Next, FALSE,
+         [](CWorld& /*world*/, auto... told) { return sim::TellProcess(told..., false); })
 SIM_CALL(3, OpenProcess, HANDLE{}, [](CWorld& world, DWORD, BOOL, DWORD dwId) {
     const auto it = std::ranges::find(world.processes, dwId, &CWorld::CProcess::dwId);
     return it != world.processes.end() && it->bOpenable
-               ? world.Add(std::make_shared<sim::CProcessHandle>(dwId), "process")
+               ? world.Add(std::make_shared<sim::CProcesses>(std::vector{*it}), "process")
                : HANDLE{};
 })
 SIM_CALL(2, TerminateProcess, FALSE, [](CWorld& world, HANDLE hProcess, UINT) {
-    const auto pProcess = FindObject<sim::CProcessHandle>(hProcess);
-    const auto it =
-        std::ranges::find(world.processes, pProcess ? pProcess->dwId : 0, &CWorld::CProcess::dwId);
+    const auto pProcess = FindObject<sim::CProcesses>(hProcess);
+    const DWORD dwId = pProcess ? pProcess->processes[0].dwId : 0;
+    const auto it = std::ranges::find(world.processes, dwId, &CWorld::CProcess::dwId);
     if (it == world.processes.end()) {
         return FALSE;
     }

@@ -54,10 +54,6 @@ CScriptedDevice& CScriptedDevice::ExpectThat(std::function<void(const Bytes&)> c
     return *this;
 }
 
-CScriptedDevice& CScriptedDevice::ExpectHandshake(std::uint32_t dwWord) {
-    return ExpectHandshake(dwWord, Handshake(dwWord, DAK_PROTOCOL_VERSION));
-}
-
 CScriptedDevice& CScriptedDevice::ExpectHandshake(std::uint32_t dwWord, Bytes reply) {
     ExpectThat([this, nStep = m_nSteps + 1, dwWord, answer = std::move(reply)](const Bytes& got) {
         Compare(Handshake(dwWord), got, nStep);
@@ -89,17 +85,9 @@ CScriptedDevice& CScriptedDevice::ReplyAfter(std::uint64_t qwMs, Bytes package) 
     return Do([this, qwMs, reply = std::move(package)] { Give(reply, qwMs); });
 }
 
-CScriptedDevice& CScriptedDevice::Vanish() {
-    return Do([this] { m_world.Unplug(*this); });
-}
-
 CScriptedDevice& CScriptedDevice::VanishAfter(std::uint64_t qwMs) {
     return Do(
         [&world = m_world, qwMs] { world.At(world.NowMs() + qwMs, [&world] { world.Unplug(); }); });
-}
-
-CScriptedDevice& CScriptedDevice::VanishAtQuestion(std::uint64_t nNumber) {
-    return Do([this, nNumber] { m_world.UnplugAtQuestion(nNumber); });
 }
 
 void CScriptedDevice::Give(Bytes package, std::uint64_t qwAfterMs) {

@@ -39,7 +39,9 @@ class CScriptedDevice : public IPeer {
     }
     CScriptedDevice& ExpectThat(std::function<void(const Bytes&)> check);
     // The handshake, answered well, or with the given reply; an empty one means silence.
-    CScriptedDevice& ExpectHandshake(std::uint32_t dwWord);
+    CScriptedDevice& ExpectHandshake(std::uint32_t dwWord) {
+        return ExpectHandshake(dwWord, Handshake(dwWord, DAK_PROTOCOL_VERSION));
+    }
     CScriptedDevice& ExpectHandshake(std::uint32_t dwWord, Bytes reply);
     // The next write hangs until the host stops it.
     CScriptedDevice& DoNotTake();
@@ -50,9 +52,13 @@ class CScriptedDevice : public IPeer {
     CScriptedDevice& Do(std::function<void()> action);
     CScriptedDevice& Reply(Bytes package) { return ReplyAfter(0, std::move(package)); }
     CScriptedDevice& ReplyAfter(std::uint64_t qwMs, Bytes package);
-    CScriptedDevice& Vanish();
+    CScriptedDevice& Vanish() {
+        return Do([this] { m_world.Unplug(*this); });
+    }
     CScriptedDevice& VanishAfter(std::uint64_t qwMs);
-    CScriptedDevice& VanishAtQuestion(std::uint64_t nNumber);
+    CScriptedDevice& VanishAtQuestion(std::uint64_t nNumber) {
+        return Do([this, nNumber] { m_world.UnplugAtQuestion(nNumber); });
+    }
 
     // Handshakes for which no step waits are answered well and recorded (the default), or taken as
     // any package.
@@ -68,7 +74,6 @@ class CScriptedDevice : public IPeer {
     // Times the node was opened, and is open now.
     int Opens() const { return m_nOpens; }
     int OpenNow() const { return m_nOpenNow; }
-    std::size_t PendingPackages() const { return m_pending.size(); }
 
     void SetTime(std::uint64_t qwNowMs) override { m_qwToldMs = qwNowMs; }
     bool TakePackage(std::span<const std::uint8_t> package) override;

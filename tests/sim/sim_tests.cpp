@@ -35,31 +35,6 @@ BOOL Write(HANDLE hNode, const Bytes& bytes) {
     return platform::WriteFile(hNode, bytes.data(), static_cast<DWORD>(bytes.size()), &dwCount);
 }
 
-TEST(SimulatedHost, TheClockJumpsAndARunIsTheSameEveryTime) {
-    std::vector<std::string> first;
-    for (int nRun = 0; nRun < 3; ++nRun) {
-        CWorld world;
-        const HANDLE hLock = platform::CreateMutexA(nullptr, FALSE, "lock");
-        std::vector<HANDLE> threads;
-        for (DWORD i = 1; i <= 4; ++i) {
-            threads.push_back(world.Spawn([=] {
-                for (DWORD n = 0; n < 20; ++n) {
-                    platform::Sleep(7 * i);
-                    platform::WaitForSingleObject(hLock, INFINITE);
-                    platform::Sleep(600'000);
-                    platform::ReleaseMutex(hLock);
-                }
-            }));
-        }
-        for (const HANDLE hThread : threads) {
-            world.Join(hThread);
-        }
-        EXPECT_EQ(world.NowMs(), 7u + 80u * 600'000u);
-        first = nRun == 0 ? world.Trace() : first;
-        EXPECT_EQ(world.Trace(), first);
-    }
-}
-
 // At one moment actions come first, then threads by the time they began to wait; what comes with
 // the time-out is in time.
 TEST(SimulatedHost, WhatIsDueComesInItsOrderAtItsMillisecond) {

@@ -164,10 +164,9 @@ class CWorld {
                        FILETIME ftWrite = {}); // makes the folders too
     std::optional<Bytes> ReadHostFile(const std::string& strPath) const;
     bool HostFileExists(const std::string& strPath) const;
-    bool HostFolderExists(const std::string& strPath) const;
     void MakeHostFolder(const std::string& strPath); // and those above it
-    // Paths of all files (or folders) below a folder, relative to it, with forward slashes, sorted.
-    std::vector<std::string> HostFiles(const std::string& strFolder, bool bFolders = false) const;
+    // Paths of all files below a folder, relative to it, with forward slashes, sorted.
+    std::vector<std::string> HostFiles(const std::string& strFolder) const;
     // Null when missing. The record is as old as the latest call for that path.
     CHostFile* HostFile(const std::string& strPath);
     std::uint32_t nRandomNumber = 0; // the latest that the system gave out

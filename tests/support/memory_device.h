@@ -75,8 +75,11 @@ class CMemoryDevice {
     void EndProgram(std::size_t nProgram, std::uint32_t dwStatus);
     std::vector<agent::CDeviceProcesses::CVariables> Messages() const; // for message commands
 
+    // For whoever serves it: an entry has been written; a new one, like another.
+    void Touch(CMemoryEntry& entry);
+    Entry Make(const CMemoryEntry& from);
+
   private:
-    friend class CMemoryFolder;
     friend class CMemoryProcesses;
 
     std::uint64_t m_ftNow = 133'000'000'000'000'000;
