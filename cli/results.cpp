@@ -99,7 +99,11 @@ MEANING Explain(Action action, Stage stage, DWORD dwState) {
         return {EXIT_NO_SPACE, "no_space", NoSpaceSentence(action)};
     case DAKERROR_DEVICE_REFUSED:
         return {EXIT_FAILED, "refused",
-                "the device refused the data: the place may not be written; choose another one"};
+                action == Action::Push
+                    ? "the device could not take all of the files: what is in their place there, "
+                      "or the folder, may not be written"
+                    : "the device refused the data: the place may not be written; choose another "
+                      "one"};
     case DAKERROR_FOLDER_SPACE:
         return {EXIT_FAILED, "refused",
                 "the device does not tell the space of that folder: see that the path is right"};
