@@ -2,8 +2,7 @@
 // behind its last one whether they are there.
 #pragma once
 
-#include "cli/device_tree.h"
-#include "cli/host_tree.h"
+#include "cli/pushed_file.h"
 #include "cli/report.h"
 
 #include "link/dak_vorn.h"
@@ -12,29 +11,9 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace cli {
-
-// What is known of a file that is to be on the device.
-enum class Fate {
-    NotSent,
-    Open,      // sent, or begun, and nobody has said what became of it
-    Confirmed, // the device has confirmed its bytes
-    Changed,   // here, while it was sent
-    // And when the device has been asked:
-    There,
-    Missing,
-    OtherSize,
-    OtherTime, // of its size, but as if it were the file that was there before
-};
-
-struct PUSHED {
-    const HOSTENTRY* pEntry;
-    Fate eFate = Fate::NotSent;
-};
 
 // Why the copy is not to begin: DEST is no folder, there is no room for the files, or no link.
 // Nothing where there is a place for them, and where the device does not tell. A file that is
@@ -50,16 +29,5 @@ using OnFolder =
 // whose folder could not be listed keeps what it had. The meaning is that of DEVICETREE.
 MEANING LookForPushed(CONTEXT& context, CDAKVorn& dak, const std::string& strDest,
                       std::vector<PUSHED>& files, const OnFolder& onFolder);
-
-// What the device's entry makes of a file that was sent; null when there is none.
-Fate JudgePushed(const HOSTENTRY& sent, const DEVICEENTRY* pFound);
-
-// The most bytes that are there at a time beyond those that were, when the files come one after the
-// other and each takes the place of one of so many bytes.
-struct REPLACED {
-    std::uint64_t qwNew;
-    std::uint64_t qwOld;
-};
-std::uint64_t RoomNeeded(const std::vector<REPLACED>& files);
 
 } // namespace cli
