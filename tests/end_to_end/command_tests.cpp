@@ -88,7 +88,7 @@ TEST(Command, WorksOnFiles) {
                         {"push --json huge /", 6, "Nothing was copied"},
                         {"push --no-verify --json huge /", 6, "\"no_space\""},
                         {"push huge /b/x", 5, "\\b is a file of the device"},
-                        {"run /b", 5, "though it is there"}});
+                        {"run /New", 5, "it is a folder"}});
     EXPECT_TRUE(world.pDevice->Files() == (TREE{{"b", "b"},
                                                 {"Docs/a", "a"},
                                                 {"Docs/d\x1b[2J", "d"},
