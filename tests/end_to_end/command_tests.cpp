@@ -50,7 +50,7 @@ TEST(Command, ToldWrongOrWithoutADeviceDoesNothing) {
                         {"pull /f f", 8, "cannot be made or used"},
                         {"push --json f /", 3, "\"no_device\""},
                         {"pull /f made", 3, ""},
-                        {"write /f", 3, "no device is attached, or it does not answer"},
+                        {"write /f", 3, "the device is not attached, or it does not answer"},
                         {"push --help", 0, "dak push notes.txt /Docs"}});
     EXPECT_FALSE(exists(world.folder / "host/made"));
 }
@@ -60,7 +60,7 @@ TEST(Command, WorksOnFiles) {
     world.pDevice->Write({{"a", "a"}, {"b", "b"}, {"Docs/c", "c"}, {"Docs/d\x1b[2J", "d"}});
     world.pDevice->Plug();
     world.folder.Write("host/huge", std::string(21'000'000, 'h'));
-    ExpectVerbs(world, {{"status", 0, "a device is attached and answers\n"},
+    ExpectVerbs(world, {{"status", 0, " is attached and answers\n"},
                         {"mkdir /New", 0, "made \\New\n"},
                         {"mkdir --json /New", 5, "\"failed\""},
                         {"write /New/\xE6\xBC\xA2", 0, "wrote 300004 bytes to \\New\\\xE6\xBC\xA2"},
@@ -175,6 +175,9 @@ TEST(Command, EndsInOrderWhateverItsPipesDo) {
         const bool bWrites = nExit == 130 && strWords[0] == 'w';
         CSurroundings found;
         found.streams[bWrites ? 0 : 1] = pipe[bWrites ? 0 : 1];
+        if (strWords[0] == 'p') { // between its two sentences
+            world.pDevice->HoldAfter(EWay::ToDevice, 100'000);
+        }
         const auto pDak = world.Start(std::string("dak ") + strWords, found);
         char chFirst = 0;
         EXPECT_TRUE(bWrites ? HasBegun(world, 2) : ::read(pipe[0], &chFirst, 1) == 1);
@@ -183,6 +186,7 @@ TEST(Command, EndsInOrderWhateverItsPipesDo) {
             EXPECT_EQ(pDak->End(), nExit);
         }
         ::close(pipe[bWrites ? 1 : 0]);
+        world.pDevice->GoOn();
         EXPECT_EQ(pDak->End(), nExit);
         EXPECT_EQ(pDak->Says("cancelled"), strWords[0] != 'c' || nExit == 130) << pDak->Errors();
     }
