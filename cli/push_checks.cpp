@@ -150,7 +150,7 @@ void JudgeFolder(CONTEXT& context, CDAKVorn& dak, const std::string& strDest,
         const auto it = content.find(SplitDevicePath(strPath).strName);
         if (it != content.end()) {
             file.eFate = JudgePushed(*file.pEntry, &it->second);
-        } else if (bNoFolder) {
+        } else if (bNoFolder || (bWhole && nQuestionsLeft == 0)) {
             file.eFate = Fate::Missing;
         } else if (nQuestionsLeft > 0) {
             --nQuestionsLeft;
@@ -162,8 +162,6 @@ void JudgeFolder(CONTEXT& context, CDAKVorn& dak, const std::string& strDest,
                 file.eFate = JudgePushed(*file.pEntry,
                                          description.meaning.nExit == EXIT_DONE ? &entry : nullptr);
             }
-        } else if (bWhole) {
-            file.eFate = Fate::Missing;
         }
     }
 }
