@@ -15,12 +15,19 @@ enum class Stream { In, Out, Error };
 // main.
 std::vector<std::string> Words(int argc, char** argv);
 
+// Puts nothing in the place of what is closed of standard input, output and error, so that no file
+// or socket that is opened later gets what is printed. Called before anything else.
+void OpenStreams();
+
 // Prints UTF-8 text to Out or Error, which show as they are printed from here alone. A terminal
 // gets characters, everything else the bytes. Failures are kept for Flush.
 void Print(Stream stream, std::string_view strText);
 
 // Hands on what Print has kept back; false when some text could not be written to standard output.
 bool Flush();
+
+// Whether Print or Flush found that nobody reads standard output or error any more.
+bool ReaderGone();
 
 // Whether the stream is a terminal; for Out and Error, one that can redraw a line.
 bool IsTerminal(Stream stream);
@@ -29,8 +36,8 @@ bool IsTerminal(Stream stream);
 int Width();
 
 // While an object lives, the first request to end the command (Ctrl-C, or the system's own) is kept
-// for Requested, and a second one ends the process at once with exit status 130. There is one
-// object at a time.
+// for Requested, and a second one ends the process at once with exit status 130. A reader of the
+// output that goes is a request as well, and no signal. There is one object at a time.
 class CInterrupts {
   public:
     CInterrupts();

@@ -2,6 +2,7 @@
 
 #include "cli/results.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -19,15 +20,19 @@
 namespace console {
 namespace {
 
-constexpr std::array<int, 2> CAUGHT = {SIGINT, SIGTERM};
+constexpr std::array<int, 4> CAUGHT = {SIGINT, SIGTERM, SIGQUIT, SIGHUP};
 
 std::atomic<int> g_nInterrupts{0};
 static_assert(std::atomic<int>::is_always_lock_free);
 
 std::array<struct sigaction, CAUGHT.size()> g_oldActions;
+struct sigaction g_oldPipeAction;
 
-extern "C" void TakeInterrupt(int /*nSignal*/) {
-    if (g_nInterrupts.fetch_add(1) > 0) {
+std::atomic<bool> g_bReaderGone{false};
+
+extern "C" void TakeInterrupt(int nSignal) {
+    // A terminal that closes says so once more through its shell; nobody is impatient then.
+    if (g_nInterrupts.fetch_add(1) > 0 && nSignal != SIGHUP) {
         _exit(cli::EXIT_CANCELLED);
     }
 }
@@ -46,6 +51,13 @@ bool WaitFor(int fd, short sEvents) {
     return false;
 }
 
+// Behind a failed write to standard output or error.
+void NoteFailure() {
+    if (errno == EPIPE) {
+        g_bReaderGone = true;
+    }
+}
+
 // Whether a read or write that brought nothing is to be tried again.
 bool IsPassing(int nError) {
     return nError == EINTR || nError == EAGAIN || nError == EWOULDBLOCK;
@@ -58,12 +70,32 @@ std::vector<std::string> Words(int argc, char** argv) {
     return {words.begin(), words.end()};
 }
 
+void OpenStreams() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        // The lowest that is free is the one that has just been found closed.
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
+            return;
+        }
+    }
+}
+
 void Print(Stream stream, std::string_view strText) {
-    std::fwrite(strText.data(), 1, strText.size(), stream == Stream::Out ? stdout : stderr);
+    FILE* const pFile = stream == Stream::Out ? stdout : stderr;
+    if (std::fwrite(strText.data(), 1, strText.size(), pFile) < strText.size()) {
+        NoteFailure();
+    }
 }
 
 bool Flush() {
-    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    if (std::fflush(stdout) != 0) {
+        NoteFailure();
+        return false;
+    }
+    return std::ferror(stdout) == 0;
+}
+
+bool ReaderGone() {
+    return g_bReaderGone;
 }
 
 bool IsTerminal(Stream stream) {
@@ -94,16 +126,21 @@ CInterrupts::CInterrupts() {
             sigaction(CAUGHT[i], &g_oldActions[i], nullptr);
         }
     }
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, &g_oldPipeAction);
 }
 
 CInterrupts::~CInterrupts() {
     for (std::size_t i = 0; i < CAUGHT.size(); ++i) {
         sigaction(CAUGHT[i], &g_oldActions[i], nullptr);
     }
+    if (!g_bReaderGone) {
+        sigaction(SIGPIPE, &g_oldPipeAction, nullptr);
+    }
 }
 
 bool CInterrupts::Requested() {
-    return g_nInterrupts > 0;
+    return g_nInterrupts > 0 || g_bReaderGone;
 }
 
 Flow ReadInput(void* lpBuffer, std::size_t nBytes, std::size_t& nRead) {

@@ -20,6 +20,7 @@ namespace {
 
 std::atomic<int> g_nInterrupts{0};
 std::atomic<bool> g_bCaught{false}; // a CInterrupts lives
+std::atomic<bool> g_bReaderGone{false};
 
 // Called by the system on a thread of its own.
 BOOL WINAPI TakeInterrupt(DWORD dwEvent) {
@@ -42,6 +43,14 @@ FILE* FileOf(Stream stream) {
     // Without this the line ends would change.
     _setmode(_fileno(pFile), _O_BINARY);
     return pFile;
+}
+
+// Behind a failed write to standard output or error.
+void NoteFailure(Stream stream) {
+    // The runtime has no word of its own for every way in which a pipe can end.
+    if (::GetFileType(windows::HandleOf(stream)) == FILE_TYPE_PIPE) {
+        g_bReaderGone = true;
+    }
 }
 
 using windows::HandleOf;
@@ -97,21 +106,42 @@ std::vector<std::string> Words(int /*argc*/, char** /*argv*/) {
     return words;
 }
 
+// Handles are not given out anew as descriptors are, but the runtime's own calls want a file.
+void OpenStreams() {
+    const auto open = [](FILE* pFile, const char* lpszMode) {
+        if (_fileno(pFile) < 0) {
+            static_cast<void>(std::freopen("NUL", lpszMode, pFile));
+        }
+    };
+    open(stdin, "r");
+    open(stdout, "w");
+    open(stderr, "w");
+}
+
 void Print(Stream stream, std::string_view strText) {
     const HANDLE hStream = HandleOf(stream);
     if (IsConsole(hStream)) {
         windows::WriteToConsole(hStream, strText);
     } else {
         FILE* const pFile = FileOf(stream);
-        std::fwrite(strText.data(), 1, strText.size(), pFile);
-        if (stream == Stream::Error) {
-            std::fflush(pFile); // which not every version of the runtime does by itself
+        // Standard error is not flushed by itself in every version of the runtime.
+        if (std::fwrite(strText.data(), 1, strText.size(), pFile) < strText.size() ||
+            (stream == Stream::Error && std::fflush(pFile) != 0)) {
+            NoteFailure(stream);
         }
     }
 }
 
 bool Flush() {
-    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    if (std::fflush(stdout) != 0) {
+        NoteFailure(Stream::Out);
+        return false;
+    }
+    return std::ferror(stdout) == 0;
+}
+
+bool ReaderGone() {
+    return g_bReaderGone;
 }
 
 bool IsTerminal(Stream stream) {
@@ -138,7 +168,7 @@ CInterrupts::~CInterrupts() {
 }
 
 bool CInterrupts::Requested() {
-    return g_nInterrupts > 0;
+    return g_nInterrupts > 0 || g_bReaderGone;
 }
 
 } // namespace console

@@ -34,8 +34,9 @@ std::string FormatSome(const std::vector<std::string>& names);
 // What is said on Ctrl-C, while the library cuts the job short.
 void SayCancelling(const CONTEXT& context);
 
-// paths: at least one source, then the destination.
-void RunPush(CONTEXT& context, std::vector<std::string> paths);
+// paths: at least one source, then the destination. bVerify: the device is asked for room ahead of
+// the copy, and for what it has behind it.
+void RunPush(CONTEXT& context, std::vector<std::string> paths, bool bVerify);
 void RunPull(CONTEXT& context, std::vector<std::string> paths);
 
 } // namespace cli

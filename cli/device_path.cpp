@@ -2,6 +2,7 @@
 
 #include "cli/text.h"
 
+#include <algorithm>
 #include <cstddef>
 
 namespace cli {
@@ -31,6 +32,30 @@ DEVICEPATH SplitDevicePath(const std::string& strNormalPath) {
 
 bool NamesFolder(std::string_view strPath) {
     return strPath.ends_with('/') || strPath.ends_with('\\');
+}
+
+const char* DevicePathFault(std::string_view strPath) {
+    constexpr std::string_view strReserved = ".dak-";
+    const auto isLetter = [](char ch) {
+        return ('a' <= ch && ch <= 'z') || ('A' <= ch && ch <= 'Z');
+    };
+    strPath.remove_prefix(strPath.starts_with('\\') ? 1 : 0);
+    if (strPath.size() > 1 && isLetter(strPath[0]) && strPath[1] == ':') {
+        return "it begins like a drive, which a device does not have";
+    }
+    while (!strPath.empty()) {
+        const std::string_view strName = strPath.substr(0, strPath.find('\\'));
+        strPath.remove_prefix(std::min(strName.size() + 1, strPath.size()));
+        if (strName == "..") {
+            return "a device takes no \"..\"";
+        }
+        if (std::ranges::equal(strName.substr(0, strReserved.size()), strReserved, {}, [](char ch) {
+                return 'A' <= ch && ch <= 'Z' ? ch - 'A' + 'a' : ch;
+            })) {
+            return "a device keeps names that begin with .dak- for itself";
+        }
+    }
+    return nullptr;
 }
 
 std::string JoinDevicePath(const std::string& strFolder, std::string_view strName) {

@@ -24,6 +24,10 @@ DEVICEPATH SplitDevicePath(const std::string& strNormalPath);
 // Whether a path as it was written ends in a separator, and so names a folder.
 bool NamesFolder(std::string_view strPath);
 
+// Why no device takes a normal path, or one below a folder; null when one may. A device keeps names
+// for itself, and no path leads above its root.
+const char* DevicePathFault(std::string_view strPath);
+
 // A normal folder path and a name below it.
 std::string JoinDevicePath(const std::string& strFolder, std::string_view strName);
 

@@ -133,6 +133,9 @@ class CWalk {
         if (!Utf8ToWide(strLastName)) {
             return "its name is not valid UTF-8: rename it";
         }
+        if (const char* const lpszFault = DevicePathFault(strName)) {
+            return lpszFault + std::string(": rename it");
+        }
         if (!ToLibraryText(m_pGroup->strSource + "/" + strName)) {
             return "its path has characters that this system's code page lacks: rename it";
         }

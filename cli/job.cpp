@@ -12,7 +12,7 @@
 namespace cli {
 namespace {
 
-constexpr DWORD POLL_MS = 100;
+constexpr DWORD POLL_MS = 50;
 
 // How long a job that has been cut short may take to end in order. Its worker may be waiting for a
 // device that hangs, and would go on waiting.

@@ -39,8 +39,8 @@ struct JOBOUTCOME {
     COPYSTATUS last;         // before the end
 };
 
-// Runs a job and waits for its end. onStatus is called ten times a second, first when the job has
-// started; onCancel once, when a request to end has come (console::CInterrupts) and the job is
+// Runs a job and waits for its end. onStatus is called twenty times a second, first when the job
+// has started; onCancel once, when a request to end has come (console::CInterrupts) and the job is
 // being cut short.
 JOBOUTCOME RunCopyJob(CDAKVorn& dak, COPYJOB& job,
                       const std::function<void(const COPYSTATUS&)>& onStatus,

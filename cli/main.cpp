@@ -139,6 +139,7 @@ int ParseAndRun(const std::vector<std::string>& words, cli::CONTEXT& context) {
 } // namespace
 
 int main(int argc, char** argv) {
+    console::OpenStreams();
     cli::CONTEXT context;
     int nExit = cli::EXIT_HOST;
     try {
@@ -146,9 +147,12 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         console::Print(console::Stream::Error, std::string("dak: ") + error.what() + "\n");
     }
-    if (!console::Flush()) {
+    if (!console::Flush() && !console::ReaderGone()) {
         console::Print(console::Stream::Error, "dak: the output could not be written\n");
         nExit = nExit == cli::EXIT_DONE ? int{cli::EXIT_HOST} : nExit;
+    }
+    if (console::ReaderGone() && nExit == cli::EXIT_DONE) {
+        nExit = cli::EXIT_NO_READER;
     }
     if (context.bAbandoned) {
         std::_Exit(nExit);

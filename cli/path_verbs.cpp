@@ -3,6 +3,7 @@
 #include "cli/patience.h"
 #include "cli/text.h"
 #include "cli/verbs.h"
+#include "cli/verdict.h"
 
 #include "link/dak_vorn.h"
 
@@ -39,7 +40,7 @@ void RunPathVerb(CONTEXT& context, const PATHVERB& verb, const std::string& strA
         const CPatience patience(context);
         dwResult = verb.operation(dak, Utf8ToWide(*strPath)->c_str());
     }
-    MEANING meaning = ExplainOperation(verb.action, dwResult, dak.GetLastError());
+    MEANING meaning = JudgeOperation(context, dak, verb.action, dwResult);
     meaning.strSentence = meaning.nExit == EXIT_DONE ? verb.lpszDone + (" " + *strPath)
                                                      : *strPath + ": " + meaning.strSentence;
     Finish(context, verb.lpszName, meaning, {{"path", *strPath}});
@@ -107,7 +108,7 @@ void RunTwoPathVerb(CONTEXT& context, const TWOPATHVERB& verb, const TWOPATHS& a
             verb.operation(dak, Utf8ToWide(*strSource)->c_str(), Utf8ToWide(strDest)->c_str());
     }
     const std::string strBoth = *strSource + " to " + strDest;
-    MEANING meaning = ExplainOperation(verb.action, dwResult, dak.GetLastError());
+    MEANING meaning = JudgeOperation(context, dak, verb.action, dwResult);
     meaning.strSentence = meaning.nExit == EXIT_DONE ? verb.lpszDone + (" " + strBoth)
                                                      : strBoth + ": " + meaning.strSentence;
     Finish(context, verb.lpszName, meaning, object);

@@ -4,11 +4,13 @@
 #include "cli/host_names.h"
 #include "cli/host_tree.h"
 #include "cli/progress.h"
+#include "cli/push_checks.h"
 #include "cli/text.h"
 
 #include <algorithm>
 #include <chrono>
 #include <optional>
+#include <span>
 #include <unordered_map>
 
 #include <nlohmann/json.hpp>
@@ -16,26 +18,38 @@
 namespace cli {
 namespace {
 
-// A push in work: the jobs of its groups one after the other.
+// The device ended the job with a verdict that does not tell which files it kept.
+bool DeviceGaveUp(const JOBOUTCOME& outcome) {
+    return outcome.dwState == DAKERROR_NO_SPACE || outcome.dwState == DAKERROR_DEVICE_REFUSED;
+}
+
+// A push in work: the jobs of its groups one after the other, and a look at what they brought.
 class CPush {
   public:
-    CPush(CONTEXT& context, HOSTTREE tree, std::string strDest)
-        : m_context(context), m_tree(std::move(tree)), m_strDest(std::move(strDest)),
-          m_display(context), m_qwBytesInAll(m_tree.Bytes()) {}
+    CPush(CONTEXT& context, HOSTTREE tree, std::string strDest, bool bVerify);
 
     void Run();
 
   private:
+    void RunGroups(COPYSESSION& session);
     JOBOUTCOME RunGroup(COPYSESSION& session, const PUSHGROUP& group);
     void ShowStatus(const PUSHGROUP& group, const COPYSTATUS& status);
-    void Judge(const PUSHGROUP& group, const JOBOUTCOME& outcome);
-    void Report(const JOBOUTCOME& outcome, double dSeconds);
+    void Judge(const PUSHGROUP& group, std::span<PUSHED> files, const JOBOUTCOME& outcome);
+    bool MayVerify() const;
+    void Verify(CDAKVorn& dak);
+    void NameWhatIsNotThere();
+    void Sum();
+    MEANING Conclude(double dSeconds);
+    std::string Arrivals() const;
+    void Finish(const MEANING& meaning, double dSeconds);
 
     CONTEXT& m_context;
     HOSTTREE m_tree;
     std::string m_strDest;
+    bool m_bVerify;
     CProgressDisplay m_display;
     std::uint64_t m_qwBytesInAll;
+    std::vector<PUSHED> m_files; // those of all groups, in their order
 
     // Of the group in work.
     std::unordered_map<std::string, std::size_t> m_indexOf;
@@ -43,13 +57,26 @@ class CPush {
     std::size_t m_nCurrent = 0;        // the file in work
     std::uint64_t m_qwBytesBefore = 0; // of the files ahead of it, those of earlier groups included
 
-    // What is on the device for certain.
+    JOBOUTCOME m_outcome;          // of the last job
+    std::string m_strFailedAt;     // the file that a job which failed was at, where that is known
+    std::optional<MEANING> m_look; // how the look at the device ended
+    std::vector<LEFTOUT> m_notThere;
+
+    // What is on the device for certain, and the files of which that cannot be said.
     std::size_t m_nArrived = 0;
     std::uint64_t m_qwArrived = 0;
-    // The device ended the job with a verdict that does not tell which files it kept.
-    bool m_bArrivalsUnknown = false;
     std::vector<std::string> m_unconfirmed;
 };
+
+CPush::CPush(CONTEXT& context, HOSTTREE tree, std::string strDest, bool bVerify)
+    : m_context(context), m_tree(std::move(tree)), m_strDest(std::move(strDest)),
+      m_bVerify(bVerify), m_display(context), m_qwBytesInAll(m_tree.Bytes()) {
+    for (const PUSHGROUP& group : m_tree.groups) {
+        for (const HOSTENTRY& entry : group.entries) {
+            m_files.push_back({&entry});
+        }
+    }
+}
 
 void CPush::ShowStatus(const PUSHGROUP& group, const COPYSTATUS& status) {
     const auto itIndex = m_indexOf.find(status.strSource);
@@ -106,122 +133,208 @@ JOBOUTCOME CPush::RunGroup(COPYSESSION& session, const PUSHGROUP& group) {
     return outcome;
 }
 
-// Sorts the group's files into those that arrived and the others.
-void CPush::Judge(const PUSHGROUP& group, const JOBOUTCOME& outcome) {
-    const std::vector<CHANGED> changed =
-        outcome.bStarted ? ChangedSince(group) : std::vector<CHANGED>();
-    const bool bWhole = outcome.bStarted && outcome.dwState == DAKERROR_NONE;
-    std::size_t nConfirmed = 0;
-    if (bWhole) {
-        nConfirmed = group.entries.size();
-    } else if (outcome.dwState == DAKERROR_NO_SPACE || outcome.dwState == DAKERROR_DEVICE_REFUSED) {
-        m_bArrivalsUnknown = true;
-    } else if (const auto itIndex = m_indexOf.find(outcome.last.strSource);
-               outcome.bStarted && itIndex != m_indexOf.end()) {
+// What the job's end tells of the group's files.
+void CPush::Judge(const PUSHGROUP& group, std::span<PUSHED> files, const JOBOUTCOME& outcome) {
+    if (!outcome.bStarted) {
+        return;
+    }
+    const std::vector<CHANGED> changed = ChangedSince(group);
+    const bool bWhole = outcome.dwState == DAKERROR_NONE;
+    const auto itIndex = m_indexOf.find(outcome.last.strSource);
+    const bool bTold = !bWhole && itIndex != m_indexOf.end();
+    std::size_t nConfirmed = bWhole ? files.size() : 0;
+    if (bTold && !DeviceGaveUp(outcome)) {
+        m_strFailedAt = HostPath(itIndex->first);
         nConfirmed = ConfirmedFiles(group, itIndex->second,
                                     outcome.last.bSettled ? outcome.last.qwCopied : 0);
         // Behind a file that did not go as it was listed, nothing is where the count has it.
         nConfirmed = changed.empty() ? nConfirmed : std::min(nConfirmed, changed.front().nEntry);
     }
-    auto itChanged = changed.begin();
-    for (std::size_t i = 0; i < group.entries.size(); ++i) {
-        const bool bChanged = itChanged != changed.end() && itChanged->nEntry == i;
-        if (bChanged) {
-            m_tree.leftOut.push_back((itChanged++)->leftOut);
-        }
-        if (bChanged || i >= nConfirmed) {
-            if (!bChanged) {
-                m_unconfirmed.push_back(HostPath(group.entries[i].strEntry));
-            }
-            continue;
-        }
-        ++m_nArrived;
-        m_qwArrived += group.entries[i].qwSize;
-    }
-    if (m_context.output.bJson) {
-        return;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        files[i].eFate = i < nConfirmed ? Fate::Confirmed : Fate::Open;
     }
     m_display.Clear();
     for (const CHANGED& entry : changed) {
+        files[entry.nEntry].eFate = Fate::Changed;
+        m_tree.leftOut.push_back(entry.leftOut);
         Complain(m_context, entry.leftOut.strPath + ": " + entry.leftOut.strReason);
     }
 }
 
-void CPush::Report(const JOBOUTCOME& outcome, double dSeconds) {
+// Behind a request to end nobody wants to wait, and a link that broke has no answer.
+bool CPush::MayVerify() const {
+    return m_bVerify && m_outcome.bStarted && !m_outcome.bCancelled &&
+           m_outcome.dwState != DAKERROR_NO_DEVICE;
+}
+
+void CPush::Verify(CDAKVorn& dak) {
+    m_look =
+        LookForPushed(m_context, dak, m_strDest, m_files,
+                      [&](const std::string& strFolder, std::size_t nDone, std::size_t nFolders) {
+                          m_display.ShowCount("verifying " + strFolder, nDone, nFolders);
+                      });
     m_display.Clear();
-    const std::size_t nFiles = m_tree.Files();
-    MEANING meaning =
-        Explain(Action::Push, outcome.bStarted ? Stage::Running : Stage::Opening, outcome.dwState);
-    if (outcome.bCancelled) {
-        meaning = Explain(Action::Push, Stage::Running, DAKERROR_CANCELLED);
+    NameWhatIsNotThere();
+}
+
+void CPush::NameWhatIsNotThere() {
+    for (const PUSHED& file : m_files) {
+        const char* const lpszReason =
+            file.eFate == Fate::Missing     ? "it is not on the device"
+            : file.eFate == Fate::OtherSize ? "the device has a file of another size in its place"
+            : file.eFate == Fate::OtherTime
+                ? "what the device has in its place has another time, as a file that was there "
+                  "before"
+                : nullptr;
+        if (lpszReason != nullptr) {
+            m_notThere.push_back({HostPath(file.pEntry->strEntry), lpszReason});
+            Complain(m_context, m_notThere.back().strPath + ": " + lpszReason);
+        }
     }
-    if (meaning.nExit == EXIT_DONE) {
-        meaning.strSentence =
-            "pushed " + FormatAmount(m_nArrived, m_qwArrived, dSeconds) + " to " + m_strDest;
-        if (!m_tree.leftOut.empty()) {
+}
+
+// The files that arrived, and what is not so certain.
+std::string CPush::Arrivals() const {
+    if (m_look) {
+        std::string strText = ". On the device: " + std::to_string(m_nArrived) + " of " +
+                              Count(m_files.size(), "file");
+        const std::size_t nUnseen = m_unconfirmed.size() - m_notThere.size();
+        return nUnseen == 0 ? strText
+                            : strText + "; not sent, or not verified: " + std::to_string(nUnseen);
+    }
+    if (DeviceGaveUp(m_outcome)) {
+        return ". Which files it kept is not known";
+    }
+    return ". The device had confirmed " + std::to_string(m_nArrived) + " of " +
+           Count(m_files.size(), "file") +
+           (m_unconfirmed.empty()
+                ? ""
+                : "; not there, or not for certain: " + FormatSome(m_unconfirmed));
+}
+
+MEANING CPush::Conclude(double dSeconds) {
+    MEANING meaning = Explain(Action::Push, m_outcome.bStarted ? Stage::Running : Stage::Opening,
+                              m_outcome.dwState);
+    const std::string strPushed =
+        "pushed " + FormatAmount(m_nArrived, m_qwArrived, dSeconds) + " to " + m_strDest;
+    if (m_outcome.bCancelled) {
+        meaning = Explain(Action::Push, Stage::Running, DAKERROR_CANCELLED);
+        meaning.strSentence +=
+            m_unconfirmed.empty() ? " when all of it had been sent: " + strPushed + "; not verified"
+                                  : Arrivals();
+        return meaning;
+    }
+    if (meaning.nExit != EXIT_DONE) {
+        meaning.strSentence +=
+            m_strFailedAt.empty() ? "" : "; the file in work was " + m_strFailedAt;
+        meaning.strSentence += m_outcome.bStarted || m_nArrived > 0 ? Arrivals() : "";
+        return meaning;
+    }
+    meaning.strSentence = strPushed;
+    const std::size_t nUnseen = m_unconfirmed.size() - m_notThere.size();
+    if (!m_look) {
+        meaning.strSentence += "; not verified";
+    } else if (m_look->nExit == EXIT_CANCELLED) {
+        meaning = *m_look;
+        meaning.strSentence += " when all of it had been sent, and " + std::to_string(m_nArrived) +
+                               " of " + Count(m_files.size(), "file") + " had been verified";
+        return meaning;
+    } else if (m_unconfirmed.empty()) {
+        meaning.strSentence += "; verified";
+    }
+    const auto tell = [&](const char* lpszWhat, std::size_t nCount) {
+        if (nCount > 0) {
             meaning.nExit = EXIT_PARTIAL;
             meaning.lpszKey = "partial";
-            meaning.strSentence += "; left out: " + std::to_string(m_tree.leftOut.size());
+            meaning.strSentence += lpszWhat + std::to_string(nCount);
         }
-    } else if (outcome.bStarted || m_nArrived > 0) {
-        meaning.strSentence +=
-            m_bArrivalsUnknown
-                ? ". Which files it kept is not known"
-                : ". The device had confirmed " + std::to_string(m_nArrived) + " of " +
-                      Count(nFiles, "file") +
-                      (m_unconfirmed.empty()
-                           ? ""
-                           : "; not there, or not for certain: " + FormatSome(m_unconfirmed));
+    };
+    tell("; not there as they were sent: ", m_notThere.size());
+    tell("; sent, but not verified: ", nUnseen);
+    tell("; left out: ", m_tree.leftOut.size());
+    if (m_look && m_look->nExit != EXIT_DONE) {
+        meaning.strSentence += " (" + m_look->strSentence + ")";
     }
+    return meaning;
+}
+
+void CPush::Finish(const MEANING& meaning, double dSeconds) {
     nlohmann::json object = {{"destination", m_strDest},
-                             {"files", nFiles},
+                             {"files", m_files.size()},
                              {"bytes", m_qwBytesInAll},
                              {"seconds", dSeconds},
+                             {"verified", m_look && m_look->nExit == EXIT_DONE},
+                             {"not_there", LeftOutJson(m_notThere)},
                              {"unconfirmed", m_unconfirmed},
                              {"left_out", LeftOutJson(m_tree.leftOut)},
                              {"empty_folders", m_tree.emptyFolders}};
-    if (m_bArrivalsUnknown) {
-        object["files_arrived"] = nullptr;
-        object["bytes_arrived"] = nullptr;
-    } else {
-        object["files_arrived"] = m_nArrived;
-        object["bytes_arrived"] = m_qwArrived;
+    const bool bKnown = m_look || !DeviceGaveUp(m_outcome);
+    object["files_arrived"] = bKnown ? nlohmann::json(m_nArrived) : nlohmann::json();
+    object["bytes_arrived"] = bKnown ? nlohmann::json(m_qwArrived) : nlohmann::json();
+    cli::Finish(m_context, "push", meaning, std::move(object));
+}
+
+void CPush::Sum() {
+    for (const PUSHED& file : m_files) {
+        if (file.eFate == Fate::There || (!m_look && file.eFate == Fate::Confirmed)) {
+            ++m_nArrived;
+            m_qwArrived += file.pEntry->qwSize;
+        } else if (file.eFate != Fate::Changed) {
+            m_unconfirmed.push_back(HostPath(file.pEntry->strEntry));
+        }
     }
-    Finish(m_context, "push", meaning, std::move(object));
+}
+
+void CPush::RunGroups(COPYSESSION& session) {
+    std::size_t nFirst = 0;
+    for (const PUSHGROUP& group : m_tree.groups) {
+        if (console::CInterrupts::Requested()) {
+            m_outcome.bCancelled = true;
+        }
+        // Behind a job that failed the others are not tried: what broke it would break them.
+        if (m_outcome.dwState != DAKERROR_NONE || m_outcome.bCancelled) {
+            return;
+        }
+        m_outcome = RunGroup(session, group);
+        Judge(group, std::span(m_files).subspan(nFirst, group.entries.size()), m_outcome);
+        nFirst += group.entries.size();
+    }
 }
 
 void CPush::Run() {
-    const auto start = std::chrono::steady_clock::now();
     auto pSession = std::make_unique<COPYSESSION>();
-    const console::CInterrupts interrupts;
-    JOBOUTCOME outcome;
-    for (const PUSHGROUP& group : m_tree.groups) {
-        // Behind a job that failed the others are not tried: what broke it would break them.
-        const bool bStop = outcome.dwState != DAKERROR_NONE || outcome.bCancelled;
-        if (!bStop && console::CInterrupts::Requested()) {
-            outcome.bCancelled = true;
-        }
-        if (bStop || outcome.bCancelled) {
-            for (const HOSTENTRY& entry : group.entries) {
-                m_unconfirmed.push_back(HostPath(entry.strEntry));
-            }
-            continue;
-        }
-        outcome = RunGroup(*pSession, group);
-        Judge(group, outcome);
+    if (const auto refusal =
+            m_bVerify ? FindNoPlace(m_context, pSession->dak, m_strDest, m_files) : std::nullopt) {
+        Sum();
+        Finish(*refusal, 0);
+        return;
     }
-    Report(outcome, SecondsSince(start));
-    EndSession(m_context, std::move(pSession), outcome);
+    const auto start = std::chrono::steady_clock::now();
+    const console::CInterrupts interrupts;
+    RunGroups(*pSession);
+    const double dSeconds = SecondsSince(start);
+    m_display.Clear();
+    if (MayVerify()) {
+        Verify(pSession->dak);
+    }
+    Sum();
+    Finish(Conclude(dSeconds), dSeconds);
+    EndSession(m_context, std::move(pSession), m_outcome);
 }
 
 } // namespace
 
-void RunPush(CONTEXT& context, std::vector<std::string> paths) {
+void RunPush(CONTEXT& context, std::vector<std::string> paths, bool bVerify) {
     const std::optional<std::string> strDest = NormalDevicePath(paths.back());
     paths.pop_back();
-    if (!strDest) {
-        Finish(context, "push",
-               {EXIT_USAGE, "usage", "DEST is empty or not valid UTF-8: give a device folder"}, {});
+    const char* const lpszFault =
+        strDest ? DevicePathFault(*strDest) : "it is empty or not valid UTF-8";
+    if (lpszFault != nullptr) {
+        Finish(
+            context, "push",
+            {EXIT_USAGE, "usage",
+             std::string("DEST cannot be on the device (") + lpszFault + "): give a device folder"},
+            {});
         return;
     }
     std::vector<std::string> sources;
@@ -241,7 +354,7 @@ void RunPush(CONTEXT& context, std::vector<std::string> paths) {
                 {"files", 0}});
         return;
     }
-    CPush(context, std::move(tree), *strDest).Run();
+    CPush(context, std::move(tree), *strDest, bVerify).Run();
 }
 
 } // namespace cli

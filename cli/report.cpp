@@ -47,7 +47,9 @@ void FinishData(CONTEXT& context, const char* lpszVerb, const MEANING& meaning,
 }
 
 void Finish(CONTEXT& context, const char* lpszVerb, MEANING meaning, nlohmann::json object) {
-    context.nExit = meaning.nExit;
+    // Without a reader a verb ends as if it had been asked to.
+    const bool bNoReader = meaning.nExit == EXIT_CANCELLED && console::ReaderGone();
+    context.nExit = bNoReader ? int{EXIT_NO_READER} : meaning.nExit;
     if (meaning.nExit == EXIT_NO_DEVICE && !context.strDevice.empty()) {
         meaning.strSentence += " (it was the device " + context.strDevice + ")";
     }

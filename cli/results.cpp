@@ -17,7 +17,7 @@ const char* const g_lpszExitStatusHelp =
     "  7    the device broke the protocol\n"
     "  8    something failed on this computer\n"
     "  9    a program on the device ended with another status than 0\n"
-    "  130  ended by Ctrl-C\n"
+    "  130  ended by Ctrl-C or a signal\n"
     "  141  the program that read the output has gone\n";
 
 namespace {
@@ -61,8 +61,9 @@ const char* FailSentence(Action action) {
         return "the device did not format it: \"dak storages\" shows the names, and an agent "
                "formats only when it was started with --allow-format";
     case Action::Run:
-        return "the device did not start it: see that the program is there, and that the agent was "
-               "started with --allow-exec";
+        return "the device did not start it: see that the program is there and may be executed, "
+               "and "
+               "that the agent was started with --allow-exec";
     case Action::IoControl:
         return "the device does not know that control code, or refused it: see the code, and the "
                "size of the input";
@@ -98,7 +99,11 @@ MEANING Explain(Action action, Stage stage, DWORD dwState) {
         return {EXIT_NO_SPACE, "no_space", NoSpaceSentence(action)};
     case DAKERROR_DEVICE_REFUSED:
         return {EXIT_FAILED, "refused",
-                "the device refused the data: the place may not be written; choose another one"};
+                action == Action::Push
+                    ? "the device could not take all of the files: what is in their place there, "
+                      "or the folder, may not be written"
+                    : "the device refused the data: the place may not be written; choose another "
+                      "one"};
     case DAKERROR_FOLDER_SPACE:
         return {EXIT_FAILED, "refused",
                 "the device does not tell the space of that folder: see that the path is right"};

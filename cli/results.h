@@ -18,7 +18,7 @@ enum ExitStatus : int {
     EXIT_PROTOCOL = 7,    // the device broke the protocol
     EXIT_HOST = 8,        // this computer: a file or folder here, memory, the output
     EXIT_PROGRAM = 9,     // a program on the device ended with another status than 0
-    EXIT_CANCELLED = 130, // ended by Ctrl-C
+    EXIT_CANCELLED = 130, // ended by Ctrl-C or a signal
     EXIT_NO_READER = 141, // who read the output has gone, as a shell shows the signal of that
 };
 

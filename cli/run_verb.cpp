@@ -1,8 +1,10 @@
+#include "cli/description.h"
 #include "cli/device_command.h"
 #include "cli/device_path.h"
 #include "cli/patience.h"
 #include "cli/text.h"
 #include "cli/verbs.h"
+#include "cli/verdict.h"
 
 #include "link/dak_vorn.h"
 
@@ -15,6 +17,24 @@
 
 namespace cli {
 namespace {
+
+// The device tells no reason. What it tells of the file leaves fewer of them.
+void LookWhyNotStarted(CONTEXT& context, CDAKVorn& dak, const std::string& strImage,
+                       MEANING& meaning) {
+    const bool bNameAlone = strImage.find('\\') == std::string::npos;
+    const DESCRIPTION description =
+        Describe(context, dak, bNameAlone ? JoinDevicePath("\\", strImage) : strImage);
+    if (description.dwResult == DAKERROR_FAIL && !bNameAlone) {
+        meaning.strSentence = "the device has no such program: see that the path is right";
+    } else if (description.meaning.nExit == EXIT_DONE) {
+        meaning.strSentence =
+            description.facts.IsFolder()
+                ? "it is a folder: give the path of a program"
+                : "the device did not start it, though it is there: either it lacks the permission "
+                  "to execute, which a copy does not bring, or the agent was started without "
+                  "--allow-exec";
+    }
+}
 
 void RunProgram(CONTEXT& context, const std::vector<std::string>& words, bool bWait) {
     if (words.empty() || words.front().starts_with('-')) {
@@ -49,7 +69,10 @@ void RunProgram(CONTEXT& context, const std::vector<std::string>& words, bool bW
         dwResult = dak.DAKCreateProcess(Utf8ToWide(*strImage)->c_str(), strLine->c_str(),
                                         bWait ? &dwStatus : nullptr);
     }
-    MEANING meaning = ExplainOperation(Action::Run, dwResult, dak.GetLastError());
+    MEANING meaning = JudgeOperation(context, dak, Action::Run, dwResult);
+    if (meaning.nExit == EXIT_FAILED) {
+        LookWhyNotStarted(context, dak, *strImage, meaning);
+    }
     nlohmann::json object = {{"image", *strImage}, {"waited", bWait}};
     if (meaning.nExit != EXIT_DONE) {
         meaning.strSentence = *strImage + ": " + meaning.strSentence;

@@ -2,9 +2,11 @@
 #include "cli/description.h"
 #include "cli/device_file.h"
 #include "cli/device_path.h"
+#include "cli/host_claim.h"
 #include "cli/patience.h"
 #include "cli/text.h"
 #include "cli/verbs.h"
+#include "cli/verdict.h"
 
 #include <array>
 #include <cstdint>
@@ -20,6 +22,10 @@
 namespace cli {
 namespace {
 
+// As many writes at a time have names that a later one has again.
+constexpr unsigned MOST_CLAIMS = 64;
+constexpr unsigned FIRST_RANDOM = 0x80000000;
+
 // Standard input on its way to a file of the device. It grows under a name of its own beside the
 // target, so that a file that was there survives a write that fails.
 class CWriting {
@@ -34,9 +40,13 @@ class CWriting {
     MEANING Place();
     MEANING Explained(Action action, DWORD dwResult);
     bool Remove(); // takes the part away
+    std::string Leftover() const;
 
     CONTEXT& m_context;
     std::string m_strPath;
+    // The name under which the input arrives is this computer's for as long as the process lives.
+    // The next write gets it again, and takes away what one left that was ended at once.
+    std::unique_ptr<CHostClaim> m_pClaim;
     std::string m_strPart;
     CDAKVorn m_dak;
     bool m_bReplaces = false;
@@ -45,14 +55,19 @@ class CWriting {
 
 CWriting::CWriting(CONTEXT& context, std::string strPath)
     : m_context(context), m_strPath(std::move(strPath)) {
-    std::random_device random;
+    unsigned dwPart = 0;
+    while (!m_pClaim && dwPart < MOST_CLAIMS) {
+        auto pClaim = std::make_unique<CHostClaim>("dak-write-" + std::to_string(++dwPart));
+        m_pClaim = pClaim->Holds() ? std::move(pClaim) : nullptr;
+    }
     std::array<char, 32> szName{};
-    std::snprintf(szName.data(), szName.size(), "~dak%08x.tmp", static_cast<unsigned>(random()));
+    std::snprintf(szName.data(), szName.size(), "~dak%08x.tmp",
+                  m_pClaim ? dwPart : std::random_device()() | FIRST_RANDOM);
     m_strPart = JoinDevicePath(SplitDevicePath(m_strPath).strFolder, szName.data());
 }
 
 MEANING CWriting::Explained(Action action, DWORD dwResult) {
-    MEANING meaning = ExplainOperation(action, dwResult, m_dak.GetLastError());
+    MEANING meaning = JudgeOperation(m_context, m_dak, action, dwResult);
     meaning.strSentence = m_strPath + ": " + meaning.strSentence;
     if (meaning.nExit == EXIT_NO_SPACE && m_bReplaces) {
         meaning.strSentence +=
@@ -67,6 +82,9 @@ MEANING CWriting::SendInput() {
     {
         const CPatience patience(m_context);
         dwResult = file.OpenNew(m_strPart);
+        if (dwResult == DAKERROR_FAIL && m_pClaim && Remove()) {
+            dwResult = file.OpenNew(m_strPart);
+        }
     }
     if (dwResult != DAKERROR_NONE) {
         m_strPart.clear();
@@ -110,7 +128,7 @@ MEANING CWriting::Place() {
     }
     MEANING meaning{EXIT_DONE, "ok", "wrote " + Count(m_qwTaken, "byte") + " to " + m_strPath};
     if (m_bReplaces && !Remove()) {
-        meaning.strSentence += "; a second copy may still be there as " + m_strPart + ": delete it";
+        meaning.strSentence += "; a second copy may still be there as " + Leftover();
     }
     return meaning;
 }
@@ -118,6 +136,12 @@ MEANING CWriting::Place() {
 bool CWriting::Remove() {
     const CPatience patience(m_context);
     return m_dak.DAKDeleteFile(Utf8ToWide(m_strPart)->c_str()) == DAKERROR_NONE;
+}
+
+// A part that could not be taken away, and what becomes of it.
+std::string CWriting::Leftover() const {
+    return m_strPart + (m_pClaim ? ", until the next \"dak write\" into that folder deletes it"
+                                 : ": delete it");
 }
 
 MEANING CWriting::WriteAll() {
@@ -142,9 +166,8 @@ void CWriting::Run() {
     MEANING meaning = WriteAll();
     if (meaning.nExit != EXIT_DONE && !m_strPart.empty()) {
         meaning.strSentence += ". The device had taken " + Count(m_qwTaken, "byte") + "; ";
-        meaning.strSentence +=
-            Remove() ? "nothing of it is kept"
-                     : "what had come may still be there as " + m_strPart + ": delete it";
+        meaning.strSentence += Remove() ? "nothing of it is kept"
+                                        : "what had come may still be there as " + Leftover();
         meaning.strSentence += m_bReplaces ? ". The old file is as it was" : "";
     }
     Finish(m_context, "write", meaning, {{"path", m_strPath}, {"bytes_taken", m_qwTaken}});

@@ -33,6 +33,7 @@ _dak() {
         local options='--device --help --json --quiet'
         case $verb in
         ls) options+=' -l --long' ;;
+        push) options+=' --no-verify' ;;
         cp) options+=' --no-clobber' ;;
         format) options+=' --yes' ;;
         run) options+=' --wait' ;;

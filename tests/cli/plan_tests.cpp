@@ -3,6 +3,7 @@
 #include "cli/arrivals.h"
 #include "cli/host_names.h"
 #include "cli/host_tree.h"
+#include "cli/pushed_file.h"
 #include "tests/support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -54,6 +55,7 @@ TEST_F(Plan, APushTakesWhatCanTravelInOrder) {
     folder.Write("top", {{"b/2", "22"}, {"b/1", "1"}, {"a", ""}, {"\xE6\xBC\xA2/\xC3\xA4", "x"}});
     fs::create_directory("top/empty");
     folder.Write(".", {{"x/a", "1"}, {"x/c", "1"}, {"y/b", "1"}, {"y/a", "1"}});
+    folder.Write("kept", {{".DAK-a", ""}, {".dak", ""}, {"..dak-a", ""}});
     EXPECT_EQ(CollectForPush({"top"}, "\\d").Bytes(), 4U);
     const struct {
         std::vector<std::string> sources;
@@ -64,6 +66,7 @@ TEST_F(Plan, APushTakesWhatCanTravelInOrder) {
         {{"top/b/.."}, " top/b/..: a b/1 b/2 \xE6\xBC\xA2/\xC3\xA4 0top/b/../empty"},
         {{"x/a", "y/b", "x/c", "y/a"}, " x: a c y: b -y/a"}, // it would land on x/a
         {{"none", "x/a"}, " x: a -none"},
+        {{"kept"}, " .: kept/..dak-a kept/.dak -kept/.DAK-a"}, // what a device keeps for itself
     };
     for (const auto& row : rows) {
         EXPECT_EQ(Push(row.sources), row.strPlan);
@@ -77,20 +80,6 @@ TEST_F(Plan, PathsFitTheLibrarysBuffers) {
     folder.Write("f", "1");
     EXPECT_EQ(CollectForPush({"f"}, "\\" + std::string(256, 'd')).Files(), 1U);
     EXPECT_EQ(CollectForPush({"f"}, "\\" + std::string(257, 'd')).Files(), 0U);
-}
-
-TEST_F(Plan, ChangesDuringACopyAreSeen) {
-    folder.Write("t", {{"gone", "1"}, {"grown", "1"}, {"same", "1"}, {"touched", "1"}});
-    const PUSHGROUP group = CollectForPush({"t"}, "\\").groups.at(0);
-    EXPECT_TRUE(ChangedSince(group).empty());
-    fs::remove("t/gone");
-    folder.Write("t/grown", "22");
-    fs::last_write_time("t/touched", fs::last_write_time("t/touched") + std::chrono::hours(1));
-    std::vector<std::size_t> changed;
-    for (const CHANGED& entry : ChangedSince(group)) {
-        changed.push_back(entry.nEntry);
-    }
-    EXPECT_EQ(changed, (std::vector<std::size_t>{0, 1, 3}));
 }
 
 // Package k of the stream ends behind byte 12274 * k; the device confirms packages 1, 51, 101, ...
@@ -122,6 +111,26 @@ TEST_F(Plan, OnlyConfirmedWindowsCount) {
     }
     // One byte behind the confirmed package.
     EXPECT_EQ(ConfirmedFiles({"s", {entry(qwFirst + 1)}}, 0, qwFirst + 1), 0U);
+}
+
+// Times are of two seconds on some devices; nothing is said of those that not every device can
+// keep.
+TEST_F(Plan, ThePushedFileIsToldFromAnother) {
+    constexpr std::uint64_t qw2001 = 126'444'736'000'000'000; // 1'000'000'000 since 1970
+    const auto judge = [](int nSent, bool bFolder, std::uint64_t qwSize, std::uint64_t qwWritten) {
+        const std::chrono::sys_seconds time{std::chrono::seconds(nSent)};
+        const DEVICEENTRY found{"n", bFolder, qwSize, qwWritten, 0};
+        return JudgePushed({"s/n", "n", 5, fs::file_time_type::clock::from_sys(time), 1}, &found);
+    };
+    EXPECT_EQ(judge(1'000'000'000, false, 5, qw2001 - 20'000'000), Fate::There);
+    EXPECT_EQ(judge(1'000'000'000, false, 5, qw2001 - 20'000'001), Fate::OtherTime);
+    EXPECT_EQ(judge(1'000'000'000, false, 5, UINT64_MAX), Fate::OtherTime);
+    EXPECT_EQ(judge(1'000'000'000, false, 5, 0), Fate::There);
+    EXPECT_EQ(judge(0, false, 5, qw2001), Fate::There);
+    EXPECT_EQ(judge(1'000'000'000, false, 6, qw2001), Fate::OtherSize);
+    EXPECT_EQ(judge(1'000'000'000, true, 5, qw2001), Fate::Missing);
+    EXPECT_EQ(RoomNeeded({{5, 0}, {5, 9}, {3, 0}}), 10U);
+    EXPECT_EQ(RoomNeeded({{5, 9}, {5, UINT64_MAX}, {8, 0}}), 5U);
 }
 
 TEST_F(Plan, NewAndReplacedFilesArriveAndOthersDoNot) {

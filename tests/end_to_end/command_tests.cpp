@@ -85,7 +85,10 @@ TEST(Command, WorksOnFiles) {
                         {"cp /New /Docs", 5, ""},
                         {"rm /Docs/c", 0, "deleted \\Docs\\c\n"},
                         {"rm /Docs", 5, ""},
-                        {"push --json huge /", 6, "\"no_space\""}});
+                        {"push --json huge /", 6, "Nothing was copied"},
+                        {"push --no-verify --json huge /", 6, "\"no_space\""},
+                        {"push huge /b/x", 5, "\\b is a file of the device"},
+                        {"run /New", 5, "it is a folder"}});
     EXPECT_TRUE(world.pDevice->Files() == (TREE{{"b", "b"},
                                                 {"Docs/a", "a"},
                                                 {"Docs/d\x1b[2J", "d"},
@@ -108,7 +111,7 @@ TEST(Command, WorksOnTheSystem) {
                         {"format --yes Card", 0, "formatted Card\n"},
                         {"run --wait --json /bin/end 3 --json", 9, "\"exit_status\": 3"},
                         {"run --wait /bin/end 0", 0, ""},
-                        {"run /bin/none", 5, ""},
+                        {"run /bin/none", 5, "no such program"},
                         {"ioctl 1 --in - --raw --out-size 400000", 0, g_strBytes},
                         {"ioctl --json 0x1 --in none", 8, "\"host\""},
                         {"ioctl 0x4711", 5, ""},
@@ -152,31 +155,42 @@ TEST(Command, WorksWithAPersonAtATerminal) {
     pTerminal->Type("\3");
     EXPECT_EQ(pCut->End(), 130);
     EXPECT_EQ(world.pDevice->Files().size(), 2U);
+    const auto pKilled = world.Start("dak write /killed", pTerminal->ForProgram());
+    EXPECT_TRUE(HasBegun(world, 2));
+    pKilled->Kill();
+    EXPECT_EQ(world.Run("dak write /typed", {.strInput = "t"})->End(), 0);
+    EXPECT_EQ(world.pDevice->Files().size(), 2U); // the next one has cleared away
 }
 
 // Nobody writes its input, reads its output, or the reader goes.
 TEST(Command, EndsInOrderWhateverItsPipesDo) {
     const CWorld world;
-    world.pDevice->Write({{"f", g_strBytes}});
+    const TREE tree = {{"f", g_strBytes}, {"g", g_strBytes}};
+    world.folder.Write("host", tree);
+    world.pDevice->Write(tree);
     world.pDevice->Plug();
     for (const auto& [strWords, nExit] :
-         {std::pair("write /f", 130), {"cat /f", 130}, {"cat /f", 141}}) {
+         {std::pair("write /f", 130), {"cat /f", 130}, {"cat /f", 141}, {"push f g /", 141}}) {
         const auto pipe = test::MakePipe();
         const bool bWrites = nExit == 130 && strWords[0] == 'w';
         CSurroundings found;
         found.streams[bWrites ? 0 : 1] = pipe[bWrites ? 0 : 1];
+        if (strWords[0] == 'p') { // between its two sentences
+            world.pDevice->HoldAfter(EWay::ToDevice, 100'000);
+        }
         const auto pDak = world.Start(std::string("dak ") + strWords, found);
         char chFirst = 0;
-        EXPECT_TRUE(bWrites ? HasBegun(world, 1) : ::read(pipe[0], &chFirst, 1) == 1);
+        EXPECT_TRUE(bWrites ? HasBegun(world, 2) : ::read(pipe[0], &chFirst, 1) == 1);
         if (nExit == 130) {
             pDak->Signal(SIGINT);
             EXPECT_EQ(pDak->End(), nExit);
         }
         ::close(pipe[bWrites ? 1 : 0]);
+        world.pDevice->GoOn();
         EXPECT_EQ(pDak->End(), nExit);
-        EXPECT_EQ(pDak->Says("cancelled"), nExit == 130) << pDak->Errors();
+        EXPECT_EQ(pDak->Says("cancelled"), strWords[0] != 'c' || nExit == 130) << pDak->Errors();
     }
-    EXPECT_TRUE(world.pDevice->Files() == (TREE{{"f", g_strBytes}}));
+    EXPECT_TRUE(world.pDevice->Files() == tree);
 }
 
 } // namespace

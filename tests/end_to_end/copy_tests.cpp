@@ -76,6 +76,31 @@ TREE Version(std::uint32_t dwSeed, std::size_t nLonger) {
                    {"e", Content(270'000 + nLonger, dwSeed + 4)}});
 }
 
+// A file that is lost there when it has been confirmed, one that changes here when it has been
+// sent, and a device that goes in the middle of what was asked of it.
+TEST(Copy, ClaimsNothingThatIsNotThere) {
+    const CWorld world;
+    world.pDevice->Plug();
+    world.folder.Write("host", Version(100, 0));
+    world.pDevice->HoldAfter(EWay::ToDevice, 850'000);
+    const auto pPush = world.Start("dak push --json Docs /");
+    EXPECT_TRUE(Eventually([&] { return world.pDevice->Files().contains("Docs/d"); }));
+    world.pDevice->Write({{"Docs/a", "older"}});
+    world.folder.Write("host", {{"Docs/d", "newer"}});
+    world.pDevice->GoOn();
+    EXPECT_EQ(pPush->End(), 1);
+    for (const char* const lpszSaid : {"\"files_arrived\": 3", "of another size in its place",
+                                       "it changed during the copy", "\"verified\": true"}) {
+        EXPECT_TRUE(pPush->Says(lpszSaid)) << lpszSaid << pPush->Output();
+    }
+    world.pDevice->HoldAfter(g_commandMoments[5].first, g_commandMoments[5].second);
+    const auto pCopy = world.Start("dak cp --no-clobber /Docs /Old");
+    EXPECT_TRUE(Eventually([&] { return world.pDevice->Holds(); }));
+    world.pDevice->Unplug();
+    EXPECT_EQ(pCopy->End(), 3) << pCopy->Errors();
+    world.pDevice->Plug();
+}
+
 class Trouble : public testing::TestWithParam<std::tuple<bool, ETrouble, std::uint64_t>> {
   protected:
     Trouble() {

@@ -168,11 +168,11 @@ class CTerminal final : public ITerminal {
 const std::vector<ETrouble> g_copyTroubles = {ETrouble::Cancelled, ETrouble::EndedAtOnce,
                                               ETrouble::Killed, ETrouble::Unplugged,
                                               ETrouble::BothGone};
-const std::vector<std::uint64_t> g_copyMoments = {1'000, 640'000, 850'000};
+const std::vector<std::uint64_t> g_copyMoments = {3'000, 640'000, 850'000};
 const std::vector<std::pair<EWay, std::uint64_t>> g_commandMoments = {
     {EWay::ToDevice, 0}, {EWay::ToDevice, 90}, {EWay::ToDevice, 200}, {EWay::ToHost, 0},
     {EWay::ToHost, 400}, {EWay::ToHost, 500},  {EWay::ToHost, 1500}};
-const int g_nOtherInterrupt = SIGTERM;
+const int g_nOtherInterrupt = SIGHUP;
 
 std::unique_ptr<IDevice> MakeDevice(const test::CTempFolder& folder) {
     return std::make_unique<CDevice>(folder);

@@ -1,0 +1,179 @@
+#include "cli/device_tree.h"
+
+#include "cli/console.h"
+#include "cli/device_path.h"
+#include "cli/file_facts.h"
+#include "cli/patience.h"
+#include "cli/text.h"
+
+#include <algorithm>
+#include <functional>
+#include <iterator>
+#include <string_view>
+#include <utility>
+
+namespace cli {
+namespace {
+
+// More than any device has. One that shows links in each other's places has no end of its own.
+constexpr std::size_t MOST_LISTINGS = 100'000;
+constexpr std::size_t MOST_ENTRIES = 2'000'000;
+
+// One component of a path, and no way out of its folder.
+bool IsEntryName(std::string_view strName) {
+    return !strName.empty() && strName != "." && strName != ".." &&
+           strName.find_first_of("\\/") == std::string_view::npos;
+}
+
+// The same for folders that show the same entries.
+std::size_t SignatureOf(const std::vector<FILEFACTS>& entries) {
+    std::string strAll;
+    for (const FILEFACTS& facts : entries) {
+        strAll += facts.strName + '\\';
+        for (const std::uint64_t qwFact :
+             {std::uint64_t{facts.dwAttributes}, facts.qwSize, facts.qwCreated, facts.qwWritten}) {
+            strAll += std::to_string(qwFact) + '\\';
+        }
+    }
+    return std::hash<std::string>()(strAll);
+}
+
+class CWalk {
+  public:
+    CWalk(const CONTEXT& context, CDAKVorn& dak, std::string strRoot, const OnListing& onListing)
+        : m_context(context), m_dak(dak), m_strRoot(std::move(strRoot)), m_onListing(onListing) {}
+
+    DEVICETREE Run(Depth eDepth);
+
+  private:
+    void Enter(const std::string& strPath, std::size_t nDepth);
+    std::vector<FILEFACTS> List(const std::string& strFolder);
+    bool IsCircle(const std::vector<FILEFACTS>& entries, std::size_t nDepth);
+    void PutDue(const std::string& strPath, std::size_t nDepth, std::vector<FILEFACTS> entries);
+
+    const CONTEXT& m_context;
+    CDAKVorn& m_dak;
+    const std::string m_strRoot;
+    const OnListing& m_onListing;
+
+    struct DUE {
+        DEVICEENTRY entry;
+        std::size_t nDepth; // the root's own entries have 1
+    };
+    std::vector<DUE> m_due;           // the next one last
+    std::vector<std::size_t> m_shown; // signatures of the folders above the next one, by depth
+    std::size_t m_nListings = 0;
+    DEVICETREE m_tree{{}, {}, {EXIT_DONE, "ok", ""}};
+};
+
+DEVICETREE CWalk::Run(Depth eDepth) {
+    Enter("", 0);
+    while (!m_due.empty() && m_tree.meaning.nExit == EXIT_DONE) {
+        const auto [entry, nDepth] = std::move(m_due.back());
+        m_due.pop_back();
+        m_tree.entries.push_back(entry);
+        if (entry.bFolder && eDepth == Depth::Tree) {
+            Enter(entry.strPath, nDepth);
+        }
+    }
+    return std::move(m_tree);
+}
+
+// Lists a folder and makes its entries the next ones.
+void CWalk::Enter(const std::string& strPath, std::size_t nDepth) {
+    const std::string strFolder = strPath.empty() ? m_strRoot : JoinDevicePath(m_strRoot, strPath);
+    const auto leaveOut = [&](const char* lpszReason) {
+        m_tree.unlisted.push_back({strFolder, lpszReason});
+    };
+    if (Utf8ToWide(strFolder).value_or(WideText(MAX_PATH, 0)).size() >= MAX_PATH) {
+        leaveOut("its path has 260 characters or more, so that it cannot be looked into");
+        return;
+    }
+    if (m_nListings == MOST_LISTINGS || m_tree.entries.size() + m_due.size() >= MOST_ENTRIES) {
+        leaveOut("there is too much on the device to look into it as well");
+        return;
+    }
+    if (console::CInterrupts::Requested()) {
+        m_tree.meaning = Explain(Action::List, Stage::Running, DAKERROR_CANCELLED);
+        return;
+    }
+    if (m_onListing) {
+        m_onListing(strFolder, m_tree);
+    }
+    ++m_nListings;
+    std::vector<FILEFACTS> entries = List(strFolder);
+    if (IsCircle(entries, nDepth)) {
+        leaveOut("it shows what a folder above it shows, as a link that leads in a circle does");
+        return;
+    }
+    PutDue(strPath, nDepth, std::move(entries));
+}
+
+// What came of a folder's entries, with a word about what did not. A link that fails ends the walk.
+std::vector<FILEFACTS> CWalk::List(const std::string& strFolder) {
+    CArray<_tagFileInfo, _tagFileInfo> records;
+    DWORD dwResult = DAKERROR_NONE;
+    {
+        const CPatience patience(m_context);
+        dwResult = m_dak.DAKGetFolderContent(Utf8ToWide(strFolder)->c_str(), &records);
+    }
+    std::vector<FILEFACTS> entries;
+    entries.reserve(static_cast<std::size_t>(records.GetSize()));
+    for (int i = 0; i < records.GetSize(); ++i) {
+        entries.push_back(TakeFacts(records[i]));
+    }
+    const MEANING meaning = ExplainOperation(Action::List, dwResult, m_dak.GetLastError());
+    if (meaning.nExit == EXIT_FAILED) {
+        m_tree.unlisted.push_back(
+            {strFolder, entries.empty() ? "the device does not list it" : "its listing broke off"});
+    } else if (meaning.nExit != EXIT_DONE) {
+        m_tree.meaning = meaning;
+    }
+    std::ranges::sort(entries, {}, &FILEFACTS::strName);
+    return entries;
+}
+
+bool CWalk::IsCircle(const std::vector<FILEFACTS>& entries, std::size_t nDepth) {
+    m_shown.resize(nDepth);
+    m_shown.push_back(SignatureOf(entries));
+    const bool bFolders = std::ranges::any_of(entries, &FILEFACTS::IsFolder);
+    return bFolders && std::ranges::find(m_shown, m_shown.back()) != std::prev(m_shown.end());
+}
+
+void CWalk::PutDue(const std::string& strPath, std::size_t nDepth, std::vector<FILEFACTS> entries) {
+    const auto same = std::ranges::unique(entries, {}, &FILEFACTS::strName);
+    entries.erase(same.begin(), same.end());
+    for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
+        const std::string strBelow =
+            strPath.empty() ? it->strName : JoinDevicePath(strPath, it->strName);
+        if (IsEntryName(it->strName)) {
+            m_due.push_back({{strBelow, it->IsFolder(), it->IsFolder() ? 0 : it->qwSize,
+                              it->qwWritten, it->dwAttributes},
+                             nDepth + 1});
+        } else {
+            m_tree.unlisted.push_back({JoinDevicePath(m_strRoot, strBelow),
+                                       "the device tells it under a name that no entry can have"});
+        }
+    }
+}
+
+} // namespace
+
+std::size_t DEVICETREE::Files() const {
+    return static_cast<std::size_t>(std::ranges::count(entries, false, &DEVICEENTRY::bFolder));
+}
+
+std::uint64_t DEVICETREE::Bytes() const {
+    std::uint64_t qwBytes = 0;
+    for (const DEVICEENTRY& entry : entries) {
+        qwBytes += entry.qwSize;
+    }
+    return qwBytes;
+}
+
+DEVICETREE ListDeviceTree(const CONTEXT& context, CDAKVorn& dak, const std::string& strRoot,
+                          Depth eDepth, const OnListing& onListing) {
+    return CWalk(context, dak, strRoot, onListing).Run(eDepth);
+}
+
+} // namespace cli
