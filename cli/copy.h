@@ -36,6 +36,7 @@ void SayCancelling(const CONTEXT& context);
 
 // paths: at least one source, then the destination.
 void RunPush(CONTEXT& context, std::vector<std::string> paths);
-void RunPull(CONTEXT& context, std::vector<std::string> paths);
+// bVerify: the device is asked ahead for what there is.
+void RunPull(CONTEXT& context, std::vector<std::string> paths, bool bVerify);
 
 } // namespace cli

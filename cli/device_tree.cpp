@@ -113,20 +113,22 @@ void CWalk::Enter(const std::string& strPath, std::size_t nDepth) {
     PutDue(strPath, nDepth, std::move(entries));
 }
 
-// What came of a folder's entries, with a word about what did not. A link that fails ends the walk.
+// What came of a folder's entries, with a word about what did not. A link that fails ends the walk;
+// in the middle of an answer it looks like a refusal, so that the device is asked again.
 std::vector<FILEFACTS> CWalk::List(const std::string& strFolder) {
     CArray<_tagFileInfo, _tagFileInfo> records;
-    DWORD dwResult = DAKERROR_NONE;
-    {
+    MEANING meaning{EXIT_DONE, "ok", ""};
+    for (int nTry = 0; nTry == 0 || (nTry == 1 && meaning.nExit == EXIT_FAILED); ++nTry) {
         const CPatience patience(m_context);
-        dwResult = m_dak.DAKGetFolderContent(Utf8ToWide(strFolder)->c_str(), &records);
+        m_dak.ClearFileList(&records);
+        const DWORD dwResult = m_dak.DAKGetFolderContent(Utf8ToWide(strFolder)->c_str(), &records);
+        meaning = ExplainOperation(Action::List, dwResult, m_dak.GetLastError());
     }
     std::vector<FILEFACTS> entries;
     entries.reserve(static_cast<std::size_t>(records.GetSize()));
     for (int i = 0; i < records.GetSize(); ++i) {
         entries.push_back(TakeFacts(records[i]));
     }
-    const MEANING meaning = ExplainOperation(Action::List, dwResult, m_dak.GetLastError());
     if (meaning.nExit == EXIT_FAILED) {
         if (entries.empty()) {
             m_tree.unlisted.push_back({{strFolder, "the device does not list it"}, Kind::Refused});

@@ -114,6 +114,17 @@ void CProgressDisplay::Show(PROGRESS progress, std::uint64_t qwMoved) {
     m_drawn = now;
     progress.qwBytesPerSecond = m_rate.BytesPerSecond();
     progress.qwIdleSeconds = m_rate.IdleSeconds(now);
+    Draw(progress);
+}
+
+void CProgressDisplay::ShowCount(const std::string& strWhat, std::size_t nDone,
+                                 std::size_t nTotal) {
+    if (m_eMode == Mode::Bar) {
+        Draw({.strFile = strWhat, .qwDone = nDone, .qwTotal = nTotal});
+    }
+}
+
+void CProgressDisplay::Draw(const PROGRESS& progress) {
     // The last column stays free: some terminals begin a new line when it is written.
     const std::string strLine = FormatProgress(progress, console::Width() - 1);
     const int nColumns = DisplayWidth(strLine);

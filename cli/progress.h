@@ -4,6 +4,7 @@
 #include "cli/report.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -55,10 +56,15 @@ class CProgressDisplay {
     // second.
     void Show(PROGRESS progress, std::uint64_t qwMoved);
 
+    // Something else that is counted, without a rate.
+    void ShowCount(const std::string& strWhat, std::size_t nDone, std::size_t nTotal);
+
     // Takes the bar off the terminal, so that other text can be written.
     void Clear();
 
   private:
+    void Draw(const PROGRESS& progress);
+
     enum class Mode { None, Lines, Bar };
 
     const CONTEXT& m_context;

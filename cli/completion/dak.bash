@@ -34,6 +34,7 @@ _dak() {
         case $verb in
         ls) options+=' -l --long' ;;
         cp) options+=' --no-clobber' ;;
+        pull) options+=' --no-verify' ;;
         format) options+=' --yes' ;;
         run) options+=' --wait' ;;
         ioctl) options+=' --in --out-size --raw' ;;
