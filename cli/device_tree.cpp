@@ -150,8 +150,11 @@ bool CWalk::IsCircle(const std::vector<FILEFACTS>& entries, std::size_t nDepth) 
 }
 
 void CWalk::PutDue(const std::string& strPath, std::size_t nDepth, std::vector<FILEFACTS> entries) {
-    const auto same = std::ranges::unique(entries, {}, &FILEFACTS::strName);
-    entries.erase(same.begin(), same.end());
+    entries.erase(std::unique(entries.begin(), entries.end(),
+                              [](const FILEFACTS& left, const FILEFACTS& right) {
+                                  return left.strName == right.strName;
+                              }),
+                  entries.end());
     for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
         const std::string strBelow =
             strPath.empty() ? it->strName : JoinDevicePath(strPath, it->strName);

@@ -81,8 +81,7 @@ MEANING LookAhead(CONTEXT& context, CDAKVorn& dak, PULLGROUP& group, std::vector
             group.Add({.strName = strName,
                        .qwSize = description.facts.qwSize,
                        .qwWritten = description.facts.qwWritten});
-        } else if (const MEANING meaning =
-                       LookInto(context, dak, group, strName, missing, onListing);
+        } else if (MEANING meaning = LookInto(context, dak, group, strName, missing, onListing);
                    meaning.nExit != EXIT_DONE) {
             return meaning;
         }
