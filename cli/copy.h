@@ -37,6 +37,7 @@ void SayCancelling(const CONTEXT& context);
 // paths: at least one source, then the destination. bVerify: the device is asked for room ahead of
 // the copy, and for what it has behind it.
 void RunPush(CONTEXT& context, std::vector<std::string> paths, bool bVerify);
-void RunPull(CONTEXT& context, std::vector<std::string> paths);
+// bVerify: the device is asked ahead for what there is.
+void RunPull(CONTEXT& context, std::vector<std::string> paths, bool bVerify);
 
 } // namespace cli

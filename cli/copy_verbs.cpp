@@ -51,8 +51,8 @@ void AddCopyVerbs(CLI::App& app, CONTEXT& context) {
         "more. Sources from several folders are copied folder by folder.\n\n"
         "The device is asked ahead for room, and behind the copy for a listing of each folder "
         "that\n"
-        "got files: what is not there with its size and time is named. That takes about one and a\n"
-        "half seconds a folder; --no-verify leaves out both.\n\n"
+        "got files: what is not there with its size and time is named. With a device that needs\n"
+        "pauses that takes one and a half seconds a folder; --no-verify leaves out both.\n\n"
         "Examples:\n"
         "  dak push notes.txt /Docs           gives \\Docs\\notes.txt\n"
         "  dak push photos notes.txt /        gives \\photos\\... and \\notes.txt\n"
@@ -63,17 +63,27 @@ void AddCopyVerbs(CLI::App& app, CONTEXT& context) {
         });
     pPush->add_flag("--no-verify", *pNoVerify,
                     "Ask the device neither for room nor for what has arrived");
-    AddCopyVerb(
+    const auto pNoLook = std::make_shared<bool>(false);
+    CLI::App* const pPull = AddCopyVerb(
         app, context, "pull", "Copy files and folders from the device",
         "files and folders of the device, then a folder of this computer",
-        "A folder is copied with all files in it. DEST is made if it is missing. A file that is\n"
-        "already there is replaced when the new one is whole. What the device does not have is\n"
-        "named, and the rest is copied.\n\n"
+        "A folder is copied with all that is in it. DEST is made if it is missing. A file that is\n"
+        "already there is replaced when the new one is whole. What the device has and what did\n"
+        "not come is named, with the reason, and the rest is copied: files of 4 GiB and more,\n"
+        "paths that are too long, names that no file here can have, links, what cannot be read,\n"
+        "and what changes on the device meanwhile.\n\n"
+        "For that the device is asked for a listing of each folder ahead of the copy. With a "
+        "device\n"
+        "that needs pauses that takes one and a half seconds a folder; with --no-verify it is not\n"
+        "asked, and what did not come is not known.\n\n"
         "Examples:\n"
         "  dak pull /Docs/notes.txt .         gives ./notes.txt\n"
         "  dak pull /Docs /Pictures backup    gives backup/Docs/... and backup/Pictures/...\n"
         "  dak pull \"\\Docs\\notes.txt\" .       backslashes work too, in quotes\n",
-        [&context](std::vector<std::string> paths) { RunPull(context, std::move(paths)); });
+        [&context, pNoLook](std::vector<std::string> paths) {
+            RunPull(context, std::move(paths), !*pNoLook);
+        });
+    pPull->add_flag("--no-verify", *pNoLook, "Do not ask the device first for what there is");
 }
 
 void EndSession(CONTEXT& context, std::unique_ptr<COPYSESSION> session, const JOBOUTCOME& outcome) {

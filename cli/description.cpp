@@ -18,4 +18,9 @@ DESCRIPTION Describe(CONTEXT& context, CDAKVorn& dak, const std::string& strPath
     return description;
 }
 
+DESCRIPTION DescribeForCertain(CONTEXT& context, CDAKVorn& dak, const std::string& strPath) {
+    DESCRIPTION description = Describe(context, dak, strPath);
+    return description.dwResult == DAKERROR_FAIL ? Describe(context, dak, strPath) : description;
+}
+
 } // namespace cli

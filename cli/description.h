@@ -20,4 +20,8 @@ struct DESCRIPTION {
 
 DESCRIPTION Describe(CONTEXT& context, CDAKVorn& dak, const std::string& strPath);
 
+// The same, where it matters that a path is not there: a device that goes away in the middle of the
+// answer looks so, and is asked again.
+DESCRIPTION DescribeForCertain(CONTEXT& context, CDAKVorn& dak, const std::string& strPath);
+
 } // namespace cli

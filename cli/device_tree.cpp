@@ -15,6 +15,8 @@
 namespace cli {
 namespace {
 
+using Kind = UNLISTED::Kind;
+
 // More than any device has. One that shows links in each other's places has no end of its own.
 constexpr std::size_t MOST_LISTINGS = 100'000;
 constexpr std::size_t MOST_ENTRIES = 2'000'000;
@@ -82,15 +84,16 @@ DEVICETREE CWalk::Run(Depth eDepth) {
 // Lists a folder and makes its entries the next ones.
 void CWalk::Enter(const std::string& strPath, std::size_t nDepth) {
     const std::string strFolder = strPath.empty() ? m_strRoot : JoinDevicePath(m_strRoot, strPath);
-    const auto leaveOut = [&](const char* lpszReason) {
-        m_tree.unlisted.push_back({strFolder, lpszReason});
+    const auto leaveOut = [&](Kind eKind, const char* lpszReason) {
+        m_tree.unlisted.push_back({{strFolder, lpszReason}, eKind});
     };
     if (Utf8ToWide(strFolder).value_or(WideText(MAX_PATH, 0)).size() >= MAX_PATH) {
-        leaveOut("its path has 260 characters or more, so that it cannot be looked into");
+        leaveOut(Kind::Beyond,
+                 "its path has 260 characters or more, so that it cannot be looked into");
         return;
     }
     if (m_nListings == MOST_LISTINGS || m_tree.entries.size() + m_due.size() >= MOST_ENTRIES) {
-        leaveOut("there is too much on the device to look into it as well");
+        leaveOut(Kind::Beyond, "there is too much on the device to look into it as well");
         return;
     }
     if (console::CInterrupts::Requested()) {
@@ -103,29 +106,35 @@ void CWalk::Enter(const std::string& strPath, std::size_t nDepth) {
     ++m_nListings;
     std::vector<FILEFACTS> entries = List(strFolder);
     if (IsCircle(entries, nDepth)) {
-        leaveOut("it shows what a folder above it shows, as a link that leads in a circle does");
+        leaveOut(Kind::Circle,
+                 "it shows what a folder above it shows, as a link that leads in a circle does");
         return;
     }
     PutDue(strPath, nDepth, std::move(entries));
 }
 
-// What came of a folder's entries, with a word about what did not. A link that fails ends the walk.
+// What came of a folder's entries, with a word about what did not. A link that fails ends the walk;
+// in the middle of an answer it looks like a refusal, so that the device is asked again.
 std::vector<FILEFACTS> CWalk::List(const std::string& strFolder) {
     CArray<_tagFileInfo, _tagFileInfo> records;
-    DWORD dwResult = DAKERROR_NONE;
-    {
+    MEANING meaning{EXIT_DONE, "ok", ""};
+    for (int nTry = 0; nTry == 0 || (nTry == 1 && meaning.nExit == EXIT_FAILED); ++nTry) {
         const CPatience patience(m_context);
-        dwResult = m_dak.DAKGetFolderContent(Utf8ToWide(strFolder)->c_str(), &records);
+        m_dak.ClearFileList(&records);
+        const DWORD dwResult = m_dak.DAKGetFolderContent(Utf8ToWide(strFolder)->c_str(), &records);
+        meaning = ExplainOperation(Action::List, dwResult, m_dak.GetLastError());
     }
     std::vector<FILEFACTS> entries;
     entries.reserve(static_cast<std::size_t>(records.GetSize()));
     for (int i = 0; i < records.GetSize(); ++i) {
         entries.push_back(TakeFacts(records[i]));
     }
-    const MEANING meaning = ExplainOperation(Action::List, dwResult, m_dak.GetLastError());
     if (meaning.nExit == EXIT_FAILED) {
-        m_tree.unlisted.push_back(
-            {strFolder, entries.empty() ? "the device does not list it" : "its listing broke off"});
+        if (entries.empty()) {
+            m_tree.unlisted.push_back({{strFolder, "the device does not list it"}, Kind::Refused});
+        } else {
+            m_tree.unlisted.push_back({{strFolder, "its listing broke off"}, Kind::BrokenOff});
+        }
     } else if (meaning.nExit != EXIT_DONE) {
         m_tree.meaning = meaning;
     }
@@ -141,8 +150,11 @@ bool CWalk::IsCircle(const std::vector<FILEFACTS>& entries, std::size_t nDepth) 
 }
 
 void CWalk::PutDue(const std::string& strPath, std::size_t nDepth, std::vector<FILEFACTS> entries) {
-    const auto same = std::ranges::unique(entries, {}, &FILEFACTS::strName);
-    entries.erase(same.begin(), same.end());
+    entries.erase(std::unique(entries.begin(), entries.end(),
+                              [](const FILEFACTS& left, const FILEFACTS& right) {
+                                  return left.strName == right.strName;
+                              }),
+                  entries.end());
     for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
         const std::string strBelow =
             strPath.empty() ? it->strName : JoinDevicePath(strPath, it->strName);
@@ -151,8 +163,9 @@ void CWalk::PutDue(const std::string& strPath, std::size_t nDepth, std::vector<F
                               it->qwWritten, it->dwAttributes},
                              nDepth + 1});
         } else {
-            m_tree.unlisted.push_back({JoinDevicePath(m_strRoot, strBelow),
-                                       "the device tells it under a name that no entry can have"});
+            m_tree.unlisted.push_back({{JoinDevicePath(m_strRoot, strBelow),
+                                        "the device tells it under a name that no entry can have"},
+                                       Kind::BadName});
         }
     }
 }

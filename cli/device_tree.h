@@ -22,12 +22,22 @@ struct DEVICEENTRY {
     DWORD dwAttributes = 0;
 };
 
+// A device path whose content is not in the entries, or not to its end.
+struct UNLISTED : LEFTOUT {
+    enum class Kind {
+        Refused,   // the device does not list it
+        BrokenOff, // the entries are those that came
+        Beyond,    // too deep, or one folder too many
+        Circle,    // it shows what a folder above it shows, as a link that leads in a circle does
+        BadName,   // no entry can have the name that the device tells
+    };
+    Kind eKind;
+};
+
 struct DEVICETREE {
     // A folder stands ahead of what is in it; what is in one folder is in the byte order of names.
     std::vector<DEVICEENTRY> entries;
-    // Device paths whose content is not in the entries, or not to its end, and entries that can be
-    // given no path.
-    std::vector<LEFTOUT> unlisted;
+    std::vector<UNLISTED> unlisted;
     // EXIT_DONE, also where something is unlisted. Else what ended the walk: the link, or a request
     // to end (console::CInterrupts); the entries are those of the folders listed so far.
     MEANING meaning;
@@ -44,9 +54,7 @@ using OnListing = std::function<void(const std::string& strFolder, const DEVICET
 // strRoot is a normal device path that leads to a folder. Where there is none, what comes is the
 // device's choice: the root as unlisted, no entry, or for a file an entry that is the file itself.
 //
-// A folder is not entered when its path has MAX_PATH characters or more, or when it shows what a
-// folder above it shows, as a link that leads in a circle does. A link to a folder that leads
-// elsewhere cannot be told from a folder.
+// A link to a folder that does not lead in a circle cannot be told from a folder.
 DEVICETREE ListDeviceTree(const CONTEXT& context, CDAKVorn& dak, const std::string& strRoot,
                           Depth eDepth, const OnListing& onListing = {});
 

@@ -1,5 +1,6 @@
 #include "cli/host_names.h"
 
+#include <climits>
 #include <system_error>
 
 namespace cli {
@@ -37,8 +38,9 @@ std::string NameKey(const std::string& strName) {
     return strName;
 }
 
-const char* NameFault(const std::string& /*strName*/) {
-    return nullptr;
+const char* NameFault(const std::string& strName) {
+    return strName.size() > NAME_MAX ? "no file here can have a name of more than 255 bytes"
+                                     : nullptr;
 }
 
 } // namespace cli

@@ -8,15 +8,12 @@
 
 #include <array>
 #include <stdexcept>
+#include <thread>
 
 namespace cli {
 namespace {
 
 constexpr DWORD POLL_MS = 50;
-
-// How long a job that has been cut short may take to end in order. Its worker may be waiting for a
-// device that hangs, and would go on waiting.
-constexpr DWORD CANCEL_WAIT_MS = 10000;
 
 // The end-of-job message, from its queue.
 class CEndMessage {
@@ -88,8 +85,10 @@ JOBOUTCOME RunCopyJob(CDAKVorn& dak, COPYJOB& job,
     if (!bEnded) {
         outcome.bCancelled = true;
         onCancel();
-        dak.TerminateTransfer();
-        outcome.bAbandoned = !end.Wait(CANCEL_WAIT_MS);
+        // It waits for the worker itself, for longer than some jobs are given.
+        std::thread cut([&dak] { dak.TerminateTransfer(); });
+        outcome.bAbandoned = !end.Wait(job.dwCancelWaitMs);
+        outcome.bAbandoned ? cut.detach() : cut.join();
     }
     outcome.dwState = dak.GetLastError();
     return outcome;

@@ -26,6 +26,9 @@ struct COPYJOB {
     std::string strSource; // the folders, valid UTF-8
     std::string strDest;
     CStringArray list;
+    // How long it may take to end in order when it is cut short. Its worker may be waiting for a
+    // device that hangs, and would go on waiting.
+    DWORD dwCancelWaitMs = 12000;
 
     // Puts a path, or a name of a pull, into the list; the library can hold it (ToLibraryText).
     void Add(const std::string& strPath);

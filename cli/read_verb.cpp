@@ -28,6 +28,7 @@ class CReading {
   private:
     MEANING ReadAll();
     MEANING ReadBytes(CDeviceFile& file, std::uint64_t qwSize);
+    MEANING LookAgain(const FILEFACTS& before);
     MEANING Put(const std::vector<char>& bytes);
     MEANING Explained(DWORD dwResult);
 
@@ -90,7 +91,7 @@ MEANING CReading::ReadBytes(CDeviceFile& file, std::uint64_t qwSize) {
         }
         m_qwGiven += bytes.size();
     }
-    return {EXIT_DONE, "ok", m_strPath + ": " + Count(m_qwGiven, "byte")};
+    return {EXIT_DONE, "ok", ""};
 }
 
 MEANING CReading::ReadAll() {
@@ -111,8 +112,29 @@ MEANING CReading::ReadAll() {
     if (dwResult != DAKERROR_NONE) {
         return Explained(dwResult);
     }
-    const CCutShort cutShort(m_dak);
-    return ReadBytes(file, description.facts.qwSize);
+    {
+        const CCutShort cutShort(m_dak);
+        const MEANING meaning = ReadBytes(file, description.facts.qwSize);
+        if (meaning.nExit != EXIT_DONE) {
+            return meaning;
+        }
+    }
+    return LookAgain(description.facts);
+}
+
+// What was given may be of two contents when the file is not as it was ahead.
+MEANING CReading::LookAgain(const FILEFACTS& before) {
+    const DESCRIPTION now = DescribeForCertain(m_context, m_dak, m_strPath);
+    if (now.meaning.nExit != EXIT_DONE && now.meaning.nExit != EXIT_FAILED) {
+        return now.meaning;
+    }
+    if (now.meaning.nExit == EXIT_FAILED || now.facts.qwSize != before.qwSize ||
+        now.facts.qwWritten != before.qwWritten) {
+        return {EXIT_PARTIAL, "partial",
+                m_strPath + ": it was changed while it was read, and what was given may be a part "
+                            "of each: repeat the command"};
+    }
+    return {EXIT_DONE, "ok", m_strPath + ": " + Count(m_qwGiven, "byte")};
 }
 
 void CReading::Run() {

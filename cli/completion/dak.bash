@@ -35,6 +35,7 @@ _dak() {
         ls) options+=' -l --long' ;;
         push) options+=' --no-verify' ;;
         cp) options+=' --no-clobber' ;;
+        pull) options+=' --no-verify' ;;
         format) options+=' --yes' ;;
         run) options+=' --wait' ;;
         ioctl) options+=' --in --out-size --raw' ;;

@@ -1,8 +1,9 @@
 // What a push takes of this computer's folders, what of it has arrived for certain, and what a pull
-// has brought.
-#include "cli/arrivals.h"
+// asks for and puts into place.
 #include "cli/host_names.h"
 #include "cli/host_tree.h"
+#include "cli/pull_folder.h"
+#include "cli/pull_plan.h"
 #include "cli/pushed_file.h"
 #include "tests/support/temp_folder.h"
 
@@ -133,25 +134,58 @@ TEST_F(Plan, ThePushedFileIsToldFromAnother) {
     EXPECT_EQ(RoomNeeded({{5, 9}, {5, UINT64_MAX}, {8, 0}}), 5U);
 }
 
-TEST_F(Plan, NewAndReplacedFilesArriveAndOthersDoNot) {
-    folder.Write(".", {{"old", "1"}, {"same", "1"}, {"dir/kept", "1"}, {"dir/same", "1"}});
-    const CArrivals arrivals(".", {"new", "old", "same", "dir", "newdir", "absent", "emptydir"});
-    EXPECT_TRUE(arrivals.Arrived().empty());
-    // The same bytes and times under the same name, as a second pull of the same file brings them.
-    for (const char* const lpszName : {"same", "dir/same"}) {
-        folder.Write("part", "1");
-        fs::last_write_time("part", fs::last_write_time(lpszName));
-        fs::rename("part", lpszName);
+// Of a wanted folder d and a wanted file f: folders have a slash, '+' has come, '!' would end a
+// copy of its folder, '?' is not wholly known. Then what is asked for, the empty folders, the
+// missing.
+TEST_F(Plan, APullAsksForWhatIsDueAndNamesWhatIsMissing) {
+    const std::pair<std::string, std::string> rows[] = {
+        {"d/ d\\a d\\s/ d\\s\\b f", "d f ; ; \\d \\f "},
+        {"d/ d\\a! d\\s/ d\\s\\b d\\s\\c+", "d\\s\\b ; ; \\d\\a \\d\\s\\b "},
+        {"d/ d\\s/! d\\u/? d\\v/ d\\v\\a+ f+", "d\\u ; ; \\d\\s "},
+        {"d/ d\\e/ d\\e\\g/ f", "f ; d d\\e d\\e\\g ; \\f "},
+        {"d/ d\\n234567/ d\\n234567\\x d\\a", "d\\a ; ; \\d \\d\\n234567 "},
+    };
+    PULLGROUP group;
+    for (const auto& [strEntries, strPlan] : rows) {
+        group = {"\\", {"d", "f"}, {}, {}};
+        std::istringstream stream(strEntries);
+        for (std::string strName; stream >> strName;) {
+            const auto has = [&](char ch) { return strName.find(ch) != strName.npos; };
+            const std::string strOnly = strName.substr(0, strName.find_first_of("/+!?"));
+            group.Add({strOnly, has('/'), 0, 0, has('?'), false, has('!'), has('+'),
+                       has('!') ? "!" : ""});
+        }
+        LeaveOutWhatCannotCome(group, 8);
+        std::vector<LEFTOUT> missing;
+        AddMissing(group, "", missing);
+        std::string strFound;
+        const auto add = [&](const std::string& strName) { strFound += strName + " "; };
+        std::ranges::for_each(NamesToAsk(group), add);
+        add(";");
+        std::ranges::for_each(EmptyFolders(group), add);
+        add(";");
+        std::ranges::for_each(missing, add, &LEFTOUT::strPath);
+        EXPECT_EQ(strFound, strPlan) << strEntries;
     }
-    folder.Write(".", {{"new", "123"}, {"newdir/s/a", "12"}, {"unwanted", "1"}});
-    fs::create_directory("emptydir");
-    std::string strArrived;
-    for (const ARRIVAL& file : arrivals.Arrived()) {
-        strArrived +=
-            ToPath(file.strPath).generic_string() + " " + std::to_string(file.qwSize) + "; ";
+    EXPECT_EQ(AskedName(group, "D\\x"), "d\\x");
+    EXPECT_FALSE(AskedName(group, "Makefile") || AskedName(group, "dd\\x"));
+}
+
+// Of folders like a pull's own there are a dead one's and one that only looks so, and a live one.
+TEST_F(Plan, APullPutsFilesIntoPlaceAndLeavesNothingElse) {
+    test::TREE tree = {{"folder/x", "x"}, {"file", "f"}, {".dak-pull-0123/a", "a"}};
+    folder.Write("dest", tree);
+    folder.Write("dest/.dak-pull-4567", {{"pull", ""}, {"i/d/part", "p"}});
+    {
+        CPullFolder pull("dest");
+        ASSERT_FALSE(pull.Make());
+        CPullFolder("dest").ClearDead();
+        std::ofstream(ToPath(pull.LibraryPath()) / "new") << "new";
+        EXPECT_FALSE(pull.Place("new", "folder").empty() || pull.Place("new", "file\\x").empty());
+        EXPECT_EQ(pull.Place("new", "s\\t\\new"), "");
     }
-    EXPECT_EQ(strArrived, "./dir/same 1; ./new 3; ./newdir/s/a 2; ./same 1; ");
-    EXPECT_EQ(arrivals.Missing(), (std::vector<std::string>{"old", "absent", "emptydir"}));
+    tree["s/t/new"] = "new";
+    EXPECT_TRUE(test::ReadTree("dest") == tree && !fs::exists("dest/.dak-pull-4567"));
 }
 
 } // namespace
