@@ -1,0 +1,834 @@
+// The agent's core, package by package: commands and their responses, streams and what becomes of
+// them under every fault.
+#include <random>
+
+#include "agent/command_line.h"
+#include "agent/log_text.h"
+#include "agent/name_queue.h"
+#include "agent/open_files.h"
+#include "agent/wildcard.h"
+#include "tests/agent/session.h"
+
+namespace test {
+namespace {
+
+// Every command with its fields.
+constexpr const char* COMMANDS[] = {"1 a b",
+                                    "2 a",
+                                    "6",
+                                    "7 a",
+                                    "8 $00 a b #1 c",
+                                    "8 $01 a b",
+                                    "10 a",
+                                    "12 a b #0",
+                                    "13 #1 #2 $0304 #1 $05",
+                                    "14 a",
+                                    "15 a #1 #1 #1",
+                                    "16 #0 #0",
+                                    "17 #0 #0",
+                                    "18 #0 #0 #0",
+                                    "19 #0",
+                                    "20 a b #0",
+                                    "21 a",
+                                    "22 #1 #1 #1",
+                                    "23",
+                                    "24 a",
+                                    "25 a"};
+
+Bytes CommandOf(const std::string& strCommand) {
+    std::istringstream text(strCommand);
+    const std::vector<std::string> words((std::istream_iterator<std::string>(text)), {});
+    return Command(static_cast<std::uint16_t>(std::stoul(words[0])),
+                   CSession::Fields(words.begin() + 1, words.end()));
+}
+
+TEST(Session, PackagesThatGetSilence) {
+    CSession session;
+    Bytes longer = Command(2, Text(u"a")); // than it says
+    --longer[DAK_OFFSET_LENGTH];
+    Bytes otherLink = Handshake(DAK_CONNECT);
+    otherLink[8] ^= 1;
+    std::vector<Bytes> silent = {{},
+                                 {1, 2, 3},
+                                 longer,
+                                 otherLink,
+                                 Join(Handshake(DAK_CONNECT), Bytes{0}),
+                                 Command(3),
+                                 Command(0xFFFF),
+                                 CommandOf("8 $02 a b #0"),
+                                 Package(DAK_LAST_REPLY, Join(U16(2), Text(u"a"))),
+                                 Join(Control(DAK_ABORT), Bytes(DAK_MAXPACKAGELENGTH))};
+    for (const std::uint32_t dwWord : {DAK_SUCCESS, DAK_RETRANSMIT, DAK_LAST_PACKAGE, DAK_ABORT}) {
+        silent.push_back(Control(dwWord));
+    }
+    for (const char* lpszCommand : COMMANDS) {
+        const Bytes command = CommandOf(lpszCommand);
+        const Bytes fields(command.begin() + DAK_COMMAND_PAYLOAD_OFFSET, command.end());
+        const auto codeFunc = static_cast<std::uint16_t>(std::stoul(lpszCommand));
+        silent.push_back(Command(codeFunc, fields, Bytes{0}));
+        if (!fields.empty()) {
+            silent.push_back(Command(codeFunc, Bytes(fields.begin(), fields.end() - 1)));
+        }
+        session.Put(command);
+        EXPECT_EQ(session.Word(), "S") << lpszCommand;
+        EXPECT_TRUE(session.Shakes());
+    }
+    for (std::size_t i = 0; i < silent.size(); ++i) {
+        session.Put(silent[i]);
+        EXPECT_EQ(session.Word(), "-") << i;
+    }
+}
+
+TEST(Session, HandshakesAndPackagesInParts) {
+    CSession session;
+    for (int i = 0; i < 3; ++i) { // the last answer stands
+        session.Put(Handshake(DAK_CONNECT, 0x40000));
+    }
+    EXPECT_EQ(session.Take(), Handshake(DAK_CONNECT, 0x30001));
+    session.Put(Command(10, Text(u"\\x")));
+    Bytes taken;
+    for (const std::size_t dwMost : {3U, 100U, 8U, 9U}) {
+        EXPECT_FALSE(session.Core().NextBytes().empty());
+        taken = Join(taken, session.Take(dwMost));
+    }
+    EXPECT_EQ(taken, Join(Ack(), Response(10, 1)));
+    // A handshake, and the next command, drop the rest.
+    session.Play(R"(word = -; 2 \x; part 3 = 3; shake; 10 \y; part 3 = 3; 2 \y = 1; 2 \y = 0)");
+}
+
+TEST(Session, PathsAndWorkOnThem) {
+    PlayRows<CSession>({
+        {"folders and paths",
+         R"(10 \new = 1; 10 \new = 0; 10 new/a = 1; 10 \\new\.\a\\b\ = 1; 2 \new = 0;
+            2 \new\a\b = 1; 10 \..\x = 0; 10 \d\..\x = 0; 10 C:\x = 0; 10 \.dak-x = 0; 10 \.DaK-y = 0;
+            10 \%DC00 = 0; 2 \ = 0; 2 '' = 0; files =)"},
+        {"copies and moves",
+         R"(lay d/f=12345 o/.dak-x=x new; 2 \o\.dak-x = 0; 1 \d\f \d\g = 1; 1 \d\f \x = 0;
+            1 \..\g \x = 0; 1 \d\g \.dak-x = 0; 20 \d\g \new\h #0 = 1; 20 \new \d\g #0 = 0;
+            20 \new \copy #0x80000000 = 1; 20 \new \copy #0x80000000 = 0; 20 \d \copy #0 = 1;
+            files = copy/g=12345 d/g=12345 new/h=12345 o/.dak-x=x)"},
+        {"work that a handshake ends",
+         R"(lay d/a=1; steps 4; 1 \d\a \x; shake; 1 \d\a \x; pass 1; shake;
+            20 \d\a \x #0; due; pass 1; pass 1; word = -; shake; files = d/a=1; 20 \d\a \x #0 = 1)"},
+        {"work that fails",
+         R"(lay d/a=1; fault Step full; 1 \d\a \x = 0; 20 \d\a \x #0 = 0; files = d/a=1)"},
+    });
+}
+
+// What the host is told of an entry, at its widest and in a listing.
+struct CInfo {
+    std::u16string strName;
+    std::u16string strType = u"File";
+    std::uint32_t dwAttributes = 0x20;
+    std::uint32_t dwSize = 0;
+    std::u16string strFolder = u"\\d\\";
+
+    Bytes Tail() const { return Join(U32(0), U32(dwSize)); }
+    // Texts of so many characters, or as long as they are.
+    static Bytes Wide(const std::u16string& strText, std::size_t nChars) {
+        Bytes bytes = Text(strText);
+        bytes.resize(2 * nChars);
+        return bytes;
+    }
+    Bytes Info() const {
+        return Join(Wide(strName, 260), Wide((strFolder + strName).substr(0, 258), 260),
+                    Wide(strType, 80), U32(dwAttributes), U64(1), U64(3), U64(2), Tail());
+    }
+    Bytes Entry() const {
+        const bool bThere = dwAttributes != 0;
+        return Join(U32(dwAttributes), Text(strName), Text(strFolder + strName), Text(strType),
+                    U64(bThere ? 1 : 0), U64(bThere ? 2 : 0), U64(bThere ? 3 : 0), Tail());
+    }
+    void Lay(CMemoryDevice& memory) const {
+        std::string strPath = *agent::ToUtf8(strFolder.substr(1) + strName);
+        std::replace(strPath.begin(), strPath.end(), '\\', '/');
+        CMemoryEntry& entry = dwAttributes == 0x10
+                                  ? memory.MakeFolder(strPath)
+                                  : memory.Write(strPath, std::string(dwSize, 'x'));
+        entry.info.bReadOnly = dwAttributes == 0x21;
+        entry.info.times = {1, 2};
+        entry.info.ftLastAccess = 3;
+    }
+};
+
+Bytes ListingOf(const std::vector<CInfo>& infos) {
+    Bytes stream = Join(U32(1), U32(static_cast<std::uint32_t>(infos.size())));
+    for (const CInfo& info : infos) {
+        const Bytes entry = info.Entry();
+        stream.insert(stream.end(), entry.begin(), entry.end());
+    }
+    return stream;
+}
+// What came of a listing, confirmed as a host does it: package 50, 100 and so on and the last, but
+// never the first.
+Bytes List(CSession& session, const std::u16string& strPath) {
+    Bytes stream;
+    std::size_t nPackages = 0;
+    for (Bytes next = session.Call(Command(7, Text(strPath))); !next.empty();
+         next = session.Take()) {
+        const bool bLast = DakGetU32(next.data()) == DAK_LAST_REPLY;
+        EXPECT_EQ(DakGetU16(&next[DAK_OFFSET_CODE]), 7);
+        EXPECT_TRUE(bLast || next.size() == DAK_PACKAGE_SIZE);
+        stream.insert(stream.end(), next.begin() + DAK_COMMAND_PAYLOAD_OFFSET, next.end());
+        if (++nPackages > 1 && (bLast || nPackages % 50 == 0)) {
+            EXPECT_EQ(session.Word(), "-");
+            session.Put(Ack());
+        }
+    }
+    return stream;
+}
+
+TEST(Session, InfoAndListing) {
+    CSession session;
+    const std::u16string strLong = u"x." + std::u16string(200, u'e');
+    const CInfo infos[] = {{u".hidden", u"File", 0x22},
+                           {u"Read.me.txt", u"TXT file", 0x20, 5},
+                           {u"a."},
+                           {u"fixed", u"File", 0x21},
+                           {u"sub.dir", u"File folder", 0x10},
+                           {strLong, std::u16string(79, u'E')},
+                           {u"\u00FC.b", u"B file"},
+                           {u"\U0001F600"}};
+    // Wider than its field: cut, and not through a character.
+    const CInfo deep{std::u16string(132, u'y') + u"\U0001F600.b", u"B file", 0x20, 0,
+                     u"\\" + std::u16string(124, u'x') + u"\\"};
+    deep.Lay(session.memory);
+    EXPECT_EQ(session.Call(Command(14, Text(deep.strFolder + deep.strName))),
+              Response(14, 1, deep.Info()));
+    for (const CInfo& info : infos) {
+        info.Lay(session.memory);
+        EXPECT_EQ(session.Call(Command(14, Text(u"\\d\\" + info.strName))),
+                  Response(14, 1, info.Info()));
+    }
+    for (const char* lpszHidden : {"d/.dak-own", "d/.DAK-own", "d/back\\slash", "d/bad\xFF"}) {
+        session.memory.Write(lpszHidden, "");
+    }
+    session.memory.Write("d/" + std::string(260, 'z'), "");
+    session.memory.MakeFolder("shut").bUnreadable = true;
+    EXPECT_EQ(session.Call(Command(14, Text(u"\\none"))), Response(14, 0, Bytes(1236)));
+    EXPECT_EQ(session.Call(Command(14, Text(u"\\shut")))[10], 1) << "also what cannot be read";
+    // A pattern, whether letters are folded, and which entries come; x for what the host takes for
+    // a failure.
+    std::istringstream rows(R"(\d n 01234567 d\* n 01234567 \d\*.* n 01234567 \d\*.txt n 1 \d\r* n -
+        \d\r* y 1 \d\r* ? - \d\? n 7 \d\?.b n 6 \d\.d* n - \d\Read.me.txt n 1 \d\sub.dir n -
+        \none n x \none\* n x \*\a n x \shut n x \.. n x \d\fixed\* n x)");
+    for (std::string strPath, strFolds, strCome; rows >> strPath >> strFolds >> strCome;) {
+        std::vector<CInfo> wanted;
+        for (const char ch : strCome == "-" || strCome == "x" ? "" : strCome) {
+            wanted.push_back(infos[ch - '0']);
+        }
+        session.memory.foldsCase = strFolds == "?" ? std::nullopt : std::optional(strFolds == "y");
+        EXPECT_EQ(List(session, *agent::ToUtf16(strPath)),
+                  strCome == "x" ? Join(U32(0), U32(1), Bytes(2)) : ListingOf(wanted))
+            << strPath;
+    }
+    session.Play("fault Next refused");
+    EXPECT_EQ(List(session, u"\\d"), Join(U32(0), U32(1), Bytes(2)));
+}
+
+TEST(Session, LongListings) {
+    CSession session;
+    std::vector<CInfo> infos;
+    for (int i = 10'000; i < 30'000; ++i) {
+        infos.push_back({*agent::ToUtf16(std::to_string(i))});
+        infos.back().Lay(session.memory);
+    }
+    EXPECT_TRUE(List(session, u"\\d") == ListingOf(infos));
+    // A handshake between two slices, and between two packages; a confirmation that comes early
+    // changes nothing, and a package that was dropped ends it all.
+    session.Play(
+        R"(7 \d; word = -; shake; word = -; 7 \d; settle; ack;
+        part 100 = 100; shake; word = -; 7 \d; settle; part 100 = 100; drop; word = -; shake)");
+    // Files that go meanwhile keep their place, with nothing but texts.
+    session.Play(R"(7 \d; settle; rm d)");
+    infos[0].dwAttributes = 0;
+    const Bytes first = session.Take();
+    const Bytes entry = infos[0].Entry();
+    EXPECT_TRUE(
+        std::equal(entry.begin(), entry.end(), first.begin() + DAK_COMMAND_PAYLOAD_OFFSET + 8));
+}
+
+TEST(Session, OpenFilesByHandle) {
+    // Access, share and disposition, what is there before, whether it opens, and what is there
+    // then.
+    std::istringstream rows(
+        "R 7 1 - y d/a= R 7 1 old n d/a=old W 0 2 - y d/a= R 0 2 old y d/a= R 1 3 old y d/a=old "
+        "R 1 3 - n - RW 4 4 old y d/a=old R 2 4 - y d/a= RW 0 5 old y d/a= W 0 5 - n - R 0 5 old n "
+        "d/a=old "
+        "R 0 0 old n d/a=old R 0 6 - n - 0 0 3 old n d/a=old R1 0 3 old n d/a=old R 8 3 old n "
+        "d/a=old");
+    std::string strShare, strHow, strOld, strOpens, strThen;
+    for (std::string strAccess;
+         rows >> strAccess >> strShare >> strHow >> strOld >> strOpens >> strThen;) {
+        CSession session;
+        session.Play(strOld == "-" ? "" : "lay d/a=" + strOld);
+        const std::string strWord = strAccess == "R"    ? "0x80000000"
+                                    : strAccess == "W"  ? "0x40000000"
+                                    : strAccess == "RW" ? "0xC0000000"
+                                    : strAccess == "0"  ? "0"
+                                                        : "0x80000001";
+        session.Play("15 \\d\\a #" + strWord + " #" + strShare + " #" + strHow +
+                     (strOpens == "y" ? " = 1 #1" : " = 0 #-1") +
+                     "; files = " + (strThen == "-" ? "" : strThen));
+    }
+    CSession session;
+    session.Play(
+        R"(lay d/s=x d/b=; 15 \d\s #0x80000000 #1 #3 = 1 #1; 15 \d\s #0x80000000 #2 #3 = 0 #-1;
+        15 \d\s #0x40000000 #1 #3 = 0 #-1; 19 #1 = 1; 19 #1 = 0; 15 \d\s #0x80000000 #2 #3 = 1 #2;
+        15 \d\s #0x40000000 #1 #3 = 1 #3; 15 \..\s #0x80000000 #7 #4 = 0 #-1; 15 \d #0x80000000 #7 #3 = 0 #-1)");
+    for (int n = 4; n < 258; ++n) {
+        session.Play(R"(15 \d\b #0x80000000 #7 #3 = 1 #)" + std::to_string(n));
+    }
+    // As many as may be, until one has not been used for ten minutes; without room the disk is not
+    // touched.
+    session.Play(R"(15 \d\n #0x40000000 #7 #1 = 0 #-1; files = d/b= d/s=x; pass 599000;
+        15 \d\n #0x40000000 #7 #1 = 0 #-1; 18 #2 #0 #1 = 0; pass 2000; 15 \d\none #0x80000000 #7 #3 = 0 #-1; 18 #3 #0 #1 = 0;
+        15 \d\n #0x40000000 #7 #1 = 1 #258; 18 #2 #0 #1 = 0; 18 #3 #0 #1 = 0; 18 #4 #0 #1 = -1)");
+    agent::COpenFiles files(4, UINT32_MAX - 1);
+    for (const std::uint32_t dwWanted : {UINT32_MAX - 1, 1U, 2U, 3U}) {
+        EXPECT_TRUE(files.HasRoom());
+        EXPECT_EQ(files.Add({}), dwWanted);
+    }
+    EXPECT_FALSE(files.HasRoom());
+}
+
+const std::string OPEN = R"(lay d/a.txt=12345; 15 \d\a.txt #0xC0000000 #7 #3 = 1 #1; )";
+std::string Data(std::size_t nPackages) {
+    return std::to_string(nPackages * DAK_DATA_SIZE);
+}
+
+TEST(Session, PointerReadsAndWrites) {
+    std::vector<std::pair<const char*, std::string>> rows = {
+        {"positions",
+         OPEN + R"(18 #1 #3 #0 = 3; 18 #1 #5 #1 = 8; 18 #1 #-20 #1 = -1; 18 #1 #0 #1 = 8;
+            18 #1 #-1 #0 = -1; 18 #1 #0 #2 = 5; 18 #1 #-6 #2 = -1; 18 #1 #7 #2 = 12; 18 #1 #0 #3 = -1;
+            18 #1 #0x7FFFFFFF #0 = 0x7FFFFFFF; 18 #1 #0x7FFFFFFF #1 = 0xFFFFFFFE; 18 #1 #1 #1 = -1;
+            18 #1 #0x80000000 #1 = 0x7FFFFFFE; 18 #2 #0 #0 = -1)"},
+        {"behind the end",
+         OPEN + R"(18 #1 #7 #0 = 7; 16 #1 #9; part 99 = 18; shake; write #1 1 1; send 1; word = 1;
+            18 #1 #0 #1 = 8)"},
+        {"what a handle may not", R"(lay d/a.txt=123; 15 \d\a.txt #0x80000000 #7 #3 = 1 #1;
+            15 \d\a.txt #0x40000000 #7 #3 = 1 #2; leave; write #1 1; send 1; word = -2; write #3 1; send 1; word = -2;
+            16 #2 #1; word = A; shake; 16 #3 #1; word = A; shake; files = d/a.txt=123; rm d/a.txt; write #2 1; send 1; word = -2;
+            fault Close full; 19 #2 = 0; 19 #2 = 0)"},
+        {"no room for its end",
+         OPEN + "room 12000; write #1 2; send 2; word = -1; files = d/a.txt=12345"},
+        {"bytes that were lost", OPEN + "write #1 40; send 40 lose 30; word = -2"},
+        {"more bytes than announced", OPEN + "write #1 40; send 40 twice 30; word = -2"}};
+    for (const std::string strPackages : {"1", "2", "51", "52", "102"}) {
+        rows.emplace_back("whole", OPEN + "write #1 " + strPackages + "; send " + strPackages +
+                                       "; word = 1; whole; "
+                                       "shake; 18 #1 #0 #0 = 0; read #1 " +
+                                       strPackages + "; get " + strPackages +
+                                       "; word = -; 10 \\next = 1");
+    }
+    // Windows reach the file one by one, and the position stays behind the last.
+    for (const auto& [nSent, nHeld] : {std::pair{0U, 0U}, {1U, 1U}, {30U, 1U}, {51U, 51U}, {53U, 51U}}) {
+        for (const char* lpszEnd : {"shake", "gone"}) {
+            rows.emplace_back("a write cut short", OPEN + "write #1 60; send " +
+                                                       std::to_string(nSent) + "; " + lpszEnd +
+                                                       "; 18 #1 #0 #1 = " + Data(nHeld));
+        }
+    }
+    PlayRows<CSession>(rows);
+}
+
+TEST(Session, CopiesToTheDevice) {
+    std::vector<std::pair<const char*, std::string>> rows = {
+        {"sent again at the full size",
+         "push 95; send 51; send 95 9^01 94 = 95R; send 95 :12288 95; word = 1; whole"},
+        {"sent again and given up", "lay d/a.txt=x; push 95; send 51 9^01 30 = 51R; send 30; send "
+                                    "95 abort = 51A; word = 0; files = d/a.txt=x"},
+        {"slow", "push 60; pass 4999; send 1; pass 4999; send 7; pass 4999; send 50; pass 4999; "
+                 "send 51; pass 4999; send 60; word = 1; whole"}};
+    for (const std::string strPackages : {"1", "2", "50", "51", "52", "101", "102"}) {
+        rows.emplace_back("answers where windows end",
+                          "push " + strPackages + "; send " + strPackages + "; word = 1; whole");
+    }
+    // Of the data, the checksum, the code, the length, the word, the size. No checksum covers the
+    // word: it may seem to be the final package.
+    for (const char* lpszFault :
+         {"6150^01", "9^80", "12^19", "4^01", "7^FF", "0^57", "0^01", ":6144", ":3"}) {
+        rows.emplace_back(lpszFault,
+                          std::string("push 95; send 51; send 95 ") + lpszFault +
+                              " 73 = 95R; send 95 20^02 74 = 95R; send 95; word = 1; whole");
+    }
+    for (const auto& [strBad, strEnd] :
+         {std::pair<std::string, std::string>{"1", "1"}, {"2", "51"}, {"51", "51"}, {"95", "95"}}) {
+        for (const std::string strFault : {"20^01 ", ":3 "}) {
+            rows.emplace_back("where windows end", "push 95; send 95 " + strFault + strBad + " = " +
+                                                       strEnd + "R; send 95; word = 1; whole");
+        }
+    }
+    // Lost, doubled, or repeated because its verdict was lost, also where windows begin alike: the
+    // contents never shift.
+    for (const std::string strPush : {"push 120; ", "push 120 - zeroes; "}) {
+        rows.emplace_back(
+            "lost",
+            strPush +
+                "send 51; send 101 lose 71 = 101-; pass 5000; word = R; send 120; word = 1; whole");
+        rows.emplace_back("doubled",
+                          strPush + "send 51; send 101 twice 71 = 101R; send 120; word = 1; whole");
+        rows.emplace_back("bad",
+                          strPush + "send 51; send 101 20^01 71 = 101R; send 120; word = 1; whole");
+        for (const std::string strAt : {"1", "51", "101"}) {
+            const std::string strAgain =
+                "pass 0; pass 4999; word = -; pass 1; word = R; back; send " + strAt + "; ";
+            rows.emplace_back("verdicts lost", strPush + "send " + strAt + "; " + strAgain +
+                                                   strAgain + "send 120; word = 1; whole");
+        }
+    }
+    for (const int nSent : {0, 1, 30, 51, 52}) {
+        const std::string strEnd = std::to_string((nSent + 49) / 50 * 50 + 1);
+        for (const std::string& strCut :
+             {"send 120 abort = " + strEnd + "A; word = 0", std::string("shake"),
+              std::string("leave"), std::string("gone")}) {
+            rows.emplace_back(
+                "cut short",
+                "lay d/a.txt=old; push 120; send " + std::to_string(nSent) + "; " + strCut +
+                    "; word = -; files = d/a.txt=old; push 1; send 1; word = 1; whole");
+        }
+    }
+    PlayRows<CSession>(rows);
+    // The parser gets whole windows, the first of which is one package: every byte of a record
+    // meets its end.
+    const CFileRecord record{.strName = u"\u00e4\U0001F600.b", .bytes = {'7', '8'}};
+    for (std::size_t dwCut = 0; dwCut <= Record(record).size(); ++dwCut) {
+        CSession session;
+        EXPECT_EQ(session.Push(CSession::Records(
+                      {{.strName = u"f", .bytes = Bytes(DAK_DATA_SIZE - 32 - dwCut, 'f')},
+                       record,
+                       {.strName = u"z", .bytes = {'1'}}})),
+                  "1")
+            << dwCut;
+        EXPECT_TRUE(session.Do("files").ends_with(" d/z=1 d/\u00e4\U0001F600.b=78"))
+            << session.Do("files");
+    }
+}
+
+// Whole streams, their result, and what they leave in d. A refused file costs those behind it
+// nothing, but a disk without room, or records that have lost their order, drop the rest.
+TEST(Session, WhatAStreamComesTo) {
+    const CFileRecord a{.strName = u"a", .bytes = {'1'}};
+    const CFileRecord b{.strName = u"b", .bytes = Bytes(70'000, 'b')};
+    const CFileRecord c{.strName = u"c", .bytes = {'3'}};
+    const std::u16string strLong(260, u'n');
+    const auto stream = [](const std::vector<CFileRecord>& files, std::uint32_t nMore = 0) {
+        Bytes bytes = CSession::Records(files);
+        DakPutU32(bytes.data(), static_cast<std::uint32_t>(files.size()) + nMore);
+        return bytes;
+    };
+    Bytes cut = stream({a, b});
+    cut.pop_back();
+    Bytes huge = stream({a});
+    huge[4 + 4] = 1;
+    const struct {
+        const char* lpszWhat;
+        Bytes stream;
+        const char* lpszResult;
+        std::string strFiles;
+    } rows[] = {
+        {"two files", stream({a, b}), "1", "d/a=1 d/b=b*70000"},
+        {"nothing", {}, "-2", ""},
+        {"none", stream({}), "1", ""},
+        {"fewer than announced", stream({a}, 2), "1", "d/a=1"},
+        {"cut in the contents", cut, "-2", "d/a=1"},
+        {"cut in a head", Join(stream({a}, 1), Bytes{0}), "-2", "d/a=1"},
+        {"cut in a name", Join(stream({a}, 1), Bytes(24), Bytes{0x61, 0}), "-2", "d/a=1"},
+        {"more than announced", Join(stream({a}), Bytes{0}), "-2", "d/a=1"},
+        {"4 GiB", huge, "-2", ""},
+        {"the longest name",
+         stream({{.strName = std::u16string_view(strLong).substr(1), .bytes = {'1'}}}), "1",
+         "d/" + std::string(259, 'n') + "=1"},
+        {"a longer one", stream({b, {.strName = strLong, .bytes = {}}, a}), "-2", "d/b=b*70000"},
+        {"one refused", stream({a, {.strName = u"..\\b", .bytes = b.bytes}, b}), "-2",
+         "d/a=1 d/b=b*70000"},
+    };
+    for (const auto& row : rows) {
+        CSession session;
+        EXPECT_EQ(session.Push(row.stream), row.lpszResult) << row.lpszWhat;
+        EXPECT_EQ(session.Do("files"), row.strFiles) << row.lpszWhat;
+    }
+    for (const std::string strFault : {"BeginPart", "Write", "Complete"}) {
+        for (const std::string strWhy : {" full", " refused"}) {
+            CSession session;
+            session.Play("lay d/b=2; fault " + strFault + strWhy + " d/b");
+            EXPECT_EQ(session.Push(stream({a, b, c})), strWhy == " full" ? "-1" : "-2");
+            EXPECT_EQ(session.Do("files"), strWhy == " full" ? "d/a=1 d/b=2" : "d/a=1 d/b=2 d/c=3")
+                << strFault;
+        }
+    }
+    for (const char16_t* lpszName : {u"..\\a", u"x\\..\\..\\a", u"\\a", u"/a", u"C:\\a", u"c:a",
+                                     u"", u".", u".dak-0.part", u"x\\.DaK-0", u"\xD800"}) {
+        CSession session;
+        EXPECT_EQ(session.Push(stream({{.strName = lpszName, .bytes = {}}})), "-2");
+        EXPECT_EQ(session.Push(stream({a}), u"\\..\\x"), "-2");
+        EXPECT_EQ(session.memory.entries.size(), 2U);
+    }
+}
+
+TEST(Session, StreamsFromTheDevice) {
+    std::vector<std::pair<const char*, std::string>> rows = {
+        {"a file that is another behind its last byte", "pull 121; get 5; touch; get 121 = 121A"},
+        {"a file that is another at its first",
+         "lay d/b=; pull 1; touch; shake; pull 121; get 100; touch; get 121 = 121A"},
+        {"a file that got short", "pull 121; get 5; lay d/a.txt=1; get 121 = 6A; shake"},
+        {"a file that fails", "pull 121; get 5; fault Read refused; get 121 = 6A"},
+        {"a list that cannot be made",
+         R"(lay d/n/x=; fault List refused d/n; 8 $00 \ C:\t #1 d; settle; word = A)"}};
+    for (const std::string strPackages : {"1", "2", "49", "50", "51", "100", "101"}) {
+        for (const std::string& strLast : {std::string("100"), Data(1)}) {
+            rows.emplace_back("waits where windows end", "pull " + strPackages + " - " + strLast +
+                                                             "; settle; get " + strPackages +
+                                                             "; word = -; 10 \\next = 1");
+        }
+    }
+    // What the host finds bad comes again, what it has confirmed too, which it passes over. When
+    // the file is another by then, a read gives the window that it holds and a copy nothing more.
+    for (const int nTaken : {0, 6, 49, 56, 100, 129}) {
+        const std::string strTo = "get " + std::to_string(nTaken) + "; part 14 = 14; ";
+        const int nConfirmed = nTaken / 50 * 50;
+        const std::string strHeld =
+            nConfirmed == 100 ? "" : " = " + std::to_string(nConfirmed + 51) + "A";
+        for (const std::string strRead : {"read #1 130; ", "pull 130; settle; "}) {
+            rows.emplace_back("given again", OPEN + strRead + strTo + "again; get 130; word = -");
+            rows.emplace_back(
+                "given again from another file",
+                OPEN + strRead + strTo + "touch; again; get 130" +
+                    (strRead[0] == 'r' ? strHeld : " = " + std::to_string(nConfirmed + 1) + "A"));
+        }
+    }
+    // A handle's position follows what the host has taken.
+    for (const unsigned nTaken : {0U, 1U, 30U, 50U, 70U, 99U}) {
+        const std::string strRead = OPEN + "read #1 120; get " + std::to_string(nTaken) + "; pass 1; ";
+        const auto behind = [](unsigned nPackages) {
+            return "; shake; 18 #1 #0 #1 = " +
+                   (nPackages == 0 ? "0" : std::to_string(nPackages * DAK_DATA_SIZE - 4));
+        };
+        for (const std::string strEnd : {"stop", "shake", "gone", "part 3 = 3; drop; word = -"}) {
+            rows.emplace_back("a read cut short", strRead + strEnd + behind(nTaken));
+        }
+        rows.emplace_back("a read cut short, unconfirmed",
+                          strRead + "part 12288 = 12288; pass 1" +
+                              behind(nTaken + (nTaken % 50 == 49 ? 0U : 1U)));
+        const unsigned nHeld = nTaken <= 50 ? 50 : 100;
+        rows.emplace_back("a read whose file got short",
+                          strRead + "lay d/a.txt=1; get 120 = " + std::to_string(nHeld + 1) + "A" +
+                              behind(nHeld));
+    }
+    PlayRows<CSession>(rows);
+    CSession session; // every byte of a small one
+    session.memory.Write("a", "\7").info.times = {2, 3};
+    session.Play(R"(8 $00 \ C:\t #1 a; settle)");
+    EXPECT_EQ(session.Take(14), (Bytes{0x22, 0xE0, 0, 0, 43, 0, 0, 0, 120, 0, 0, 0, 8, 0}));
+    EXPECT_EQ(session.Take(), Join(U32(1), U32(1), U64(1), U64(2), U64(3), Text(u"a"), Bytes{7}));
+}
+
+// The command's names meet the end of a piece in every byte.
+TEST(Session, CommandsInPieces) {
+    CSession session;
+    session.memory.Write("d/\u00e4\U0001F600.b", "1").info.times = {1, 2};
+    const CFileRecord record{
+        .strName = u"\u00e4\U0001F600.b", .bytes = {'1'}, .ftCreation = 1, .ftLastWrite = 2};
+    constexpr std::size_t PIECE = DAK_PACKAGE_SIZE - 10;
+    const auto put = [&](const Bytes& payload, std::size_t dwAt, std::uint16_t codeFunc = 8) {
+        const std::size_t dwSize = std::min(PIECE, payload.size() - dwAt);
+        Bytes piece = Command(codeFunc, Bytes(&payload[dwAt], &payload[dwAt] + dwSize));
+        DakPutU32(piece.data(), dwAt + dwSize < payload.size() ? DAK_PACKAGE : DAK_LAST_PACKAGE);
+        session.Put(piece);
+        return session.Word();
+    };
+    for (std::size_t dwCut = 1; dwCut <= Text(record.strName).size(); dwCut += 2) {
+        std::vector<std::u16string> names; // that are not there fill the room ahead
+        for (std::size_t dwRoom = PIECE - CSession::PullFields(u"\\d", {}).size() - dwCut;
+             dwRoom > 0;) {
+            const std::size_t dwTake = dwRoom > 410 ? 400 : dwRoom;
+            names.emplace_back(dwTake / 2 - 1, u'n');
+            dwRoom -= dwTake;
+        }
+        names.emplace_back(record.strName);
+        const Bytes payload = CSession::PullFields(u"\\d", names);
+        EXPECT_EQ(put(payload, 0), "S");
+        EXPECT_EQ(put(payload, PIECE), "S");
+        session.Settle();
+        EXPECT_EQ(session.Take(14).size(), 14U);
+        EXPECT_EQ(session.Take(), Join(U32(1), CSession::Records({record}))) << dwCut;
+        session.Play("shake");
+    }
+    // A piece of another command, or of another size, spoils its chain and no other; a handshake
+    // ends one; more than 16 MiB are none.
+    const Bytes payload(3 * PIECE);
+    for (const bool bForeign : {true, false}) {
+        EXPECT_EQ(put(payload, 0), "S");
+        EXPECT_EQ(bForeign ? put(payload, PIECE, 10) : put(Bytes(2 * PIECE - 2), PIECE), "-");
+        EXPECT_EQ(put(payload, 2 * PIECE), "-");
+    }
+    EXPECT_EQ(put(payload, 0), "S");
+    session.Play("shake");
+    EXPECT_EQ(session.Pull(u"\\d", {u"\u00e4\U0001F600.b"}, {record}), "y");
+    std::size_t nPieces = 0;
+    while (nPieces < 5000 && put(payload, 0) == "S") {
+        ++nPieces;
+    }
+    EXPECT_EQ(nPieces, (std::size_t{16} << 20) / PIECE);
+    EXPECT_TRUE(session.Shakes());
+}
+
+TEST(Session, WhatANameBrings) {
+    CSession session;
+    const std::string strWide = std::string(130, 'n') + "/" + std::string(129, 'n');
+    for (const std::string& strPath :
+         {std::string("d/b"), std::string("d/sub/z"), std::string("d/sub/deep/er/y"),
+          std::string("d/empty"), std::string("d/.dak-1.part"), std::string("d/back\\slash"),
+          std::string("d/bad\xff"), std::string("d/shut"), std::string("other"), "d/" + strWide}) {
+        session.memory.Write(strPath, "").info.times = {1, 2};
+    }
+    session.memory.MakeFolder("d/hollow");
+    session.memory.entries.at("d/shut")->bUnreadable = true;
+    const auto came = [&](const std::u16string& strFolder, const std::vector<std::u16string>& names,
+                          const std::vector<std::u16string>& files) {
+        std::vector<CFileRecord> records;
+        for (const std::u16string& strName : files) {
+            records.push_back({.strName = strName, .bytes = {}, .ftCreation = 1, .ftLastWrite = 2});
+        }
+        return session.Pull(strFolder, names, records);
+    };
+    EXPECT_EQ(came(u"\\d", {u"b", u"nothing", u"sub"}, {u"b", u"sub\\deep\\er\\y", u"sub\\z"}),
+              "y");
+    EXPECT_EQ(came(u"d\\", {u"sub/./deep\\", u"hollow", u"empty"}, {u"sub\\deep\\er\\y", u"empty"}),
+              "y");
+    EXPECT_EQ(came(u"\\", {u"d\\sub"}, {u"d\\sub\\deep\\er\\y", u"d\\sub\\z"}), "y");
+    EXPECT_EQ(came(u"\\d", {u""}, {u"b", u"empty", u"sub\\deep\\er\\y", u"sub\\z"}), "y")
+        << "one is too long";
+    EXPECT_EQ(
+        came(u"\\d",
+             {u"shut", u"..\\other", u"\\other", u"C:\\other", u".dak-1.part", u"back\\slash"}, {}),
+        "y");
+    EXPECT_EQ(came(u"\\..\\root", {u"other"}, {}), "y");
+    EXPECT_EQ(came(u"\\missing", {u"other"}, {}), "y");
+    // More names than one command may come to, and more than one slice of looking: a handshake is
+    // served in between.
+    std::vector<std::u16string> many;
+    for (int i = 10'000; i < 15'000; ++i) {
+        session.memory.Write("m/" + std::to_string(i), "").info.times = {1, 2};
+        many.push_back(u"m\\" + *agent::ToUtf16(std::to_string(i)));
+    }
+    session.Play(R"(8 $00 \ C:\t #1 m; word = -; shake)");
+    EXPECT_EQ(came(u"\\", {u"m"}, many), "y");
+    for (int i = 0; i < 1200; ++i) { // 64 MiB of names and more
+        session.memory.Write("l/" + std::string(60'000, 'n') + "/" + std::to_string(i), "");
+    }
+    session.Play(R"(8 $00 \ C:\t #1 l; settle; word = A)");
+}
+
+TEST(Session, SpaceStoragesAndFormat) {
+    CSession session;
+    const std::string strLong(51, 'n');
+    session.memory.disks = {{"card", 10 << 20}, {"large", std::uint64_t{1} << 50}};
+    session.memory.qwRootSize = 8 << 20;
+    session.memory.Write("d/a", std::string(1 << 20, 'x'));
+    session.options.storages = {{"Card", "card"}, {strLong, "large"}};
+    session.Restart();
+    session.memory.Write("Card/b", std::string(2 << 20, 'x'));
+    const auto record = [](const std::u16string& strName, std::uint32_t dwTotal,
+                           std::uint32_t dwFree, std::uint32_t dwKind) {
+        return Join(CInfo::Wide(strName, 52), U32(dwTotal), U32(dwFree), U32(dwKind), U32(0));
+    };
+    EXPECT_EQ(session.Call(Command(23)),
+              Response(23, 1, U32(3), record(u"\\", 8 << 10, 7 << 10, 1),
+                       record(u"Card", 10 << 10, 8 << 10, 2),
+                       record(*agent::ToUtf16(strLong), UINT32_MAX, UINT32_MAX, 2)));
+    session.Play(
+        R"(6 = 1 #7168 #8192; 25 '' = 1 ##7340032; 25 \d = 1 ##7340032; 25 /Card/ = 1 ##8388608;
+        25 \new = 0 ##0; 25 \d\a = 0 ##0; 25 \d\.. = 0 ##0; 24 Card = 0; 24 \ = 0)");
+    session.options.bAllowFormat = true;
+    session.options.qwQuota = 4 << 20;
+    session.Restart();
+    session.Play(
+        R"(6 = 1 #1024 #4096; 24 '' = 0; 24 . = 0; 24 \. = 0; 24 \\ = 0; 24 d = 0; 24 new = 0;
+        24 card = 0; 24 Card\b = 0; 24 .. = 0; 24 C: = 0; 24 %D800 = 0; files = Card/b=x*2097152 d/a=x*1048576;
+        24 Card; word = 1; due; settle; !due; files = d/a=x*1048576; 24 \ = 1; files =)");
+}
+
+TEST(Session, ProgramsControlsAndMessages) {
+    CSession session;
+    std::vector<std::string> notices;
+    session.memory.Write("d/tell", "");
+    session.memory.otherPrograms = {"tool"};
+    session.options.system.strName = "n\xC3\xA4me";
+    session.options.system.strVersion = "1.2";
+    session.options.system.messageCommands = {"note"};
+    session.options.system.lpNotice = [&](const std::string& strLine) {
+        notices.push_back(strLine);
+    };
+    session.Restart();
+    session.Play(R"(12 \d\tell '' #0 = 0 #0)"); // commands for messages allow no programs
+    session.options.system.bAllowExec = true;
+    session.Restart();
+    EXPECT_EQ(session.Call(Command(12, Text(u"\\d\\tell"), Text(u"a 'b c' \x4E2D"), U32(0))),
+              Response(12, 1, U32(0)));
+    // Who waits gets the status, when there is one; a handshake ends the waiting alone.
+    session.Play(
+        R"(12 tool '' #0 = 1 #0; 12 \tool '' #1 = 0 #0; 12 \d '' #1 = 0 #0; 12 \..\tool '' #1 = 0 #0;
+        12 \d\tell 'open #1 = 0 #0; 12 \d\tell %D800 #1 = 0 #0; 12 \d\tell '' #1; pass 5000; word = -; due; shake;
+        12 \d\tell '' #1; pass 5000; word = -; due)");
+    EXPECT_EQ(session.memory.Programs()[0].arguments,
+              (std::vector<std::string>{"a", "b c", "\xE4\xB8\xAD"}));
+    for (std::uint32_t i = 0; i < 4; ++i) {
+        session.memory.EndProgram(i, 7 + i);
+    }
+    session.Pass(1);
+    EXPECT_EQ(session.Take(), Response(12, 1, U32(10)));
+    session.Restart();
+    session.Pass(77);
+    // Code, input, room for output; result and output, which come as two packages.
+    std::istringstream rows(
+        "1 - 1 1 - 1 $05 1 1 $05 1 $0506 4 1 $0506 1 $0506 1 0 - 2 - 8 1 1.2 3 $01 100 1 n%00E4me "
+        "3 - 9 0 - 4 - 8 1 ##77 4 - 7 0 - 5 $010000 4 0 - 5 #600001 4 0 - 0 - 4 0 - 6 - 4 0 -");
+    const auto control = [&](std::uint32_t dwCode, const Bytes& input, std::uint32_t nRoom) {
+        return session.Call(Command(13, U32(dwCode), U32(static_cast<std::uint32_t>(input.size())),
+                                    input, U32(nRoom), Bytes(nRoom, 0xEE)));
+    };
+    std::string strInput, strOutput;
+    std::int32_t nResult = 0;
+    for (std::uint32_t dwCode, nRoom;
+         rows >> dwCode >> strInput >> nRoom >> nResult >> strOutput;) {
+        const std::vector<std::string> fields = {strInput, strOutput};
+        const Bytes output = CSession::Fields(fields.begin() + 1, fields.end());
+        EXPECT_EQ(control(dwCode, CSession::Fields(fields.begin(), fields.begin() + 1), nRoom),
+                  Response(13, nResult, U32(static_cast<std::uint32_t>(output.size()))))
+            << dwCode;
+        EXPECT_EQ(session.Take(), output) << dwCode << " " << nRoom;
+    }
+    EXPECT_EQ(control(1, Pattern(100'000), 100'000), Response(13, 1, U32(100'000)));
+    EXPECT_TRUE(session.Take(200'000) == Pattern(100'000));
+    // Without room for output no response is sent, and the work is done though nobody comes for
+    // one.
+    EXPECT_TRUE(control(1, {1}, 0).empty());
+    EXPECT_TRUE(control(5, U32(300), 0).empty());
+    for (const auto& [qwMs, bUp] :
+         {std::pair{999U, true}, {1U, false}, {299U, false}, {1U, true}}) {
+        session.Pass(qwMs);
+        EXPECT_EQ(session.Core().LinkUp(), bUp) << qwMs;
+    }
+    session.Play("21 one%000A = 0xC000; 21 two = 0xC001; 21 one%000A = 0xC000; 21 '' = 0; 21 %D800 "
+                 "= 0; 21 x*256 = 0;"
+                 "21 x*255 = 0xC002; 22 #0 #1 #2 = 0; 22 #0xC001 #7 #-2 = 1; 22 #1024 #-1 #3 = 1; "
+                 "22 #0xC000 #0 #0 = 1");
+    EXPECT_EQ(notices, (std::vector<std::string>{"message 0xC001 \"two\" wParam 7 lParam -2",
+                                                 "message 0x0400 wParam 4294967295 lParam 3",
+                                                 "message 0xC000 \"one?\" wParam 0 lParam 0"}));
+    EXPECT_EQ(session.memory.Messages()[0],
+              (agent::CDeviceProcesses::CVariables{{"DAK_MESSAGE", "49153"},
+                                                   {"DAK_MESSAGE_NAME", "two"},
+                                                   {"DAK_WPARAM", "7"},
+                                                   {"DAK_LPARAM", "-2"}}));
+    for (std::uint32_t i = 0xC003; i <= 0xFFFF; ++i) {
+        session.Call(Command(21, Text(*agent::ToUtf16(std::to_string(i)))));
+    }
+    session.Play("21 more = 0; 21 65535 = 65535");
+}
+
+TEST(Texts, CommandLinesPatternsAndNames) {
+    // In lines \t \n and \\ as in C; words with a bar between them, or ! for none.
+    const std::pair<const char*, const char*> lines[] = {
+        {"", ""},
+        {" \t a  b\n", "a|b|"},
+        {R"(a" b "c'd e'f)", "a b cd ef|"},
+        {R"("" '' x)", "||x|"},
+        {R"('a\b"c' "d'e")", R"(a\b"c|d'e|)"},
+        {R"("\a\"\\\$\`")", R"(\a"\$`|)"},
+        {R"(a\ b \"c\' \\)", R"(a b|"c'|\|)"},
+        {"a\\\nb \"c\\\nd\" 'e\\\nf'", "ab|cd|e\\\nf|"},
+        {"$HOME * #x ;", "$HOME|*|#x|;|"},
+        {"\xC3\xA4 \"\xE4 \"", "\xC3\xA4|\xE4 |"},
+        {"a 'b", "!"},
+        {"a \"b", "!"},
+        {R"("a\")", "!"},
+        {R"(a\)", "!"}};
+    for (const auto& [lpszLine, lpszWords] : lines) {
+        std::string strWords;
+        const auto words = agent::SplitCommandLine(lpszLine);
+        for (const std::string& strWord : words.value_or(std::vector<std::string>())) {
+            strWords += strWord + "|";
+        }
+        EXPECT_EQ(words ? strWords : "!", lpszWords) << lpszLine;
+    }
+    // Pattern, name, and whether it matches: always, with letters folded, or never.
+    std::istringstream patterns(
+        "* - y ? - n a*c abcbc y a*c abcb n A*.T?T abc.txt f a?c a\u00FCc y a??c a\u00FCc n "
+        "*ab aab y *\u00FC \u00FC\u00FC y a ab n ab a n a* a y *.* none y *.?* none n");
+    for (std::string strPattern, strName, strMatches;
+         patterns >> strPattern >> strName >> strMatches;) {
+        strName = strName == "-" ? "" : strName;
+        const bool bExact = agent::CWildcard(strPattern, false).Matches(strName);
+        const bool bFolded = agent::CWildcard(strPattern, true).Matches(strName);
+        EXPECT_EQ(bExact && bFolded ? "y"
+                  : bFolded         ? "f"
+                                    : "n",
+                  strMatches)
+            << strPattern << " " << strName;
+    }
+    EXPECT_EQ(agent::Printable("a\x1B[\x7F\n\xC2\x9B\xC2\xA0\xC3\x9F"), "a?[???\xC2\xA0\xC3\x9F");
+    agent::CNameQueue queue;
+    for (const char* lpszName : {"b", "a", "", "ab", "a\xFF"}) {
+        EXPECT_TRUE(queue.Push(lpszName, 32)); // 12 bytes of names and 20 of the rest
+    }
+    EXPECT_FALSE(queue.Push("c", 32));
+    for (const char* lpszName : {"", "a", "ab", "a\xFF", "b"}) {
+        EXPECT_EQ(queue.Pop(), lpszName);
+    }
+}
+
+// Random packages, exchanges that begin well and are then spoilt, and calls that fail. Whatever
+// came, the next handshake is served, a copy goes there and back, and nothing is left of what was
+// cut short.
+TEST(Session, AnythingAtAnyMoment) {
+    for (std::uint32_t dwSeed = 1; dwSeed <= 100; ++dwSeed) {
+        SCOPED_TRACE(dwSeed);
+        CSession session;
+        std::mt19937 random(dwSeed);
+        session.options.bAllowFormat = dwSeed % 4 == 0;
+        session.options.system.bAllowExec = true;
+        session.Restart();
+        session.memory.Write("a", std::string(40'000, 't'));
+        session.memory.nWorkSteps = 1 + dwSeed % 3;
+        session.memory.lpFault = [&](auto, auto&) {
+            return static_cast<agent::EResult>(random() % 16 > 1 ? 0 : 1 + random() % 2);
+        };
+        const Bytes push = CommandOf("8 $01 a d");
+        const std::vector<Bytes> packages =
+            StreamPackages(8, CSession::Records({{.strName = u"x", .bytes = Pattern(900'000)}}),
+                           DAK_PACKAGE, DAK_LAST_PACKAGE, true);
+        for (int i = 0; i < 2000; ++i) {
+            const auto nWhat = random() % 20;
+            Bytes package =
+                nWhat < 3   ? CommandOf(COMMANDS[random() % std::size(COMMANDS)])
+                : nWhat < 4 ? push
+                : nWhat < 14
+                    ? packages[random() % 6 == 0 ? random() % packages.size()
+                                                 : static_cast<std::size_t>(i) % packages.size()]
+                : nWhat < 15
+                    ? Pattern(random() % 30, dwSeed)
+                    : Control(std::array{DAK_SUCCESS, DAK_RETRANSMIT, DAK_ABORT}[random() % 3]);
+            if (random() % 8 == 0 && !package.empty()) {
+                package[random() % package.size()] ^= static_cast<std::uint8_t>(1 + random() % 255);
+            }
+            session.Put(package);
+            session.Take(random() % 4 == 0 ? 3 : DAK_PACKAGE_SIZE);
+            random() % 16 == 0 ? session.Pass(random() % 6000) : void();
+            random() % 32 == 0 ? session.Core().DropPending() : void();
+        }
+        session.memory.lpFault = nullptr;
+        session.Play("shake");
+        const CFileRecord after{.strName = u"after", .bytes = Pattern(20'000, dwSeed)};
+        ASSERT_EQ(session.Push(CSession::Records({after}), u"\\fresh"), "1");
+        ASSERT_EQ(session.Pull(u"\\fresh", {u"after"}, {after}), "y");
+        for (const auto& [strPath, strBytes] : session.memory.Files()) {
+            ASSERT_EQ(strPath.find(".dak-"), std::string::npos) << strPath;
+        }
+    }
+}
+
+} // namespace
+} // namespace test
