@@ -1,5 +1,5 @@
 // A host that does what a run of bytes tells it: whole packages and broken ones, good beginnings
-// and bad ends. 
+// and bad ends.
 #pragma once
 
 #include <cstdint>
