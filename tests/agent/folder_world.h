@@ -1,21 +1,17 @@
-// A device folder on a POSIX file system, and scripts of what becomes of it: steps with a semicolon
-// between them, each with what it comes to.
+// A device folder on a POSIX file system, and scripts (script.h) of what becomes of it. Refused is
+// n, no room f.
 //
-//   put d/a new; !copy d/a d/a; disk root/d = a=new
-//
-// A step comes to y, done; behind ! to n, refused; behind % to f, no room; else to what stands
-// behind " = ". Files are written as path=bytes, folders path/, links path>target, other names of a
-// file path+path, pipes path|; behind them the permissions :444 where a fresh one has others, and
-// @12, seconds of 1970, when it was written. In bytes a*5 is aaaaa and ^ a zero; %deep is a hundred
-// folders. Paths of the host's begin in the root, those of the owner's above it: the root is root,
-// with the folder In that is a storage, and beside it card is the storage Card.
+// Files are written as path=bytes, folders path/, links path>target, other names of a file
+// path+path, pipes path|; behind them the permissions :444 where a fresh one has others, and @12,
+// seconds of 1970, when it was written. %deep is a hundred folders. Paths of the host's begin in
+// the root, those of the owner's above it: the root is root, with the folder In that is a storage,
+// and beside it card is the storage Card.
 #pragma once
 
 #include <algorithm>
 #include <array>
-#include <regex>
+#include <numeric>
 #include <set>
-#include <sstream>
 
 #include <csignal>
 #include <fcntl.h>
@@ -27,6 +23,7 @@
 
 #include "agent/device.h"
 #include "agent/posix/system_file.h"
+#include "tests/agent/script.h"
 #include "tests/support/temp_folder.h"
 
 // What the system's own calls do that no test could count on making: full (folders that find no
@@ -41,7 +38,7 @@ namespace fs = std::filesystem;
 using agent::COpenMode;
 using agent::EResult;
 
-class CFolderWorld {
+class CFolderWorld : public CScript {
   public:
     static constexpr std::uint64_t QUOTA = 100'000;
 
@@ -49,31 +46,8 @@ class CFolderWorld {
         ::umask(022);
         Play("lay root/d/ root/In/ card/ outside.txt=outside; agent");
     }
-    ~CFolderWorld() { g_faults.clear(); }
+    ~CFolderWorld() override { g_faults.clear(); }
 
-    void Play(const std::string& strScript) {
-        static const std::regex s_step(R"(\s*([!%]?)([^;]*?)( =(?: ([^;]*?))?)?\s*(;|$))");
-        for (std::sregex_iterator it(strScript.begin(), strScript.end(), s_step), end; it != end;
-             ++it) {
-            const std::smatch& step = *it;
-            if (!step.str(2).empty()) {
-                EXPECT_EQ(Do(step.str(2)), step[3].matched      ? step.str(4)
-                                           : step.str(1) == "!" ? "n"
-                                           : step.str(1) == "%" ? "f"
-                                                                : "y")
-                    << step.str(2);
-            }
-        }
-    }
-    // What a step comes to.
-    std::string Do(const std::string& strStep) {
-        static const std::string s_strDeep =
-            std::regex_replace(std::string(99, '/'), std::regex("/"), "d/") + "d";
-        std::istringstream text(std::regex_replace(strStep, std::regex("%deep"), s_strDeep));
-        std::vector<std::string> words((std::istream_iterator<std::string>(text)), {});
-        words.resize(std::max(words.size(), std::size_t{4}));
-        return DoOfHost(words);
-    }
     std::uint64_t Used() { return m_qwQuota - m_pFolder->SpaceOf(At("")).value().qwFree; }
     bool HasWork() const { return m_pFolder->HasWork(true); }
     static agent::CDevicePath At(const std::string& strPath) {
@@ -102,22 +76,26 @@ class CFolderWorld {
     const CTempFolder base;
 
   private:
-    using Words = std::vector<std::string>;
     using Bytes = std::vector<std::uint8_t>;
 
-    static std::string Say(bool bYes) { return bYes ? "y" : "n"; }
+    using CScript::Say;
     static std::string Say(EResult eResult) { return {"yfn"[static_cast<int>(eResult)]}; }
     template <class T>
     static std::string Say(const std::unique_ptr<T>& p) {
         return Say(p != nullptr);
     }
 
-    std::string DoOfHost(const Words& w) {
+    std::string DoWords(const Words& words, const std::string&) override {
+        static const std::string s_strDeep =
+            std::regex_replace(std::string(100, 'd'), std::regex("d(?!$)"), "d/");
+        Words w = words;
+        for (std::string& strWord : w) {
+            strWord = std::regex_replace(strWord, std::regex("%deep"), s_strDeep);
+        }
         const agent::CDevicePath at = At(w[1]);
         const agent::CDevicePath to = At(w[2]);
         const std::string& v = w[0];
-        return v == "put"       ? Say(Put(w[1], w[2], 2))
-               : v == "cut"     ? Say(Put(w[1], w[2], 1)) // short, in the middle
+        return v == "put"       ? Say(Put(at, w[2]))
                : v == "mkdir"   ? Say(m_pFolder->MakeFolder(at))
                : v == "rm"      ? Say(m_pFolder->Remove(at))
                : v == "format"  ? Say(m_pFolder->Format(at))
@@ -127,10 +105,9 @@ class CFolderWorld {
                : v == "find"    ? Say(m_pFolder->Find(at).has_value())
                : v == "space"   ? Say(m_pFolder->SpaceOf(at).has_value())
                : v == "list"    ? Say(m_pFolder->Scan(at) && m_pFolder->List(at, 100))
-               : v == "source"  ? Source(at)
-               : v == "same"    ? Say(m_pSource->Identity() == m_qwListed)
+               : v == "source"  ? Say(m_pFolder->OpenSource(at))
                : v == "born"    ? std::to_string(m_pFolder->Find(at)->times.ftCreation)
-               : v == "seen"    ? ShowSeen(w[1])
+               : v == "seen"    ? Show(Seen(w[1]), w[1])
                : v == "used"    ? std::to_string(Used())
                // Handle, path, and how: rw, what others may RW, that it is made (m), emptied (e),
                // or must be new (x).
@@ -159,14 +136,13 @@ class CFolderWorld {
                : v == "work"      ? Work(true)
                : v == "busy"      ? Work(false)
                : v == "storage"   ? Say(!m_storages.emplace_back(w[1], w[2]).first.empty())
-               : v == "disk"      ? Show(w[1])
+               : v == "disk"      ? ShowDisk(w[1])
                : v == "there"     ? Say(fs::exists(base / w[1]))
-               : v == "drop"      ? Say(fs::remove_all(base / w[1]) > 0)
+               : v == "drop"      ? Say(fs::remove_all(base / w[1]) < UINT64_MAX)
                : v == "rename"    ? Say(::rename((base / w[1]).c_str(), (base / w[2]).c_str()) == 0)
                : v == "elsewhere" ? Elsewhere(w[1])
                : v == "fault"     ? Say((g_faults[w[1]] = NumberOf(w[2])) != UINT64_MAX)
                : v == "limit"     ? Limit(std::stoul(w[1]))
-               : v == "many"      ? Many(w[1], std::stoul(w[2]))
                : v == "lay"       ? Lay(w)
                                   : v + " is no step";
     }
@@ -183,7 +159,7 @@ class CFolderWorld {
         m_pFolder->SetQuota(m_qwQuota = qwQuota);
         return "y";
     }
-    std::string OpenOther() {
+    std::string OpenOther() const {
         std::string strError;
         agent::CDeviceFolder::Open(base.Path("root"), {}, strError)->RemoveLeftovers(true);
         return "y";
@@ -194,20 +170,17 @@ class CFolderWorld {
         }
         return Say(!m_pFolder->HasWork(bIdle));
     }
-    EResult Put(const std::string& strPath, const std::string& strText, std::size_t nHalves) {
+    EResult Put(const agent::CDevicePath& path, const std::string& strText) {
         const std::size_t dwTime = strText.find('@');
-        const std::string strBytes = Long(strText.substr(0, dwTime));
-        const agent::CFileTimes times{7, 116'444'736'000'000'000 +
-                                             10'000'000 * NumberOf(strText.substr(dwTime + 1))};
-        EResult eResult = m_pFolder->BeginPart(At(strPath), strBytes.size(), m_pPart);
-        for (std::size_t i = 0; i < nHalves && eResult == EResult::SUCCESS; ++i) {
-            const std::size_t dwHalf = strBytes.size() / 2;
-            eResult = m_pPart->Write(
-                BytesOf(i == 0 ? strBytes.substr(0, dwHalf) : strBytes.substr(dwHalf)));
+        const Bytes bytes = BytesOf(strText.substr(0, dwTime));
+        agent::CFileTimes times;
+        if (dwTime != std::string::npos) {
+            times = {7,
+                     116'444'736'000'000'000 + 10'000'000 * std::stoul(strText.substr(dwTime + 1))};
         }
-        if (eResult == EResult::SUCCESS && nHalves == 2) {
-            eResult = m_pPart->Complete(dwTime == std::string::npos ? agent::CFileTimes() : times);
-        }
+        EResult eResult = m_pFolder->BeginPart(path, bytes.size(), m_pPart);
+        eResult = m_pPart ? m_pPart->Write(bytes) : eResult;
+        eResult = eResult == EResult::SUCCESS ? m_pPart->Complete(times) : eResult;
         Leave();
         return eResult;
     }
@@ -227,26 +200,23 @@ class CFolderWorld {
             eResult = pWork->Step();
         }
         pWork.reset();
-        m_pFolder->EndParts();
+        Leave();
         return *eResult;
     }
     bool OpenHandle(const std::string& strHandle, const agent::CDevicePath& path,
                     const std::string& strHow) {
         const auto is = [&](char ch) { return strHow.find(ch) != std::string::npos; };
-        const COpenMode mode{.bRead = is('r'),
-                             .bWrite = is('w'),
-                             .bShareRead = is('R'),
-                             .bShareWrite = is('W'),
-                             .eMissing = static_cast<COpenMode::EMissing>(is('m')),
-                             .eExisting = is('x')   ? COpenMode::EExisting::REFUSE
-                                          : is('e') ? COpenMode::EExisting::EMPTY
-                                                    : COpenMode::EExisting::KEEP};
+        const COpenMode mode{is('r'),
+                             is('w'),
+                             is('R'),
+                             is('W'),
+                             static_cast<COpenMode::EMissing>(is('m')),
+                             static_cast<COpenMode::EExisting>(is('x')   ? 2
+                                                               : is('e') ? 1
+                                                                         : 0)};
         std::unique_ptr<agent::COpenFile> pFile;
         const EResult eResult = m_pFolder->OpenFile(path, mode, pFile);
-        if (pFile) {
-            m_handles[strHandle] = std::move(pFile);
-        }
-        return eResult == EResult::SUCCESS;
+        return eResult == EResult::SUCCESS && (m_handles[strHandle] = std::move(pFile));
     }
     std::string Read(const std::string& strHandle) {
         Bytes bytes(20);
@@ -254,26 +224,9 @@ class CFolderWorld {
         return {bytes.begin(), bytes.end()};
     }
 
-    std::string Source(const agent::CDevicePath& path) {
-        m_pSource = m_pFolder->OpenSource(path);
-        m_qwListed = m_pSource ? m_pFolder->Find(path)->qwIdentity : 0;
-        return Say(m_pSource != nullptr);
-    }
-
-    // Bytes as scripts write them, and back.
-    static std::string Long(std::string strText) {
-        std::replace(strText.begin(), strText.end(), '^', '\0');
-        return strText.find('*') != 1 ? strText
-                                      : std::string(std::stoul(strText.substr(2)), strText[0]);
-    }
     static Bytes BytesOf(const std::string& strText) {
         const std::string strBytes = Long(strText);
         return {strBytes.begin(), strBytes.end()};
-    }
-    static std::string Short(const std::string& strBytes) {
-        const bool bLong =
-            strBytes.size() > 20 && strBytes.find_first_not_of(strBytes[0]) == std::string::npos;
-        return bLong ? strBytes.substr(0, 1) + "*" + std::to_string(strBytes.size()) : strBytes;
     }
     // A number, or the inode of what is there.
     std::uint64_t NumberOf(const std::string& strText) const {
@@ -307,52 +260,34 @@ class CFolderWorld {
         return "y";
     }
     // As Lay takes them; of folders those that are empty, or have marks.
-    std::string Show(const std::string& strFolder) const {
+    std::string ShowDisk(const std::string& strFolder) const {
         std::set<std::string> things;
         for (const auto& entry : fs::recursive_directory_iterator(base / strFolder)) {
             struct stat status {};
             ::lstat(entry.path().c_str(), &status);
-            const char chKind = entry.is_symlink()     ? '>'
-                                : entry.is_directory() ? '/'
-                                : entry.is_fifo()      ? '|'
-                                                       : '=';
+            const bool bFolder = entry.is_directory() && !entry.is_symlink();
             const mode_t mode = status.st_mode & 07777;
+            const bool bUsual =
+                mode == (bFolder ? 0755 : 0644) || S_ISFIFO(status.st_mode) || entry.is_symlink();
             std::ostringstream marks;
-            if (chKind == '/' ? mode != 0755 : chKind == '=' && mode != 0644) {
-                marks << ":" << std::oct << mode << std::dec;
-            }
-            if (chKind != '>' && status.st_mtime < 1'000'000) {
-                marks << "@" << status.st_mtime;
-            }
-            if (chKind != '/' || !marks.str().empty() || fs::is_empty(entry.path())) {
-                things.insert(NameOf(entry.path().lexically_relative(base / strFolder)) + chKind +
-                              (chKind == '>'   ? fs::read_symlink(entry.path()).string()
-                               : chKind == '=' ? Short(ReadBytes(entry.path()))
-                                               : "") +
+            marks << std::oct << (bUsual ? "" : ":");
+            bUsual ? marks : marks << mode << std::dec;
+            status.st_mtime < 1'000'000 && !entry.is_symlink()
+                ? marks << std::dec << "@" << status.st_mtime
+                : marks;
+            if (!bFolder || !marks.str().empty() || fs::is_empty(entry.path())) {
+                things.insert(NameOf(entry.path().lexically_relative(base / strFolder)) +
+                              (entry.is_symlink() ? ">" + fs::read_symlink(entry.path()).string()
+                               : bFolder          ? "/"
+                               : S_ISFIFO(status.st_mode) ? "|"
+                                                          : "=" + Short(ReadBytes(entry.path()))) +
                               marks.str());
             }
         }
-        return Join(things);
-    }
-    std::string ShowSeen(const std::string& strFolder) {
-        std::set<std::string> things;
-        for (const auto& [strPath, strBytes] : Seen(strFolder)) {
-            things.insert(strPath + (strPath.ends_with("/") ? "" : "=" + Short(strBytes)));
-        }
-        return Join(things);
-    }
-    static std::string Join(const std::set<std::string>& things) {
-        std::string strAll;
-        for (const std::string& strThing : things) {
-            strAll += (strAll.empty() ? "" : " ") + strThing;
-        }
-        return strAll;
-    }
-    std::string Many(const std::string& strFolder, std::size_t nFiles) const {
-        for (; nFiles > 0; --nFiles) {
-            base.Write(strFolder + "/" + std::to_string(nFiles), "");
-        }
-        return "y";
+        return std::accumulate(things.begin(), things.end(), std::string(),
+                               [](const auto& strAll, const auto& strThing) {
+                                   return strAll + (strAll.empty() ? "" : " ") + strThing;
+                               });
     }
     std::string Elsewhere(const std::string& strPath) {
         m_pElsewhere = std::make_unique<CTempFolder>("/dev/shm");
@@ -378,8 +313,6 @@ class CFolderWorld {
     std::map<std::string, std::unique_ptr<agent::COpenFile>> m_handles;
     std::unique_ptr<agent::CPartFile> m_pPart;
     std::unique_ptr<agent::CFolderWork> m_pWork;
-    std::unique_ptr<agent::CSourceFile> m_pSource;
-    std::uint64_t m_qwListed = 0; // what identified it
 };
 
 } // namespace test

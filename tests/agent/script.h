@@ -5,6 +5,8 @@
 // That is what stands behind " = ", behind ! an n, behind % an f, and else a y.
 #pragma once
 
+#include <algorithm>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -27,10 +29,11 @@ class CScript {
         for (std::sregex_iterator it(strScript.begin(), strScript.end(), s_step), end; it != end;
              ++it) {
             const std::string strMark = it->str(1);
-            const std::string strWanted = (*it)[3].matched ? it->str(4)
-                                          : strMark == "!" ? "n"
-                                          : strMark == "%" ? "f"
-                                                           : "y";
+            const std::string strWanted =
+                (*it)[3].matched ? std::regex_replace(it->str(4), std::regex("\\s+"), " ")
+                : strMark == "!" ? "n"
+                : strMark == "%" ? "f"
+                                 : "y";
             if (!it->str(2).empty()) {
                 EXPECT_EQ(Do(it->str(2), strWanted), strWanted) << it->str(2);
             }
@@ -50,12 +53,42 @@ class CScript {
     static std::string Say(bool bYes) { return bYes ? "y" : "n"; }
 };
 
-// Rows by their names, each in a world of its own.
+// A table of rows, each played in a world of its own: "- name: script". "X of 1 2" in a name plays
+// the script with each of these in the place of X; "- X is: steps" gives a name to steps.
 template <class CWorld>
-void PlayRows(const std::vector<std::pair<const char*, std::string>>& rows) {
-    for (const auto& [lpszName, strScript] : rows) {
-        SCOPED_TRACE(lpszName);
-        CWorld().Play(strScript);
+void PlayRows(const std::string& strRows) {
+    static const std::regex s_row(R"(- ((?:[^:]|:\S)*):\s+([\s\S]*?)(?=\n *- |\n$|$))");
+    static const std::regex s_each(R"(\b([A-Z]+) of ([^,]*))");
+    const auto put = [](std::string& strScript, const std::string& strName,
+                        const std::string& strFor) {
+        strScript = std::regex_replace(strScript, std::regex("\\b" + strName + "\\b"), strFor);
+    };
+    std::vector<std::pair<std::string, std::string>> names;
+    for (std::sregex_iterator row(strRows.begin(), strRows.end(), s_row), end; row != end; ++row) {
+        const std::string strName = row->str(1);
+        std::vector<std::string> scripts = {row->str(2)};
+        for (const auto& [strEach, strSteps] : names) {
+            put(scripts[0], strEach, strSteps);
+        }
+        if (strName.ends_with(" is")) {
+            names.emplace_back(strName.substr(0, strName.size() - 3), scripts[0]);
+            continue;
+        }
+        for (std::sregex_iterator each(strName.begin(), strName.end(), s_each); each != end;
+             ++each) {
+            std::vector<std::string> more;
+            for (const std::string& strScript : scripts) {
+                std::istringstream values(each->str(2));
+                for (std::string strValue; values >> strValue;) {
+                    put(more.emplace_back(strScript), each->str(1), strValue);
+                }
+            }
+            scripts = more;
+        }
+        for (const std::string& strScript : scripts) {
+            SCOPED_TRACE(strName + ": " + strScript);
+            CWorld().Play(strScript);
+        }
     }
 }
 
@@ -71,10 +104,14 @@ inline std::string Short(const std::string& strBytes) {
                ? strBytes
                : (bSame ? strBytes.substr(0, 1) : "?") + "*" + std::to_string(strBytes.size());
 }
-inline std::string JoinThings(const std::map<std::string, std::string>& things) {
+// Files of a folder as name=bytes, folders as name/.
+inline std::string Show(const std::map<std::string, std::string>& tree,
+                        const std::string& strFolder = {}) {
     std::string strAll;
-    for (const auto& [strName, strRest] : things) {
-        strAll += (strAll.empty() ? "" : " ") + strName + strRest;
+    for (const auto& [strName, strBytes] : tree) {
+        strAll += (strAll.empty() ? "" : " ") +
+                  strName.substr(strFolder.empty() ? 0 : strFolder.size() + 1) +
+                  (strName.ends_with("/") ? "" : "=" + Short(strBytes));
     }
     return strAll;
 }

@@ -7,8 +7,8 @@
 //   send 120 flip 71       with a fault of the 71st; what is not confirmed is sent again next
 //   write 1 120; send 120  the same by handle 1; to the host: pull 120, read 1, get 120
 //
-// A field is #1, a word; ##1, two words; $01FE, bytes; '' or anything else, a text, in which %D800
-// is a unit; and - is nothing.
+// A field is #1, a word; ##1, two words; $01FE and "x*9, bytes; '' or anything else, a text, in
+// which %D800 is a unit; and - is nothing.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -141,6 +141,8 @@ class CSession : public CScript {
                : v == "pass"           ? done([&] { Pass(n); })
                : v == "ack"            ? done([&] { Put(Ack()); })
                : v == "again"          ? done([&] { Put(Control(DAK_RETRANSMIT)), m_nAt = 0; })
+               : v == "stream"         ? Push(Fields(w.begin() + 1, w.end()))
+               : v == "names"          ? Names(w, strWanted)
                : v == "stop"           ? done([&] { Put(Control(DAK_ABORT)); })
                : v == "touch"          ? done([&] { WriteFile(); })
                : v == "settle"         ? done([&] { Settle(); })
@@ -153,7 +155,8 @@ class CSession : public CScript {
                : v == "whole"          ? Say(IsWhole())
                : v == "lay"            ? Lay(w)
                : v == "rm"             ? done([&] { memory.Remove(w[1]); })
-               : v == "files"          ? Files()
+               : v == "at"             ? At(w[1])
+               : v == "files"          ? Show(memory.Files())
                : v == "steps"          ? done([&] { memory.nWorkSteps = static_cast<unsigned>(n); })
                : v == "room"           ? done([&] { memory.qwRootSize = n; })
                : v == "fault"          ? Fault(w)
@@ -164,6 +167,10 @@ class CSession : public CScript {
   private:
     static Bytes Field(const std::string& strField) {
         Bytes bytes;
+        if (strField[0] == '"') {
+            const std::string strBytes = Long(strField.substr(1));
+            return {strBytes.begin(), strBytes.end()};
+        }
         if (strField[0] == '#') {
             const std::size_t nWords = strField.find_first_not_of('#');
             const auto qwValue =
@@ -236,13 +243,13 @@ class CSession : public CScript {
     // Of what was sent last.
     void GoBack() { m_nAt = m_nAt < 2 ? 0 : (m_nAt - 2) / 50 * 50 + 1; }
     // Reads where a host waits, and looks in between: what came beside confirmations. Fault of one
-    // package, or of all: lose, twice, abort, :8 for another size, or 9^80 for bits of a byte.
+    // package, or of all: lose, twice, abort, ~8 for another size, or 9^80 for bits of a byte.
     std::string Send(std::size_t nTo, const std::string& strFault, std::size_t nBad) {
         const std::size_t dwMark = strFault.find('^');
         while (m_nAt < std::min(nTo, m_packages.size())) {
             Bytes package = m_packages[m_nAt++];
             const bool bBad = !strFault.empty() && (nBad == 0 || m_nAt == nBad);
-            if (bBad && strFault[0] == ':') {
+            if (bBad && strFault[0] == '~') {
                 package.resize(std::stoul(strFault.substr(1)), 0xEE);
             } else if (bBad && strFault == "abort") {
                 package = Join(Control(DAK_ABORT), Bytes(DAK_MAXPACKAGELENGTH, 0x5A));
@@ -261,12 +268,28 @@ class CSession : public CScript {
                                         : strFault.empty() && m_pCore->HasBytes() ? "!"
                                                                                   : "S";
             if (strWord != "S") {
-                const std::string strCame = std::to_string(m_nAt) + strWord;
                 GoBack();
-                return strCame;
+                return strWord;
             }
         }
         return "y";
+    }
+    // Of empty files, what a pull of these names brings.
+    std::string Names(const Words& w, const std::string& strWanted) {
+        std::istringstream text(strWanted);
+        const Words wanted((std::istream_iterator<std::string>(text)), {});
+        Bytes stream = Join(U32(1), U32(static_cast<std::uint32_t>(wanted.size())));
+        for (const std::string& strName : wanted) {
+            const Bytes record = Join(U64(0), U64(1), U64(2), Field(strName));
+            stream.insert(stream.end(), record.begin(), record.end());
+        }
+        m_packages = StreamPackages(8, stream, DAK_REPLY_PACKAGE, DAK_LAST_REPLY, false);
+        const auto nNames =
+            static_cast<std::uint32_t>(std::find(w.begin(), w.end(), "") - w.begin() - 2);
+        Begin(Command(8, Bytes{0}, Field(w[1]), Text(u"t"), U32(nNames),
+                      Fields(w.begin() + 2, w.end())));
+        Settle();
+        return Get(m_packages.size()) == "y" ? strWanted : "?";
     }
     std::string Get(std::size_t nTo) {
         for (; m_nAt < nTo; ++m_nAt) {
@@ -288,17 +311,16 @@ class CSession : public CScript {
         }
         return "y";
     }
+    // The position of a handle, in packages of data that were taken or sent.
+    std::string At(const std::string& strHandle) {
+        const Bytes response = Call(Command(18, Field(strHandle), U32(0), U32(1)));
+        const std::size_t dwAt = DakGetU32(&response[10]);
+        return std::to_string((dwAt % DAK_DATA_SIZE == 0 ? dwAt : dwAt + 4) / DAK_DATA_SIZE);
+    }
     bool IsWhole() {
         const auto it = memory.entries.find("d/a.txt");
         return it != memory.entries.end() &&
                it->second->strBytes == std::string(file.bytes.begin(), file.bytes.end());
-    }
-    std::string Files() const {
-        TREE files = memory.Files();
-        for (auto& [strPath, strBytes] : files) {
-            strBytes = "=" + Short(strBytes);
-        }
-        return JoinThings(files);
     }
     std::string Lay(const Words& w) {
         for (std::size_t i = 1; i < w.size() && !w[i].empty(); ++i) {

@@ -97,54 +97,54 @@ TEST(Session, HandshakesAndPackagesInParts) {
 }
 
 TEST(Session, PathsAndWorkOnThem) {
-    PlayRows<CSession>({
-        {"folders and paths",
-         R"(10 \new = 1; 10 \new = 0; 10 new/a = 1; 10 \\new\.\a\\b\ = 1; 2 \new = 0;
-            2 \new\a\b = 1; 10 \..\x = 0; 10 \d\..\x = 0; 10 C:\x = 0; 10 \.dak-x = 0; 10 \.DaK-y = 0;
-            10 \%DC00 = 0; 2 \ = 0; 2 '' = 0; files =)"},
-        {"copies and moves",
-         R"(lay d/f=12345 o/.dak-x=x new; 2 \o\.dak-x = 0; 1 \d\f \d\g = 1; 1 \d\f \x = 0;
-            1 \..\g \x = 0; 1 \d\g \.dak-x = 0; 20 \d\g \new\h #0 = 1; 20 \new \d\g #0 = 0;
-            20 \new \copy #0x80000000 = 1; 20 \new \copy #0x80000000 = 0; 20 \d \copy #0 = 1;
-            files = copy/g=12345 d/g=12345 new/h=12345 o/.dak-x=x)"},
-        {"work that a handshake ends",
-         R"(lay d/a=1; steps 4; 1 \d\a \x; shake; 1 \d\a \x; pass 1; shake;
-            20 \d\a \x #0; due; pass 1; pass 1; word = -; shake; files = d/a=1; 20 \d\a \x #0 = 1)"},
-        {"work that fails",
-         R"(lay d/a=1; fault Step full; 1 \d\a \x = 0; 20 \d\a \x #0 = 0; files = d/a=1)"},
-    });
+    PlayRows<CSession>(R"(
+- folders and paths:
+    10 \new = 1; 10 \new = 0; 10 new/a = 1; 10 \\new\.\a\\b\ = 1; 2 \new = 0; 2 \new\a\b = 1; 2 \ = 0;
+    10 \..\x = 0; 10 \d\..\x = 0; 10 C:\x = 0; 10 \.dak-x = 0; 10 \.DaK-y = 0; 10 \%DC00 = 0; 2 '' = 0
+- copies and moves:
+    lay d/f=12345 o/.dak-x=x new; 2 \o\.dak-x = 0; 1 \d\f \d\g = 1; 1 \d\f \x = 0; 1 \..\g \x = 0;
+    1 \d\g \.dak-x = 0; 20 \d\g \new\h #0 = 1; 20 \new \d\g #0 = 0; 20 \new \copy #0x80000000 = 1;
+    20 \new \copy #0x80000000 = 0; 20 \d \copy #0 = 1;
+    files = copy/g=12345 d/g=12345 new/h=12345 o/.dak-x=x
+- work that a handshake ends:
+    lay d/a=1; steps 4; 1 \d\a \x; shake; 1 \d\a \x; pass 1; shake; 20 \d\a \x #0; due; pass 1; pass 1;
+    word = -; shake; files = d/a=1; 20 \d\a \x #0 = 1
+- work that fails: lay d/a=1; fault Step full; 1 \d\a \x = 0; 20 \d\a \x #0 = 0; files = d/a=1
+)");
 }
 
-// What the host is told of an entry, at its widest and in a listing.
+// What the host is told of an entry of d.
 struct CInfo {
     std::u16string strName;
     std::u16string strType = u"File";
     std::uint32_t dwAttributes = 0x20;
-    std::uint32_t dwSize = 0;
+    std::string strBytes = {};
     std::u16string strFolder = u"\\d\\";
 
-    Bytes Tail() const { return Join(U32(0), U32(dwSize)); }
-    // Texts of so many characters, or as long as they are.
-    static Bytes Wide(const std::u16string& strText, std::size_t nChars) {
-        Bytes bytes = Text(strText);
-        bytes.resize(2 * nChars);
-        return bytes;
+    // In fields of so many characters, cut and not through one, or in texts that follow each other.
+    Bytes Put(std::size_t nName, std::size_t nType) const {
+        const auto text = [](const std::u16string& strText, std::size_t nChars) {
+            Bytes bytes = Text(strText.substr(0, nChars == 260 ? 258 : nChars));
+            bytes.resize(nChars == SIZE_MAX ? bytes.size() : 2 * nChars);
+            return bytes;
+        };
+        return Join(text(strName, nName), text(strFolder + strName, nName), text(strType, nType));
     }
+    Bytes Size() const { return Join(U32(0), U32(static_cast<std::uint32_t>(strBytes.size()))); }
     Bytes Info() const {
-        return Join(Wide(strName, 260), Wide((strFolder + strName).substr(0, 258), 260),
-                    Wide(strType, 80), U32(dwAttributes), U64(1), U64(3), U64(2), Tail());
+        return Join(Put(260, 80), U32(dwAttributes), U64(1), U64(3), U64(2), Size());
     }
     Bytes Entry() const {
-        const bool bThere = dwAttributes != 0;
-        return Join(U32(dwAttributes), Text(strName), Text(strFolder + strName), Text(strType),
-                    U64(bThere ? 1 : 0), U64(bThere ? 2 : 0), U64(bThere ? 3 : 0), Tail());
+        const std::uint64_t qwOne =
+            dwAttributes != 0 ? 1 : 0; // an entry that has gone has texts alone
+        return Join(U32(dwAttributes), Put(SIZE_MAX, SIZE_MAX), U64(qwOne), U64(2 * qwOne),
+                    U64(3 * qwOne), Size());
     }
     void Lay(CMemoryDevice& memory) const {
         std::string strPath = *agent::ToUtf8(strFolder.substr(1) + strName);
         std::replace(strPath.begin(), strPath.end(), '\\', '/');
-        CMemoryEntry& entry = dwAttributes == 0x10
-                                  ? memory.MakeFolder(strPath)
-                                  : memory.Write(strPath, std::string(dwSize, 'x'));
+        CMemoryEntry& entry =
+            dwAttributes == 0x10 ? memory.MakeFolder(strPath) : memory.Write(strPath, strBytes);
         entry.info.bReadOnly = dwAttributes == 0x21;
         entry.info.times = {1, 2};
         entry.info.ftLastAccess = 3;
@@ -182,7 +182,7 @@ TEST(Session, InfoAndListing) {
     CSession session;
     const std::u16string strLong = u"x." + std::u16string(200, u'e');
     const CInfo infos[] = {{u".hidden", u"File", 0x22},
-                           {u"Read.me.txt", u"TXT file", 0x20, 5},
+                           {u"Read.me.txt", u"TXT file", 0x20, "12345"},
                            {u"a."},
                            {u"fixed", u"File", 0x21},
                            {u"sub.dir", u"File folder", 0x10},
@@ -190,7 +190,10 @@ TEST(Session, InfoAndListing) {
                            {u"\u00FC.b", u"B file"},
                            {u"\U0001F600"}};
     // Wider than its field: cut, and not through a character.
-    const CInfo deep{std::u16string(132, u'y') + u"\U0001F600.b", u"B file", 0x20, 0,
+    const CInfo deep{std::u16string(132, u'y') + u"\U0001F600.b",
+                     u"B file",
+                     0x20,
+                     {},
                      u"\\" + std::u16string(124, u'x') + u"\\"};
     deep.Lay(session.memory);
     EXPECT_EQ(session.Call(Command(14, Text(deep.strFolder + deep.strName))),
@@ -249,41 +252,33 @@ TEST(Session, LongListings) {
 }
 
 TEST(Session, OpenFilesByHandle) {
-    // Access, share and disposition, what is there before, whether it opens, and what is there
-    // then.
-    std::istringstream rows(
-        "R 7 1 - y d/a= R 7 1 old n d/a=old W 0 2 - y d/a= R 0 2 old y d/a= R 1 3 old y d/a=old "
-        "R 1 3 - n - RW 4 4 old y d/a=old R 2 4 - y d/a= RW 0 5 old y d/a= W 0 5 - n - R 0 5 old n "
-        "d/a=old "
-        "R 0 0 old n d/a=old R 0 6 - n - 0 0 3 old n d/a=old R1 0 3 old n d/a=old R 8 3 old n "
-        "d/a=old");
-    std::string strShare, strHow, strOld, strOpens, strThen;
-    for (std::string strAccess;
-         rows >> strAccess >> strShare >> strHow >> strOld >> strOpens >> strThen;) {
-        CSession session;
-        session.Play(strOld == "-" ? "" : "lay d/a=" + strOld);
-        const std::string strWord = strAccess == "R"    ? "0x80000000"
-                                    : strAccess == "W"  ? "0x40000000"
-                                    : strAccess == "RW" ? "0xC0000000"
-                                    : strAccess == "0"  ? "0"
-                                                        : "0x80000001";
-        session.Play("15 \\d\\a #" + strWord + " #" + strShare + " #" + strHow +
-                     (strOpens == "y" ? " = 1 #1" : " = 0 #-1") +
-                     "; files = " + (strThen == "-" ? "" : strThen));
-    }
-    CSession session;
-    session.Play(
-        R"(lay d/s=x d/b=; 15 \d\s #0x80000000 #1 #3 = 1 #1; 15 \d\s #0x80000000 #2 #3 = 0 #-1;
-        15 \d\s #0x40000000 #1 #3 = 0 #-1; 19 #1 = 1; 19 #1 = 0; 15 \d\s #0x80000000 #2 #3 = 1 #2;
-        15 \d\s #0x40000000 #1 #3 = 1 #3; 15 \..\s #0x80000000 #7 #4 = 0 #-1; 15 \d #0x80000000 #7 #3 = 0 #-1)");
-    for (int n = 4; n < 258; ++n) {
-        session.Play(R"(15 \d\b #0x80000000 #7 #3 = 1 #)" + std::to_string(n));
-    }
+    PlayRows<CSession>(R"(
+- BY is: 15 \d\a #0x80000000
+- WRITING is: 15 \d\a #0x40000000
+- made new and not anew: BY #7 #1 = 1 #1; files = d/a=; lay d/a=old; BY #7 #1 = 0 #-1; files = d/a=old
+- made always: WRITING #0 #2 = 1 #1; files = d/a=; 19 #1 = 1; lay d/a=old; BY #0 #2 = 1 #2; files = d/a=
+- open: BY #1 #3 = 0 #-1; files =; lay d/a=old; BY #1 #3 = 1 #1; files = d/a=old
+- open always: BY #2 #4 = 1 #1; files = d/a=; lay d/a=old; 15 \d\a #0xC0000000 #4 #4 = 0 #-1; 19 #1 = 1;
+    15 \d\a #0xC0000000 #4 #4 = 1 #2; files = d/a=old
+- emptied: WRITING #0 #5 = 0 #-1; lay d/a=old; BY #0 #5 = 0 #-1; files = d/a=old; WRITING #0 #5 = 1 #1;
+    files = d/a=
+- words that are none: lay d/a=old; BY #0 #0 = 0 #-1; BY #0 #6 = 0 #-1; BY #8 #3 = 0 #-1;
+    15 \d\a #0 #0 #3 = 0 #-1; 15 \d\a #0x80000001 #0 #3 = 0 #-1; 15 \..\a #0x80000000 #7 #4 = 0 #-1;
+    15 \d #0x80000000 #7 #3 = 0 #-1; files = d/a=old
+- shared: lay d/a=x; BY #1 #3 = 1 #1; BY #2 #3 = 0 #-1; WRITING #1 #3 = 0 #-1; 19 #1 = 1; 19 #1 = 0;
+    BY #2 #3 = 1 #2; WRITING #1 #3 = 1 #3
+)");
     // As many as may be, until one has not been used for ten minutes; without room the disk is not
     // touched.
-    session.Play(R"(15 \d\n #0x40000000 #7 #1 = 0 #-1; files = d/b= d/s=x; pass 599000;
-        15 \d\n #0x40000000 #7 #1 = 0 #-1; 18 #2 #0 #1 = 0; pass 2000; 15 \d\none #0x80000000 #7 #3 = 0 #-1; 18 #3 #0 #1 = 0;
-        15 \d\n #0x40000000 #7 #1 = 1 #258; 18 #2 #0 #1 = 0; 18 #3 #0 #1 = 0; 18 #4 #0 #1 = -1)");
+    CSession session;
+    session.Play("lay d/b=");
+    for (int n = 1; n < 257; ++n) {
+        session.Play(R"(15 \d\b #0x80000000 #7 #3 = 1 #)" + std::to_string(n));
+    }
+    session.Play(
+        R"(15 \d\n #0x40000000 #7 #1 = 0 #-1; files = d/b=; pass 599000; 15 \d\n #0x40000000 #7 #1 = 0 #-1;
+        18 #1 #0 #1 = 0; pass 2000; 15 \d\none #0x80000000 #7 #3 = 0 #-1; 18 #2 #0 #1 = 0;
+        15 \d\n #0x40000000 #7 #1 = 1 #257; 18 #1 #0 #1 = 0; 18 #2 #0 #1 = 0; 18 #3 #0 #1 = -1)");
     agent::COpenFiles files(4, UINT32_MAX - 1);
     for (const std::uint32_t dwWanted : {UINT32_MAX - 1, 1U, 2U, 3U}) {
         EXPECT_TRUE(files.HasRoom());
@@ -292,104 +287,65 @@ TEST(Session, OpenFilesByHandle) {
     EXPECT_FALSE(files.HasRoom());
 }
 
-const std::string OPEN = R"(lay d/a.txt=12345; 15 \d\a.txt #0xC0000000 #7 #3 = 1 #1; )";
-std::string Data(std::size_t nPackages) {
-    return std::to_string(nPackages * DAK_DATA_SIZE);
-}
-
 TEST(Session, PointerReadsAndWrites) {
-    std::vector<std::pair<const char*, std::string>> rows = {
-        {"positions",
-         OPEN + R"(18 #1 #3 #0 = 3; 18 #1 #5 #1 = 8; 18 #1 #-20 #1 = -1; 18 #1 #0 #1 = 8;
-            18 #1 #-1 #0 = -1; 18 #1 #0 #2 = 5; 18 #1 #-6 #2 = -1; 18 #1 #7 #2 = 12; 18 #1 #0 #3 = -1;
-            18 #1 #0x7FFFFFFF #0 = 0x7FFFFFFF; 18 #1 #0x7FFFFFFF #1 = 0xFFFFFFFE; 18 #1 #1 #1 = -1;
-            18 #1 #0x80000000 #1 = 0x7FFFFFFE; 18 #2 #0 #0 = -1)"},
-        {"behind the end",
-         OPEN + R"(18 #1 #7 #0 = 7; 16 #1 #9; part 99 = 18; shake; write #1 1 1; send 1; word = 1;
-            18 #1 #0 #1 = 8)"},
-        {"what a handle may not", R"(lay d/a.txt=123; 15 \d\a.txt #0x80000000 #7 #3 = 1 #1;
-            15 \d\a.txt #0x40000000 #7 #3 = 1 #2; leave; write #1 1; send 1; word = -2; write #3 1; send 1; word = -2;
-            16 #2 #1; word = A; shake; 16 #3 #1; word = A; shake; files = d/a.txt=123; rm d/a.txt; write #2 1; send 1; word = -2;
-            fault Close full; 19 #2 = 0; 19 #2 = 0)"},
-        {"no room for its end",
-         OPEN + "room 12000; write #1 2; send 2; word = -1; files = d/a.txt=12345"},
-        {"bytes that were lost", OPEN + "write #1 40; send 40 lose 30; word = -2"},
-        {"more bytes than announced", OPEN + "write #1 40; send 40 twice 30; word = -2"}};
-    for (const std::string strPackages : {"1", "2", "51", "52", "102"}) {
-        rows.emplace_back("whole", OPEN + "write #1 " + strPackages + "; send " + strPackages +
-                                       "; word = 1; whole; "
-                                       "shake; 18 #1 #0 #0 = 0; read #1 " +
-                                       strPackages + "; get " + strPackages +
-                                       "; word = -; 10 \\next = 1");
-    }
-    // Windows reach the file one by one, and the position stays behind the last.
-    for (const auto& [nSent, nHeld] : {std::pair{0U, 0U}, {1U, 1U}, {30U, 1U}, {51U, 51U}, {53U, 51U}}) {
-        for (const char* lpszEnd : {"shake", "gone"}) {
-            rows.emplace_back("a write cut short", OPEN + "write #1 60; send " +
-                                                       std::to_string(nSent) + "; " + lpszEnd +
-                                                       "; 18 #1 #0 #1 = " + Data(nHeld));
-        }
-    }
-    PlayRows<CSession>(rows);
+    PlayRows<CSession>(R"(
+- OPEN is: lay d/a.txt=12345; 15 \d\a.txt #0xC0000000 #7 #3 = 1 #1
+- positions:
+    OPEN; 18 #1 #3 #0 = 3; 18 #1 #5 #1 = 8; 18 #1 #-20 #1 = -1; 18 #1 #0 #1 = 8; 18 #1 #-1 #0 = -1;
+    18 #1 #0 #2 = 5; 18 #1 #-6 #2 = -1; 18 #1 #7 #2 = 12; 18 #1 #0 #3 = -1;
+    18 #1 #0x7FFFFFFF #0 = 0x7FFFFFFF; 18 #1 #0x7FFFFFFF #1 = 0xFFFFFFFE; 18 #1 #1 #1 = -1;
+    18 #1 #0x80000000 #1 = 0x7FFFFFFE; 18 #2 #0 #0 = -1
+- behind the end: OPEN; 18 #1 #7 #0 = 7; 16 #1 #9; part 99 = 18; shake; write #1 1 1; send 1; word = 1;
+    18 #1 #0 #1 = 8
+- what a handle may not:
+    lay d/a.txt=123; 15 \d\a.txt #0x80000000 #7 #3 = 1 #1; 15 \d\a.txt #0x40000000 #7 #3 = 1 #2; leave;
+    write #1 1; send 1; word = -2; write #3 1; send 1; word = -2; 16 #2 #1; word = A; shake; 16 #3 #1;
+    word = A; shake; files = d/a.txt=123; rm d/a.txt; write #2 1; send 1; word = -2; fault Close full;
+    19 #2 = 0; 19 #2 = 0
+- no room for its end: OPEN; room 12000; write #1 2; send 2; word = -1; files = d/a.txt=12345
+- fewer or more bytes than announced, X of lose twice: OPEN; write #1 40; send 40 X 30; word = -2
+- there and back, N of 1 2 51 52 102:
+    OPEN; write #1 N; send N; word = 1; whole; 18 #1 #0 #0 = 0; read #1 N; get N; word = -; 10 \next = 1
+- FIRST is: 18 #1 #0 #0 = 0
+- a write cut short, X of shake gone:
+    OPEN; write #1 60; X; at #1 = 0; write #1 60; send 1; X; at #1 = 1; FIRST; write #1 60; send 30; X;
+    at #1 = 1; FIRST; write #1 60; send 53; X; at #1 = 51
+- a read cut short, X of stop shake gone drop:
+    OPEN; read #1 120; pass 1; X; shake; at #1 = 0; read #1 120; get 30; pass 1; X; shake; at #1 = 30;
+    FIRST; read #1 120; get 50; pass 1; X; shake; at #1 = 50; FIRST; read #1 120; get 99; pass 1; X; shake;
+    at #1 = 99
+- a read cut short in the middle of a package, and ahead of a confirmation:
+    OPEN; read #1 120; get 70; part 3 = 3; drop; word = -; shake; at #1 = 70; FIRST; read #1 120; get 49;
+    part 12288 = 12288; pass 1; shake; at #1 = 49
+- a read whose file got short: OPEN; read #1 120; get 30; lay d/a.txt=1; get 120 = 51A; shake; at #1 = 50
+)");
 }
 
 TEST(Session, CopiesToTheDevice) {
-    std::vector<std::pair<const char*, std::string>> rows = {
-        {"sent again at the full size",
-         "push 95; send 51; send 95 9^01 94 = 95R; send 95 :12288 95; word = 1; whole"},
-        {"sent again and given up", "lay d/a.txt=x; push 95; send 51 9^01 30 = 51R; send 30; send "
-                                    "95 abort = 51A; word = 0; files = d/a.txt=x"},
-        {"slow", "push 60; pass 4999; send 1; pass 4999; send 7; pass 4999; send 50; pass 4999; "
-                 "send 51; pass 4999; send 60; word = 1; whole"}};
-    for (const std::string strPackages : {"1", "2", "50", "51", "52", "101", "102"}) {
-        rows.emplace_back("answers where windows end",
-                          "push " + strPackages + "; send " + strPackages + "; word = 1; whole");
-    }
-    // Of the data, the checksum, the code, the length, the word, the size. No checksum covers the
-    // word: it may seem to be the final package.
-    for (const char* lpszFault :
-         {"6150^01", "9^80", "12^19", "4^01", "7^FF", "0^57", "0^01", ":6144", ":3"}) {
-        rows.emplace_back(lpszFault,
-                          std::string("push 95; send 51; send 95 ") + lpszFault +
-                              " 73 = 95R; send 95 20^02 74 = 95R; send 95; word = 1; whole");
-    }
-    for (const auto& [strBad, strEnd] :
-         {std::pair<std::string, std::string>{"1", "1"}, {"2", "51"}, {"51", "51"}, {"95", "95"}}) {
-        for (const std::string strFault : {"20^01 ", ":3 "}) {
-            rows.emplace_back("where windows end", "push 95; send 95 " + strFault + strBad + " = " +
-                                                       strEnd + "R; send 95; word = 1; whole");
-        }
-    }
-    // Lost, doubled, or repeated because its verdict was lost, also where windows begin alike: the
-    // contents never shift.
-    for (const std::string strPush : {"push 120; ", "push 120 - zeroes; "}) {
-        rows.emplace_back(
-            "lost",
-            strPush +
-                "send 51; send 101 lose 71 = 101-; pass 5000; word = R; send 120; word = 1; whole");
-        rows.emplace_back("doubled",
-                          strPush + "send 51; send 101 twice 71 = 101R; send 120; word = 1; whole");
-        rows.emplace_back("bad",
-                          strPush + "send 51; send 101 20^01 71 = 101R; send 120; word = 1; whole");
-        for (const std::string strAt : {"1", "51", "101"}) {
-            const std::string strAgain =
-                "pass 0; pass 4999; word = -; pass 1; word = R; back; send " + strAt + "; ";
-            rows.emplace_back("verdicts lost", strPush + "send " + strAt + "; " + strAgain +
-                                                   strAgain + "send 120; word = 1; whole");
-        }
-    }
-    for (const int nSent : {0, 1, 30, 51, 52}) {
-        const std::string strEnd = std::to_string((nSent + 49) / 50 * 50 + 1);
-        for (const std::string& strCut :
-             {"send 120 abort = " + strEnd + "A; word = 0", std::string("shake"),
-              std::string("leave"), std::string("gone")}) {
-            rows.emplace_back(
-                "cut short",
-                "lay d/a.txt=old; push 120; send " + std::to_string(nSent) + "; " + strCut +
-                    "; word = -; files = d/a.txt=old; push 1; send 1; word = 1; whole");
-        }
-    }
-    PlayRows<CSession>(rows);
+    PlayRows<CSession>(R"(
+- answers where windows end, N of 1 2 50 51 52 101 102: push N; send N; word = 1; whole
+- slow:
+    push 60; pass 4999; send 1; pass 4999; send 7; pass 4999; send 51; pass 4999; send 60; word = 1; whole
+- BAD is: send 95 20^02 74 = R; send 95; word = 1; whole
+- bad in a byte, in what the head says or in size, X of 6150^01 9^80 12^19 4^01 7^FF 0^57 0^01 ~6144 ~3:
+    push 95; send 51; send 95 X 73 = R; BAD
+- bad where windows begin and end, X of 20^01 ~3:
+    push 95; send 1 X 1 = R; send 51 X 2 = R; send 51 X 51 = R; send 51; send 95 X 95 = R; BAD
+- the end sent again at the full size:
+    push 95; send 51; send 95 9^01 94 = R; send 95 ~12288 95; word = 1; whole
+- lost, also where windows begin alike, X of - zeroes:
+    push 120 - X; send 51; send 101 lose 71 = -; pass 5000; word = R; send 120; word = 1; whole
+- bad or doubled, X of - zeroes, Y of twice 20^01:
+    push 120 - X; send 51; send 101 Y 71 = R; send 120; word = 1; whole
+- AGAIN is: pass 0; pass 4999; word = -; pass 1; word = R; back
+- its verdict was lost, X of - zeroes, N of 1 51 101:
+    push 120 - X; send N; AGAIN; send N; AGAIN; send 120; word = 1; whole
+- OLD is: word = -; files = d/a.txt=old; push 1; send 1; word = 1; whole
+- given up, N of 0 1 30 51 52: lay d/a.txt=old; push 120; send N; send 120 abort = A; word = 0; OLD
+- cut short, N of 0 1 30 51 52, X of shake leave gone: lay d/a.txt=old; push 120; send N; X; OLD
+- sent again and given up:
+    lay d/a.txt=old; push 95; send 51 9^01 30 = R; send 30; send 95 abort = A; word = 0; OLD
+)");
     // The parser gets whole windows, the first of which is one package: every byte of a record
     // meets its end.
     const CFileRecord record{.strName = u"\u00e4\U0001F600.b", .bytes = {'7', '8'}};
@@ -409,114 +365,52 @@ TEST(Session, CopiesToTheDevice) {
 // Whole streams, their result, and what they leave in d. A refused file costs those behind it
 // nothing, but a disk without room, or records that have lost their order, drop the rest.
 TEST(Session, WhatAStreamComesTo) {
-    const CFileRecord a{.strName = u"a", .bytes = {'1'}};
-    const CFileRecord b{.strName = u"b", .bytes = Bytes(70'000, 'b')};
-    const CFileRecord c{.strName = u"c", .bytes = {'3'}};
-    const std::u16string strLong(260, u'n');
-    const auto stream = [](const std::vector<CFileRecord>& files, std::uint32_t nMore = 0) {
-        Bytes bytes = CSession::Records(files);
-        DakPutU32(bytes.data(), static_cast<std::uint32_t>(files.size()) + nMore);
-        return bytes;
-    };
-    Bytes cut = stream({a, b});
-    cut.pop_back();
-    Bytes huge = stream({a});
-    huge[4 + 4] = 1;
-    const struct {
-        const char* lpszWhat;
-        Bytes stream;
-        const char* lpszResult;
-        std::string strFiles;
-    } rows[] = {
-        {"two files", stream({a, b}), "1", "d/a=1 d/b=b*70000"},
-        {"nothing", {}, "-2", ""},
-        {"none", stream({}), "1", ""},
-        {"fewer than announced", stream({a}, 2), "1", "d/a=1"},
-        {"cut in the contents", cut, "-2", "d/a=1"},
-        {"cut in a head", Join(stream({a}, 1), Bytes{0}), "-2", "d/a=1"},
-        {"cut in a name", Join(stream({a}, 1), Bytes(24), Bytes{0x61, 0}), "-2", "d/a=1"},
-        {"more than announced", Join(stream({a}), Bytes{0}), "-2", "d/a=1"},
-        {"4 GiB", huge, "-2", ""},
-        {"the longest name",
-         stream({{.strName = std::u16string_view(strLong).substr(1), .bytes = {'1'}}}), "1",
-         "d/" + std::string(259, 'n') + "=1"},
-        {"a longer one", stream({b, {.strName = strLong, .bytes = {}}, a}), "-2", "d/b=b*70000"},
-        {"one refused", stream({a, {.strName = u"..\\b", .bytes = b.bytes}, b}), "-2",
-         "d/a=1 d/b=b*70000"},
-    };
-    for (const auto& row : rows) {
-        CSession session;
-        EXPECT_EQ(session.Push(row.stream), row.lpszResult) << row.lpszWhat;
-        EXPECT_EQ(session.Do("files"), row.strFiles) << row.lpszWhat;
-    }
-    for (const std::string strFault : {"BeginPart", "Write", "Complete"}) {
-        for (const std::string strWhy : {" full", " refused"}) {
-            CSession session;
-            session.Play("lay d/b=2; fault " + strFault + strWhy + " d/b");
-            EXPECT_EQ(session.Push(stream({a, b, c})), strWhy == " full" ? "-1" : "-2");
-            EXPECT_EQ(session.Do("files"), strWhy == " full" ? "d/a=1 d/b=2" : "d/a=1 d/b=2 d/c=3")
-                << strFault;
-        }
-    }
-    for (const char16_t* lpszName : {u"..\\a", u"x\\..\\..\\a", u"\\a", u"/a", u"C:\\a", u"c:a",
-                                     u"", u".", u".dak-0.part", u"x\\.DaK-0", u"\xD800"}) {
-        CSession session;
-        EXPECT_EQ(session.Push(stream({{.strName = lpszName, .bytes = {}}})), "-2");
-        EXPECT_EQ(session.Push(stream({a}), u"\\..\\x"), "-2");
-        EXPECT_EQ(session.memory.entries.size(), 2U);
-    }
+    PlayRows<CSession>(R"(
+- A is: ##1 ##2 ##3 a "1
+- B is: ##70000 ##2 ##3 b "b*70000
+- C is: ##1 ##2 ##3 c "3
+- two files: stream #2 A B = 1; files = d/a=1 d/b=b*70000
+- nothing: stream = -2; files =
+- none: stream #0 = 1; files =
+- fewer than announced: stream #3 A = 1; files = d/a=1
+- cut in the contents: stream #2 A ##70000 ##2 ##3 b "b*69999 = -2; files = d/a=1
+- cut in a head, X of "x ##1: stream #2 A X = -2; files = d/a=1
+- cut in a name: stream #2 A ##1 ##2 ##3 $6100 = -2; files = d/a=1
+- more than announced: stream #1 A "x = -2; files = d/a=1
+- 4 GiB: stream #1 ##0x100000001 ##2 ##3 a "1 = -2; files =
+- the longest name: stream #1 ##1 ##2 ##3 n*259 "1 = 1
+- a longer one: stream #3 B ##1 ##2 ##3 n*260 "1 A = -2; files = d/b=b*70000
+- one refused: stream #3 A ##70000 ##2 ##3 ..\b "b*70000 B = -2; files = d/a=1 d/b=b*70000
+- one without room, X of BeginPart Write Complete:
+    lay d/b=2; fault X full d/b; stream #3 A B C = -1; files = d/a=1 d/b=2
+- one that the folder refuses, X of BeginPart Write Complete:
+    lay d/b=2; fault X refused d/b; stream #3 A B C = -2; files = d/a=1 d/b=2 d/c=3
+- no place for a file, X of ..\a x\..\..\a \a /a C:\a c:a '' . .dak-0.part x\.DaK-0 %D800: stream #1 ##0 ##2 ##3 X = -2; files =
+)");
+    CSession session;
+    EXPECT_EQ(session.Push(CSession::Records({}), u"\\..\\x"), "1");
+    EXPECT_EQ(session.Push(CSession::Records({{.strName = u"a", .bytes = {}}}), u"\\..\\x"), "-2");
+    EXPECT_EQ(session.Do("files"), "");
 }
 
 TEST(Session, StreamsFromTheDevice) {
-    std::vector<std::pair<const char*, std::string>> rows = {
-        {"a file that is another behind its last byte", "pull 121; get 5; touch; get 121 = 121A"},
-        {"a file that is another at its first",
-         "lay d/b=; pull 1; touch; shake; pull 121; get 100; touch; get 121 = 121A"},
-        {"a file that got short", "pull 121; get 5; lay d/a.txt=1; get 121 = 6A; shake"},
-        {"a file that fails", "pull 121; get 5; fault Read refused; get 121 = 6A"},
-        {"a list that cannot be made",
-         R"(lay d/n/x=; fault List refused d/n; 8 $00 \ C:\t #1 d; settle; word = A)"}};
-    for (const std::string strPackages : {"1", "2", "49", "50", "51", "100", "101"}) {
-        for (const std::string& strLast : {std::string("100"), Data(1)}) {
-            rows.emplace_back("waits where windows end", "pull " + strPackages + " - " + strLast +
-                                                             "; settle; get " + strPackages +
-                                                             "; word = -; 10 \\next = 1");
-        }
-    }
-    // What the host finds bad comes again, what it has confirmed too, which it passes over. When
-    // the file is another by then, a read gives the window that it holds and a copy nothing more.
-    for (const int nTaken : {0, 6, 49, 56, 100, 129}) {
-        const std::string strTo = "get " + std::to_string(nTaken) + "; part 14 = 14; ";
-        const int nConfirmed = nTaken / 50 * 50;
-        const std::string strHeld =
-            nConfirmed == 100 ? "" : " = " + std::to_string(nConfirmed + 51) + "A";
-        for (const std::string strRead : {"read #1 130; ", "pull 130; settle; "}) {
-            rows.emplace_back("given again", OPEN + strRead + strTo + "again; get 130; word = -");
-            rows.emplace_back(
-                "given again from another file",
-                OPEN + strRead + strTo + "touch; again; get 130" +
-                    (strRead[0] == 'r' ? strHeld : " = " + std::to_string(nConfirmed + 1) + "A"));
-        }
-    }
-    // A handle's position follows what the host has taken.
-    for (const unsigned nTaken : {0U, 1U, 30U, 50U, 70U, 99U}) {
-        const std::string strRead = OPEN + "read #1 120; get " + std::to_string(nTaken) + "; pass 1; ";
-        const auto behind = [](unsigned nPackages) {
-            return "; shake; 18 #1 #0 #1 = " +
-                   (nPackages == 0 ? "0" : std::to_string(nPackages * DAK_DATA_SIZE - 4));
-        };
-        for (const std::string strEnd : {"stop", "shake", "gone", "part 3 = 3; drop; word = -"}) {
-            rows.emplace_back("a read cut short", strRead + strEnd + behind(nTaken));
-        }
-        rows.emplace_back("a read cut short, unconfirmed",
-                          strRead + "part 12288 = 12288; pass 1" +
-                              behind(nTaken + (nTaken % 50 == 49 ? 0U : 1U)));
-        const unsigned nHeld = nTaken <= 50 ? 50 : 100;
-        rows.emplace_back("a read whose file got short",
-                          strRead + "lay d/a.txt=1; get 120 = " + std::to_string(nHeld + 1) + "A" +
-                              behind(nHeld));
-    }
-    PlayRows<CSession>(rows);
+    PlayRows<CSession>(R"(
+- waits where windows end, N of 1 2 49 50 51 100 101, X of 100 12274:
+    pull N - X; settle; get N; word = -; 10 \next = 1
+- a file that is another behind its last byte: pull 121; get 5; touch; get 121 = 121A
+- a file that got short: pull 121; get 5; lay d/a.txt=1; get 121 = 6A; shake
+- a file that fails: pull 121; get 5; fault Read refused; get 121 = 6A
+- a list that cannot be made: lay d/n/1=x; fault List refused d/n; 8 $00 \ C:\t #1 d; settle; word = A
+- OPEN is: lay d/a.txt=12345; 15 \d\a.txt #0xC0000000 #7 #3 = 1 #1
+- what is bad comes again, and what was confirmed too, N of 0 6 49 56 100 129:
+    OPEN; pull 130; settle; get N; part 14 = 14; again; get 130; word = -; read #1 130; get N;
+    part 14 = 14; again; get 130; word = -
+- a read of a file that is another by then gives the window that it holds, N of 0 6 49:
+    OPEN; read #1 130; get N; part 14 = 14; touch; again; get 130 = 51A
+- a copy of a file that is another by then gives nothing more, N of 0 6 49:
+    pull 130; settle; get N; part 14 = 14; touch; again; get 130 = 1A
+- and nothing behind what is confirmed: pull 130; get 56; part 14 = 14; touch; again; get 130 = 51A
+)");
     CSession session; // every byte of a small one
     session.memory.Write("a", "\7").info.times = {2, 3};
     session.Play(R"(8 $00 \ C:\t #1 a; settle)");
@@ -564,7 +458,7 @@ TEST(Session, CommandsInPieces) {
         EXPECT_EQ(put(payload, 2 * PIECE), "-");
     }
     EXPECT_EQ(put(payload, 0), "S");
-    session.Play("shake");
+    session.Play(R"(shake; 10 \next = 1)");
     EXPECT_EQ(session.Pull(u"\\d", {u"\u00e4\U0001F600.b"}, {record}), "y");
     std::size_t nPieces = 0;
     while (nPieces < 5000 && put(payload, 0) == "S") {
@@ -577,45 +471,28 @@ TEST(Session, CommandsInPieces) {
 TEST(Session, WhatANameBrings) {
     CSession session;
     const std::string strWide = std::string(130, 'n') + "/" + std::string(129, 'n');
-    for (const std::string& strPath :
-         {std::string("d/b"), std::string("d/sub/z"), std::string("d/sub/deep/er/y"),
-          std::string("d/empty"), std::string("d/.dak-1.part"), std::string("d/back\\slash"),
-          std::string("d/bad\xff"), std::string("d/shut"), std::string("other"), "d/" + strWide}) {
-        session.memory.Write(strPath, "").info.times = {1, 2};
+    std::istringstream paths(
+        "b sub/z sub/deep/er/y empty .dak-1.part back\\slash bad\xFF shut ../other " + strWide);
+    for (std::string strPath; paths >> strPath;) {
+        session.memory.Write(strPath == "../other" ? "other" : "d/" + strPath, "").info.times = {1,
+                                                                                                 2};
     }
     session.memory.MakeFolder("d/hollow");
     session.memory.entries.at("d/shut")->bUnreadable = true;
-    const auto came = [&](const std::u16string& strFolder, const std::vector<std::u16string>& names,
-                          const std::vector<std::u16string>& files) {
-        std::vector<CFileRecord> records;
-        for (const std::u16string& strName : files) {
-            records.push_back({.strName = strName, .bytes = {}, .ftCreation = 1, .ftLastWrite = 2});
-        }
-        return session.Pull(strFolder, names, records);
-    };
-    EXPECT_EQ(came(u"\\d", {u"b", u"nothing", u"sub"}, {u"b", u"sub\\deep\\er\\y", u"sub\\z"}),
-              "y");
-    EXPECT_EQ(came(u"d\\", {u"sub/./deep\\", u"hollow", u"empty"}, {u"sub\\deep\\er\\y", u"empty"}),
-              "y");
-    EXPECT_EQ(came(u"\\", {u"d\\sub"}, {u"d\\sub\\deep\\er\\y", u"d\\sub\\z"}), "y");
-    EXPECT_EQ(came(u"\\d", {u""}, {u"b", u"empty", u"sub\\deep\\er\\y", u"sub\\z"}), "y")
-        << "one is too long";
-    EXPECT_EQ(
-        came(u"\\d",
-             {u"shut", u"..\\other", u"\\other", u"C:\\other", u".dak-1.part", u"back\\slash"}, {}),
-        "y");
-    EXPECT_EQ(came(u"\\..\\root", {u"other"}, {}), "y");
-    EXPECT_EQ(came(u"\\missing", {u"other"}, {}), "y");
-    // More names than one command may come to, and more than one slice of looking: a handshake is
-    // served in between.
-    std::vector<std::u16string> many;
+    session.Play(
+        R"(names \d b nothing sub = b sub\deep\er\y sub\z; names d\ sub/./deep\ hollow empty = sub\deep\er\y empty;
+        names \ d\sub = d\sub\deep\er\y d\sub\z; names \d '' = b empty sub\deep\er\y sub\z; names \missing other =;
+        names \..\root other =; names \d shut ..\other \other C:\other .dak-1.part back\slash =)");
+    // More than one slice of looking, in the middle of which a handshake is served; and more names
+    // than one command may come to.
+    std::string strMany;
     for (int i = 10'000; i < 15'000; ++i) {
         session.memory.Write("m/" + std::to_string(i), "").info.times = {1, 2};
-        many.push_back(u"m\\" + *agent::ToUtf16(std::to_string(i)));
+        strMany += (strMany.empty() ? "m\\" : " m\\") + std::to_string(i);
     }
     session.Play(R"(8 $00 \ C:\t #1 m; word = -; shake)");
-    EXPECT_EQ(came(u"\\", {u"m"}, many), "y");
-    for (int i = 0; i < 1200; ++i) { // 64 MiB of names and more
+    EXPECT_EQ(session.Do("names \\ m", strMany), strMany);
+    for (int i = 0; i < 1200; ++i) { // 64 MiB and more
         session.memory.Write("l/" + std::string(60'000, 'n') + "/" + std::to_string(i), "");
     }
     session.Play(R"(8 $00 \ C:\t #1 l; settle; word = A)");
@@ -632,7 +509,9 @@ TEST(Session, SpaceStoragesAndFormat) {
     session.memory.Write("Card/b", std::string(2 << 20, 'x'));
     const auto record = [](const std::u16string& strName, std::uint32_t dwTotal,
                            std::uint32_t dwFree, std::uint32_t dwKind) {
-        return Join(CInfo::Wide(strName, 52), U32(dwTotal), U32(dwFree), U32(dwKind), U32(0));
+        Bytes name = Text(strName);
+        name.resize(104);
+        return Join(name, U32(dwTotal), U32(dwFree), U32(dwKind), U32(0));
     };
     EXPECT_EQ(session.Call(Command(23)),
               Response(23, 1, U32(3), record(u"\\", 8 << 10, 7 << 10, 1),
