@@ -64,7 +64,10 @@ void PlayRows(const std::string& strRows) {
         strScript = std::regex_replace(strScript, std::regex("\\b" + strName + "\\b"), strFor);
     };
     std::vector<std::pair<std::string, std::string>> names;
+    std::string strRest = strRows; // that no row has taken
     for (std::sregex_iterator row(strRows.begin(), strRows.end(), s_row), end; row != end; ++row) {
+        EXPECT_EQ(row->prefix().str().find_first_not_of(" \n"), std::string::npos) << row->prefix();
+        strRest = row->suffix();
         const std::string strName = row->str(1);
         std::vector<std::string> scripts = {row->str(2)};
         for (const auto& [strEach, strSteps] : names) {
@@ -90,6 +93,7 @@ void PlayRows(const std::string& strRows) {
             CWorld().Play(strScript);
         }
     }
+    EXPECT_EQ(strRest.find_first_not_of(" \n"), std::string::npos) << strRest;
 }
 
 // Bytes as scripts write them: x*300 is one letter again and again, ^ a zero.

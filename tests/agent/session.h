@@ -82,43 +82,11 @@ class CSession : public CScript {
         }
         return fields;
     }
-    static Bytes PullFields(const std::u16string& strFolder,
-                            const std::vector<std::u16string>& names) {
-        Bytes fields = Join(Bytes{0}, Text(strFolder), Text(u"C:\\t"),
-                            U32(static_cast<std::uint32_t>(names.size())));
-        for (const std::u16string& strName : names) {
-            fields = Join(fields, Text(strName));
-        }
-        return fields;
-    }
-    static Bytes Records(const std::vector<CFileRecord>& files) {
-        Bytes stream = U32(static_cast<std::uint32_t>(files.size()));
-        for (const CFileRecord& each : files) {
-            stream = Join(stream, Record(each));
-        }
-        return stream;
-    }
-    // Streams that the host sends, or is to get.
-    std::string BeginPush(const Bytes& stream, const char16_t* lpszFolder = u"\\d") {
-        m_packages = StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true);
-        return Begin(Command(8, Bytes{1}, Text(u"C:\\s"), Text(lpszFolder)));
-    }
-    std::string BeginPull(const std::u16string& strFolder, const std::vector<std::u16string>& names,
-                          const std::vector<CFileRecord>& files) {
-        m_packages = StreamPackages(8, Join(U32(1), Records(files)), DAK_REPLY_PACKAGE,
-                                    DAK_LAST_REPLY, false);
-        return Begin(Command(8, PullFields(strFolder, names)));
-    }
-    // The result of a whole one.
-    std::string Push(const Bytes& stream, const char16_t* lpszFolder = u"\\d") {
-        const std::string strCame = BeginPush(stream, lpszFolder);
-        return strCame == "y" && Send(m_packages.size(), "", 0) == "y" ? Word() : strCame;
-    }
-    std::string Pull(const std::u16string& strFolder, const std::vector<std::u16string>& names,
-                     const std::vector<CFileRecord>& files) {
-        const std::string strCame = BeginPull(strFolder, names, files);
-        Settle();
-        return strCame == "y" ? Get(m_packages.size()) : strCame;
+    static Bytes CommandOf(const std::string& strCommand) {
+        std::istringstream text(strCommand);
+        const Words words((std::istream_iterator<std::string>(text)), {});
+        return Command(static_cast<std::uint16_t>(std::stoul(words[0])),
+                       Fields(words.begin() + 1, words.end()));
     }
 
     CMemoryDevice memory;
@@ -141,7 +109,7 @@ class CSession : public CScript {
                : v == "pass"           ? done([&] { Pass(n); })
                : v == "ack"            ? done([&] { Put(Ack()); })
                : v == "again"          ? done([&] { Put(Control(DAK_RETRANSMIT)), m_nAt = 0; })
-               : v == "stream"         ? Push(Fields(w.begin() + 1, w.end()))
+               : v == "stream"         ? Stream(w)
                : v == "names"          ? Names(w, strWanted)
                : v == "stop"           ? done([&] { Put(Control(DAK_ABORT)); })
                : v == "touch"          ? done([&] { WriteFile(); })
@@ -204,6 +172,15 @@ class CSession : public CScript {
                    ? strWanted
                    : testing::PrintToString(response);
     }
+    std::string Push(const Bytes& stream) {
+        m_packages = StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true);
+        return Begin(CommandOf("8 $01 C:\\s \\d"));
+    }
+    std::string Stream(const Words& w) {
+        const bool bGoes =
+            Push(Fields(w.begin() + 1, w.end())) == "y" && Send(SIZE_MAX, "", 0) == "y";
+        return bGoes ? Word() : "?";
+    }
     std::string Begin(const Bytes& command) {
         m_nAt = m_nConfirmed = 0;
         Put(command);
@@ -227,11 +204,14 @@ class CSession : public CScript {
         const std::size_t dwBytes = (nPackages - 1) * DAK_DATA_SIZE + dwLast - dwAhead;
         file.bytes = w[3] == "zeroes" ? Bytes(dwBytes) : Pattern(dwBytes);
         bToDevice ? void() : WriteFile();
+        const Bytes record = Join(U32(1), Record(file));
         if (w[0] == "push") {
-            return BeginPush(Records({file}));
+            return Push(record);
         }
         if (w[0] == "pull") {
-            return BeginPull(u"\\d", {u"a.txt"}, {file});
+            m_packages =
+                StreamPackages(8, Join(U32(1), record), DAK_REPLY_PACKAGE, DAK_LAST_REPLY, false);
+            return Begin(CommandOf("8 $00 \\d C:\\t #1 a.txt"));
         }
         const Bytes size = U32(static_cast<std::uint32_t>(file.bytes.size()));
         m_packages = bToDevice

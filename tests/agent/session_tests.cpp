@@ -35,13 +35,6 @@ constexpr const char* COMMANDS[] = {"1 a b",
                                     "24 a",
                                     "25 a"};
 
-Bytes CommandOf(const std::string& strCommand) {
-    std::istringstream text(strCommand);
-    const std::vector<std::string> words((std::istream_iterator<std::string>(text)), {});
-    return Command(static_cast<std::uint16_t>(std::stoul(words[0])),
-                   CSession::Fields(words.begin() + 1, words.end()));
-}
-
 TEST(Session, PackagesThatGetSilence) {
     CSession session;
     Bytes longer = Command(2, Text(u"a")); // than it says
@@ -55,14 +48,14 @@ TEST(Session, PackagesThatGetSilence) {
                                  Join(Handshake(DAK_CONNECT), Bytes{0}),
                                  Command(3),
                                  Command(0xFFFF),
-                                 CommandOf("8 $02 a b #0"),
+                                 CSession::CommandOf("8 $02 a b #0"),
                                  Package(DAK_LAST_REPLY, Join(U16(2), Text(u"a"))),
                                  Join(Control(DAK_ABORT), Bytes(DAK_MAXPACKAGELENGTH))};
     for (const std::uint32_t dwWord : {DAK_SUCCESS, DAK_RETRANSMIT, DAK_LAST_PACKAGE, DAK_ABORT}) {
         silent.push_back(Control(dwWord));
     }
     for (const char* lpszCommand : COMMANDS) {
-        const Bytes command = CommandOf(lpszCommand);
+        const Bytes command = CSession::CommandOf(lpszCommand);
         const Bytes fields(command.begin() + DAK_COMMAND_PAYLOAD_OFFSET, command.end());
         const auto codeFunc = static_cast<std::uint16_t>(std::stoul(lpszCommand));
         silent.push_back(Command(codeFunc, fields, Bytes{0}));
@@ -348,17 +341,12 @@ TEST(Session, CopiesToTheDevice) {
 )");
     // The parser gets whole windows, the first of which is one package: every byte of a record
     // meets its end.
-    const CFileRecord record{.strName = u"\u00e4\U0001F600.b", .bytes = {'7', '8'}};
-    for (std::size_t dwCut = 0; dwCut <= Record(record).size(); ++dwCut) {
-        CSession session;
-        EXPECT_EQ(session.Push(CSession::Records(
-                      {{.strName = u"f", .bytes = Bytes(DAK_DATA_SIZE - 32 - dwCut, 'f')},
-                       record,
-                       {.strName = u"z", .bytes = {'1'}}})),
-                  "1")
-            << dwCut;
-        EXPECT_TRUE(session.Do("files").ends_with(" d/z=1 d/\u00e4\U0001F600.b=78"))
-            << session.Do("files");
+    for (std::size_t dwCut = 0; dwCut < 24 + 12 + 3; ++dwCut) {
+        const std::string strFill = std::to_string(DAK_DATA_SIZE - 32 - dwCut);
+        CSession().Play(
+            "stream #3 ##" + strFill + " ##1 ##2 f \"f*" + strFill +
+            " ##2 ##1 ##2 \u00e4\U0001F600.b \"78 ##1 ##1 ##2 z \"1 = 1; files = d/f=f*" + strFill +
+            " d/z=1 d/\u00e4\U0001F600.b=78");
     }
 }
 
@@ -386,11 +374,8 @@ TEST(Session, WhatAStreamComesTo) {
 - one that the folder refuses, X of BeginPart Write Complete:
     lay d/b=2; fault X refused d/b; stream #3 A B C = -2; files = d/a=1 d/b=2 d/c=3
 - no place for a file, X of ..\a x\..\..\a \a /a C:\a c:a '' . .dak-0.part x\.DaK-0 %D800: stream #1 ##0 ##2 ##3 X = -2; files =
+- no folder for files: stream #1 A = 1; 8 $01 s \..\x; send 1; word = -2; files = d/a=1
 )");
-    CSession session;
-    EXPECT_EQ(session.Push(CSession::Records({}), u"\\..\\x"), "1");
-    EXPECT_EQ(session.Push(CSession::Records({{.strName = u"a", .bytes = {}}}), u"\\..\\x"), "-2");
-    EXPECT_EQ(session.Do("files"), "");
 }
 
 TEST(Session, StreamsFromTheDevice) {
@@ -421,9 +406,8 @@ TEST(Session, StreamsFromTheDevice) {
 // The command's names meet the end of a piece in every byte.
 TEST(Session, CommandsInPieces) {
     CSession session;
-    session.memory.Write("d/\u00e4\U0001F600.b", "1").info.times = {1, 2};
-    const CFileRecord record{
-        .strName = u"\u00e4\U0001F600.b", .bytes = {'1'}, .ftCreation = 1, .ftLastWrite = 2};
+    session.memory.Write("d/\u00e4\U0001F600.b", "").info.times = {1, 2};
+    const Bytes name = Text(u"\u00e4\U0001F600.b");
     constexpr std::size_t PIECE = DAK_PACKAGE_SIZE - 10;
     const auto put = [&](const Bytes& payload, std::size_t dwAt, std::uint16_t codeFunc = 8) {
         const std::size_t dwSize = std::min(PIECE, payload.size() - dwAt);
@@ -432,21 +416,21 @@ TEST(Session, CommandsInPieces) {
         session.Put(piece);
         return session.Word();
     };
-    for (std::size_t dwCut = 1; dwCut <= Text(record.strName).size(); dwCut += 2) {
-        std::vector<std::u16string> names; // that are not there fill the room ahead
-        for (std::size_t dwRoom = PIECE - CSession::PullFields(u"\\d", {}).size() - dwCut;
-             dwRoom > 0;) {
+    for (std::size_t dwCut = 1; dwCut <= name.size(); dwCut += 2) {
+        Bytes names; // that are not there fill the room ahead
+        std::uint32_t nNames = 1;
+        const Bytes head = Join(Bytes{0}, Text(u"\\d"), Text(u"t"));
+        for (std::size_t dwRoom = PIECE - head.size() - 4 - dwCut; dwRoom > 0; ++nNames) {
             const std::size_t dwTake = dwRoom > 410 ? 400 : dwRoom;
-            names.emplace_back(dwTake / 2 - 1, u'n');
+            names = Join(names, Text(std::u16string(dwTake / 2 - 1, u'n')));
             dwRoom -= dwTake;
         }
-        names.emplace_back(record.strName);
-        const Bytes payload = CSession::PullFields(u"\\d", names);
+        const Bytes payload = Join(head, U32(nNames), names, name);
         EXPECT_EQ(put(payload, 0), "S");
         EXPECT_EQ(put(payload, PIECE), "S");
         session.Settle();
         EXPECT_EQ(session.Take(14).size(), 14U);
-        EXPECT_EQ(session.Take(), Join(U32(1), CSession::Records({record}))) << dwCut;
+        EXPECT_EQ(session.Take(), Join(U32(1), U32(1), U64(0), U64(1), U64(2), name)) << dwCut;
         session.Play("shake");
     }
     // A piece of another command, or of another size, spoils its chain and no other; a handshake
@@ -459,7 +443,6 @@ TEST(Session, CommandsInPieces) {
     }
     EXPECT_EQ(put(payload, 0), "S");
     session.Play(R"(shake; 10 \next = 1)");
-    EXPECT_EQ(session.Pull(u"\\d", {u"\u00e4\U0001F600.b"}, {record}), "y");
     std::size_t nPieces = 0;
     while (nPieces < 5000 && put(payload, 0) == "S") {
         ++nPieces;
@@ -675,14 +658,14 @@ TEST(Session, AnythingAtAnyMoment) {
         session.memory.lpFault = [&](auto, auto&) {
             return static_cast<agent::EResult>(random() % 16 > 1 ? 0 : 1 + random() % 2);
         };
-        const Bytes push = CommandOf("8 $01 a d");
+        const Bytes push = CSession::CommandOf("8 $01 a d");
         const std::vector<Bytes> packages =
-            StreamPackages(8, CSession::Records({{.strName = u"x", .bytes = Pattern(900'000)}}),
+            StreamPackages(8, Join(U32(1), Record({.strName = u"x", .bytes = Pattern(900'000)})),
                            DAK_PACKAGE, DAK_LAST_PACKAGE, true);
         for (int i = 0; i < 2000; ++i) {
             const auto nWhat = random() % 20;
             Bytes package =
-                nWhat < 3   ? CommandOf(COMMANDS[random() % std::size(COMMANDS)])
+                nWhat < 3   ? CSession::CommandOf(COMMANDS[random() % std::size(COMMANDS)])
                 : nWhat < 4 ? push
                 : nWhat < 14
                     ? packages[random() % 6 == 0 ? random() % packages.size()
@@ -699,10 +682,7 @@ TEST(Session, AnythingAtAnyMoment) {
             random() % 32 == 0 ? session.Core().DropPending() : void();
         }
         session.memory.lpFault = nullptr;
-        session.Play("shake");
-        const CFileRecord after{.strName = u"after", .bytes = Pattern(20'000, dwSeed)};
-        ASSERT_EQ(session.Push(CSession::Records({after}), u"\\fresh"), "1");
-        ASSERT_EQ(session.Pull(u"\\fresh", {u"after"}, {after}), "y");
+        session.Play("shake; lay d; push 3; send 3; word = 1; whole; pull 3; settle; get 3");
         for (const auto& [strPath, strBytes] : session.memory.Files()) {
             ASSERT_EQ(strPath.find(".dak-"), std::string::npos) << strPath;
         }
