@@ -31,9 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* lpData, std::size_t dw
             eImport == EImport::ASKED ? connection.AnswerImport() : void();
         }
         if (bServes && eImport == EImport::ASKED) {
-            bServes = connection.Serve(core);
-            connection.Give(core);
-            bServes = bServes && connection.Flush();
+            bServes = connection.Work(core) == nullptr;
         }
         // A client may leave its answers lying.
         static std::uint8_t s_answers[1 << 16];

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Checks the form of the sources: clang-format on all, clang-tidy on the library's (with --all also
-# on the agent's and the command's, which takes minutes), shellcheck on the scripts. Needs a
-# configured build folder for clang-tidy, and makes one if there is none.
+# Checks the form of the sources: clang-format on all, shellcheck on the scripts, that the fuzzers
+# compile, clang-tidy on the library's (with --all also on the agent's and the command's, which takes
+# minutes). Needs a configured build folder for clang-tidy, and makes one if there is none.
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -19,6 +19,12 @@ headline "shellcheck"
 mapfile -t scripts < <(git ls-files '*.sh' '*.bash' .ci/run)
 shellcheck --external-sources "${scripts[@]}"
 say "${#scripts[@]} scripts are in form"
+
+# Nothing else compiles them until somebody fuzzes.
+headline "Fuzzers"
+mapfile -t fuzzers < <(git ls-files 'fuzz/*.cpp')
+clang++ -std=c++20 -fsyntax-only -Wall -Wextra -Werror -I. -DDAK_STATIC "${fuzzers[@]}"
+say "${#fuzzers[@]} fuzzers compile"
 
 headline "clang-tidy"
 [[ -f build/compile_commands.json ]] || configure release

@@ -12,7 +12,7 @@ minutes=${1:-10}
 names=("${@:2}")
 [[ ${#names[@]} -gt 0 ]] || names=(agent library usb_node usbip_connection)
 
-need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" clang
+need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${FUZZ_PACKAGES[@]}"
 cd "$DAK_HOME"
 headline "Building"
 cmake --preset fuzz >/dev/null

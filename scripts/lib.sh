@@ -8,8 +8,9 @@ DAK_HOME=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck disable=SC2034 # used by the scripts that source this
 BUILD_PACKAGES=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev)
 TEST_PACKAGES=(libgtest-dev libbenchmark-dev)
+FUZZ_PACKAGES=(clang libclang-rt-dev)
 # shellcheck disable=SC2034 # used by the scripts that source this
-FORM_PACKAGES=(git clang-format clang-tidy shellcheck)
+FORM_PACKAGES=(git clang-format clang-tidy shellcheck "${FUZZ_PACKAGES[@]}")
 # shellcheck disable=SC2034 # used by the scripts that source this
 WINDOWS_PACKAGES=(g++-mingw-w64-x86-64-posix wine64 googletest)
 
