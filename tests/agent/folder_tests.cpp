@@ -415,7 +415,7 @@ TEST(Folder, Programs) {
     const auto pPrograms = agent::CDeviceProcesses::Open(options, world.Folder(), strError);
     ASSERT_TRUE(pPrograms) << strError;
     const auto settle = [&] {
-        for (int i = 0; i < 5000 && pPrograms->DueMs(0); ++i) {
+        for (int i = 0; i < 60'000 && pPrograms->DueMs(0); ++i) {
             ::usleep(1000);
             pPrograms->Tick(0);
         }
