@@ -294,6 +294,9 @@ class CSession : public CScript {
     // The position of a handle, in packages of data that were taken or sent.
     std::string At(const std::string& strHandle) {
         const Bytes response = Call(Command(18, Field(strHandle), U32(0), U32(1)));
+        if (response.size() != 14) {
+            return "?";
+        }
         const std::size_t dwAt = DakGetU32(&response[10]);
         return std::to_string((dwAt % DAK_DATA_SIZE == 0 ? dwAt : dwAt + 4) / DAK_DATA_SIZE);
     }
