@@ -115,6 +115,7 @@ class CSession : public CScript {
                : v == "touch"          ? done([&] { WriteFile(); })
                : v == "settle"         ? done([&] { Settle(); })
                : v == "back"           ? done([&] { GoBack(); })
+               : v == "up"             ? Say(m_pCore->LinkUp())
                : v == "due"            ? Say(m_pCore->NextDueMs().has_value())
                : v == "word"           ? Word()
                : v == "part"           ? std::to_string(Take(n).size())
@@ -164,13 +165,18 @@ class CSession : public CScript {
         }
         std::istringstream text(strWanted);
         const Words words((std::istream_iterator<std::string>(text)), {});
-        const Bytes response = Call(command);
-        const auto nResult = static_cast<std::int32_t>(std::stoll(words[0], nullptr, 0));
-        return response == Response(codeFunc == 21 ? std::uint16_t{19} : codeFunc, nResult,
-                                    Fields(words.begin() + 1, words.end())) &&
-                       Take().empty()
+        const Bytes more = Fields(words.begin() + 1, words.end());
+        // The output of an I/O control comes behind the response, whose field is its length.
+        const auto end =
+            more.begin() + static_cast<std::ptrdiff_t>(codeFunc == 13 ? 4 : more.size());
+        const Bytes response = Response(codeFunc == 21 ? std::uint16_t{19} : codeFunc,
+                                        static_cast<std::int32_t>(std::stoll(words[0], nullptr, 0)),
+                                        Bytes(more.begin(), end));
+        Bytes came = Call(command);
+        came = Join(came, Take(std::size_t{1} << 20));
+        return came == Join(response, Bytes(end, more.end())) && Take().empty()
                    ? strWanted
-                   : testing::PrintToString(response);
+                   : testing::PrintToString(came);
     }
     std::string Push(const Bytes& stream) {
         m_packages = StreamPackages(8, stream, DAK_PACKAGE, DAK_LAST_PACKAGE, true);

@@ -543,36 +543,15 @@ TEST(Session, ProgramsControlsAndMessages) {
     EXPECT_EQ(session.Take(), Response(12, 1, U32(10)));
     session.Restart();
     session.Pass(77);
-    // Code, input, room for output; result and output, which come as two packages.
-    std::istringstream rows(
-        "1 - 1 1 - 1 $05 1 1 $05 1 $0506 4 1 $0506 1 $0506 1 0 - 2 - 8 1 1.2 3 $01 100 1 n%00E4me "
-        "3 - 9 0 - 4 - 8 1 ##77 4 - 7 0 - 5 $010000 4 0 - 5 #600001 4 0 - 0 - 4 0 - 6 - 4 0 -");
-    const auto control = [&](std::uint32_t dwCode, const Bytes& input, std::uint32_t nRoom) {
-        return session.Call(Command(13, U32(dwCode), U32(static_cast<std::uint32_t>(input.size())),
-                                    input, U32(nRoom), Bytes(nRoom, 0xEE)));
-    };
-    std::string strInput, strOutput;
-    std::int32_t nResult = 0;
-    for (std::uint32_t dwCode, nRoom;
-         rows >> dwCode >> strInput >> nRoom >> nResult >> strOutput;) {
-        const std::vector<std::string> fields = {strInput, strOutput};
-        const Bytes output = CSession::Fields(fields.begin() + 1, fields.end());
-        EXPECT_EQ(control(dwCode, CSession::Fields(fields.begin(), fields.begin() + 1), nRoom),
-                  Response(13, nResult, U32(static_cast<std::uint32_t>(output.size()))))
-            << dwCode;
-        EXPECT_EQ(session.Take(), output) << dwCode << " " << nRoom;
-    }
-    EXPECT_EQ(control(1, Pattern(100'000), 100'000), Response(13, 1, U32(100'000)));
-    EXPECT_TRUE(session.Take(200'000) == Pattern(100'000));
-    // Without room for output no response is sent, and the work is done though nobody comes for
-    // one.
-    EXPECT_TRUE(control(1, {1}, 0).empty());
-    EXPECT_TRUE(control(5, U32(300), 0).empty());
-    for (const auto& [qwMs, bUp] :
-         {std::pair{999U, true}, {1U, false}, {299U, false}, {1U, true}}) {
-        session.Pass(qwMs);
-        EXPECT_EQ(session.Core().LinkUp(), bUp) << qwMs;
-    }
+    // Code, input, room for output; result and output. Without room no response is sent, and the
+    // work is done though nobody comes for one.
+    session.Play(
+        R"(13 #1 #0 #1 "e = 1 #0; 13 #1 #1 $05 #1 "e = 1 #1 $05; 13 #1 #2 $0506 #4 "e*4 = 1 #2 $0506;
+        13 #1 #2 $0506 #1 "e = 0 #0; 13 #2 #0 #8 "e*8 = 1 #8 1.2; 13 #3 #1 $01 #99 "e*99 = 1 #10 n%00E4me;
+        13 #3 #0 #9 "e*9 = 0 #0; 13 #4 #0 #8 "e*8 = 1 #8 ##77; 13 #4 #0 #7 "e*7 = 0 #0; 13 #0 #0 #4 "e*4 = 0 #0;
+        13 #5 #3 $010000 #4 "e*4 = 0 #0; 13 #5 #4 #600001 #4 "e*4 = 0 #0; 13 #6 #0 #4 "e*4 = 0 #0;
+        13 #1 #99999 "x*99999 #99999 "e*99999 = 1 #99999 "x*99999; 13 #1 #1 $05 #0; word = -;
+        13 #5 #4 #300 #0; word = -; pass 999; up; pass 1; !up; pass 299; !up; pass 1; up)");
     session.Play("21 one%000A = 0xC000; 21 two = 0xC001; 21 one%000A = 0xC000; 21 '' = 0; 21 %D800 "
                  "= 0; 21 x*256 = 0;"
                  "21 x*255 = 0xC002; 22 #0 #1 #2 = 0; 22 #0xC001 #7 #-2 = 1; 22 #1024 #-1 #3 = 1; "

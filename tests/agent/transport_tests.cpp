@@ -107,8 +107,9 @@ class CHost {
     }
     bool IsClosed() const { // within the bound of a receipt
         char ch = 0;
-        return Receive(1).empty() && ::recv(m_fd.Get(), &ch, 1, MSG_DONTWAIT) <= 0 &&
-               errno != EAGAIN;
+        const bool bNothing = Receive(1).empty();
+        const ssize_t nRead = ::recv(m_fd.Get(), &ch, 1, MSG_DONTWAIT);
+        return bNothing && (nRead == 0 || (nRead < 0 && errno != EAGAIN));
     }
     bool Imports() const {
         Send(Import());
