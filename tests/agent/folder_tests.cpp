@@ -253,6 +253,8 @@ TEST(Folder, DisksThatAreFullOrBroken) {
 - no room in the quota:
     lay root/a=a*60001 root/%deep/x=x*30000; agent; used = 90001; %put b b*10000; %copy a b;
     put a b*9999; used = 39999; open 1 a w; %write 1 0 c*70001; write 1 9990 c*60010; used = 100000
+- what a copy replaces gives its room back:
+    lay root/a=12 root/b=3456 root/s/x=1 root/t/y=234; agent; copy a b; used = 8; copy s t; work; used = 6
 - what is emptied or written anew:
     lay root/a=123; agent; open 1 a we; used = 0; write 1 0 xyz; used = 3; disk root = In/ a=xyz d/
 - a folder that cannot be read looks like no short one:
