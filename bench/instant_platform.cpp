@@ -279,5 +279,8 @@ BOOL SetupDiGetDeviceInterfaceDetailA(HDEVINFO, SP_DEVICE_INTERFACE_DATA*,
 BOOL SetupDiDestroyDeviceInfoList(HDEVINFO) {
     return TRUE;
 }
+BOOL IsDeviceNodeLost(HANDLE) {
+    return FALSE;
+}
 
 } // namespace platform

@@ -1,4 +1,5 @@
 #include "cli/console.h"
+#include "cli/device_choice.h"
 #include "cli/text.h"
 #include "cli/verbs.h"
 
@@ -37,6 +38,21 @@ class CHelpFormatter : public CLI::Formatter {
     }
 };
 
+// The first word from itWord on that is neither an option nor the value of one: a verb, an operand,
+// or "--".
+template <class TIterator>
+TIterator SkipOptions(TIterator itWord, TIterator itEnd) {
+    for (; itWord != itEnd && itWord->starts_with('-') && *itWord != "--"; ++itWord) {
+        // -d NAME and --device NAME, -d also as the last of several letters.
+        const bool bTakesNext = *itWord == "--device" || (!itWord->starts_with("--") &&
+                                                          itWord->find('d') + 1 == itWord->size());
+        if (bTakesNext && itWord + 1 != itEnd) {
+            ++itWord;
+        }
+    }
+    return itWord;
+}
+
 // Says what is wrong with the command line.
 int Refuse(const CLI::App& app, const std::vector<std::string>& words,
            const CLI::ParseError& error) {
@@ -44,9 +60,7 @@ int Refuse(const CLI::App& app, const std::vector<std::string>& words,
     const std::string strVerb = verbs.empty() ? "" : " " + verbs.front()->get_name();
     std::string strFault = error.what();
     if (verbs.empty() && error.get_name() == "RequiredError") {
-        const auto itWord =
-            std::find_if_not(words.begin(), words.end(),
-                             [](const std::string& strWord) { return strWord.starts_with('-'); });
+        const auto itWord = SkipOptions(words.begin(), words.end());
         strFault =
             itWord == words.end() ? "say what to do: give a verb" : "there is no verb " + *itWord;
     }
@@ -58,12 +72,9 @@ int Refuse(const CLI::App& app, const std::vector<std::string>& words,
 // The words of the command line, the last first, as CLI11 wants them. It does not know "--" ahead
 // of the words that it leaves to "run": there it is taken out.
 std::vector<std::string> ForParser(std::vector<std::string> words) {
-    const auto isOption = [](const std::string& strWord) {
-        return strWord.starts_with('-') && strWord != "--";
-    };
-    const auto itVerb = std::find_if_not(words.begin(), words.end(), isOption);
+    const auto itVerb = SkipOptions(words.begin(), words.end());
     if (itVerb != words.end() && *itVerb == "run") {
-        const auto itMark = std::find_if_not(itVerb + 1, words.end(), isOption);
+        const auto itMark = SkipOptions(itVerb + 1, words.end());
         if (itMark != words.end() && *itMark == "--") {
             words.erase(itMark);
         }
@@ -83,6 +94,7 @@ int ParseAndRun(const std::vector<std::string>& words, cli::CONTEXT& context) {
                "shell, / spares the quotes. \"dak VERB --help\" shows each verb by example.\n\n"
                "Examples:\n"
                "  dak status                   is a device there?\n"
+               "  dak -d handheld status       the one of several that is meant\n"
                "  dak push photos /Pictures    copy a folder to the device\n"
                "  dak ls -l /Pictures          what is there, with sizes and times\n"
                "  dak pull /Pictures backup    copy it back\n"
@@ -91,7 +103,15 @@ int ParseAndRun(const std::vector<std::string>& words, cli::CONTEXT& context) {
                "  dak rm /Pictures/old.jpg     delete a file there\n"
                "  dak storages                 the device's storages, with their room\n\n" +
                std::string(cli::g_lpszExitStatusHelp));
-    cli::AddOutputOptions(app, context);
+    cli::AddCommonOptions(app, context);
+    // Ahead of the verb's own callback.
+    app.parse_complete_callback([&app, &context] {
+        const std::string strVerb = app.get_subcommands().front()->get_name();
+        if (strVerb != "devices" && !cli::FindDevice(context, strVerb.c_str())) {
+            throw CLI::RuntimeError(context.nExit);
+        }
+    });
+    cli::AddDevicesVerb(app, context);
     cli::AddStatusVerb(app, context);
     cli::AddCopyVerbs(app, context);
     cli::AddListVerbs(app, context);
@@ -103,6 +123,8 @@ int ParseAndRun(const std::vector<std::string>& words, cli::CONTEXT& context) {
     cli::AddSystemVerbs(app, context);
     try {
         app.parse(ForParser(words));
+    } catch (const CLI::RuntimeError&) {
+        return context.nExit; // it has been said why
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() != 0) {
             return Refuse(app, words, error);

@@ -46,10 +46,15 @@ void FinishData(CONTEXT& context, const char* lpszVerb, const MEANING& meaning,
     }
 }
 
-void Finish(CONTEXT& context, const char* lpszVerb, const MEANING& meaning, nlohmann::json object) {
+void Finish(CONTEXT& context, const char* lpszVerb, MEANING meaning, nlohmann::json object) {
     context.nExit = meaning.nExit;
+    if (meaning.nExit == EXIT_NO_DEVICE && !context.strDevice.empty()) {
+        meaning.strSentence += " (it was the device " + context.strDevice + ")";
+    }
     if (context.output.bJson) {
         object["verb"] = lpszVerb;
+        object["device"] =
+            context.strDevice.empty() ? nlohmann::json() : nlohmann::json(context.strDevice);
         object["result"] = meaning.lpszKey;
         object["exit"] = meaning.nExit;
         object["message"] = meaning.strSentence;

@@ -19,6 +19,8 @@ struct OUTPUT {
 // What a verb is given, and what it leaves.
 struct CONTEXT {
     OUTPUT output;
+    std::string strWanted; // the device that -d names, else empty
+    std::string strDevice; // the one found at the start; empty when there was none
     int nExit = EXIT_DONE;
     // A worker of the library is still at work on a link that hangs: the process must end without
     // waiting for it.
@@ -45,7 +47,7 @@ void FinishData(CONTEXT& context, const char* lpszVerb, const MEANING& meaning,
                 nlohmann::json object);
 
 // Ends a verb: keeps the exit status, complains or says the sentence, or prints the object, to
-// which "verb", "result", "exit" and "message" are added.
-void Finish(CONTEXT& context, const char* lpszVerb, const MEANING& meaning, nlohmann::json object);
+// which "verb", "device", "result", "exit" and "message" are added.
+void Finish(CONTEXT& context, const char* lpszVerb, MEANING meaning, nlohmann::json object);
 
 } // namespace cli

@@ -87,8 +87,7 @@ const char* NoSpaceSentence(Action action) {
 MEANING Explain(Action action, Stage stage, DWORD dwState) {
     switch (dwState) {
     case DAKERROR_NONE:
-        return {EXIT_DONE, "ok",
-                action == Action::Status ? "a device is attached and answers" : "done"};
+        return {EXIT_DONE, "ok", "done"};
     case DAKERROR_CANCELLED:
         return {EXIT_CANCELLED, "cancelled", "cancelled"};
     case DAKERROR_PROTOCOL:
@@ -112,8 +111,8 @@ MEANING Explain(Action action, Stage stage, DWORD dwState) {
     case DAKERROR_NO_DEVICE:
         return {EXIT_NO_DEVICE, "no_device",
                 stage == Stage::Opening
-                    ? "no device is attached, or it does not answer: plug it in, see that its "
-                      "agent is running, then repeat the command"
+                    ? "the device is not attached, or it does not answer: plug it in, see that "
+                      "its agent is running, then repeat the command"
                     : "the link to the device broke: see that it is plugged in and its agent is "
                       "running, then repeat the command"};
     default:

@@ -13,9 +13,11 @@ void RunStatus(CONTEXT& context) {
     DWORD dwVersion1 = 0;
     DWORD dwVersion2 = 0;
     dak.DAKGetVersionNumber(&dwVersion1, &dwVersion2);
-    const DWORD dwResult = dak.ConnectDevice();
-    Finish(context, "status", Explain(Action::Status, Stage::Opening, dwResult),
-           {{"library_version", {dwVersion1, dwVersion2}}});
+    MEANING meaning = Explain(Action::Status, Stage::Opening, dak.ConnectDevice());
+    if (meaning.nExit == EXIT_DONE) {
+        meaning.strSentence = "the device " + context.strDevice + " is attached and answers";
+    }
+    Finish(context, "status", meaning, {{"library_version", {dwVersion1, dwVersion2}}});
 }
 
 } // namespace

@@ -103,9 +103,9 @@ void RunStorages(CONTEXT& context) {
 }
 
 // Whether the person at the terminal means it.
-bool AskToFormat(const std::string& strName) {
-    console::Print(console::Stream::Error, "Everything on the device's storage " +
-                                               Printable(strName) +
+bool AskToFormat(const CONTEXT& context, const std::string& strName) {
+    console::Print(console::Stream::Error, "Everything on the storage " + Printable(strName) +
+                                               " of the device " + Printable(context.strDevice) +
                                                " will be deleted. Go on? [y/N] ");
     std::string strAnswer;
     std::getline(std::cin, strAnswer);
@@ -127,8 +127,12 @@ MEANING JudgeFormat(const CONTEXT& context, const std::string& strName, bool bYe
                 "nobody can be asked whether to delete everything on " + strName +
                     ": give --yes if you mean it"};
     }
-    return AskToFormat(strName) ? MEANING{EXIT_DONE, "ok", ""}
-                                : MEANING{EXIT_PARTIAL, "nothing", strName + " was left as it is"};
+    if (context.strDevice.empty()) {
+        return Explain(Action::Format, Stage::Opening, DAKERROR_NO_DEVICE);
+    }
+    return AskToFormat(context, strName)
+               ? MEANING{EXIT_DONE, "ok", ""}
+               : MEANING{EXIT_PARTIAL, "nothing", strName + " was left as it is"};
 }
 
 void RunFormat(CONTEXT& context, const std::string& strName, bool bYes) {

@@ -12,11 +12,21 @@ CLI::App* AddVerb(CLI::App& app, CONTEXT& context, const char* lpszName, const c
     CLI::App* const pVerb = app.add_subcommand(lpszName, lpszSummary);
     pVerb->group("Verbs");
     pVerb->footer(lpszHelp);
-    AddOutputOptions(*pVerb, context);
+    AddCommonOptions(*pVerb, context);
     return pVerb;
 }
 
-void AddOutputOptions(CLI::App& app, CONTEXT& context) {
+void AddCommonOptions(CLI::App& app, CONTEXT& context) {
+    const auto take = [&context](const std::string& strName) {
+        if (strName.empty() || (!context.strWanted.empty() && context.strWanted != strName)) {
+            throw CLI::ValidationError("--device", strName.empty() ? "the name is empty"
+                                                                   : "two devices are named");
+        }
+        context.strWanted = strName;
+    };
+    app.add_option_function<std::string>(
+           "-d,--device", take, "Work with the device NAME; needed when several are attached")
+        ->type_name("NAME");
     app.add_flag("-q,--quiet", context.output.bQuiet, "Print no sentence but errors");
     app.add_flag("--json", context.output.bJson, "Print one JSON object at the end, nothing else");
 }

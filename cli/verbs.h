@@ -14,6 +14,7 @@ class App;
 
 namespace cli {
 
+void AddDevicesVerb(CLI::App& app, CONTEXT& context);  // devices
 void AddStatusVerb(CLI::App& app, CONTEXT& context);   // status
 void AddCopyVerbs(CLI::App& app, CONTEXT& context);    // push, pull
 void AddListVerbs(CLI::App& app, CONTEXT& context);    // ls, stat
@@ -24,12 +25,13 @@ void AddStorageVerbs(CLI::App& app, CONTEXT& context); // df, storages, format
 void AddRunVerb(CLI::App& app, CONTEXT& context);      // run
 void AddSystemVerbs(CLI::App& app, CONTEXT& context);  // ioctl, message
 
-// For these: adds a verb with its options --quiet and --json, and its help.
+// For these: adds a verb with its common options and its help.
 CLI::App* AddVerb(CLI::App& app, CONTEXT& context, const char* lpszName, const char* lpszSummary,
                   const char* lpszHelp);
 
-// Adds --quiet and --json.
-void AddOutputOptions(CLI::App& app, CONTEXT& context);
+// Adds the options that the command takes ahead of the verb and behind it: --device, --quiet and
+// --json.
+void AddCommonOptions(CLI::App& app, CONTEXT& context);
 
 // The normal form of a device path of the command line; when there is none, the verb is finished
 // with a word about lpszName, the argument.

@@ -17,10 +17,6 @@ COperationGate g_OperationGate;
 
 namespace {
 
-// The class under which the device node is listed: {25DBCE51-6C8F-4A72-8A6D-B54C2B4FC835}.
-constexpr GUID DEVICE_INTERFACE_CLASS = {
-    0x25DBCE51, 0x6C8F, 0x4A72, {0x8A, 0x6D, 0xB5, 0x4C, 0x2B, 0x4F, 0xC8, 0x35}};
-
 constexpr char LOCK_NAME[] = "NadoxUSBAPI";
 constexpr char CPU_KEY[] = R"(HARDWARE\DESCRIPTION\System\CentralProcessor\0)";
 constexpr char CPU_VALUE[] = "~MHZ";
@@ -36,15 +32,15 @@ constexpr DWORD SETTLE_MS = 300;
 CWordLock g_HandleLock;
 
 HDEVINFO PresentInterfaces() {
-    return platform::SetupDiGetClassDevsA(&DEVICE_INTERFACE_CLASS, nullptr, nullptr,
+    return platform::SetupDiGetClassDevsA(&platform::DEVICE_INTERFACE_CLASS, nullptr, nullptr,
                                           DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
 }
 
 bool FirstInterface(HDEVINFO hSet, platform::SP_DEVICE_INTERFACE_DATA& data) {
     data = {};
     data.cbSize = sizeof(data);
-    return platform::SetupDiEnumDeviceInterfaces(hSet, nullptr, &DEVICE_INTERFACE_CLASS, 0,
-                                                 &data) != FALSE;
+    return platform::SetupDiEnumDeviceInterfaces(hSet, nullptr, &platform::DEVICE_INTERFACE_CLASS,
+                                                 0, &data) != FALSE;
 }
 
 HANDLE OpenInterface(HDEVINFO hSet, platform::SP_DEVICE_INTERFACE_DATA& data) {
@@ -345,7 +341,9 @@ int CDAKVorn::IsDeviceAvailable() {
     platform::SP_DEVICE_INTERFACE_DATA data;
     const bool bPresent = FirstInterface(hSet, data);
     platform::SetupDiDestroyDeviceInfoList(hSet);
-    return bPresent ? 1 : 0;
+    // A device that has come back is another one for whoever waits on the node of its earlier
+    // attachment: nothing comes there any more.
+    return bPresent && !platform::IsDeviceNodeLost(m_hDevice) ? 1 : 0;
 }
 
 int CDAKVorn::IsDeviceConnected() {

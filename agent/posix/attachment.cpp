@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
+#include <random>
 #include <utility>
 
 #include <fcntl.h>
@@ -11,78 +11,66 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "platform/posix/device_place.h"
+
 namespace agent {
-
-static constexpr char s_szInterfaceClass[] = "{25DBCE51-6C8F-4A72-8A6D-B54C2B4FC835}";
-static constexpr std::size_t s_dwMaxName = 64;
-
-static std::string Variable(const char* lpszName) {
-    const char* lpszValue = std::getenv(lpszName);
-    return lpszValue ? lpszValue : "";
-}
 
 static std::string Reason(const std::string& strPath) {
     return strPath + ": " + std::strerror(errno);
 }
 
-// The folder, made if it is missing, its last component only.
-static CFd OpenMadeFolder(int fdAt, const std::string& strPath, int nFlags) {
+// Opens a folder by open, and makes it first where it is missing, but not what lies above.
+template <class TOpen>
+static CFd OpenMadeFolder(int fdAt, const std::string& strPath, TOpen open) {
     if (::mkdirat(fdAt, strPath.c_str(), 0700) != 0 && errno != EEXIST) {
         return CFd();
     }
-    return CFd(::openat(fdAt, strPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | nFlags));
+    return CFd(open());
 }
 
-// In a folder that everybody may write to, ours must be ours: not a link, and closed to others.
-static CFd OpenOwnFolder(const std::string& strPath, std::string& strError) {
-    CFd fd = OpenMadeFolder(AT_FDCWD, strPath, O_NOFOLLOW);
-    struct stat status {};
-    if (!fd || ::fstat(fd.Get(), &status) != 0) {
-        strError = Reason(strPath);
-        return CFd();
-    }
-    if (status.st_uid != ::geteuid() || (status.st_mode & 0077) != 0) {
-        strError = strPath + " belongs to somebody else or is open to others";
-        return CFd();
-    }
-    return fd;
-}
-
-static CFd OpenDeviceFolder(std::string& strPath, std::string& strError) {
+// The folder of the interface class in the device folder.
+static CFd OpenClassFolder(std::string& strPath, std::string& strError) {
+    const device_place::FOLDERCHOICE choice = device_place::ChooseFolder();
+    strPath = choice.strPath;
+    const CFd fdDevices =
+        OpenMadeFolder(AT_FDCWD, choice.strPath, [&] { return device_place::OpenFolder(choice); });
     CFd fd;
-    if (!Variable("DAK_DEVICE_DIR").empty()) {
-        strPath = Variable("DAK_DEVICE_DIR");
-        fd = OpenMadeFolder(AT_FDCWD, strPath, 0);
-    } else if (!Variable("XDG_RUNTIME_DIR").empty()) {
-        strPath = Variable("XDG_RUNTIME_DIR") + "/dak";
-        fd = OpenMadeFolder(AT_FDCWD, strPath, 0);
-    } else {
-        strPath = "/tmp/dak-" + std::to_string(::geteuid());
-        fd = OpenOwnFolder(strPath, strError);
-        if (!fd) {
-            return CFd();
-        }
-    }
-    if (fd) {
-        fd = OpenMadeFolder(fd.Get(), s_szInterfaceClass, O_NOFOLLOW);
-        strPath = strPath + "/" + s_szInterfaceClass;
+    if (fdDevices) {
+        strPath = strPath + "/" + device_place::CLASS_FOLDER;
+        fd = OpenMadeFolder(fdDevices.Get(), device_place::CLASS_FOLDER, [&] {
+            return ::openat(fdDevices.Get(), device_place::CLASS_FOLDER,
+                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        });
     }
     if (!fd) {
-        strError = Reason(strPath);
+        strError = errno == EACCES && choice.bByDefault
+                       ? strPath + " belongs to somebody else or is open to others"
+                       : Reason(strPath);
     }
     return fd;
+}
+
+// What tells this agent from every other, for as long as it runs.
+static const std::string& Identity() {
+    static const std::string strIdentity = [] {
+        std::random_device random;
+        std::string strWords;
+        for (int i = 0; i < 4; ++i) {
+            strWords += std::to_string(random()) + (i < 3 ? "-" : "\n");
+        }
+        return strWords;
+    }();
+    return strIdentity;
 }
 
 bool CAttachment::JudgeName(const std::string& strName, std::string& strError) {
-    if (!strName.empty() && strName.size() <= s_dwMaxName && strName.front() != '.' &&
-        !strName.ends_with(".lock") && std::all_of(strName.begin(), strName.end(), [](char c) {
-            return static_cast<unsigned char>(c) > 0x20 && c != 0x7F && c != '/' && c != '\\';
-        })) {
+    if (device_place::IsName(strName)) {
         return true;
     }
     strError = "\"" + strName + "\" is no name for a device: at most " +
-               std::to_string(s_dwMaxName) +
-               " characters, no blanks or separators, no dot ahead, not \".lock\" behind";
+               std::to_string(device_place::MAX_NAME) +
+               " characters, no blanks or separators, no dot ahead, not \"" +
+               device_place::LOCK_SUFFIX + "\" behind";
     return false;
 }
 
@@ -93,7 +81,7 @@ std::unique_ptr<CAttachment> CAttachment::Attach(const std::string& strName,
     }
     std::unique_ptr<CAttachment> pAttachment(new CAttachment);
     pAttachment->m_strName = strName;
-    pAttachment->m_fdFolder = OpenDeviceFolder(pAttachment->m_strPath, strError);
+    pAttachment->m_fdFolder = OpenClassFolder(pAttachment->m_strPath, strError);
     if (!pAttachment->m_fdFolder) {
         return nullptr;
     }
@@ -105,9 +93,9 @@ std::unique_ptr<CAttachment> CAttachment::Attach(const std::string& strName,
 }
 
 // The agent that had the file before may have removed it between our opening and our locking: a
-// lock counts only if the file still has its name.
+// lock counts only if the file still has its name. It says who has it before there is a socket.
 bool CAttachment::Lock(std::string& strError) {
-    const std::string strLock = m_strName + ".lock";
+    const std::string strLock = m_strName + device_place::LOCK_SUFFIX;
     for (int nTry = 0; nTry < 100; ++nTry) {
         CFd fd(::openat(m_fdFolder.Get(), strLock.c_str(),
                         O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -129,11 +117,15 @@ bool CAttachment::Lock(std::string& strError) {
         if (::fstat(fd.Get(), &held) == 0 &&
             ::fstatat(m_fdFolder.Get(), strLock.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
             held.st_ino == named.st_ino && held.st_dev == named.st_dev) {
+            if (::ftruncate(fd.Get(), 0) != 0 ||
+                !WriteWhole(fd.Get(), Identity().data(), Identity().size())) {
+                break;
+            }
             m_fdLock = std::move(fd);
             return true;
         }
     }
-    strError = Reason(m_strPath + ".lock");
+    strError = Reason(m_strPath + device_place::LOCK_SUFFIX);
     return false;
 }
 
@@ -171,7 +163,7 @@ CAttachment::~CAttachment() {
         ::unlinkat(m_fdFolder.Get(), m_strName.c_str(), 0);
     }
     if (m_fdLock) {
-        ::unlinkat(m_fdFolder.Get(), (m_strName + ".lock").c_str(), 0);
+        ::unlinkat(m_fdFolder.Get(), (m_strName + device_place::LOCK_SUFFIX).c_str(), 0);
     }
 }
 

@@ -2,12 +2,14 @@
 # shellcheck shell=bash
 
 _dak() {
-    local verbs='cat cp df format ioctl ls message mkdir mv pull push rm run stat status storages write'
+    local verbs='cat cp devices df format ioctl ls message mkdir mv pull push rm run stat status storages write'
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
     local verb='' operands=0 word i
     for ((i = 1; i < COMP_CWORD; ++i)); do
         word=${COMP_WORDS[i]}
-        if [[ -z $verb ]]; then
+        if [[ ! ($verb == run && $operands -gt 0) && ($word == --device || $word =~ ^-[a-z]*d$) ]]; then
+            i=$((i + 1)) # the name behind it
+        elif [[ -z $verb ]]; then
             [[ $word == -* ]] || verb=$word
         elif [[ $word != -* ]]; then
             operands=$((operands + 1))
@@ -18,13 +20,17 @@ _dak() {
     if [[ $verb == run && $operands -gt 0 ]]; then
         return
     fi
+    if [[ $prev == --device || $prev =~ ^-[a-z]*d$ ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$("${COMP_WORDS[0]}" devices 2>/dev/null)" -- "$cur")
+        return
+    fi
     if [[ $verb == ioctl && $prev == --in ]]; then
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$cur")
         return
     fi
     if [[ $cur == -* ]]; then
-        local options='--help --json --quiet'
+        local options='--device --help --json --quiet'
         case $verb in
         ls) options+=' -l --long' ;;
         cp) options+=' --no-clobber' ;;

@@ -1,12 +1,19 @@
 // Device interfaces: sets of the devices attached at the moment of the question.
 #include "platform/device.h"
 
+#include "platform/device_choice.h"
 #include "platform/posix/device_folder.h"
 #include "platform/posix/handles.h"
 #include "platform/posix/paths.h"
+#include "platform/thread.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace platform {
 namespace posix {
@@ -23,21 +30,78 @@ class CInterfaceSet final : public CObject {
     const std::vector<std::string> m_paths;
 };
 
-HANDLE TakeInterfaces(const GUID& classGuid) {
-    std::vector<std::string> names;
-    std::string strFolder;
-    if (!ListAttachedDevices(classGuid, names, strFolder)) {
+// The one device that the process works with: none at all without a name, any where nobody has
+// chosen.
+std::optional<ATTACHEDDEVICE>& Choice() {
+    static auto& choice = *new std::optional<ATTACHEDDEVICE>;
+    return choice;
+}
+
+bool IsPassedOver(const ATTACHEDDEVICE& device) {
+    const std::lock_guard hold(DeviceChoiceMutex());
+    if (Choice()) {
+        return *Choice() != device;
+    }
+    const char* lpszNamed = std::getenv("DAK_DEVICE");
+    return lpszNamed != nullptr && *lpszNamed != '\0' && device.strName != lpszNamed;
+}
+
+bool ListDevicesOrFail(std::vector<ATTACHEDDEVICE>& devices, std::string& strFolder) {
+    const bool bListed = ListAttachedDevices(devices, strFolder);
+    if (!bListed) {
         SetLastErrorFromErrno(errno);
+    }
+    return bListed;
+}
+
+HANDLE TakeInterfaces(const GUID& classGuid) {
+    std::vector<ATTACHEDDEVICE> devices;
+    std::string strFolder;
+    if (std::memcmp(&classGuid, &DEVICE_INTERFACE_CLASS, sizeof(GUID)) == 0 &&
+        !ListDevicesOrFail(devices, strFolder)) {
         return nullptr;
     }
-    // A device that comes back while a node of its earlier attachment is open here counts as gone
-    // until that is closed: whoever waits on that node waits in vain.
-    std::erase_if(
-        names, [&](const std::string& strName) { return IsDeviceLost(strFolder + "/" + strName); });
-    for (std::string& strName : names) {
-        strName.insert(0, 1, '/').insert(0, strFolder).insert(0, DEVICE_PATH_MARK);
+    std::erase_if(devices, IsPassedOver);
+    std::vector<std::string> paths;
+    paths.reserve(devices.size());
+    for (const ATTACHEDDEVICE& device : devices) {
+        paths.push_back(std::string(DEVICE_PATH_MARK) + strFolder + "/" + device.strName);
     }
-    return AddHandle(std::make_shared<CInterfaceSet>(std::move(names)));
+    return AddHandle(std::make_shared<CInterfaceSet>(std::move(paths)));
+}
+
+DWORD ListNames(char* lpNames, DWORD* lpdwSize) {
+    std::vector<ATTACHEDDEVICE> devices;
+    std::string strFolder;
+    if (!ListDevicesOrFail(devices, strFolder)) {
+        return GetLastError();
+    }
+    std::string strNames;
+    for (const ATTACHEDDEVICE& device : devices) {
+        strNames.append(device.strName).push_back('\0');
+    }
+    const DWORD dwRoom = std::exchange(*lpdwSize, static_cast<DWORD>(strNames.size()) + 1);
+    if (dwRoom < *lpdwSize) {
+        return ERROR_MORE_DATA;
+    }
+    std::memcpy(lpNames, strNames.c_str(), *lpdwSize);
+    return ERROR_SUCCESS;
+}
+
+BOOL Choose(const char* lpszName) {
+    std::vector<ATTACHEDDEVICE> devices;
+    std::string strFolder;
+    if (!ListDevicesOrFail(devices, strFolder)) {
+        return FALSE;
+    }
+    const auto itChosen = std::ranges::find(devices, lpszName, &ATTACHEDDEVICE::strName);
+    if (itChosen == devices.end()) {
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return FALSE;
+    }
+    const std::lock_guard hold(DeviceChoiceMutex());
+    Choice() = std::move(*itChosen);
+    return TRUE;
 }
 
 // The device path behind an interface of the set; null, with the error number, when it is none.
@@ -52,6 +116,12 @@ const std::string* PathOf(const CInterfaceSet& set, HDEVINFO hSet,
 }
 
 } // namespace
+
+std::mutex& DeviceChoiceMutex() {
+    static std::mutex& mutex = *new std::mutex;
+    return mutex;
+}
+
 } // namespace posix
 
 using posix::CInterfaceSet;
@@ -119,6 +189,28 @@ BOOL SetupDiGetDeviceInterfaceDetailA(HDEVINFO DeviceInfoSet,
 
 BOOL SetupDiDestroyDeviceInfoList(HDEVINFO DeviceInfoSet) {
     return posix::CloseObject<CInterfaceSet>(DeviceInfoSet) ? TRUE : FALSE;
+}
+
+BOOL IsDeviceNodeLost(HANDLE hDevice) {
+    const auto pNode = posix::FindAnyObject(hDevice);
+    return pNode != nullptr && pNode->HasLostDevice() ? TRUE : FALSE;
+}
+
+DWORD ListDevices(char* lpNames, DWORD* lpdwSize) {
+    return posix::WithMemory(ERROR_NOT_ENOUGH_MEMORY,
+                             [&] { return posix::ListNames(lpNames, lpdwSize); });
+}
+
+BOOL ChooseDevice(const char* lpszName) {
+    {
+        const std::lock_guard hold(posix::DeviceChoiceMutex());
+        posix::Choice().reset();
+        if (lpszName == nullptr) {
+            return TRUE;
+        }
+        posix::Choice().emplace();
+    }
+    return posix::WithMemory<BOOL>(FALSE, [&] { return posix::Choose(lpszName); });
 }
 
 } // namespace platform

@@ -2,6 +2,7 @@
 // ProcessGeneration. The process's tables are held while the process forks, so that the child finds
 // them whole.
 #include "platform/posix/descriptors.h"
+#include "platform/posix/device_folder.h"
 #include "platform/posix/handles.h"
 #include "platform/posix/named_locks.h"
 #include "platform/thread.h"
@@ -25,11 +26,13 @@ std::atomic<DWORD> g_dwGeneration{0};
 void HoldTables() {
     NamedLockMutex().lock();
     HandleTableMutex().lock();
+    DeviceChoiceMutex().lock();
     ListMutex().lock();
 }
 
 void ReleaseTables() {
     ListMutex().unlock();
+    DeviceChoiceMutex().unlock();
     HandleTableMutex().unlock();
     NamedLockMutex().unlock();
 }

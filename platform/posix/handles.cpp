@@ -2,7 +2,6 @@
 
 #include "platform/thread.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <unordered_map>
@@ -166,13 +165,6 @@ bool RemoveHandle(HANDLE hObject, const CObject* pObject) noexcept {
         return false;
     }
     return pRemoved->HandleClosed();
-}
-
-bool IsDeviceLost(const std::string& strPath) noexcept {
-    CHandleTable& table = Table();
-    const std::lock_guard hold(table.m_mutex);
-    return std::any_of(table.m_objects.begin(), table.m_objects.end(),
-                       [&](const auto& entry) { return entry.second->HasLostDevice(strPath); });
 }
 
 } // namespace platform::posix

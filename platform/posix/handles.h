@@ -8,7 +8,6 @@
 #include <memory>
 #include <mutex>
 #include <new>
-#include <string>
 #include <utility>
 
 namespace platform::posix {
@@ -39,9 +38,8 @@ class CObject {
     virtual BOOL Read(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount);
     virtual BOOL Write(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount);
 
-    // Whether it is a node of the device at that path, and has lost it. Asked under the table's
-    // lock: it takes no lock and calls nothing of this header.
-    virtual bool HasLostDevice(const std::string& /*strPath*/) const noexcept { return false; }
+    // Whether it is a device node, and has lost its device.
+    virtual bool HasLostDevice() const noexcept { return false; }
 };
 
 // Enters the object into the table. Null, with ERROR_NOT_ENOUGH_MEMORY, when there is no room.
@@ -53,9 +51,6 @@ std::shared_ptr<CObject> FindAnyObject(HANDLE hObject) noexcept;
 // Takes the handle from the table, if it is that object's, and tells the object. False when the
 // handle has gone already, or the object's end brought a failure to light.
 bool RemoveHandle(HANDLE hObject, const CObject* pObject) noexcept;
-
-// Whether a node of this process has lost the device at that path and is still open.
-bool IsDeviceLost(const std::string& strPath) noexcept;
 
 template <class OBJECT>
 std::shared_ptr<OBJECT> FindObject(HANDLE hObject) noexcept {

@@ -12,6 +12,7 @@
 #include "platform/thread.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -188,11 +189,12 @@ mode_t RightsLikeFolder(int nFolder) {
 
 CDescriptor OpenLockFile(const char* lpName) {
     constexpr int FLAGS = O_RDWR | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC;
-    const DEVICEFOLDER folder = OpenDeviceFolder(FolderUse::MakeIfMissing);
-    if (!folder.descriptor) {
-        return CDescriptor();
+    const CDescriptor folder = OpenDeviceFolder(FolderUse::MakeIfMissing);
+    if (!folder) {
+        // Without a folder there is no device, and nobody to share the lock with.
+        return CDescriptor(errno == ENOENT ? ::memfd_create(lpName, MFD_CLOEXEC) : -1);
     }
-    const int nFolder = folder.descriptor.Get();
+    const int nFolder = folder.Get();
     const std::string strFile = FileNameOfLock(lpName);
     CDescriptor file(::openat(nFolder, strFile.c_str(), FLAGS));
     if (!file && errno == ENOENT) {

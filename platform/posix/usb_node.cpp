@@ -18,7 +18,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string>
 #include <vector>
 
 namespace platform::posix {
@@ -32,17 +31,15 @@ namespace {
 // open, and neither what is queued here nor what is kept can grow.
 //
 // The device is not trusted. Whatever it says against the protocol breaks the node for good, as the
-// end of the connection does: every transfer fails, and the device counts as gone for this process,
-// until the node is closed.
+// end of the connection does: every transfer fails, and whoever has the node open has lost its
+// device.
 class CUsbNode final : public CObject {
   public:
-    CUsbNode(CDescriptor socket, const char* lpszSocketPath);
+    explicit CUsbNode(CDescriptor socket);
 
     BOOL Read(void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override;
     BOOL Write(const void* lpBuffer, DWORD dwSize, DWORD* lpdwCount) override;
-    bool HasLostDevice(const std::string& strPath) const noexcept override {
-        return m_bBroken && m_strPath == strPath;
-    }
+    bool HasLostDevice() const noexcept override { return m_bBroken; }
 
   private:
     // What the device has been asked for and has not answered.
@@ -84,7 +81,6 @@ class CUsbNode final : public CObject {
     std::size_t InCount() const { return m_nInEnd - m_nInBegin; }
 
     CPrivateDescriptor m_socket;
-    const std::string m_strPath;
     std::atomic<bool> m_bBroken = false;
     bool m_bImportOpen = true;
     DWORD m_dwLastSeqnum = 0;
@@ -106,8 +102,7 @@ class CUsbNode final : public CObject {
     std::size_t m_nKeptTaken = 0;
 };
 
-CUsbNode::CUsbNode(CDescriptor socket, const char* lpszSocketPath)
-    : m_socket(std::move(socket)), m_strPath(lpszSocketPath) {
+CUsbNode::CUsbNode(CDescriptor socket) : m_socket(std::move(socket)) {
     BYTE request[usbip::OP_REQ_IMPORT_SIZE] = {};
     usbip::PutU16(request + usbip::OP_OFFSET_VERSION, usbip::VERSION);
     usbip::PutU16(request + usbip::OP_OFFSET_CODE, usbip::OP_REQ_IMPORT);
@@ -497,7 +492,7 @@ HANDLE OpenUsbNode(const char* lpszSocketPath) {
     // Room for many of the library's packages, so that each leaves as a whole at once.
     const int nBufferSize = 256 << 10;
     ::setsockopt(connection.Get(), SOL_SOCKET, SO_SNDBUF, &nBufferSize, sizeof(nBufferSize));
-    return AddHandle(std::make_shared<CUsbNode>(std::move(connection), lpszSocketPath));
+    return AddHandle(std::make_shared<CUsbNode>(std::move(connection)));
 }
 
 } // namespace platform::posix

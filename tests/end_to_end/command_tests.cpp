@@ -50,7 +50,7 @@ TEST(Command, ToldWrongOrWithoutADeviceDoesNothing) {
                         {"pull /f f", 8, "cannot be made or used"},
                         {"push --json f /", 3, "\"no_device\""},
                         {"pull /f made", 3, ""},
-                        {"write /f", 3, "no device is attached, or it does not answer"},
+                        {"write /f", 3, "the device is not attached, or it does not answer"},
                         {"push --help", 0, "dak push notes.txt /Docs"}});
     EXPECT_FALSE(exists(world.folder / "host/made"));
 }
@@ -60,7 +60,7 @@ TEST(Command, WorksOnFiles) {
     world.pDevice->Write({{"a", "a"}, {"b", "b"}, {"Docs/c", "c"}, {"Docs/d\x1b[2J", "d"}});
     world.pDevice->Plug();
     world.folder.Write("host/huge", std::string(21'000'000, 'h'));
-    ExpectVerbs(world, {{"status", 0, "a device is attached and answers\n"},
+    ExpectVerbs(world, {{"status", 0, " is attached and answers\n"},
                         {"mkdir /New", 0, "made \\New\n"},
                         {"mkdir --json /New", 5, "\"failed\""},
                         {"write /New/\xE6\xBC\xA2", 0, "wrote 300004 bytes to \\New\\\xE6\xBC\xA2"},

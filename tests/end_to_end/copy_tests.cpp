@@ -126,9 +126,7 @@ TEST_P(Trouble, LeavesWholeFilesAndAFreeLink) {
     }
     if (eTrouble >= ETrouble::Unplugged) {
         device.Unplug();
-        if (eTrouble != ETrouble::Replaced) {
-            EXPECT_EQ(pCopy->End(), nExit) << pCopy->Errors();
-        }
+        EXPECT_EQ(pCopy->End(), nExit) << pCopy->Errors();
         device.Plug();
     }
     device.GoOn();

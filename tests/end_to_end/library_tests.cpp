@@ -57,15 +57,6 @@ class Library : public testing::Test {
     HWND m_hWnd = platform::CreateMessageWindow();
 };
 
-TEST_F(Library, FollowsTheDevice) {
-    EXPECT_EQ(m_pDak->ConnectDevice(), DAKERROR_NONE);
-    device.Unplug();
-    EXPECT_EQ(m_pDak->ConnectDevice(), DAKERROR_NO_DEVICE);
-    EXPECT_EQ(m_pDak->GetLastError(), DAKERROR_NO_DEVICE);
-    device.Plug();
-    EXPECT_EQ(m_pDak->ConnectDevice(), DAKERROR_NONE);
-}
-
 TEST_F(Library, IsOfOneProcessAtATime) {
     TransmitHalf(DAK_TO_DEVICE);
     const auto pRefused = world.Run("dak status");

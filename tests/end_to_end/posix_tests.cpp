@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <tuple>
+
 namespace end_to_end {
 namespace {
 
@@ -58,6 +60,55 @@ TEST(Agent, AThousandClientsDoNotDisturbACopy) {
     for (const int nClient : clients) {
         ::close(nClient);
     }
+}
+
+// From its start to its end, whatever else comes up meanwhile, also under the same name.
+TEST(Command, WorksWithOneOfTwoDevices) {
+    const CWorld world;
+    world.pDevice->Write({{"Card/a", "a"}});
+    world.pDevice->Plug();
+    world.folder.Write("other", {{"b", "b"}, {"Card/b", "b"}});
+    world.folder.Write("host", {{"f", std::string(300'000, 'f')}});
+    std::unique_ptr<CProgram> pOther;
+    for (const bool bReplaced : {true, false}) {
+        const auto pTerminal = MakeTerminal();
+        const auto pFormat = world.Start("dak format Card", pTerminal->ForProgram());
+        EXPECT_TRUE(Eventually([&] { return pTerminal->Shown().ends_with("[y/N] "); }));
+        EXPECT_NE(pTerminal->Shown().find(" Card of the device device "), std::string::npos);
+        if (bReplaced) {
+            world.pDevice->Unplug();
+            world.pDevice->Plug();
+        } else {
+            pOther = world.Start("dak-agent --root ../other --storage Card=../other/Card "
+                                 "--allow-format --name another");
+            EXPECT_TRUE(Eventually([&] { return !pOther->Output().empty(); }));
+        }
+        pTerminal->Type("y\r");
+        EXPECT_EQ(pFormat->End(), bReplaced ? 3 : 0) << pTerminal->Shown();
+        EXPECT_TRUE(Eventually([&] { return world.pDevice->Files().empty() != bReplaced; }));
+    }
+    for (const auto& [strWords, nExit, strSaid] :
+         {std::tuple{"devices", 0, "another\ndevice\n"},
+          {"push f /", 2, "2 devices are attached, another and device: choose"},
+          {"push -d none f /", 3, "no device none is attached, but another and device"},
+          {"-d another ls -d device", 2, "two devices are named"},
+          {"-qd another ls", 0, "Card/\nb\n"},
+          {"-d another run -d another -- none -d", 5, "allow-exec"},
+          {"status --json --device=device", 0, "\"device\": \"device\""}}) {
+        const auto pDak = world.Run(std::string("dak ") + strWords);
+        EXPECT_EQ(pDak->End(), nExit) << strWords;
+        EXPECT_TRUE(pDak->Says(strSaid)) << pDak->Output() << pDak->Errors();
+    }
+    EXPECT_EQ(test::ReadTree(world.folder / "other").size(), 2U);
+    // A program that does not choose: what it has lost does not come back for it.
+    ::setenv("DAK_DEVICE", "device", 1);
+    world.pDevice->HoldAfter(EWay::ToHost, 560); // ahead of the response
+    std::thread program([] { EXPECT_EQ(CDAKVorn().DAKDeleteFile(u"\\f"), DAKERROR_NO_DEVICE); });
+    EXPECT_TRUE(Eventually([&] { return world.pDevice->Holds(); }));
+    world.pDevice->Unplug();
+    world.pDevice->Plug();
+    program.join();
+    ::unsetenv("DAK_DEVICE");
 }
 
 // Of a job in its parent it sees nothing but that the link is not free, and nothing that it does

@@ -41,7 +41,7 @@ std::unique_ptr<IDevice> MakeDevice(const test::CTempFolder& folder);
 
 // What the devices of this system are put through: troubles of a copy, the bytes behind which they
 // come, and those behind which a command meets silence, from its handshake into its response.
-enum class ETrouble { Cancelled, EndedAtOnce, Killed, Unplugged, Replaced, BothGone };
+enum class ETrouble { Cancelled, EndedAtOnce, Killed, Unplugged, BothGone };
 extern const std::vector<ETrouble> g_copyTroubles;
 extern const std::vector<std::uint64_t> g_copyMoments;
 extern const std::vector<std::pair<EWay, std::uint64_t>> g_commandMoments;

@@ -166,8 +166,8 @@ class CTerminal final : public ITerminal {
 } // namespace
 
 const std::vector<ETrouble> g_copyTroubles = {ETrouble::Cancelled, ETrouble::EndedAtOnce,
-                                              ETrouble::Killed,    ETrouble::Unplugged,
-                                              ETrouble::Replaced,  ETrouble::BothGone};
+                                              ETrouble::Killed, ETrouble::Unplugged,
+                                              ETrouble::BothGone};
 const std::vector<std::uint64_t> g_copyMoments = {1'000, 640'000, 850'000};
 const std::vector<std::pair<EWay, std::uint64_t>> g_commandMoments = {
     {EWay::ToDevice, 0}, {EWay::ToDevice, 90}, {EWay::ToDevice, 200}, {EWay::ToHost, 0},

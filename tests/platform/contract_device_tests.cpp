@@ -1,4 +1,5 @@
 // The device: whether it is there, and transfers on its node.
+#include "platform/device_choice.h"
 #include "tests/platform/contract_world.h"
 #include "tests/platform/platform_tools.h"
 
@@ -26,6 +27,12 @@ CONTRACT_TEST(Device, IsPresentWhileItIsPlugged) {
     HANDLE hNode = PlugAndOpen();
     const std::vector<std::string> paths = DevicePaths();
     ASSERT_EQ(paths.size(), 1U);
+    char szNames[300] = "";
+    DWORD dwSize = sizeof(szNames);
+    EXPECT_EQ(ListDevices(szNames, &dwSize), ERROR_SUCCESS);
+    EXPECT_TRUE(!ChooseDevice("none") && DevicePaths().empty());
+    EXPECT_TRUE(ChooseDevice(szNames) && DevicePaths() == paths);
+    EXPECT_TRUE(ChooseDevice(nullptr) && DevicePaths() == paths);
     CTransfer cut(hNode, 20);
     contract::UnplugDevice();
     EXPECT_TRUE(cut.Fails());

@@ -22,6 +22,7 @@ MEMBERS='
     CIoBuf::CIoBuf CIoBuf::~CIoBuf CIoBuf::operator= CIoBuf::InitIoBuf CIoBuf::ReadIoBuf
     CIoBuf::DeinitIoBuf CIoBuf::ReadFileData CIoBuf::ReadDataToBufferThread CIoBuf::IoGetFileSize
     CIoBuf::IoGetFileTime
+    platform::ListDevices platform::ChooseDevice
     platform::CreateMessageWindow platform::WaitWindowMessage
     platform::GetMessageWindowDescriptor platform::DestroyMessageWindow
     g_IoBuf g_bAbortPending g_hDeviceMutex'

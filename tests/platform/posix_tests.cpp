@@ -1,5 +1,6 @@
 // What only the Linux implementation has: several processes, its file systems, /proc, and the
 // environment.
+#include "platform/device_choice.h"
 #include "platform/message.h"
 #include "platform/message_window.h"
 #include "platform/process.h"
@@ -127,6 +128,16 @@ TEST(PosixDeviceFolder, ListsWhatIsAttachedInByteOrder) {
     std::ofstream(first->strSocket) << "no socket";
     EXPECT_EQ(DeviceNames(), "b ");
     first.reset();
+    {
+        const CAttachment other(devices.Path(), "a");
+        const CEnvironment named("DAK_DEVICE", "b");
+        EXPECT_EQ(DeviceNames(), "b ");
+        EXPECT_TRUE(ChooseDevice("a"));
+        EXPECT_EQ(DeviceNames(), "a ");
+        std::ofstream(other.strSocket + ".lock") << "of another agent";
+        EXPECT_EQ(DeviceNames(), "");
+        EXPECT_TRUE(ChooseDevice(nullptr));
+    }
     // One that locks as a process does, which a mere close of the file in that process undoes: the
     // question takes nothing from it.
     const CAttachment inFile(devices.Path(), "c");
@@ -151,11 +162,16 @@ TEST(PosixDeviceFolder, ADefaultFolderMustBeOurs) {
     fs::rename(folder, runtime / "elsewhere");
     fs::create_directory_symlink("elsewhere", folder);
     EXPECT_EQ(ProbeLock(), '-') << "a symbolic link";
+    DWORD dwSize = 0;
     EXPECT_EQ(DeviceNames(), "");
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE) << "there is not even a set";
+    EXPECT_EQ(ListDevices(nullptr, &dwSize), ERROR_PATH_NOT_FOUND);
     fs::remove(folder);
     fs::rename(runtime / "elsewhere", folder);
     EXPECT_EQ(DeviceNames(), "device ");
+    fs::permissions(folder, fs::perms::others_read, fs::perm_options::add);
+    EXPECT_EQ(ProbeLock(), '-') << "open to others";
+    EXPECT_EQ(ListDevices(nullptr, &dwSize), ERROR_ACCESS_DENIED);
+    fs::permissions(folder, fs::perms::owner_all);
     if (::geteuid() == 0) {
         ASSERT_EQ(::chown(folder.c_str(), 12345, 12345), 0);
         EXPECT_EQ(ProbeLock(), '-') << "another user's";

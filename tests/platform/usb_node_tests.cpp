@@ -45,6 +45,7 @@ static void Fails(CPlay& play) {
 static void Breaks(CPlay& play) {
     Fails(play);
     EXPECT_TRUE(CTransfer(play.hNode, 1).Fails() && CTransfer(play.hNode, Bytes(1)).Fails());
+    EXPECT_TRUE(IsDeviceNodeLost(play.hNode) && DevicePaths().size() == 1) << "its own matter";
 }
 static void IsStopped(CPlay& play) {
     EXPECT_TRUE(play.pTransfer->IsStopped());
@@ -188,9 +189,10 @@ TEST(PosixNode, PlaysItsPart) {
 
 TEST(PosixNode, OpensAtOnceWhereverTheFolderLies) {
     const test::CTempFolder folder;
-    const std::string strDeep = folder.Path(std::string(100, 'd') + "/" + std::string(100, 'e'));
+    const std::string strDeep = folder.Path(std::string(200, 'd'));
     const CEnvironment environment("DAK_DEVICE_DIR", strDeep.c_str());
-    EXPECT_TRUE(CloseHandle(CreateMutexA(nullptr, FALSE, "TheLock"))) << "made where it is missing";
+    EXPECT_TRUE(CloseHandle(CreateMutexA(nullptr, FALSE, "TheLock")));
+    EXPECT_TRUE(std::filesystem::is_empty(folder.Folder())) << "it may be mistyped";
     // Nobody accepts, and there is room for one or two.
     const CAttachment attachment(strDeep, std::string(80, 'n'), 0);
     std::vector<HANDLE> opened = {OpenDevice()};

@@ -218,13 +218,11 @@ bool RefuseWhenStopping() noexcept {
            sim::FailWith(ERROR_OPERATION_ABORTED) == FALSE;
 }
 
-bool ListAttachedDevices(const GUID& classGuid, std::vector<std::string>& names,
-                         std::string& strClassFolder) {
-    constexpr GUID DEVICE_CLASS = {
-        0x25DBCE51, 0x6C8F, 0x4A72, {0x8A, 0x6D, 0xB5, 0x4C, 0x2B, 0x4F, 0xC8, 0x35}};
-    if (std::memcmp(&classGuid, &DEVICE_CLASS, sizeof(GUID)) == 0 &&
-        sim::CWorld::Current()->AskForDevice()) {
-        names.push_back("dak"); // as DEVICE_NODE has it
+bool ListAttachedDevices(std::vector<ATTACHEDDEVICE>& devices, std::string& strClassFolder) {
+    sim::CWorld& world = *sim::CWorld::Current();
+    if (world.AskForDevice()) {
+        // The name is as DEVICE_NODE has it.
+        devices.push_back({"dak", std::to_string(world.qwPlugNumber)});
     }
     strClassFolder = "usb";
     return true;
