@@ -2,8 +2,8 @@
 
 #include "agent/agent_core.h"
 #include "fuzz/fuzz_device.h"
+#include "fuzz/session_script.h"
 #include "link/wire.h"
-#include "tests/agent/session_script.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* lpData, std::size_t dwSize) {
     agent::CAgentCore core(FuzzDevice());

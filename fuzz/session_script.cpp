@@ -1,4 +1,4 @@
-#include "tests/agent/session_script.h"
+#include "fuzz/session_script.h"
 
 #include <algorithm>
 #include <array>

@@ -1,5 +1,5 @@
 // A host that does what a run of bytes tells it: whole packages and broken ones, good beginnings
-// and bad ends. Serves the seeded test and the fuzzer alike.
+// and bad ends.
 #pragma once
 
 #include <cstdint>
