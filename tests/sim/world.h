@@ -169,7 +169,7 @@ class CWorld {
     std::vector<std::string> HostFiles(const std::string& strFolder) const;
     // Null when missing. The record is as old as the latest call for that path.
     CHostFile* HostFile(const std::string& strPath);
-    std::uint32_t nRandomNumber = 0; // the latest that the system gave out
+    std::uint32_t nRandomNumber = 0;        // the latest that the system gave out
     std::uint64_t qwFreeBytes = 1ull << 40; // consumed by what is written
     bool bOpenFilesCannotBeDeleted = false; // nor moved, nor opened against each other
     std::function<void(CFileRead&)> onFileRead;
