@@ -142,7 +142,7 @@ class Trouble : public testing::TestWithParam<std::tuple<bool, ETrouble, std::ui
             EXPECT_TRUE(bNew || target[strName] == m_old.at(strName)) << strName << " is torn";
         }
         // What is killed on the host leaves a held file, a part, and what it had not moved yet.
-        EXPECT_LE(target.size(), m_new.size() + (m_bPush ? 0 : 3));
+        EXPECT_LE(target.size(), m_new.size() + (m_bPush ? 0 : 2 + m_new.size()));
         return nNew;
     }
     const CWorld world;
@@ -180,7 +180,9 @@ TEST_P(Trouble, LeavesWholeFilesAndAFreeLink) {
 
     EXPECT_EQ(world.Run("dak status")->End(), 0);
     const std::size_t nNew = CountNew();
-    EXPECT_TRUE(qwMoment < 600'000 || (nNew > 0 && nNew < m_new.size())) << nNew;
+    // What a pull had not moved into place comes again.
+    const bool bMoves = bPush || eTrouble == ETrouble::Cancelled || eTrouble == ETrouble::Unplugged;
+    EXPECT_TRUE(qwMoment < 600'000 || (nNew < m_new.size() && (nNew > 0 || !bMoves))) << nNew;
     if (eTrouble == ETrouble::Cancelled) {
         // On a push it may be more than what the device had confirmed.
         const std::string strSaid = pCopy->Errors();
