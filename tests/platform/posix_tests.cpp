@@ -68,7 +68,7 @@ TEST(PosixLock, IsSharedByProcessesAndEndsWithThem) {
         return bDead && bWaits ? ProbeLock() : '-';
     });
     EXPECT_EQ(child.Answer(), 'e');
-    dwWord = 1;
+    std::atomic_ref<DWORD>(dwWord).store(1);
     WakeByAddressAll(&dwWord);
     EXPECT_TRUE(ReleaseMutex(hLock) && CloseHandle(hLock)) << "the child's doings are its own";
     EXPECT_EQ(ProbeLock(), 'N') << "although the child lives";
