@@ -20,11 +20,13 @@
 // The system's own call, but for one socket, which takes all but so many bytes at once.
 static int s_fdTaking = -1;
 static std::size_t s_dwLeaves = 0;
+static std::size_t s_dwTook = 0;
 extern "C" ssize_t send(int fd, const void* lpBytes, std::size_t dwBytes, int nFlags) {
     if (fd != s_fdTaking) {
         return ::sendto(fd, lpBytes, dwBytes, nFlags, nullptr, 0);
     }
     errno = EAGAIN;
+    s_dwTook += dwBytes - std::min(dwBytes, s_dwLeaves);
     return dwBytes <= s_dwLeaves ? -1 : static_cast<ssize_t>(dwBytes - s_dwLeaves);
 }
 
@@ -260,6 +262,15 @@ TEST_F(Transport, OutputIsBounded) {
     }
     const auto now = ::mallinfo2();
     EXPECT_LT(now.uordblks + now.hblkhd, held.uordblks + held.hblkhd + (1U << 20));
+    // Nobody calls again where all is taken: what there was no room for goes out at once, behind
+    // the byte that was left.
+    s_dwLeaves = 0;
+    s_dwTook = 0;
+    const Bytes pull = Join(Write(1, PULL), Reads(2, DAK_PACKAGE_SIZE, 51));
+    EXPECT_TRUE(agent::WriteWhole(fdHost.Get(), pull.data(), pull.size()));
+    EXPECT_TRUE(connection.Fill());
+    EXPECT_EQ(connection.Work(*pCore), nullptr);
+    EXPECT_EQ(s_dwTook, 1 + 48 + 48 + 8 + 50 * (48 + std::size_t{DAK_PACKAGE_SIZE}));
     s_fdTaking = -1;
 }
 

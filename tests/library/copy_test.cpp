@@ -42,7 +42,7 @@ TEST(Copy, FoldersAreMadeAndFilesReplaced) {
     run.LayRecords(FileRecord(DAK_WIDE("a\\b/empty"), {}),
                    FileRecord(DAK_WIDE("..\u00FC..\\\u65E5"), Pattern(30'000)),
                    FileRecord(DAK_WIDE("a\\locked"), {2}));
-    run.Play("whole");
+    run.Play("!MoveFileExA#1=32 whole"); // somebody looks at it
     EXPECT_EQ(run.Start(DAK_WIDE("C:\\s\\\\"), DAK_WIDE("\\d\\")), 0u);
     run.ExpectEnd(0);
     run.ExpectFile("C:/s/a/b/empty", {});
@@ -66,7 +66,7 @@ TEST(Copy, ARecordIsCutAnywhere) {
                 run.AddFile("C:\\s\\a", contents);
                 run.list.Add("C:\\s\\missing");
                 run.AddFile("C:\\s\\" + std::string(255, 'x'), {1}); // 260 characters
-                run.AddFile("C:\\s\\\xC3\xA4\\\xE6\x97\xA5.x", Pattern(9, 3));
+                run.AddFile("C:\\s\\\xC3\xA4/\xE6\x97\xA5.x", Pattern(9, 3));
             }
             run.LayRecords(FileRecord(DAK_WIDE("a"), contents), next);
             run.Run("whole", 0);
@@ -121,11 +121,13 @@ TEST(CopyFromDevice, RoomIsAskedForEachFile) {
         EXPECT_EQ(run.world.HostFiles("C:/s").size(), bEnough || dwOldSize != 0 ? 1u : 0u);
     }
     // What lies in the package in hand whole is written all the same. A host that cannot tell has
-    // no room.
-    CTransfer run(DAK_FROM_DEVICE);
-    run.LayRecords(FileRecord(DAK_WIDE("a.bin"), Pattern(100)));
-    run.Run("!GetDiskFreeSpaceExA whole", NO_SPACE);
-    EXPECT_TRUE(run.world.HostFileExists("C:/s/a.bin"));
+    // no room, nor one that cannot make a folder for want of it.
+    for (const std::string strFault : {"!GetDiskFreeSpaceExA", "!CreateDirectoryA#1=112"}) {
+        CTransfer run(DAK_FROM_DEVICE, strFault);
+        run.LayRecords(FileRecord(DAK_WIDE("b\\a.bin"), Pattern(100)));
+        run.Run(strFault + " whole", NO_SPACE);
+        EXPECT_EQ(run.world.HostFileExists("C:/s/b/a.bin"), strFault[1] == 'G');
+    }
 }
 
 TEST(CopyFromDevice, ANameStaysBelowTheFolder) {

@@ -228,6 +228,7 @@ TEST(Exchange, WhatElseEndsIt) {
         expect("other", -READ_MS, DAKERROR_BUSY);
         expect("gone", 300, GONE);
         expect("!LocalAlloc#2", LINK_UP_MS, FAIL); // the request's, behind the node's
+        expect("!WaitForSingleObject#4", LINK_UP_MS, DAKERROR_BUSY); // behind the handshake's
         expect("linked hang", op.WrittenMs() + dwSize + 500, op.code == 25 ? GONE : FAIL);
         expect(strCommand, op.WrittenMs() + qwSilence, FAIL);
         expect(strCommand + "gone@200", op.WrittenMs() + (op.Is('A') ? 700 : 200), dwGone);

@@ -96,6 +96,9 @@ struct CStream : CTransfer {
                 strFile != "a" ? platform::DeleteFileA(("C:/s/" + strFile).c_str()) : FALSE;
             }
         };
+        for (int i = 1; i <= 11; ++i) { // by somebody else, for longer than is waited for
+            lines["held"] += " !MoveFileExA#" + std::to_string(i) + "=32";
+        }
         actions["noresend"] = [&] {
             world.dwFailAllocationsOf = DAK_WINDOW_SIZE;
             dak.emplace();
@@ -112,11 +115,12 @@ struct CStream : CTransfer {
     void ExpectFile(const CEnd& end) {
         const auto call = eKind == READ ? &CDAKVorn::DAKReadFile : &CDAKVorn::DAKWriteFile;
         const std::uint64_t qwRequest = world.NowMs() + LINK_UP_MS;
+        const auto qwWidened = static_cast<std::uintptr_t>(std::intptr_t{-2}); // the same handle
         DWORD dwCount = 77;
         Play(end.strWords);
         const DWORD dwResult =
-            ((*dak).*call)(reinterpret_cast<void*>(std::uintptr_t{0xFFFFFFFE}), buffer.data(),
-                           static_cast<DWORD>(data.size()), &dwCount);
+            ((*dak).*call)(reinterpret_cast<void*>(eKind == READ ? qwWidened : 0xFFFFFFFE),
+                           buffer.data(), static_cast<DWORD>(data.size()), &dwCount);
         EXPECT_EQ(dwResult == 0, eKind == READ ? end.dwCount > 0 : end.dwErrCode == 0);
         EXPECT_EQ(dak->GetLastError(), end.dwErrCode == UNSAID ? 0 : end.dwErrCode);
         EXPECT_EQ(world.NowMs() - qwRequest, end.qwMs + (world.IsPlugged() ? READ_MS : 0));
@@ -391,7 +395,10 @@ TEST(Streams, PullsThatEndInEachWayLeaveTheOldFile) {
                       {"!GetTempFileNameA#1=112 open sent >abort", NO_SPACE, ANY},
                       {"!WriteFile#2=112 open sent >abort", NO_SPACE, ANY},
                       {"!WriteFile#3=112 whole", NO_SPACE, ANY},
-                      {"!MoveFileExA whole", FAIL, ANY},
+                      {"!MoveFileExA whole", FAIL, 1070},
+                      {"held whole", FAIL, 1070 + 1000},
+                      {"!CloseHandle#14=112 whole", NO_SPACE, ANY}, // of the part file
+                      {"!CloseHandle#15=112 whole", NO_SPACE, ANY}, // and once more, with its rest
                       {"open p1 again lost sent >ack", FAIL, ANY},
                       {"noroom open p1 -614400 >abort", NO_SPACE, 530},
                       {"noroom open p1 >abort", NO_SPACE, 530 + 3010},

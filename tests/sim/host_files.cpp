@@ -307,7 +307,10 @@ BOOL WriteFile(HANDLE hFile, const void* lpBuffer, DWORD nNumberOfBytesToWrite,
     return sim::Call(bNode ? sim::ECall::WritePipe : sim::ECall::WriteFile, FALSE, body);
 }
 
-SIM_REAL(1, CloseHandle, FALSE)
+BOOL CloseHandle(HANDLE hObject) {
+    const BOOL bClosed = RealCloseHandle(hObject); // also where the call is to fail
+    return sim::Call(sim::ECall::CloseHandle, FALSE, [=](CWorld&) { return bClosed; });
+}
 SIM_CALL(1, DeleteFileA, FALSE, [](CWorld& world, const char* lpFileName) {
     const std::uint64_t qwSize = sim::SizeOf(lpFileName);
     if (sim::IsInUse(world, lpFileName) || !RealDeleteFileA(InFolder(lpFileName))) {

@@ -317,11 +317,9 @@ bool CWorld::Enter(ECall eCall) {
     if (++m_qwCalls > CALL_LIMIT) {
         GiveUp("there is no end of calls\n" + Threads());
     }
-    if (eCall >= ECall::Sleep) {
-        return true; // it is of the second list
-    }
-    const std::uint64_t qwOfAll = ++m_qwFailingCalls;
-    if (m_bFailed || m_bEnding) {
+    const bool bCanFail = eCall < ECall::Sleep; // those of the second list only by their name
+    const std::uint64_t qwOfAll = bCanFail ? ++m_qwFailingCalls : 0;
+    if (bCanFail && (m_bFailed || m_bEnding)) {
         return FailWith(ERROR_OPERATION_ABORTED) != FALSE;
     }
     for (const CFault& fault : m_faults) {

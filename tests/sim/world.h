@@ -47,7 +47,8 @@ namespace sim {
 using namespace test; // packages, and what they are made of
 
 // The calls that are counted. OpenNode, ReadPipe and WritePipe are CreateFileA, ReadFile and
-// WriteFile on the device node. Those of the first list can fail without a mistake of the caller.
+// WriteFile on the device node. Those of the first list can fail without a mistake of the caller;
+// a test that names one of the second list has it fail all the same.
 #define SIM_CALLS_THAT_FAIL                                                                        \
     CreateFileA, OpenNode, ReadFile, ReadPipe, WriteFile, WritePipe, SetFilePointer, GetFileSize,  \
         GetFileTime, SetFileTime, DeleteFileA, MoveFileA, MoveFileExA, SetFileAttributesA,         \
