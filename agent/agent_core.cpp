@@ -38,8 +38,10 @@ class CAgentCore::CState {
     std::uint64_t m_qwNowMs = 0;
     std::uint64_t m_qwWorkAtMs = 0; // when work in the background may go on
     bool m_bPutOff = false;         // the host has asked for more than there was time for
+    bool m_bWaits = false;          // the exchange does, for what goes on beside the agent
 
   private:
+    bool Waits() { return m_bWaits = m_device.Folder().MustWait(); }
     void WorkInBackground();
     bool TakeHandshake(std::span<const std::uint8_t> package);
     void TakeCommandPiece(std::span<const std::uint8_t> package);
@@ -148,7 +150,7 @@ void CAgentCore::CState::Prepare() {
     }
     CWorkSlice& slice = m_device.Slice();
     m_bPutOff = m_bPrepared && slice.OutOfTime();
-    if (m_bPutOff) {
+    if (m_bPutOff || Waits()) {
         return;
     }
     m_bPrepared ? slice.GoOn() : slice.Begin();
@@ -176,7 +178,7 @@ void CAgentCore::CState::SetTime(std::uint64_t qwNowMs) {
     m_bPutOff = false;
     m_device.System().Tick(qwNowMs);
     m_device.OpenFiles().SetTime(qwNowMs);
-    if (m_pExchange) {
+    if (m_pExchange && !Waits()) {
         m_device.Slice().Begin();
         m_pExchange->Tick(m_outbox, qwNowMs);
         DropEnded();
@@ -234,7 +236,9 @@ std::optional<std::uint64_t> CAgentCore::NextDueMs() const {
     const auto also = [&qwDueMs](std::uint64_t qwMs) {
         qwDueMs = std::min(qwDueMs.value_or(qwMs), qwMs);
     };
-    if (m_pState->m_pExchange) {
+    if (m_pState->m_pExchange && m_pState->m_bWaits) {
+        also(m_pState->m_qwNowMs + 1);
+    } else if (m_pState->m_pExchange) {
         if (const auto qwExchange = m_pState->m_pExchange->DueMs(m_pState->m_qwNowMs)) {
             also(*qwExchange);
         }

@@ -104,7 +104,7 @@ std::size_t CFileSink::Apply(std::span<const std::uint8_t> data) {
             Break("more data than announced");
             break;
         }
-        bOver = m_device.Slice().Over();
+        bOver = m_device.Slice().Over() || m_device.Folder().MustWait();
     }
     return m_bBroken ? dwAll : dwAll - data.size();
 }

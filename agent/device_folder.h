@@ -261,6 +261,10 @@ class CDeviceFolder {
     // any other folder, one that may not be written, and one that is served under two names.
     virtual std::unique_ptr<CFolderWork> BeginFormat(const CDevicePath& storage) = 0;
 
+    // Whether work for the host must wait for what is let go of beside the agent: a second or so.
+    // Asked ahead of each slice, and behind each file of a slice with many.
+    virtual bool MustWait() { return false; }
+
     // Whether there is work to be done in the background. bIdle: no exchange is open.
     virtual bool HasWork(bool bIdle) const = 0;
 

@@ -31,21 +31,22 @@ static bool IsGone(int fd, const struct stat& status) {
 void CFileShares::GiveBackRoom(CRoom& room) {
     for (CUse& use : m_uses) {
         struct stat status {};
-        if (use.bWrites && !use.givenBack && !IsRead(use) && ::fstat(use.fd, &status) == 0 &&
-            status.st_size > 0 && IsGone(use.fd, status)) {
+        if (!room.Busy() && use.bWrites && !use.givenBack && !IsRead(use) &&
+            ::fstat(use.fd, &status) == 0 && status.st_size > 0 && IsGone(use.fd, status)) {
             // Where this fails the last close does it.
-            static_cast<void>(room.Empty(use.fd, use.givenBack));
+            use.givenBack = room.Empty(use.fd, 0);
         }
     }
 }
 
 CPosixOpenFile::CPosixOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares,
                                CFileShares::Entry entry, const CFormats& formats, CRoom& room,
-                               Outcome emptied)
+                               Emptying emptying)
     : m_fd(std::move(fd)), m_bRead(mode.bRead), m_bWrite(mode.bWrite), m_shares(shares),
-      m_entry(entry), m_formats(formats), m_room(room), m_emptied(std::move(emptied)) {}
+      m_entry(entry), m_formats(formats), m_room(room), m_emptying(std::move(emptying)) {}
 
 CPosixOpenFile::~CPosixOpenFile() {
+    m_room.GiveUp(m_emptying);
     m_shares.Leave(m_entry);
 }
 
@@ -124,7 +125,7 @@ int FlagsFor(const COpenMode& mode) {
 
 EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, const CFormats& formats,
                      CRoom& room, std::unique_ptr<COpenFile>& pFile) {
-    Outcome emptied;
+    Emptying emptying;
     struct stat status {};
     if (!fd || ::fstat(fd.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return EResult::REFUSED;
@@ -141,15 +142,15 @@ EResult TakeOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, const C
         return EResult::REFUSED;
     }
     if (bEmpties) {
-        const EResult eEmptied = room.Empty(fd.Get(), emptied).value_or(EResult::SUCCESS);
+        emptying = room.Empty(fd.Get(), static_cast<std::uint64_t>(status.st_size));
+        const EResult eEmptied = room.Emptied(emptying).value_or(EResult::SUCCESS);
         if (eEmptied != EResult::SUCCESS) {
             return eEmptied;
         }
-        room.Remove(static_cast<std::uint64_t>(status.st_size));
     }
-    use.bWrites = mode.bWrite; // emptying is over
+    use.bWrites = mode.bWrite; // nobody comes to the file before emptying is over
     pFile = std::make_unique<CPosixOpenFile>(std::move(fd), mode, shares, shares.Enter(use),
-                                             formats, room, std::move(emptied));
+                                             formats, room, std::move(emptying));
     return EResult::SUCCESS;
 }
 

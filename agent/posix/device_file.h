@@ -21,7 +21,7 @@ class CFileShares {
         bool bShareRead = false;
         bool bShareWrite = false;
         int fd = -1;
-        Outcome givenBack = nullptr;
+        Emptying givenBack = nullptr;
     };
     using Entry = std::list<CUse>::iterator;
 
@@ -43,11 +43,11 @@ class CPosixOpenFile final : public COpenFile {
   public:
     // shares, formats and room outlive it; entry is left at its end.
     CPosixOpenFile(CFd fd, const COpenMode& mode, CFileShares& shares, CFileShares::Entry entry,
-                   const CFormats& formats, CRoom& room, Outcome emptied);
+                   const CFormats& formats, CRoom& room, Emptying emptying);
     ~CPosixOpenFile() override;
 
     std::optional<EResult> Opened() const override {
-        return m_emptied ? m_emptied->load() : EResult::SUCCESS;
+        return m_emptying ? m_room.Emptied(m_emptying) : EResult::SUCCESS;
     }
     std::optional<CState> StateForReading() const override;
     std::size_t Read(std::uint64_t qwAt, std::span<std::uint8_t> data) override;
@@ -64,7 +64,7 @@ class CPosixOpenFile final : public COpenFile {
     const CFileShares::Entry m_entry;
     const CFormats& m_formats;
     CRoom& m_room;
-    const Outcome m_emptied;
+    const Emptying m_emptying;
 };
 
 // The existing file behind fd, which is open as FlagsFor says: judged, entered, and emptied if the

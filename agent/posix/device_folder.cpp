@@ -99,6 +99,7 @@ class CPosixFolder final : public CDeviceFolder {
     std::optional<CSpace> SpaceOf(const CDevicePath& folder) override;
     std::vector<std::string> StorageNames() const override;
     std::unique_ptr<CFolderWork> BeginFormat(const CDevicePath& storage) override;
+    bool MustWait() override { return m_room.MustWait(); }
     bool HasWork(bool bIdle) const override;
     void Work(bool bIdle, CWorkSlice slice) override;
 

@@ -47,10 +47,13 @@ static unsigned NumberOf(std::string_view strName) {
     return eError == std::errc() && lpEnd == strName.data() + strName.size() ? nNumber : 0;
 }
 
-static std::vector<std::string> NamesIn(int fdFolder) {
+// All names, or one more than the most: a host may wait.
+static std::vector<std::string>
+NamesIn(int fdFolder, std::size_t nMost = std::numeric_limits<std::size_t>::max()) {
     std::vector<std::string> names;
     CDirectory directory(CFd(::openat(fdFolder, ".", O_RDONLY | s_nFolder)));
-    while (const dirent* pEntry = directory.Open() ? directory.Next() : nullptr) {
+    while (const dirent* pEntry =
+               directory.Open() && names.size() <= nMost ? directory.Next() : nullptr) {
         names.emplace_back(pEntry->d_name);
     }
     return names;
@@ -451,7 +454,7 @@ void CFormats::StepRemoval(CServed& served) const {
 
 // What is spared may bear the name of something new; then the view stays where it is.
 bool CFormats::MayMoveUp(const CServed& served, std::size_t nMost) const {
-    const std::vector<std::string> names = NamesIn(served.fdFresh.Get());
+    const std::vector<std::string> names = NamesIn(served.fdFresh.Get(), nMost);
     return names.size() <= nMost &&
            std::all_of(names.begin(), names.end(), [&served](const std::string& strName) {
                struct stat status {};

@@ -1,5 +1,6 @@
 #include "agent/posix/room.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -12,7 +13,8 @@ namespace agent {
 // What is freed in a few milliseconds.
 static constexpr std::uint64_t s_qwFreedAtOnce = std::uint64_t{16} << 20;
 
-// Files that wait for the thread, each with a descriptor; and so many that it is busy.
+// Files that wait for the thread, each with a descriptor; and so many that it is busy. The host's
+// work waits while as many more would be too many: a step of it, or its end, gives one or two.
 static constexpr std::size_t s_nMostJobs = 64;
 static constexpr std::size_t s_nBusy = 8;
 
@@ -66,20 +68,53 @@ void CRoom::Close(CFd fd) {
     }
 }
 
-std::optional<EResult> CRoom::Empty(int fd, Outcome& outcome) {
+Emptying CRoom::Empty(int fd, std::uint64_t qwBytes) {
+    auto emptying = std::make_shared<CEmptying>();
+    emptying->qwBytes = qwBytes;
     struct stat status {};
-    if (::fstat(fd, &status) != 0 || !IsLarge(status)) {
-        return EmptyNow(fd);
+    CJob job{CFd(), emptying};
+    if (::fstat(fd, &status) == 0 && IsLarge(status)) {
+        job.fd = CFd(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
     }
-    CJob job{CFd(::fcntl(fd, F_DUPFD_CLOEXEC, 0)),
-             std::make_shared<Outcome::element_type>(std::nullopt)};
-    outcome = job.outcome;
-    return job.fd && Give(job) ? std::nullopt : std::optional(EmptyNow(fd));
+    if (!job.fd || !Give(job)) {
+        emptying->eResult = EmptyNow(fd);
+    }
+    return emptying;
+}
+
+std::optional<EResult> CRoom::Emptied(const Emptying& emptying) {
+    const std::optional<EResult> eResult = emptying->eResult;
+    if (eResult == EResult::SUCCESS) {
+        Remove(std::exchange(emptying->qwBytes, 0));
+    }
+    return eResult;
+}
+
+void CRoom::GiveUp(const Emptying& emptying) {
+    if (!emptying || Emptied(emptying)) {
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto itJob = std::find_if(m_jobs.begin(), m_jobs.end(),
+                                    [&](const CJob& job) { return job.emptying == emptying; });
+    if (itJob != m_jobs.end()) {
+        itJob->emptying.reset();
+    } else {
+        m_givenUp = emptying; // the thread has taken it
+    }
 }
 
 bool CRoom::Busy() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_jobs.size() >= s_nBusy;
+}
+
+bool CRoom::MustWait() {
+    if (m_givenUp && Emptied(m_givenUp)) {
+        m_givenUp.reset();
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_givenUp || m_jobs.size() >= s_nMostJobs - s_nBusy;
 }
 
 // False, and the job is the caller's still, when the thread cannot take it.
@@ -109,8 +144,8 @@ void CRoom::Run() {
         }
         CJob job = std::move(m_jobs.front());
         lock.unlock();
-        if (job.outcome) {
-            *job.outcome = EmptyNow(job.fd.Get());
+        if (job.emptying) {
+            job.emptying->eResult = EmptyNow(job.fd.Get());
         }
         job.fd.Close();
         lock.lock();

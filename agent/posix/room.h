@@ -17,8 +17,12 @@
 
 namespace agent {
 
-// Of work that goes on beside the agent: nothing as long as it does.
-using Outcome = std::shared_ptr<std::atomic<std::optional<EResult>>>;
+// A file that is emptied.
+struct CEmptying {
+    std::atomic<std::optional<EResult>> eResult{}; // nothing while it goes on beside the agent
+    std::uint64_t qwBytes = 0; // that the quota still counts; nothing of the thread's
+};
+using Emptying = std::shared_ptr<CEmptying>;
 
 class CRoom final : public CQuota {
   public:
@@ -38,21 +42,34 @@ class CRoom final : public CQuota {
     // Closes a descriptor that may be a file's last.
     void Close(CFd fd);
 
-    // Empties a file that is open for writing; the quota knows of it already. Nothing when that
-    // goes on beside the agent, and then outcome tells of it.
-    std::optional<EResult> Empty(int fd, Outcome& outcome);
+    // Empties a file that is open for writing, a large one beside the agent. The quota counts
+    // qwBytes of it until Emptied tells of success.
+    Emptying Empty(int fd, std::uint64_t qwBytes);
 
-    // Whether the thread has so much to do that whoever can wait should.
+    // Nothing while it goes on.
+    std::optional<EResult> Emptied(const Emptying& emptying);
+
+    // Nobody waits for it any more: the file keeps its bytes, but where the thread is at it. May be
+    // null, or over.
+    void GiveUp(const Emptying& emptying);
+
+    // Whether the thread has so much to do that work in the background should wait.
     bool Busy() const;
+
+    // Whether the host's work must wait too: it could fill the queue, or write to a file that the
+    // thread is still emptying for a host that has gone, and that would take the bytes away again.
+    bool MustWait();
 
   private:
     struct CJob {
-        CFd fd;          // is closed behind it
-        Outcome outcome; // of emptying the file; null when it is to be closed and no more
+        CFd fd;            // is closed behind it
+        Emptying emptying; // null when the file is to be closed and no more
     };
 
     bool Give(CJob& job);
     void Run();
+
+    Emptying m_givenUp; // when the thread had begun with it
 
     mutable std::mutex m_mutex; // for what follows
     std::condition_variable m_more;

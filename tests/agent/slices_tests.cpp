@@ -41,6 +41,12 @@ class CSlicedHost {
         EXPECT_EQ(Take(), Ack());
     }
 
+    Bytes Answer(const Bytes& command) {
+        Begin(command);
+        Slices(1'000'000);
+        return Take();
+    }
+
     const CTempFolder folder;
     std::uint64_t qwNowMs = 0, qwClockMs = 0, qwTickMs = 1;
     std::unique_ptr<agent::CDevice> pDevice;
@@ -110,13 +116,52 @@ TEST(Slices, LargeFilesAreLetGoBesideTheAgent) {
         host.qwTickMs = 0;
         host.folder.Write("small", "x");
         host.folder.Write("large", strLarge);
-        host.Begin(command);
-        host.Slices(1'000'000);
-        EXPECT_EQ(DakGetU32(host.Take().data() + DAK_OFFSET_RESULT) & 0xFFFF, 1U);
+        EXPECT_EQ(DakGetU32(host.Answer(command).data() + DAK_OFFSET_RESULT) & 0xFFFF, 1U);
         EXPECT_EQ(threads(), nBefore + 1) << &command - rows;
         std::error_code error;
         const auto qwSize = std::filesystem::file_size(host.folder / "large", error);
         EXPECT_TRUE(error || qwSize <= 1);
+    }
+}
+
+// The host that asked for it goes while the thread has something else to do, or begins with it:
+// what the next one writes stays, and the quota knows how much is left of what was there.
+TEST(Slices, WhatIsWrittenBehindAnEmptyingThatWasGivenUpStays) {
+    const std::string strLarge(std::size_t{17} << 20, 'x');
+    const auto open = [](std::uint32_t dwDisposition) {
+        return Command(15, Text(u"\\large"), U32(0x40000000), U32(3), U32(dwDisposition));
+    };
+    for (const bool bBusy : {true, false}) {
+        CSlicedHost host;
+        host.qwTickMs = 0;
+        host.folder.Write("large", strLarge);
+        for (const auto* lpszName : {"1", "2", "3"}) {
+            host.folder.Write(lpszName, bBusy ? strLarge : "");
+        }
+        const std::uint64_t qwQuota = strLarge.size() * 2;
+        host.pDevice->Folder().SetQuota(qwQuota);
+        for (const auto* lpszName : {u"1", u"2", u"3"}) {
+            host.Answer(Command(2, Text(lpszName)));
+        }
+        host.Begin(open(2));
+        host.pCore->HasBytes();
+        host.pCore->TakePackage(Handshake(DAK_CONNECT));
+        host.Take();
+        const Bytes opened = host.Answer(open(3));
+        const Bytes handle(opened.end() - 4, opened.end());
+        host.Begin(Command(17, handle, U32(1)));
+        host.pCore->TakePackage(DataPackage(DAK_LAST_PACKAGE, 17, {'y'}));
+        host.Slices(1'000'000);
+        EXPECT_EQ(host.Take(), Ack());
+        EXPECT_EQ(host.Take(), Response(17, 1));
+        EXPECT_EQ(host.Answer(Command(19, handle)), Response(19, 1));
+        const auto space = host.pDevice->Folder().SpaceOf(*agent::CDevicePath::Parse(u"\\"));
+        host.pCore.reset();
+        host.pDevice.reset(); // its thread has done all
+        const auto qwLeft = std::filesystem::file_size(host.folder / "large");
+        EXPECT_EQ(std::ifstream(host.folder / "large").get(), 'y') << bBusy << ' ' << qwLeft;
+        EXPECT_TRUE(!bBusy || qwLeft == strLarge.size()) << qwLeft;
+        EXPECT_EQ(space->qwFree, qwQuota - qwLeft) << bBusy;
     }
 }
 
