@@ -62,10 +62,14 @@ TEST(PosixLock, IsSharedByProcessesAndEndsWithThem) {
         // The parent's handle means nothing here, and a new one finds the parent's lock; nobody
         // waits for a word, and threads get the stacks of those who did.
         const bool bDead = WaitForSingleObject(hLock, 0) == WAIT_FAILED && CloseHandle(hLock);
+#if !defined(__SANITIZE_THREAD__) // with it a child gets no threads
         const CTask own([&] { WaitOnAddress(&dwWord, 0, 1); });
-        const bool bWaits = own.Ends();
+        if (!own.Ends()) {
+            return '-';
+        }
+#endif
         WakeByAddressAll(&dwWord);
-        return bDead && bWaits ? ProbeLock() : '-';
+        return bDead ? ProbeLock() : '-';
     });
     EXPECT_EQ(child.Answer(), 'e');
     std::atomic_ref<DWORD>(dwWord).store(1);
