@@ -33,7 +33,7 @@ MEANING LookInto(const CONTEXT& context, CDAKVorn& dak, PULLGROUP& group,
             continue;
         }
         if (pEntry != nullptr) {
-            (folder.eKind == UNLISTED::Kind::Circle ? pEntry->bCircle : pEntry->bUnseen) = true;
+            pEntry->bUnseen = true;
         }
         missing.push_back(folder);
     }

@@ -44,14 +44,6 @@ std::vector<FOLDERFILES> ByFolder(const std::string& strDest, const std::vector<
     return folders;
 }
 
-DEVICETREE ListFolder(CONTEXT& context, CDAKVorn& dak, const std::string& strFolder) {
-    // A folder that is called like a pattern would be taken for one.
-    const bool bPattern =
-        SplitDevicePath(strFolder).strName.find_first_of("*?") != std::string::npos;
-    return ListDeviceTree(context, dak, bPattern ? JoinDevicePath(strFolder, "*") : strFolder,
-                          Depth::Folder);
-}
-
 FOLDERCONTENT ContentOf(const DEVICETREE& listing) {
     FOLDERCONTENT content;
     for (const DEVICEENTRY& entry : listing.entries) {
@@ -112,7 +104,8 @@ std::optional<MEANING> JudgeRooms(CONTEXT& context, CDAKVorn& dak, const std::st
                                   const std::vector<PUSHED>& files, std::uint64_t qwFree) {
     std::vector<std::uint64_t> old(files.size());
     for (const FOLDERFILES& folder : ByFolder(strDest, files, [](const PUSHED&) { return true; })) {
-        const FOLDERCONTENT content = ContentOf(ListFolder(context, dak, folder.strFolder));
+        const FOLDERCONTENT content =
+            ContentOf(ListDeviceTree(context, dak, folder.strFolder, Depth::Folder));
         for (const std::size_t i : folder.indices) {
             const auto it = content.find(SplitDevicePath(DevicePathOf(strDest, files[i])).strName);
             old[i] = it == content.end() ? 0 : it->second.qwSize;
@@ -188,7 +181,8 @@ MEANING LookForPushed(CONTEXT& context, CDAKVorn& dak, const std::string& strDes
     });
     for (std::size_t i = 0; i < folders.size(); ++i) {
         onFolder(folders[i].strFolder, i, folders.size());
-        const DEVICETREE listing = ListFolder(context, dak, folders[i].strFolder);
+        const DEVICETREE listing =
+            ListDeviceTree(context, dak, folders[i].strFolder, Depth::Folder);
         if (listing.meaning.nExit != EXIT_DONE) {
             return listing.meaning;
         }
