@@ -1,5 +1,6 @@
 #include "cli/verbs.h"
 
+#include "cli/console.h"
 #include "cli/copy.h"
 #include "cli/text.h"
 
@@ -124,7 +125,10 @@ std::string FormatSome(const std::vector<std::string>& names) {
 }
 
 void SayCancelling(const CONTEXT& context) {
-    Complain(context, "cancelling; press Ctrl-C again to end at once");
+    // Where the reader has gone nobody has pressed it.
+    if (!console::ReaderGone()) {
+        Complain(context, "cancelling; press Ctrl-C again to end at once");
+    }
 }
 
 } // namespace cli
