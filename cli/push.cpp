@@ -302,6 +302,7 @@ void CPush::RunGroups(COPYSESSION& session) {
 }
 
 void CPush::Run() {
+    const console::CInterrupts interrupts;
     auto pSession = std::make_unique<COPYSESSION>();
     if (const auto refusal =
             m_bVerify ? FindNoPlace(m_context, pSession->dak, m_strDest, m_files) : std::nullopt) {
@@ -310,7 +311,6 @@ void CPush::Run() {
         return;
     }
     const auto start = std::chrono::steady_clock::now();
-    const console::CInterrupts interrupts;
     RunGroups(*pSession);
     const double dSeconds = SecondsSince(start);
     m_display.Clear();

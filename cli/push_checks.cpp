@@ -1,5 +1,6 @@
 #include "cli/push_checks.h"
 
+#include "cli/console.h"
 #include "cli/description.h"
 #include "cli/device_path.h"
 #include "cli/device_tree.h"
@@ -60,6 +61,9 @@ struct PLACE {
 
 PLACE AskForPlace(CONTEXT& context, CDAKVorn& dak, std::string strFolder) {
     for (;;) {
+        if (console::CInterrupts::Requested()) {
+            return {Explain(Action::Push, Stage::Running, DAKERROR_CANCELLED), std::nullopt};
+        }
         std::uint64_t qwFree = 0;
         DWORD dwResult = DAKERROR_NONE;
         {
@@ -119,6 +123,9 @@ std::optional<MEANING> JudgeRooms(CONTEXT& context, CDAKVorn& dak, const std::st
             freeOf[strPlace] = AskForPlace(context, dak, strPlace).qwFree.value_or(qwFree);
         }
         rooms[freeOf[strPlace]].push_back({files[i].pEntry->qwSize, old[i]});
+    }
+    if (console::CInterrupts::Requested()) {
+        return Explain(Action::Push, Stage::Running, DAKERROR_CANCELLED);
     }
     for (const auto& [qwRoom, replaced] : rooms) {
         if (const std::uint64_t qwNeeded = RoomNeeded(replaced); qwNeeded > qwRoom) {
