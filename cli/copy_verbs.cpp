@@ -131,4 +131,26 @@ void SayCancelling(const CONTEXT& context) {
     }
 }
 
+CAnswersInterrupts::CAnswersInterrupts(const CONTEXT& context) {
+    m_thread = std::thread([this, &context] {
+        constexpr std::chrono::milliseconds look{100};
+        std::unique_lock hold(m_mutex);
+        while (!m_ended.wait_for(hold, look, [this] { return m_bEnded; })) {
+            if (console::CInterrupts::Requested()) {
+                SayCancelling(context);
+                return;
+            }
+        }
+    });
+}
+
+CAnswersInterrupts::~CAnswersInterrupts() {
+    {
+        const std::lock_guard hold(m_mutex);
+        m_bEnded = true;
+    }
+    m_ended.notify_one();
+    m_thread.join();
+}
+
 } // namespace cli

@@ -61,14 +61,14 @@ struct PLACE {
 
 PLACE AskForPlace(CONTEXT& context, CDAKVorn& dak, std::string strFolder) {
     for (;;) {
-        if (console::CInterrupts::Requested()) {
-            return {Explain(Action::Push, Stage::Running, DAKERROR_CANCELLED), std::nullopt};
-        }
         std::uint64_t qwFree = 0;
         DWORD dwResult = DAKERROR_NONE;
         {
             const CPatience patience(context);
             dwResult = dak.DAKGetFolderFreeSpace(Utf8ToWide(strFolder)->c_str(), &qwFree);
+        }
+        if (console::CInterrupts::Requested()) {
+            return {Explain(Action::Push, Stage::Running, DAKERROR_CANCELLED), std::nullopt};
         }
         if (dwResult == DAKERROR_NONE) {
             return {std::nullopt, qwFree};
@@ -108,8 +108,11 @@ std::optional<MEANING> JudgeRooms(CONTEXT& context, CDAKVorn& dak, const std::st
                                   const std::vector<PUSHED>& files, std::uint64_t qwFree) {
     std::vector<std::uint64_t> old(files.size());
     for (const FOLDERFILES& folder : ByFolder(strDest, files, [](const PUSHED&) { return true; })) {
-        const FOLDERCONTENT content =
-            ContentOf(ListDeviceTree(context, dak, folder.strFolder, Depth::Folder));
+        const DEVICETREE listing = ListDeviceTree(context, dak, folder.strFolder, Depth::Folder);
+        if (listing.meaning.nExit == EXIT_CANCELLED) {
+            return listing.meaning;
+        }
+        const FOLDERCONTENT content = ContentOf(listing);
         for (const std::size_t i : folder.indices) {
             const auto it = content.find(SplitDevicePath(DevicePathOf(strDest, files[i])).strName);
             old[i] = it == content.end() ? 0 : it->second.qwSize;
@@ -120,12 +123,13 @@ std::optional<MEANING> JudgeRooms(CONTEXT& context, CDAKVorn& dak, const std::st
     for (std::size_t i = 0; i < files.size(); ++i) {
         const std::string strPlace = PlaceOf(strDest, *files[i].pEntry);
         if (!freeOf.contains(strPlace)) {
-            freeOf[strPlace] = AskForPlace(context, dak, strPlace).qwFree.value_or(qwFree);
+            const PLACE place = AskForPlace(context, dak, strPlace);
+            if (place.refusal) {
+                return place.refusal;
+            }
+            freeOf[strPlace] = place.qwFree.value_or(qwFree);
         }
         rooms[freeOf[strPlace]].push_back({files[i].pEntry->qwSize, old[i]});
-    }
-    if (console::CInterrupts::Requested()) {
-        return Explain(Action::Push, Stage::Running, DAKERROR_CANCELLED);
     }
     for (const auto& [qwRoom, replaced] : rooms) {
         if (const std::uint64_t qwNeeded = RoomNeeded(replaced); qwNeeded > qwRoom) {
