@@ -92,15 +92,13 @@ CCarrier* CYard::TakeLast(std::shared_ptr<CCarried> pCarried) {
     }
     CCarrier* pCarrier = m_carriers[--m_nCount];
     pCarrier->Give(std::move(pCarried));
+    // Under the mutex: without it, it may have run, found no room here, and be gone.
+    pCarrier->Wake();
     return pCarrier;
 }
 
 bool CYard::Take(const std::shared_ptr<CCarried>& pCarried) {
-    CCarrier* pCarrier = TakeLast(pCarried);
-    if (pCarrier != nullptr) {
-        pCarrier->Wake();
-    }
-    return pCarrier != nullptr;
+    return TakeLast(pCarried) != nullptr;
 }
 
 bool CYard::Park(CCarrier& carrier, std::atomic<bool>& bAwaits) {
@@ -116,8 +114,6 @@ bool CYard::Park(CCarrier& carrier, std::atomic<bool>& bAwaits) {
 
 void CYard::EndAll() {
     while (CCarrier* pCarrier = TakeLast(nullptr)) {
-        // To its very end, for its code may go with the library.
-        pCarrier->Wake();
         pCarrier->AwaitEnd();
         delete pCarrier;
     }

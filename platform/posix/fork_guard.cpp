@@ -6,6 +6,7 @@
 #include "platform/posix/device_folder.h"
 #include "platform/posix/handles.h"
 #include "platform/posix/named_locks.h"
+#include "platform/posix/waiting.h"
 #include "platform/thread.h"
 
 #include <pthread.h>
@@ -44,6 +45,8 @@ void ReleaseTables() {
 
 void CloseInForkedChild() noexcept {
     ++g_dwGeneration;
+    ForgetWordWaiters();
+    ForgetStopEvents();
     for (CPrivateDescriptor* p = g_pFirst; p != nullptr; p = p->m_pNext) {
         ::close(std::exchange(p->m_nDescriptor, -1));
     }

@@ -65,10 +65,13 @@ class CLock final : public CObject {
 
   private:
     bool IsAlive() const { return m_nHandles > 0 && (!m_bNamed || m_file.Get() >= 0); }
+    // In a forked child the mutex may be a thread's of the parent, for good.
+    bool IsOfThisProcess() const { return m_dwGeneration == ProcessGeneration(); }
     int TryHold();
 
     const bool m_bNamed;
     const FILEIDENTITY m_identity;
+    const DWORD m_dwGeneration = ProcessGeneration();
     std::mutex m_mutex;
     CPrivateDescriptor m_file;
     CWaiterList m_waiters;
@@ -88,6 +91,9 @@ CNamedLocks& NamedLocks() {
 }
 
 bool CLock::AddUser() {
+    if (!IsOfThisProcess()) {
+        return false;
+    }
     const std::lock_guard hold(m_mutex);
     if (!IsAlive()) {
         return false;
@@ -110,6 +116,10 @@ DWORD CLock::Wait(const CDeadline& deadline) {
     // other away by the lock's existence, so that they hardly ever meet here.
     constexpr DWORD STEP_MS = 5;
 
+    if (!IsOfThisProcess()) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return WAIT_FAILED;
+    }
     std::unique_lock hold(m_mutex);
     CWaiter waiter(m_waiters);
     while (!RefuseWhenStopping()) {
@@ -135,6 +145,10 @@ DWORD CLock::Wait(const CDeadline& deadline) {
 }
 
 BOOL CLock::Release() {
+    if (!IsOfThisProcess()) {
+        SetLastError(ERROR_NOT_OWNER);
+        return FALSE;
+    }
     const std::lock_guard hold(m_mutex);
     if (!m_bHeld) {
         SetLastError(ERROR_NOT_OWNER);
@@ -149,6 +163,9 @@ BOOL CLock::Release() {
 }
 
 bool CLock::HandleClosed() noexcept {
+    if (!IsOfThisProcess()) {
+        return true;
+    }
     const std::lock_guard hold(m_mutex);
     if (--m_nHandles == 0) {
         m_bHeld = false;

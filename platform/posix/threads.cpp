@@ -10,6 +10,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 
 namespace platform {
 namespace posix {
@@ -137,12 +138,24 @@ struct CAddressBucket {
     CWaiterList m_waiters;
 };
 
+using CAddressBuckets = std::array<CAddressBucket, 16>;
+
+CAddressBuckets& Buckets() {
+    static CAddressBuckets& buckets = *new CAddressBuckets;
+    return buckets;
+}
+
 CAddressBucket& BucketOf(const DWORD* lpAddress) {
-    static std::array<CAddressBucket, 16>& buckets = *new std::array<CAddressBucket, 16>;
+    CAddressBuckets& buckets = Buckets();
     return buckets[(reinterpret_cast<std::uintptr_t>(lpAddress) / sizeof(DWORD)) % buckets.size()];
 }
 
 } // namespace
+
+// The parent's waiters lie on stacks that no thread has any more.
+void ForgetWordWaiters() noexcept {
+    new (&Buckets()) CAddressBuckets;
+}
 } // namespace posix
 
 using posix::CDeadline;
@@ -176,7 +189,9 @@ HANDLE CreateThread(_SECURITY_ATTRIBUTES* /*lpThreadAttributes*/, SIZE_T dwStack
         if (hThread == nullptr) {
             return nullptr;
         }
-        if (posix::Carry(pThread, dwStackSize) != 0) {
+        const int nError =
+            posix::WithMemory(ENOMEM, [&] { return posix::Carry(pThread, dwStackSize); });
+        if (nError != 0) {
             posix::RemoveHandle(hThread, pThread.get());
             posix::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
             return nullptr;

@@ -71,6 +71,11 @@ thread_local CThreadContext* t_pCurrent = nullptr;
 
 } // namespace
 
+// What another thread of the parent was in the middle of is left as it is.
+void ForgetStopEvents() noexcept {
+    new (&Pool()) CStopEventPool;
+}
+
 CDeadline::CDeadline(DWORD dwMilliseconds) noexcept : m_bNever(dwMilliseconds == INFINITE) {
     if (m_bNever) {
         return;

@@ -78,6 +78,10 @@ CThreadContext& CurrentThread() noexcept;
 // Declares the calling thread's context; null: the thread's own again.
 void SetCurrentThread(CThreadContext* pContext) noexcept;
 
+// For the fork guard alone: in a forked child nobody waits for a word, and no event is at hand.
+void ForgetWordWaiters() noexcept; // threads.cpp
+void ForgetStopEvents() noexcept;
+
 // True, with ERROR_OPERATION_ABORTED, when the calling thread is being stopped.
 bool RefuseWhenStopping() noexcept;
 

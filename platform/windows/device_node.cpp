@@ -198,7 +198,7 @@ HANDLE RememberNode(HANDLE hNode, const char* lpszPath) {
         return hNode;
     }
     try {
-        auto pNode = std::make_unique<CDeviceNode>(hNode);
+        auto pNode = std::make_unique<CDeviceNode>(hNode, lpszPath);
         const CLockHold hold(g_TableLock);
         Sweep();
         pNode->m_pNext = g_pFirst;

@@ -78,7 +78,7 @@ class CDeviceNode {
 
 // Takes the handle of a node that was just opened into the table and returns it. Without memory it
 // is closed, and the result INVALID_HANDLE_VALUE, as for one that could not be opened.
-HANDLE RememberNode(HANDLE hNode);
+HANDLE RememberNode(HANDLE hNode, const char* lpszPath);
 // Null for the handle of anything else.
 CDeviceNode* FindNode(HANDLE hObject);
 // Ahead of the closing of a handle: where it is a node's, the handle is known no longer.

@@ -57,9 +57,11 @@ HANDLE CreateFileA(const char* lpFileName, DWORD dwDesiredAccess, DWORD dwShareM
                    DWORD dwFlagsAndAttributes, HANDLE hTemplateFile) {
     if (windows::IsInterfacePath(lpFileName)) {
         // Overlapped, so that a stop can end a transfer.
-        return windows::RememberNode(::CreateFileA(
-            lpFileName, dwDesiredAccess, dwShareMode, lpSecurityAttributes, dwCreationDisposition,
-            dwFlagsAndAttributes | FILE_FLAG_OVERLAPPED, hTemplateFile));
+        return windows::RememberNode(::CreateFileA(lpFileName, dwDesiredAccess, dwShareMode,
+                                                   lpSecurityAttributes, dwCreationDisposition,
+                                                   dwFlagsAndAttributes | FILE_FLAG_OVERLAPPED,
+                                                   hTemplateFile),
+                                     lpFileName);
     }
     if (!IsPlainPath(lpFileName) ||
         ((dwDesiredAccess & GENERIC_WRITE) != 0 && dwCreationDisposition != CREATE_NEW &&

@@ -107,8 +107,8 @@ TEST(Folder, WalksStayBelowWithTheKernelAndWithout) {
     world.Play("lay root/d/e/f@7");
     EXPECT_NE(pSource->Identity(), listed->qwIdentity) << "the content tells of itself";
     std::string strError;
-    for (const std::string strName :
-         {"", "a/b", "..", ".dak-x", "Card", "\xFF", std::string(52, 'n').c_str()}) {
+    for (const std::string& strName : std::vector<std::string>{"", "a/b", "..", ".dak-x", "Card",
+                                                               "\xFF", std::string(52, 'n')}) {
         EXPECT_FALSE(world.Folder().AddStorage(strName, world.base.Path("card"), strError))
             << strName;
     }

@@ -24,8 +24,12 @@ Bytes Entry(const _tagFileInfo& info) {
         const auto* lpField = reinterpret_cast<const std::uint8_t*>(&field);
         return Bytes(lpField, lpField + sizeof(field));
     };
-    return Join(raw(info.dwFileAttributes), Text({info.szText1}), Text({info.szText2}),
-                Text({info.szText3}), raw(info.ftCreationTime), raw(info.ftLastWriteTime),
+    const auto text = [](const auto& field) { // which a text may fill to its last character
+        const auto nLength = std::find(std::begin(field), std::end(field), 0) - std::begin(field);
+        return Text({field, static_cast<std::size_t>(nLength)});
+    };
+    return Join(raw(info.dwFileAttributes), text(info.szText1), text(info.szText2),
+                text(info.szText3), raw(info.ftCreationTime), raw(info.ftLastWriteTime),
                 raw(info.ftLastAccessTime), raw(info.nFileSizeHigh), raw(info.nFileSizeLow));
 }
 

@@ -55,12 +55,21 @@ TEST(PosixLock, IsSharedByProcessesAndEndsWithThem) {
     EXPECT_EQ(ProbeLockElsewhere(), 'E');
     EXPECT_TRUE(CloseHandle(hLock));
     EXPECT_EQ(ProbeLock(&hLock), 'N');
-    const CProcess child([hLock] {
-        // The parent's handle means nothing here, and a new one finds the parent's lock.
+    DWORD dwWord = 0;
+    const CTask words([&] { WaitOnAddress(&dwWord, 0, INFINITE); });
+    EXPECT_FALSE(words.EndsWithin(SETTLE_MS));
+    const CProcess child([&] {
+        // The parent's handle means nothing here, and a new one finds the parent's lock; nobody
+        // waits for a word, and threads get the stacks of those who did.
         const bool bDead = WaitForSingleObject(hLock, 0) == WAIT_FAILED && CloseHandle(hLock);
-        return bDead ? ProbeLock() : '-';
+        const CTask own([&] { WaitOnAddress(&dwWord, 0, 1); });
+        const bool bWaits = own.Ends();
+        WakeByAddressAll(&dwWord);
+        return bDead && bWaits ? ProbeLock() : '-';
     });
     EXPECT_EQ(child.Answer(), 'e');
+    dwWord = 1;
+    WakeByAddressAll(&dwWord);
     EXPECT_TRUE(ReleaseMutex(hLock) && CloseHandle(hLock)) << "the child's doings are its own";
     EXPECT_EQ(ProbeLock(), 'N') << "although the child lives";
 }
