@@ -16,7 +16,7 @@ std::string Content(std::size_t nBytes, std::uint32_t dwSeed) {
 }
 
 #ifdef _WIN32
-const std::string g_strLikePattern = "p"; // no file system has the other name
+const std::string g_strLikePattern = "pat"; // no file system has the other name
 #else
 const std::string g_strLikePattern = "p*t";
 #endif
