@@ -5,10 +5,13 @@
 #include "cli/report.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace cli {
@@ -33,6 +36,22 @@ std::string FormatSome(const std::vector<std::string>& names);
 
 // What is said on Ctrl-C, while the library cuts the job short.
 void SayCancelling(const CONTEXT& context);
+
+// While it lives, a request to end (console::CInterrupts) is answered at once, also during an
+// operation that cannot be cut short.
+class CAnswersInterrupts {
+  public:
+    explicit CAnswersInterrupts(const CONTEXT& context);
+    ~CAnswersInterrupts();
+    CAnswersInterrupts(const CAnswersInterrupts&) = delete;
+    CAnswersInterrupts& operator=(const CAnswersInterrupts&) = delete;
+
+  private:
+    std::mutex m_mutex;
+    std::condition_variable m_ended;
+    bool m_bEnded = false;
+    std::thread m_thread; // last: it uses the others
+};
 
 // paths: at least one source, then the destination. bVerify: the device is asked for room ahead of
 // the copy, and for what it has behind it.

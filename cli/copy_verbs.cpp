@@ -1,5 +1,6 @@
 #include "cli/verbs.h"
 
+#include "cli/console.h"
 #include "cli/copy.h"
 #include "cli/text.h"
 
@@ -124,7 +125,32 @@ std::string FormatSome(const std::vector<std::string>& names) {
 }
 
 void SayCancelling(const CONTEXT& context) {
-    Complain(context, "cancelling; press Ctrl-C again to end at once");
+    // Where the reader has gone nobody has pressed it.
+    if (!console::ReaderGone()) {
+        Complain(context, "cancelling; press Ctrl-C again to end at once");
+    }
+}
+
+CAnswersInterrupts::CAnswersInterrupts(const CONTEXT& context) {
+    m_thread = std::thread([this, &context] {
+        constexpr std::chrono::milliseconds look{100};
+        std::unique_lock hold(m_mutex);
+        while (!m_ended.wait_for(hold, look, [this] { return m_bEnded; })) {
+            if (console::CInterrupts::Requested()) {
+                SayCancelling(context);
+                return;
+            }
+        }
+    });
+}
+
+CAnswersInterrupts::~CAnswersInterrupts() {
+    {
+        const std::lock_guard hold(m_mutex);
+        m_bEnded = true;
+    }
+    m_ended.notify_one();
+    m_thread.join();
 }
 
 } // namespace cli

@@ -37,10 +37,15 @@ DEVICES ListDevices() {
 
 MEANING ExplainError(DWORD dwError) {
     if (dwError == ERROR_ACCESS_DENIED || dwError == ERROR_PATH_NOT_FOUND) {
+        return {
+            EXIT_HOST, "host",
+            "devices cannot be looked for: the device folder is no folder or cannot be written, "
+            "or it is the default one and belongs to another user or is open to others; "
+            "\"man dak\" tells where it lies, and DAK_DEVICE_DIR names another one"};
+    }
+    if (dwError == ERROR_TOO_MANY_OPEN_FILES) {
         return {EXIT_HOST, "host",
-                "devices cannot be looked for: the device folder is no folder, belongs to another "
-                "user, is open to others, or cannot be written; \"man dak\" tells where it lies, "
-                "and DAK_DEVICE_DIR names another one"};
+                "devices cannot be looked for: this process or the system has too many files open"};
     }
     return {EXIT_HOST, "host",
             "devices cannot be looked for: the system gives error " + std::to_string(dwError)};

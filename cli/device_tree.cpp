@@ -7,8 +7,9 @@
 #include "cli/text.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <functional>
-#include <iterator>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -20,6 +21,10 @@ using Kind = UNLISTED::Kind;
 // More than any device has. One that shows links in each other's places has no end of its own.
 constexpr std::size_t MOST_LISTINGS = 100'000;
 constexpr std::size_t MOST_ENTRIES = 2'000'000;
+
+// Folders of one path that show the same, behind which it is a circle: a few of one name in each
+// other are somebody's own.
+constexpr std::ptrdiff_t MOST_EQUAL_LEVELS = 8;
 
 // One component of a path, and no way out of its folder.
 bool IsEntryName(std::string_view strName) {
@@ -40,6 +45,14 @@ std::size_t SignatureOf(const std::vector<FILEFACTS>& entries) {
     return std::hash<std::string>()(strAll);
 }
 
+// How a folder is asked for what is in it: one that is called like a pattern would be taken for
+// one.
+std::string ListingPath(const std::string& strFolder) {
+    const bool bPattern =
+        SplitDevicePath(strFolder).strName.find_first_of("*?") != std::string::npos;
+    return bPattern ? JoinDevicePath(strFolder, "*") : strFolder;
+}
+
 class CWalk {
   public:
     CWalk(const CONTEXT& context, CDAKVorn& dak, std::string strRoot, const OnListing& onListing)
@@ -49,7 +62,7 @@ class CWalk {
 
   private:
     void Enter(const std::string& strPath, std::size_t nDepth);
-    std::vector<FILEFACTS> List(const std::string& strFolder);
+    std::vector<FILEFACTS> List(const std::string& strFolder, const WideText& strListing);
     bool IsCircle(const std::vector<FILEFACTS>& entries, std::size_t nDepth);
     void PutDue(const std::string& strPath, std::size_t nDepth, std::vector<FILEFACTS> entries);
 
@@ -64,6 +77,7 @@ class CWalk {
     };
     std::vector<DUE> m_due;           // the next one last
     std::vector<std::size_t> m_shown; // signatures of the folders above the next one, by depth
+    std::set<std::size_t> m_circles;  // signatures of folders that lead in one
     std::size_t m_nListings = 0;
     DEVICETREE m_tree{{}, {}, {EXIT_DONE, "ok", ""}};
 };
@@ -87,7 +101,8 @@ void CWalk::Enter(const std::string& strPath, std::size_t nDepth) {
     const auto leaveOut = [&](Kind eKind, const char* lpszReason) {
         m_tree.unlisted.push_back({{strFolder, lpszReason}, eKind});
     };
-    if (Utf8ToWide(strFolder).value_or(WideText(MAX_PATH, 0)).size() >= MAX_PATH) {
+    const auto strListing = Utf8ToWide(ListingPath(strFolder));
+    if (!strListing || strListing->size() >= MAX_PATH) {
         leaveOut(Kind::Beyond,
                  "its path has 260 characters or more, so that it cannot be looked into");
         return;
@@ -104,10 +119,10 @@ void CWalk::Enter(const std::string& strPath, std::size_t nDepth) {
         m_onListing(strFolder, m_tree);
     }
     ++m_nListings;
-    std::vector<FILEFACTS> entries = List(strFolder);
+    std::vector<FILEFACTS> entries = List(strFolder, *strListing);
     if (IsCircle(entries, nDepth)) {
         leaveOut(Kind::Circle,
-                 "it shows what a folder above it shows, as a link that leads in a circle does");
+                 "it shows what the folders above it show, as a link that leads in a circle does");
         return;
     }
     PutDue(strPath, nDepth, std::move(entries));
@@ -115,13 +130,13 @@ void CWalk::Enter(const std::string& strPath, std::size_t nDepth) {
 
 // What came of a folder's entries, with a word about what did not. A link that fails ends the walk;
 // in the middle of an answer it looks like a refusal, so that the device is asked again.
-std::vector<FILEFACTS> CWalk::List(const std::string& strFolder) {
+std::vector<FILEFACTS> CWalk::List(const std::string& strFolder, const WideText& strListing) {
     CArray<_tagFileInfo, _tagFileInfo> records;
     MEANING meaning{EXIT_DONE, "ok", ""};
     for (int nTry = 0; nTry == 0 || (nTry == 1 && meaning.nExit == EXIT_FAILED); ++nTry) {
         const CPatience patience(m_context);
         m_dak.ClearFileList(&records);
-        const DWORD dwResult = m_dak.DAKGetFolderContent(Utf8ToWide(strFolder)->c_str(), &records);
+        const DWORD dwResult = m_dak.DAKGetFolderContent(strListing.c_str(), &records);
         meaning = ExplainOperation(Action::List, dwResult, m_dak.GetLastError());
     }
     std::vector<FILEFACTS> entries;
@@ -144,9 +159,17 @@ std::vector<FILEFACTS> CWalk::List(const std::string& strFolder) {
 
 bool CWalk::IsCircle(const std::vector<FILEFACTS>& entries, std::size_t nDepth) {
     m_shown.resize(nDepth);
-    m_shown.push_back(SignatureOf(entries));
-    const bool bFolders = std::ranges::any_of(entries, &FILEFACTS::IsFolder);
-    return bFolders && std::ranges::find(m_shown, m_shown.back()) != std::prev(m_shown.end());
+    const std::size_t nSignature = SignatureOf(entries);
+    const auto nAbove = std::ranges::count(m_shown, nSignature);
+    m_shown.push_back(nSignature);
+    if (std::ranges::none_of(entries, &FILEFACTS::IsFolder) || nAbove == 0) {
+        return false;
+    }
+    // What has led in a circle once does so by every other way, of which there may be very many.
+    if (nAbove >= MOST_EQUAL_LEVELS) {
+        m_circles.insert(nSignature);
+    }
+    return m_circles.contains(nSignature);
 }
 
 void CWalk::PutDue(const std::string& strPath, std::size_t nDepth, std::vector<FILEFACTS> entries) {

@@ -28,8 +28,8 @@ struct UNLISTED : LEFTOUT {
         Refused,   // the device does not list it
         BrokenOff, // the entries are those that came
         Beyond,    // too deep, or one folder too many
-        Circle,    // it shows what a folder above it shows, as a link that leads in a circle does
-        BadName,   // no entry can have the name that the device tells
+        Circle,  // it shows what many folders above it show, as a link that leads in a circle does
+        BadName, // no entry can have the name that the device tells
     };
     Kind eKind;
 };

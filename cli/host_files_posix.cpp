@@ -72,8 +72,9 @@ bool IsOwnFolder(const std::filesystem::path& path) {
 std::error_code MoveOver(const std::filesystem::path& from, const std::filesystem::path& to) {
     struct stat status = {};
     if (lstat(to.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
-        // Where the file system has no permissions to set, there are none to take over.
-        static_cast<void>(chmod(from.c_str(), (status.st_mode & 07777) | S_IWUSR));
+        // Where the file system has no permissions to set, there are none to take over. What a
+        // program may do as somebody else was given to the old bytes alone.
+        static_cast<void>(chmod(from.c_str(), (status.st_mode & 0777) | S_IWUSR));
     }
     return rename(from.c_str(), to.c_str()) == 0 ? std::error_code() : LastError();
 }

@@ -333,22 +333,30 @@ void CPull::NoteEnd(const std::string& strInWork) {
 
 // Behind a job that failed: whether another one may bring what is left. A file that ended it is
 // left out. That is the latest that was seen in work or, where that one has come since or none was
-// seen, the next one that is due.
+// seen, the next one that is due; this computer can lack room for the first one ahead of any sight.
 bool CPull::MayGoOn(PULLGROUP& group, int nJob, bool bBrought) {
     const std::string strSeen = CurrentOf(group, m_outcome.last);
     const PULLENTRY* const pSeen =
         strSeen.empty() ? nullptr : group.Find(*AskedName(group, strSeen));
     PULLENTRY* const pInWork = m_outcome.bStarted ? NextDue(group, pSeen) : nullptr;
-    const bool bAtFile = pSeen != nullptr || bBrought || nJob > 1;
-    NoteEnd(pInWork != nullptr && bAtFile          ? group.DevicePath(pInWork->strName)
-            : pSeen == nullptr && !strSeen.empty() ? group.DevicePath(strSeen)
-                                                   : "");
+    const bool bAtFile =
+        pSeen != nullptr || bBrought || nJob > 1 || m_outcome.dwState == DAKERROR_NO_SPACE;
+    const bool bUnknown = pSeen == nullptr || (pSeen->bUnseen && !pSeen->bArrived);
+    NoteEnd(pInWork != nullptr && bAtFile  ? group.DevicePath(pInWork->strName)
+            : bUnknown && !strSeen.empty() ? group.DevicePath(strSeen)
+                                           : "");
     if (pInWork == nullptr || m_outcome.bCancelled ||
         (m_outcome.dwState != DAKERROR_FAIL && m_outcome.dwState != DAKERROR_PROTOCOL)) {
         return false;
     }
     const CAnswersInterrupts answers(m_context);
-    if (LeaveOutChanged(group, *pInWork) || bBrought) {
+    const bool bChanged = LeaveOutChanged(group, *pInWork);
+    if (console::CInterrupts::Requested()) {
+        m_outcome.bCancelled = true;
+        NoteEnd("");
+        return false;
+    }
+    if (bChanged || bBrought) {
         return true;
     }
     if (bAtFile) {

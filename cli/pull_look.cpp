@@ -1,12 +1,10 @@
 #include "cli/pull_look.h"
 
 #include "cli/console.h"
-#include "cli/copy.h"
 #include "cli/description.h"
 #include "cli/device_path.h"
 
 #include <algorithm>
-#include <chrono>
 
 namespace cli {
 namespace {
@@ -33,7 +31,7 @@ MEANING LookInto(const CONTEXT& context, CDAKVorn& dak, PULLGROUP& group,
             continue;
         }
         if (pEntry != nullptr) {
-            (folder.eKind == UNLISTED::Kind::Circle ? pEntry->bCircle : pEntry->bUnseen) = true;
+            pEntry->bUnseen = true;
         }
         missing.push_back(folder);
     }
@@ -41,28 +39,6 @@ MEANING LookInto(const CONTEXT& context, CDAKVorn& dak, PULLGROUP& group,
 }
 
 } // namespace
-
-CAnswersInterrupts::CAnswersInterrupts(const CONTEXT& context) {
-    m_thread = std::thread([this, &context] {
-        constexpr std::chrono::milliseconds look{100};
-        std::unique_lock hold(m_mutex);
-        while (!m_ended.wait_for(hold, look, [this] { return m_bEnded; })) {
-            if (console::CInterrupts::Requested()) {
-                SayCancelling(context);
-                return;
-            }
-        }
-    });
-}
-
-CAnswersInterrupts::~CAnswersInterrupts() {
-    {
-        const std::lock_guard hold(m_mutex);
-        m_bEnded = true;
-    }
-    m_ended.notify_one();
-    m_thread.join();
-}
 
 MEANING LookAhead(CONTEXT& context, CDAKVorn& dak, PULLGROUP& group, std::vector<LEFTOUT>& missing,
                   const OnListing& onListing) {

@@ -178,7 +178,7 @@ std::vector<std::string> NamesToAsk(const PULLGROUP& group) {
 std::vector<std::string> EmptyFolders(const PULLGROUP& group) {
     std::unordered_set<std::string> filled;
     for (const PULLENTRY& entry : group.entries) {
-        if (!entry.bFolder || entry.bUnseen || entry.bCircle || !entry.strReason.empty()) {
+        if (!entry.bFolder || entry.bUnseen || !entry.strReason.empty()) {
             filled.insert(entry.strName);
             AddAbove(entry.strName, filled);
         }

@@ -19,7 +19,6 @@ struct PULLENTRY {
     std::uint64_t qwSize = 0;
     std::uint64_t qwWritten = 0; // as in DEVICEENTRY
     bool bUnseen = false;        // a folder of which not everything is known
-    bool bCircle = false;        // a folder that is another one above it
     bool bInTheWay = false;      // it would end a copy of the folder that it is in
     bool bArrived = false;
     std::string strReason = {}; // why it does not come, or did not

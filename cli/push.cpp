@@ -31,6 +31,7 @@ class CPush {
     void Run();
 
   private:
+    std::optional<MEANING> LookAhead(CDAKVorn& dak);
     void RunGroups(COPYSESSION& session);
     JOBOUTCOME RunGroup(COPYSESSION& session, const PUSHGROUP& group);
     void ShowStatus(const PUSHGROUP& group, const COPYSTATUS& status);
@@ -301,16 +302,25 @@ void CPush::RunGroups(COPYSESSION& session) {
     }
 }
 
+// Whether there is a place for the files: the meaning where there is none.
+std::optional<MEANING> CPush::LookAhead(CDAKVorn& dak) {
+    const CAnswersInterrupts answers(m_context);
+    std::optional<MEANING> refusal = FindNoPlace(m_context, dak, m_strDest, m_files);
+    if (refusal && refusal->nExit == EXIT_CANCELLED) {
+        refusal->strSentence += ". Nothing was copied";
+    }
+    return refusal;
+}
+
 void CPush::Run() {
+    const console::CInterrupts interrupts;
     auto pSession = std::make_unique<COPYSESSION>();
-    if (const auto refusal =
-            m_bVerify ? FindNoPlace(m_context, pSession->dak, m_strDest, m_files) : std::nullopt) {
+    if (const auto refusal = m_bVerify ? LookAhead(pSession->dak) : std::nullopt) {
         Sum();
         Finish(*refusal, 0);
         return;
     }
     const auto start = std::chrono::steady_clock::now();
-    const console::CInterrupts interrupts;
     RunGroups(*pSession);
     const double dSeconds = SecondsSince(start);
     m_display.Clear();

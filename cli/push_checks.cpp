@@ -1,5 +1,6 @@
 #include "cli/push_checks.h"
 
+#include "cli/console.h"
 #include "cli/description.h"
 #include "cli/device_path.h"
 #include "cli/device_tree.h"
@@ -44,14 +45,6 @@ std::vector<FOLDERFILES> ByFolder(const std::string& strDest, const std::vector<
     return folders;
 }
 
-DEVICETREE ListFolder(CONTEXT& context, CDAKVorn& dak, const std::string& strFolder) {
-    // A folder that is called like a pattern would be taken for one.
-    const bool bPattern =
-        SplitDevicePath(strFolder).strName.find_first_of("*?") != std::string::npos;
-    return ListDeviceTree(context, dak, bPattern ? JoinDevicePath(strFolder, "*") : strFolder,
-                          Depth::Folder);
-}
-
 FOLDERCONTENT ContentOf(const DEVICETREE& listing) {
     FOLDERCONTENT content;
     for (const DEVICEENTRY& entry : listing.entries) {
@@ -73,6 +66,9 @@ PLACE AskForPlace(CONTEXT& context, CDAKVorn& dak, std::string strFolder) {
         {
             const CPatience patience(context);
             dwResult = dak.DAKGetFolderFreeSpace(Utf8ToWide(strFolder)->c_str(), &qwFree);
+        }
+        if (console::CInterrupts::Requested()) {
+            return {Explain(Action::Push, Stage::Running, DAKERROR_CANCELLED), std::nullopt};
         }
         if (dwResult == DAKERROR_NONE) {
             return {std::nullopt, qwFree};
@@ -112,7 +108,11 @@ std::optional<MEANING> JudgeRooms(CONTEXT& context, CDAKVorn& dak, const std::st
                                   const std::vector<PUSHED>& files, std::uint64_t qwFree) {
     std::vector<std::uint64_t> old(files.size());
     for (const FOLDERFILES& folder : ByFolder(strDest, files, [](const PUSHED&) { return true; })) {
-        const FOLDERCONTENT content = ContentOf(ListFolder(context, dak, folder.strFolder));
+        const DEVICETREE listing = ListDeviceTree(context, dak, folder.strFolder, Depth::Folder);
+        if (listing.meaning.nExit == EXIT_CANCELLED) {
+            return listing.meaning;
+        }
+        const FOLDERCONTENT content = ContentOf(listing);
         for (const std::size_t i : folder.indices) {
             const auto it = content.find(SplitDevicePath(DevicePathOf(strDest, files[i])).strName);
             old[i] = it == content.end() ? 0 : it->second.qwSize;
@@ -123,7 +123,11 @@ std::optional<MEANING> JudgeRooms(CONTEXT& context, CDAKVorn& dak, const std::st
     for (std::size_t i = 0; i < files.size(); ++i) {
         const std::string strPlace = PlaceOf(strDest, *files[i].pEntry);
         if (!freeOf.contains(strPlace)) {
-            freeOf[strPlace] = AskForPlace(context, dak, strPlace).qwFree.value_or(qwFree);
+            const PLACE place = AskForPlace(context, dak, strPlace);
+            if (place.refusal) {
+                return place.refusal;
+            }
+            freeOf[strPlace] = place.qwFree.value_or(qwFree);
         }
         rooms[freeOf[strPlace]].push_back({files[i].pEntry->qwSize, old[i]});
     }
@@ -188,7 +192,8 @@ MEANING LookForPushed(CONTEXT& context, CDAKVorn& dak, const std::string& strDes
     });
     for (std::size_t i = 0; i < folders.size(); ++i) {
         onFolder(folders[i].strFolder, i, folders.size());
-        const DEVICETREE listing = ListFolder(context, dak, folders[i].strFolder);
+        const DEVICETREE listing =
+            ListDeviceTree(context, dak, folders[i].strFolder, Depth::Folder);
         if (listing.meaning.nExit != EXIT_DONE) {
             return listing.meaning;
         }

@@ -8,12 +8,15 @@
 #include "cli/verbs.h"
 #include "cli/verdict.h"
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <CLI/App.hpp>
@@ -25,6 +28,14 @@ namespace {
 // As many writes at a time have names that a later one has again.
 constexpr unsigned MOST_CLAIMS = 64;
 constexpr unsigned FIRST_RANDOM = 0x80000000;
+
+// Whether a name is of the form of a part's, to a device that takes letters of either case for the
+// same.
+bool IsPartName(std::string_view strName) {
+    return std::ranges::equal(strName, std::string_view("~dak########.tmp"), [](BYTE ch, char ch2) {
+        return ch2 == '#' ? std::isxdigit(ch) != 0 : std::tolower(ch) == ch2;
+    });
+}
 
 // Standard input on its way to a file of the device. It grows under a name of its own beside the
 // target, so that a file that was there survives a write that fails.
@@ -187,10 +198,14 @@ void AddWriteVerb(CLI::App& app, CONTEXT& context) {
     pVerb->add_option("PATH", *pPath, "the file of the device")->required()->option_text(" ");
     pVerb->callback([&context, pPath] {
         const auto strPath = TakeDevicePath(context, "write", "PATH", *pPath);
-        if (strPath && NamesFolder(*pPath)) {
-            Finish(context, "write",
-                   {EXIT_USAGE, "usage", "PATH names a folder: give the path of a file"},
-                   {{"path", *strPath}});
+        const char* const lpszFault =
+            NamesFolder(*pPath) ? "PATH names a folder: give the path of a file"
+            : strPath && IsPartName(SplitDevicePath(*strPath).strName)
+                ? "PATH has a name that \"dak write\" uses while it writes, and deletes: choose "
+                  "another one"
+                : nullptr;
+        if (strPath && lpszFault != nullptr) {
+            Finish(context, "write", {EXIT_USAGE, "usage", lpszFault}, {{"path", *strPath}});
         } else if (strPath) {
             CWriting(context, *strPath).Run();
         }

@@ -30,7 +30,8 @@ std::string IdentityOf(int nLock) {
 }
 
 // A device is attached for as long as its process holds a write lock on the file beside its
-// socket. The question asks for a lock without taking it, and sees locks of either sort.
+// socket. The question asks for a lock without taking it, and sees locks of either sort. Without an
+// answer errno may be that of a process that has no room to ask.
 std::optional<ATTACHEDDEVICE> FindAttached(int nClassFolder, const std::string& strName) {
     struct stat status {};
     if (::fstatat(nClassFolder, strName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
@@ -53,6 +54,10 @@ struct CFolderCloser {
     void operator()(DIR* pFolder) const { ::closedir(pFolder); }
 };
 using CFolderReader = std::unique_ptr<DIR, CFolderCloser>;
+
+bool IsLackOfRoom(int nError) {
+    return nError == EMFILE || nError == ENFILE || nError == ENOMEM;
+}
 
 CFolderReader OpenClassFolder(int nDeviceFolder) {
     CDescriptor folder(::openat(nDeviceFolder, device_place::CLASS_FOLDER,
@@ -98,8 +103,11 @@ bool ListAttachedDevices(std::vector<ATTACHEDDEVICE>& devices, std::string& strC
         const std::string_view strSuffix = device_place::LOCK_SUFFIX;
         if (strName.size() > strSuffix.size() && strName.ends_with(strSuffix)) {
             strName.remove_suffix(strSuffix.size());
+            errno = 0;
             if (auto device = FindAttached(::dirfd(pFolder.get()), std::string(strName))) {
                 devices.push_back(std::move(*device));
+            } else if (IsLackOfRoom(errno)) {
+                return false;
             }
         }
     }

@@ -72,8 +72,9 @@ BOOL MoveOver(const char* lpFrom, const char* lpTo) {
             return FALSE;
         }
         if (S_ISREG(status.st_mode)) {
-            // Where the file system has no permissions to set, there are none to take over.
-            static_cast<void>(::chmod(lpFrom, status.st_mode & 07777));
+            // Where the file system has no permissions to set, there are none to take over. What a
+            // program may do as somebody else was given to the old bytes alone.
+            static_cast<void>(::chmod(lpFrom, status.st_mode & 0777));
         }
     }
     return Result(::rename(lpFrom, lpTo) == 0);

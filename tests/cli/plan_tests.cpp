@@ -152,8 +152,7 @@ TEST_F(Plan, APullAsksForWhatIsDueAndNamesWhatIsMissing) {
         for (std::string strName; stream >> strName;) {
             const auto has = [&](char ch) { return strName.find(ch) != strName.npos; };
             const std::string strOnly = strName.substr(0, strName.find_first_of("/+!?"));
-            group.Add({strOnly, has('/'), 0, 0, has('?'), false, has('!'), has('+'),
-                       has('!') ? "!" : ""});
+            group.Add({strOnly, has('/'), 0, 0, has('?'), has('!'), has('+'), has('!') ? "!" : ""});
         }
         LeaveOutWhatCannotCome(group, 8);
         std::vector<LEFTOUT> missing;

@@ -55,9 +55,12 @@ TEST(Command, ToldWrongOrWithoutADeviceDoesNothing) {
     EXPECT_FALSE(exists(world.folder / "host/made"));
 }
 
+const std::string g_strPart = "~dak00000001.tmp"; // the first write's, of somebody else
+
 TEST(Command, WorksOnFiles) {
     const CWorld world;
-    world.pDevice->Write({{"a", "a"}, {"b", "b"}, {"Docs/c", "c"}, {"Docs/d\x1b[2J", "d"}});
+    world.pDevice->Write(
+        {{"a", "a"}, {"b", "b"}, {g_strPart, "p"}, {"Docs/c", "c"}, {"Docs/d\x1b[2J", "d"}});
     world.pDevice->Plug();
     world.folder.Write("host/huge", std::string(21'000'000, 'h'));
     ExpectVerbs(world, {{"status", 0, " is attached and answers\n"},
@@ -69,7 +72,9 @@ TEST(Command, WorksOnFiles) {
                         {"cat --json /a", 0, "\"base64\": \"YQ==\""},
                         {"cat /none", 5, ""},
                         {"write /Docs", 5, ""},
-                        {"ls", 0, "Card/\nDocs/\nNew/\na\nb\n"},
+                        {"write /~DAK0000000A.tmp", 2, "another one"},
+                        {"write " + g_strPart, 2, ""},
+                        {"ls", 0, "Card/\nDocs/\nNew/\na\nb\n" + g_strPart},
                         {"ls /Docs", 0, "c\nd?[2J\n"},
                         {"ls -l /Docs/?", 0, "---a  1  20"},
                         {"ls --json /Card", 0, "\"entries\": []"},
@@ -90,6 +95,7 @@ TEST(Command, WorksOnFiles) {
                         {"push huge /b/x", 5, "\\b is a file of the device"},
                         {"run /New", 5, "it is a folder"}});
     EXPECT_TRUE(world.pDevice->Files() == (TREE{{"b", "b"},
+                                                {g_strPart, "p"},
                                                 {"Docs/a", "a"},
                                                 {"Docs/d\x1b[2J", "d"},
                                                 {"Old/a", "a"},

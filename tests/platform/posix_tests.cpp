@@ -180,11 +180,11 @@ TEST(PosixFiles, PermissionsAreHandedOnAndLinksAreNotFollowed) {
     const test::CTempFolder folder;
     for (const char* lpszName : {"old", "new", "outside"}) {
         folder.Write(lpszName, lpszName);
-        fs::permissions(folder / lpszName, fs::perms{*lpszName == 'n' ? 0644U : 0440U});
+        fs::permissions(folder / lpszName, fs::perms{*lpszName == 'n' ? 0644U : 04440U});
     }
     fs::create_symlink("outside", folder / "link");
     EXPECT_FALSE(SetFileAttributesA(folder.Path("link").c_str(), FILE_ATTRIBUTE_NORMAL));
-    EXPECT_EQ(fs::status(folder / "outside").permissions(), fs::perms{0440});
+    EXPECT_EQ(fs::status(folder / "outside").permissions(), fs::perms{04440});
     EXPECT_TRUE(SetFileAttributesA(folder.Path("old").c_str(), FILE_ATTRIBUTE_NORMAL));
     EXPECT_TRUE(MoveFileExA(folder.Path("new").c_str(), folder.Path("old").c_str(),
                             MOVEFILE_REPLACE_EXISTING));
