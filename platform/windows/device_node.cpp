@@ -1,5 +1,6 @@
 #include "platform/windows/device_node.h"
 
+#include "platform/device.h"
 #include "platform/windows/handles.h"
 #include "platform/windows/waiting.h"
 
@@ -60,18 +61,33 @@ bool MayBePrompt() {
            szPace != FULL;
 }
 
+bool HasPath(HDEVINFO hSet, ::SP_DEVICE_INTERFACE_DATA& data, const char* lpszPath) {
+    union {
+        ::SP_DEVICE_INTERFACE_DETAIL_DATA_A detail;
+        char room[1024]; // a longer path would be no node that was opened
+    } record;
+    record.detail.cbSize = sizeof(record.detail);
+    return ::SetupDiGetDeviceInterfaceDetailA(hSet, &data, &record.detail, sizeof(record), nullptr,
+                                              nullptr) != FALSE &&
+           ::lstrcmpiA(record.detail.DevicePath, lpszPath) == 0;
+}
+
 // What the interface's driver has written into its key: "Prompt", a REG_DWORD of 1.
 bool SaysPrompt(const char* lpszPath) {
-    wchar_t szPath[MAX_PATH];
-    const HDEVINFO hSet = ::SetupDiCreateDeviceInfoList(nullptr, nullptr);
+    const HDEVINFO hSet = ::SetupDiGetClassDevsA(&DEVICE_INTERFACE_CLASS, nullptr, nullptr,
+                                                 DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
     if (hSet == INVALID_HANDLE_VALUE) {
         return false;
     }
     DWORD dwPrompt = 0;
     ::SP_DEVICE_INTERFACE_DATA data{};
     data.cbSize = sizeof(data);
-    if (::MultiByteToWideChar(CP_ACP, 0, lpszPath, -1, szPath, MAX_PATH) > 0 &&
-        ::SetupDiOpenDeviceInterfaceW(hSet, szPath, 0, &data) != FALSE) {
+    for (DWORD i = 0;
+         ::SetupDiEnumDeviceInterfaces(hSet, nullptr, &DEVICE_INTERFACE_CLASS, i, &data) != FALSE;
+         ++i) {
+        if (!HasPath(hSet, data, lpszPath)) {
+            continue;
+        }
         const HKEY hKey = ::SetupDiOpenDeviceInterfaceRegKey(hSet, &data, 0, KEY_READ);
         DWORD dwBytes = sizeof(dwPrompt);
         if (hKey != INVALID_HANDLE_VALUE) {
