@@ -199,12 +199,6 @@ CWaiter::~CWaiter() {
 void CWaiter::Park(std::unique_lock<std::mutex>& hold, const CDeadline& deadline) noexcept {
     hold.unlock();
     m_parker.Park(deadline);
-    // Whoever woke us is about to let go of the mutex.
-    for (int i = 0; i < 200; ++i) {
-        if (hold.try_lock()) {
-            return;
-        }
-    }
     hold.lock();
 }
 
