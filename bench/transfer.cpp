@@ -63,10 +63,13 @@ void Measure(const bench::CDeviceForBench& device, const std::string& strMHz) {
     const double fThread = ThreadSeconds();
     const std::string strDak = bench::ProgramFolder() + "dak";
     std::printf("a copy of 10 MB with real processes, DAK_CPU_MHZ=%s:\n", strMHz.c_str());
-    Report("push", bench::Run({strDak, "push", "--quiet", device.Folder() + "/file", "\\"}), fPush,
-           PUSH_TRANSFERS * fThread);
-    Report("pull", bench::Run({strDak, "pull", "--quiet", "\\file", device.Folder() + "/back"}),
-           fPull, PULL_TRANSFERS * fThread);
+    Report("push",
+           bench::Run({strDak, "push", "--quiet", "--no-verify", device.Folder() + "/file", "\\"}),
+           fPush, PUSH_TRANSFERS * fThread);
+    Report(
+        "pull",
+        bench::Run({strDak, "pull", "--quiet", "--no-verify", "\\file", device.Folder() + "/back"}),
+        fPull, PULL_TRANSFERS * fThread);
 }
 
 } // namespace
